@@ -1,0 +1,61 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "LogClient.h"
+#include "LogEvent.h"
+#include "LogLevelManager.h"
+
+/// Named node of the tree that log lines travel: from the handler they are logged under to every
+/// client handler and every client below it. Handlers are made on first use and live until the
+/// process ends. Thread-safe.
+class LogHandler {
+public:
+    /// The handler of that name, made now if there is none.
+    static LogHandler& GetLogHandler(const std::string& name);
+
+    /// Lines of this handler also go to `client`. Returns false, changing nothing, when that would
+    /// close a circle. Adding the same handler twice has no further effect.
+    bool AddClient(LogHandler& client);
+    /// Lines of this handler are written by `client`, which must be removed before it is destroyed.
+    void AddClient(LogClient& client);
+    void RemoveClient(LogClient& client);
+
+    /// Lets lines of `level` through this handler (the default) or stops them here, whether they
+    /// were logged under this handler or come from another one.
+    void SetLogLevel(int level, bool enabled);
+
+    /// True when a line of `level` logged here would reach at least one client. Costs one load.
+    bool IsListening(int level) const {
+        return level >= 0 && level <= LogLevelManager::kMaxLevel &&
+               listening_[static_cast<std::size_t>(level)].load(std::memory_order_relaxed);
+    }
+
+    /// Logs one printf-style line; `sourceFile` must be a string literal. Nothing is formatted when
+    /// nobody listens. A line is formatted before any lock is taken.
+    void Log(int level, const char* sourceFile, int sourceLine, const char* format, ...)
+        __attribute__((format(printf, 5, 6)));
+
+    LogHandler(const LogHandler&) = delete;
+    LogHandler& operator=(const LogHandler&) = delete;
+
+private:
+    explicit LogHandler(std::string name);
+    ~LogHandler() = default;
+
+    bool Reaches(const LogHandler& other) const;
+    bool ComputeListening(std::size_t level) const;
+    void CollectClients(int level, std::vector<LogClient*>& clients) const;
+    static void RefreshListening();
+
+    struct Registry;
+
+    std::string name_;
+    std::vector<LogHandler*> handlers_;
+    std::vector<LogClient*> clients_;
+    std::array<bool, LogLevelManager::kMaxLevel + 1> disabled_{};
+    std::array<std::atomic<bool>, LogLevelManager::kMaxLevel + 1> listening_{};
+};
