@@ -1,0 +1,102 @@
+#include "CrashGuard.h"
+
+#include <execinfo.h>
+#include <pthread.h>
+#include <setjmp.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdlib>
+
+#include "HeldMutex.h"
+#include "ZelLogging.h"
+
+namespace CrashGuard {
+namespace {
+
+constexpr std::size_t kSignalStackSize = 64 * 1024;
+constexpr int kMaxFrames = 10;
+constexpr std::size_t kThreadNameSize = 16;
+constexpr char kRule[] = "========================================================";
+
+thread_local sigjmp_buf* returnPoint = nullptr;
+thread_local bool reporting = false;
+
+void Report(const siginfo_t& info) {
+    std::array<void*, kMaxFrames> addresses{};
+    const int count = backtrace(addresses.data(), kMaxFrames);
+    char** symbols = backtrace_symbols(addresses.data(), count);
+    std::array<char, kThreadNameSize> threadName{};
+    prctl(PR_GET_NAME, threadName.data());
+
+    ZEL_ERROR("%s", kRule);
+    ZEL_ERROR("== FATAL: Segmentation fault detected!");
+    ZEL_ERROR("%s", kRule);
+    ZEL_ERROR("==    Address : 0x%.8lX", reinterpret_cast<unsigned long>(info.si_addr));
+    ZEL_ERROR("==    Cause   : %s", info.si_code == SEGV_MAPERR ? "SEGV_MAPERR" : "SEGV_ACCERR");
+    ZEL_ERROR("==    PID     : %i (%s)", static_cast<int>(getpid()), threadName.data());
+    ZEL_ERROR("%s", kRule);
+    ZEL_ERROR("== Backtrace:");
+    for (int i = 0; symbols != nullptr && i < count; ++i) {
+        ZEL_ERROR("==    %s", symbols[i]);
+    }
+    ZEL_ERROR("%s", kRule);
+    std::free(symbols);
+}
+
+void HandleFault(int /*signal*/, siginfo_t* info, void* /*context*/) {
+    // A second fault, inside the report, ends the thread without a report.
+    if (!reporting) {
+        reporting = true;
+        Report(*info);
+    }
+    if (returnPoint != nullptr) {
+        siglongjmp(*returnPoint, 1);
+    }
+    pthread_exit(reinterpret_cast<void*>(-1));
+}
+
+void UseSignalStack(void* memory, std::size_t size) {
+    stack_t stack{};
+    stack.ss_sp = memory;
+    stack.ss_size = size;
+    stack.ss_flags = memory == nullptr ? SS_DISABLE : 0;
+    sigaltstack(&stack, nullptr);
+}
+
+}  // namespace
+
+void Install() {
+    // The first backtrace of a process loads a library; that must not happen in the handler.
+    std::array<void*, 1> address{};
+    backtrace(address.data(), 1);
+
+    struct sigaction action {};
+    action.sa_sigaction = HandleFault;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    sigaction(SIGSEGV, &action, nullptr);
+}
+
+bool Run(const std::function<void()>& work) {
+    // The signal stack lies at the base of the thread's own stack: out of reach of an overflow,
+    // and without pages of its own until a fault needs them.
+    alignas(std::max_align_t) std::byte signalStack[kSignalStackSize];
+    sigjmp_buf here;
+    UseSignalStack(signalStack, sizeof signalStack);
+    const bool completed = sigsetjmp(here, 1) == 0;
+    if (completed) {
+        returnPoint = &here;
+        work();
+    } else {
+        HeldMutex::ReleaseAll();
+        reporting = false;
+    }
+    returnPoint = nullptr;
+    UseSignalStack(nullptr, 0);
+    return completed;
+}
+
+}  // namespace CrashGuard

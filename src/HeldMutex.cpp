@@ -1,0 +1,22 @@
+#include "HeldMutex.h"
+
+namespace {
+thread_local HeldMutex* latestHeld = nullptr;
+}
+
+void HeldMutex::lock() {
+    mutex_.lock();
+    previous_ = latestHeld;
+    latestHeld = this;
+}
+
+void HeldMutex::unlock() {
+    latestHeld = previous_;
+    mutex_.unlock();
+}
+
+void HeldMutex::ReleaseAll() {
+    while (latestHeld != nullptr) {
+        latestHeld->unlock();
+    }
+}

@@ -1,0 +1,193 @@
+#include "HttpConnection.h"
+
+#include <arpa/inet.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include "ZelLogging.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kOk = 200;
+constexpr char kNotFoundText[] =
+    "An error 404 has occurred. The requested document could not be found.";
+
+// How long, and how much, a peer may go on sending after its answer.
+constexpr std::chrono::seconds kLingerTime{2};
+constexpr std::size_t kLingerBytes = 4 * 1024 * 1024;
+
+int MillisecondsUntil(Clock::time_point time) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(time - Clock::now());
+    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+/// Waits until the descriptor is ready for `events`; false when it is not by `deadline`.
+bool WaitFor(int descriptor, short events, Clock::time_point deadline) {
+    pollfd waited{descriptor, events, 0};
+    int ready = 0;
+    do {
+        ready = poll(&waited, 1, MillisecondsUntil(deadline));
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
+
+void SetLocalEnd(int descriptor, HttpRequest& request) {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+        request.localPort = ntohs(address.sin_port);
+        request.localAddress = address.sin_addr;
+    }
+}
+
+std::string Head(const HttpResponse& response) {
+    const std::string length = std::to_string(response.body.size());
+    std::string head = "HTTP/1.0 ";
+    head += response.status == kOk ? "200 OK\r\n" : "404 Not found\r\n";
+    head += "Content-Type: " + response.contentType.value_or("text/html") + "\r\n";
+    // Some clients look for the one spelling, some for the other.
+    head += "Content-Length: " + length + "\r\n";
+    head += "content-length: " + length + "\r\n";
+    head += response.keepAlive ? "Connection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n"
+                               : "Connection: Close\r\n";
+    for (const std::string& line : response.headerLines) {
+        head += line + "\r\n";
+    }
+    return head + "\r\n";
+}
+
+}  // namespace
+
+HttpConnection::HttpConnection(int descriptor, const ServletRegistry& registry,
+                               std::chrono::milliseconds lineTimeout)
+    : socket_(descriptor), registry_(registry), reader_(descriptor, lineTimeout) {
+    // A response leaves in one piece; its last segment must not wait for an acknowledgement.
+    const int on = 1;
+    setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+void HttpConnection::StopReading() const {
+    shutdown(socket_.Get(), SHUT_RD);
+}
+
+void HttpConnection::Serve() {
+    try {
+        while (ServeRequest()) {
+        }
+    } catch (const std::bad_alloc&) {
+        ZEL_ERROR("Out of memory, giving up a request");
+    }
+    if (unreadBody_) {
+        Linger();
+    }
+    HttpRequest local;
+    SetLocalEnd(socket_.Get(), local);
+    std::array<char, INET_ADDRSTRLEN> address{};
+    inet_ntop(AF_INET, &local.localAddress, address.data(), address.size());
+    ZEL_DEBUG("Closing connection to %s", address.data());
+}
+
+bool HttpConnection::ServeRequest() {
+    HttpRequest request;
+    HttpResponse response;
+    SetLocalEnd(socket_.Get(), request);
+    if (!reader_.ReadHead(request)) {
+        std::puts("read_headers() returned < 0 or req->url not set!");
+        return false;
+    }
+    if (!request.url) {
+        std::puts("req->url == (nil)");
+        return false;
+    }
+    if (request.contentLength != 0 || request.method == HttpRequest::Method::kPost) {
+        // An incomplete body is the servlet's to judge; only what it leaves unread matters here.
+        const bool announced = request.contentLength != 0 || request.chunked;
+        unreadBody_ = !reader_.ReadBody(request) && announced;
+    }
+    std::unique_ptr<ZelServlet> servlet;
+    int result = ZelServlet::kDone;
+    LookUp(request, response, servlet, result);
+    const bool sent = Send(response);
+    if (servlet && result == ZelServlet::kPostResponse) {
+        servlet->PostResponse();
+    }
+    return request.keepAlive && sent;
+}
+
+void HttpConnection::LookUp(const HttpRequest& request, HttpResponse& response,
+                            std::unique_ptr<ZelServlet>& servlet, int& result) const {
+    const auto found =
+        std::find_if(registry_.begin(), registry_.end(), [&request](const ZelServlet* candidate) {
+            return candidate->Matches(*request.url, request.localPort);
+        });
+    if (found == registry_.end()) {
+        ZEL_DEBUG("No handler found for '%s'", request.url->c_str());
+        response.keepAlive = false;
+        return;
+    }
+    servlet = (*found)->MakeInstance();
+    ZEL_DEBUG("Passing request for '%s' to %s", request.url->c_str(), servlet->GetName().c_str());
+    result = servlet->Service(request, response);
+}
+
+bool HttpConnection::Send(HttpResponse& response) const {
+    if (response.status != kOk && response.body.empty()) {
+        response.body = kNotFoundText;
+    }
+    std::string head = Head(response);
+    std::array<iovec, 2> parts{iovec{head.data(), head.size()},
+                               iovec{response.body.data(), response.body.size()}};
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+
+    const Clock::time_point deadline = Clock::now() + kResponseTimeLimit;
+    std::size_t left = head.size() + response.body.size();
+    while (left > 0) {
+        const ssize_t sent = sendmsg(socket_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) {
+            const bool full = errno == EAGAIN || errno == EWOULDBLOCK;
+            const Clock::time_point patience = std::min(deadline, Clock::now() + kSendTimeout);
+            if (errno == EINTR || (full && WaitFor(socket_.Get(), POLLOUT, patience))) {
+                continue;
+            }
+            return false;
+        }
+        auto taken = static_cast<std::size_t>(sent);
+        left -= taken;
+        for (iovec& part : parts) {
+            const std::size_t step = std::min(taken, part.iov_len);
+            part.iov_base = static_cast<char*>(part.iov_base) + step;
+            part.iov_len -= step;
+            taken -= step;
+        }
+    }
+    return true;
+}
+
+/// Closing a socket with unread bytes resets the connection, and the peer may lose the answer to
+/// the reset. So what it still sends is read away, within limits.
+void HttpConnection::Linger() const {
+    shutdown(socket_.Get(), SHUT_WR);
+    const Clock::time_point deadline = Clock::now() + kLingerTime;
+    std::array<char, 4096> discarded;
+    std::size_t total = 0;
+    while (total < kLingerBytes && WaitFor(socket_.Get(), POLLIN, deadline)) {
+        const ssize_t received = recv(socket_.Get(), discarded.data(), discarded.size(), 0);
+        if (received < 1) {
+            return;
+        }
+        total += static_cast<std::size_t>(received);
+    }
+}

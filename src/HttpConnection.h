@@ -1,0 +1,43 @@
+#pragma once
+
+#include <chrono>
+#include <vector>
+
+#include "HttpMessageReader.h"
+#include "SocketGuard.h"
+#include "ZelServlet.h"
+
+/// The servlets of a server, asked in the order in which they were added.
+using ServletRegistry = std::vector<const ZelServlet*>;
+
+/// One accepted connection: reads requests, has them served, and writes the responses until the
+/// peer or a failure ends it.
+class HttpConnection {
+public:
+    /// Longest wait for a peer to take more of a response, and longest time for a whole one.
+    static constexpr std::chrono::seconds kSendTimeout{30};
+    static constexpr std::chrono::seconds kResponseTimeLimit{300};
+
+    /// Takes the descriptor. `registry` must outlive the connection.
+    HttpConnection(int descriptor, const ServletRegistry& registry,
+                   std::chrono::milliseconds lineTimeout);
+
+    /// Serves requests until the connection ends. The descriptor is closed with the object.
+    void Serve();
+
+    /// Makes further requests end the connection; one that is being served is still answered. May
+    /// be called from another thread.
+    void StopReading() const;
+
+private:
+    bool ServeRequest();
+    void LookUp(const HttpRequest& request, HttpResponse& response,
+                std::unique_ptr<ZelServlet>& servlet, int& result) const;
+    bool Send(HttpResponse& response) const;
+    void Linger() const;
+
+    SocketGuard socket_;
+    const ServletRegistry& registry_;
+    HttpMessageReader reader_;
+    bool unreadBody_ = false;
+};

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What is kept of one request. A field without a value was not in the request.
+struct HttpRequest {
+    enum class Method : std::int32_t { kPost = 0, kGet = 1 };
+
+    /// The request target, query included, as it stood in the request line.
+    std::optional<std::string> url;
+    /// Local end of the connection; the port in host byte order, the address in network byte order.
+    std::uint16_t localPort = 0;
+    in_addr localAddress{};
+    Method method = Method::kPost;
+    bool chunked = false;
+    bool keepAlive = false;
+    /// Value of the content-length header, 0 without one; may be negative or too large.
+    std::int32_t contentLength = 0;
+    std::optional<std::string> body;
+    std::optional<std::string> contentType;
+    std::optional<std::string> host;
+    std::optional<std::string> userAgent;
+    std::optional<std::string> acceptEncoding;
+};
+
+/// One response. Its length on the wire is that of `body`.
+struct HttpResponse {
+    /// 200, or anything else for "404 Not found".
+    int status = 404;
+    bool keepAlive = false;
+    /// "text/html" when not set.
+    std::optional<std::string> contentType;
+    /// Further header lines without their line ends.
+    std::vector<std::string> headerLines;
+    std::string body;
+};

@@ -1,0 +1,246 @@
+#include "HttpMessageReader.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <string_view>
+
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr int kHexadecimal = 16;
+
+/// As strtol reads it: leading blanks, a sign, digits up to the first other character.
+std::int32_t ParseDecimal(const std::string& text) {
+    const long value = std::strtol(text.c_str(), nullptr, 10);
+    return static_cast<std::int32_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
+}
+
+/// The size in a chunk line; without value when the line holds anything but hexadecimal digits,
+/// blanks and the two control characters that some clients pad it with.
+std::optional<std::size_t> ParseChunkSize(const std::string& line) {
+    constexpr std::string_view kAllowed("0123456789abcdefABCDEF \x10\x13");
+    if (line.find_first_not_of(kAllowed) != std::string::npos) {
+        return std::nullopt;
+    }
+    return std::strtoul(line.c_str(), nullptr, kHexadecimal);
+}
+
+int ToInt(std::size_t value) {
+    return static_cast<int>(std::min<std::size_t>(value, INT_MAX));
+}
+
+void TakeHeaderLine(const std::string& line, HttpRequest& request) {
+    std::string rest;
+    const auto is = [&line, &rest](std::string_view prefix) {
+        const bool found = line.starts_with(prefix);
+        if (found) {
+            rest = line.substr(prefix.size());
+        }
+        return found;
+    };
+    if (is("POST ")) {
+        request.method = HttpRequest::Method::kPost;
+        request.url = rest;
+    } else if (is("GET ")) {
+        request.method = HttpRequest::Method::kGet;
+        request.url = rest;
+    } else if (is("Content-Type: ")) {
+        request.contentType = rest;
+    } else if (is("Accept-Encoding: ")) {
+        request.acceptEncoding = rest;
+    } else if (is("Content-Length: ")) {
+        request.contentLength = ParseDecimal(rest);
+    } else if (is("Host: ")) {
+        request.host = rest;
+    } else if (is("User-Agent: ")) {
+        request.userAgent = rest;
+    } else if (is("Transfer-Encoding: ")) {
+        request.chunked |= rest == "chunked";
+    } else if (is("Connection: ")) {
+        request.keepAlive |= rest.starts_with("Keep-Alive");
+    }
+}
+
+}  // namespace
+
+int HttpMessageReader::WaitForInput() {
+    if (Buffered() > 0) {
+        return 1;
+    }
+    const auto untilDeadline =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now());
+    const auto wait = std::max(std::min(lineTimeout_, untilDeadline), std::chrono::milliseconds(0));
+    pollfd input{descriptor_, POLLIN, 0};
+    int ready = 0;
+    do {
+        ready = poll(&input, 1, static_cast<int>(wait.count()));
+    } while (ready < 0 && errno == EINTR);
+    return ready;
+}
+
+long HttpMessageReader::Receive(char* out, std::size_t size) {
+    if (Buffered() > 0) {
+        const std::size_t count = std::min(size, Buffered());
+        std::memcpy(out, buffer_.data() + begin_, count);
+        begin_ += count;
+        return static_cast<long>(count);
+    }
+    ssize_t received = 0;
+    do {
+        received = recv(descriptor_, out, size, 0);
+    } while (received < 0 && errno == EINTR);
+    return received;
+}
+
+int HttpMessageReader::ReadLine(std::string& line) {
+    line.clear();
+    for (;;) {
+        if (Buffered() == 0) {
+            if (WaitForInput() < 1) {
+                return kTimedOut;
+            }
+            const long received = Receive(buffer_.data(), buffer_.size());
+            if (received < 1) {
+                return kClosed;
+            }
+            begin_ = 0;
+            end_ = static_cast<std::size_t>(received);
+        }
+        const char c = buffer_[begin_++];
+        if (++headSize_ > kMaxHead) {
+            return kClosed;
+        }
+        if (c == '\n') {
+            return static_cast<int>(line.size());
+        }
+        if (c != '\r') {
+            line += c;
+        }
+    }
+}
+
+bool HttpMessageReader::ReadHead(HttpRequest& request) {
+    // The time limit of the message begins with its first byte; until then only the wait for that
+    // byte counts.
+    deadline_ = Clock::time_point::max();
+    if (WaitForInput() < 1) {
+        return false;
+    }
+    deadline_ = Clock::now() + kMessageTimeLimit;
+    headSize_ = 0;
+
+    std::string line;
+    bool begun = false;
+    for (;;) {
+        const int length = ReadLine(line);
+        if (length < 0) {
+            return false;
+        }
+        if (length > 0) {
+            begun = true;
+            TakeHeaderLine(line, request);
+        } else if (begun) {
+            break;
+        }
+    }
+    if (request.url) {
+        // Behind the first blank stands the protocol version.
+        request.url->resize(std::min(request.url->size(), request.url->find(' ')));
+    }
+    return true;
+}
+
+bool HttpMessageReader::ReadBody(HttpRequest& request) {
+    return request.chunked ? ReadChunkedBody(request) : ReadSizedBody(request);
+}
+
+bool HttpMessageReader::ReadSizedBody(HttpRequest& request) {
+    if (request.contentLength < 1 || static_cast<std::size_t>(request.contentLength) > kMaxBody) {
+        return false;
+    }
+    const auto length = static_cast<std::size_t>(request.contentLength);
+    // Every receive asks for the full length, so the last one may take bytes of a request that
+    // follows; there is room for them.
+    std::string& body = request.body.emplace();
+    std::size_t count = 0;
+    while (count < length) {
+        if (WaitForInput() < 1) {
+            ZEL_ERROR("Waiting on http frame timed out or faild");
+            break;
+        }
+        body.resize(count + length);
+        const long received = Receive(body.data() + count, length);
+        count += static_cast<std::size_t>(std::max(received, 0L));
+        ZEL_DEBUG("Received %d bytes should %d", ToInt(count), request.contentLength);
+        if (received < 1) {
+            break;
+        }
+    }
+    body.resize(count);
+    return count == length;
+}
+
+bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
+    std::string body;
+    std::string line;
+    for (;;) {
+        headSize_ = 0;
+        if (ReadLine(line) < 0) {
+            return false;
+        }
+        const std::optional<std::size_t> size = ParseChunkSize(line);
+        if (!size) {
+            ZEL_ERROR("Chunked-Encoding: Expected chunk length, received {%s}", line.c_str());
+            return false;
+        }
+        if (*size == 0) {
+            request.body = std::move(body);
+            return true;
+        }
+        if (*size > kMaxChunk) {
+            ZEL_ERROR("Chunked-Encoding: Error: Block length %d exceeds maximum of 65536",
+                      ToInt(*size));
+            return false;
+        }
+        if (body.size() > kMaxBody) {
+            ZEL_ERROR("Chunked-Encoding: Error: Total transfer length exceeds 1024 KBytes");
+            return false;
+        }
+        if (!ReadChunk(body, *size)) {
+            return false;
+        }
+        headSize_ = 0;
+        if (ReadLine(line) < 0) {
+            return false;
+        }
+    }
+}
+
+bool HttpMessageReader::ReadChunk(std::string& body, std::size_t size) {
+    std::size_t count = body.size();
+    const std::size_t end = count + size;
+    try {
+        body.resize(end);
+    } catch (const std::bad_alloc&) {
+        ZEL_ERROR("Chunked-Encoding: realloc() failed!");
+        return false;
+    }
+    while (count < end) {
+        const long received = WaitForInput() < 1 ? -1 : Receive(body.data() + count, end - count);
+        if (received < 1) {
+            ZEL_ERROR("Chunked-Encoding: read failed with %d\n", static_cast<int>(received));
+            return false;
+        }
+        count += static_cast<std::size_t>(received);
+    }
+    return true;
+}

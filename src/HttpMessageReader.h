@@ -1,0 +1,63 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <string>
+
+#include "HttpMessage.h"
+
+/// Reads HTTP messages from a connected stream socket, one after the other. Reading is buffered;
+/// what a peer sees is as if every byte of a line were waited for and received on its own.
+///
+/// No peer holds the caller for ever or makes it collect without end: besides the time-out of each
+/// wait, a message as a whole and a head have limits.
+class HttpMessageReader {
+public:
+    /// Longest wait for the next byte of a line or part of a body.
+    static constexpr std::chrono::milliseconds kLineTimeout{5000};
+    /// Longest time from the first byte of a message to its last.
+    static constexpr std::chrono::seconds kMessageTimeLimit{120};
+    /// Most bytes of all header lines of a message, line ends included.
+    static constexpr std::size_t kMaxHead = 64 * 1024;
+    /// Most bytes of a sized body, and of a chunked one before its last chunk.
+    static constexpr std::size_t kMaxBody = 0x100000;
+    /// Most bytes of one chunk.
+    static constexpr std::size_t kMaxChunk = 65536;
+
+    // Results of ReadLine().
+    static constexpr int kTimedOut = -1;
+    static constexpr int kClosed = -2;
+
+    /// The descriptor stays the caller's.
+    explicit HttpMessageReader(int descriptor, std::chrono::milliseconds lineTimeout = kLineTimeout)
+        : descriptor_(descriptor), lineTimeout_(lineTimeout) {}
+
+    /// Reads the header lines of the next message into `request`, which must be fresh. Returns
+    /// false when the peer was too slow, closed, or sent too much.
+    bool ReadHead(HttpRequest& request);
+
+    /// Reads the body that the head announced into `request.body`. Returns false when it is not
+    /// complete; a sized body then holds what was received, a chunked one stays without value.
+    bool ReadBody(HttpRequest& request);
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    int ReadLine(std::string& line);
+    int WaitForInput();
+    /// Up to `size` bytes: those in the buffer, or those of one receive. 0 or less at the end.
+    long Receive(char* out, std::size_t size);
+    bool ReadSizedBody(HttpRequest& request);
+    bool ReadChunkedBody(HttpRequest& request);
+    bool ReadChunk(std::string& body, std::size_t size);
+    std::size_t Buffered() const { return end_ - begin_; }
+
+    int descriptor_;
+    std::chrono::milliseconds lineTimeout_;
+    Clock::time_point deadline_{};
+    std::size_t headSize_ = 0;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+    std::array<char, 4096> buffer_;
+};

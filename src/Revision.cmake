@@ -1,0 +1,15 @@
+# Run at every build: writes OUTPUT with the revision text, and leaves it alone when nothing changed.
+cmake_minimum_required(VERSION 3.25)
+if(NOT REVISION)
+    execute_process(COMMAND git describe --always --dirty WORKING_DIRECTORY "${SOURCE}"
+                    OUTPUT_VARIABLE REVISION OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+endif()
+if(NOT REVISION)
+    set(REVISION "unknown")
+endif()
+file(CONFIGURE OUTPUT "${OUTPUT}" @ONLY CONTENT
+"#pragma once
+
+/// Revision text of this build.
+inline constexpr char kRevision[] = \"@REVISION@\";
+")

@@ -1,0 +1,73 @@
+#include "ServiceThread.h"
+
+#include <sys/prctl.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "CrashGuard.h"
+
+namespace {
+
+struct Start {
+    std::string name;
+    std::function<void()> work;
+};
+
+void* Main(void* argument) {
+    const std::unique_ptr<Start> start(static_cast<Start*>(argument));
+    prctl(PR_SET_NAME, start->name.c_str());
+    return CrashGuard::Run(start->work) ? nullptr : reinterpret_cast<void*>(-1);
+}
+
+class ThreadAttributes {
+public:
+    explicit ThreadAttributes(int detachState) {
+        pthread_attr_init(&attributes_);
+        pthread_attr_setstacksize(&attributes_, ServiceThread::kStackSize);
+        pthread_attr_setdetachstate(&attributes_, detachState);
+    }
+    ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
+    ThreadAttributes(const ThreadAttributes&) = delete;
+    ThreadAttributes& operator=(const ThreadAttributes&) = delete;
+    const pthread_attr_t* Get() const { return &attributes_; }
+
+private:
+    pthread_attr_t attributes_{};
+};
+
+bool Create(pthread_t& thread, int detachState, const char* name, std::function<void()> work) {
+    auto start = std::make_unique<Start>(Start{name, std::move(work)});
+    const ThreadAttributes attributes(detachState);
+    const int result = pthread_create(&thread, attributes.Get(), Main, start.get());
+    if (result != 0) {
+        return false;
+    }
+    static_cast<void>(start.release());  // the thread owns it now
+    return true;
+}
+
+}  // namespace
+
+ServiceThread::~ServiceThread() {
+    Join();
+}
+
+bool ServiceThread::Start(const char* name, std::function<void()> work) {
+    Join();
+    running_ = Create(thread_, PTHREAD_CREATE_JOINABLE, name, std::move(work));
+    return running_;
+}
+
+void ServiceThread::Join() {
+    if (running_) {
+        pthread_join(thread_, nullptr);
+        running_ = false;
+    }
+}
+
+bool ServiceThread::StartDetached(const char* name, std::function<void()> work) {
+    pthread_t thread{};
+    return Create(thread, PTHREAD_CREATE_DETACHED, name, std::move(work));
+}

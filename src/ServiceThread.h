@@ -1,0 +1,34 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <functional>
+
+/// Threads of the agent's services: named, with a small fixed stack, and guarded against
+/// segmentation faults (CrashGuard). They inherit the signal mask of the thread that starts them.
+class ServiceThread {
+public:
+    /// Stack of every service thread in bytes.
+    static constexpr std::size_t kStackSize = 256 * 1024;
+
+    ServiceThread() = default;
+    /// Joins.
+    ~ServiceThread();
+    ServiceThread(const ServiceThread&) = delete;
+    ServiceThread& operator=(const ServiceThread&) = delete;
+
+    /// Starts a joinable thread named `name` (at most 15 characters reach the system). Returns
+    /// false when no thread can be made.
+    bool Start(const char* name, std::function<void()> work);
+    /// Waits for the thread's end; nothing to wait for is no error.
+    void Join();
+
+    /// Starts a thread that is nobody's to join. Returns false when no thread can be made.
+    /// `work` and what it owns are destroyed on the thread, also when it faults.
+    static bool StartDetached(const char* name, std::function<void()> work);
+
+private:
+    pthread_t thread_{};
+    bool running_ = false;
+};

@@ -1,0 +1,41 @@
+#include "StoreSetup.h"
+
+#include "DeviceAttributes.h"
+#include "DeviceReservation.h"
+#include "OplaMode.h"
+#include "Revision.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr struct {
+    const char* key;
+    const char* value;
+} kInitialState[] = {
+    {"zel.state.current", DeviceReservation::kFree},
+    {"zel.state.startup", "0"},
+    {"zel.state.owner", ""},
+    {"zel.state.uuid", DeviceReservation::kFreeUuid},
+    {"zel.version", "01.02.02"},
+    {"zel.svn.version", kRevision},
+    {"net.current.networktype", "0"},
+    {kOplaModeKey, "OPLA"},
+};
+
+}  // namespace
+
+void SetUpStore(ZelConfig& config, Trigger15& trigger15) {
+    bool complete = AddDeviceAttributes(config, trigger15);
+    for (const auto& [key, value] : kInitialState) {
+        complete &= config.Set(key, value, ZelConfig::Kind::kFixed);
+    }
+    complete &= config.Load();
+    if (IsOplaNext(config)) {
+        complete &= config.Set("zel.state.startup", "1", ZelConfig::Kind::kFixed);
+    }
+    AddLateAttributes(config);
+    if (!complete) {
+        ZEL_INFO("Warning: not all attributes initialized successfully!");
+    }
+    trigger15.Open();
+}

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "Trigger15.h"
+#include "ZelConfig.h"
+
+/// Fills the store at start-up: live attributes, state of a free box, then the configuration file,
+/// whose values replace the defaults, and last what is computed. Opens the measurement device.
+/// Never fails; what could not be initialised is logged.
+void SetUpStore(ZelConfig& config, Trigger15& trigger15);

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "HttpConnection.h"
+#include "ServiceThread.h"
+#include "SocketGuard.h"
+#include "ZelConfig.h"
+#include "ZelServlet.h"
+
+/// The agent's HTTP/1.0 server: listens on up to twenty ports and gives every connection a thread.
+/// Registrations and ports are set before Start() and only read afterwards.
+class WebServer {
+public:
+    static constexpr std::size_t kMaxPorts = 20;
+    /// Connections beyond this many at a time are closed at once.
+    static constexpr std::size_t kMaxConnections = 200;
+
+    explicit WebServer(const ZelConfig& config,
+                       std::chrono::milliseconds lineTimeout = HttpMessageReader::kLineTimeout);
+    /// Stops.
+    ~WebServer();
+    WebServer(const WebServer&) = delete;
+    WebServer& operator=(const WebServer&) = delete;
+
+    /// Adds a servlet, which must outlive the server; earlier ones are asked first.
+    void AddRegistration(const ZelServlet& servlet);
+    void RemoveRegistration(const ZelServlet& servlet);
+
+    /// Adds a TCP port to listen on. Returns false when there are kMaxPorts already.
+    bool AddPort(std::uint16_t port);
+
+    /// Starts the server thread, which begins to listen as soon as "zel.state.startup" is not "0".
+    /// Returns false when the thread cannot be made.
+    bool Start();
+
+    /// Stops listening, lets running requests come to their end for a moment and ends all
+    /// connections. Returns false when a request was still running then: what it uses must not be
+    /// destroyed.
+    bool Stop();
+
+private:
+    class ConnectionTable;
+
+    void Listen();
+    bool WaitForStartupEnd() const;
+    void Accept(int listener) const;
+    void StartConnection(int descriptor) const;
+
+    const ZelConfig& config_;
+    std::chrono::milliseconds lineTimeout_;
+    ServletRegistry registry_;
+    std::vector<std::uint16_t> ports_;
+    SocketGuard stopEvent_;
+    std::shared_ptr<ConnectionTable> connections_;
+    ServiceThread thread_;
+};

@@ -1,0 +1,51 @@
+#include "WlanMacFile.h"
+
+#include <array>
+#include <cstdio>
+#include <memory>
+
+#include "ZelConfig.h"
+#include "ZelLogging.h"
+
+namespace WlanMacFile {
+namespace {
+
+constexpr char kNoAddress[] = "00:00:00:00:00:00";
+
+bool HoldsAddress() {
+    std::string line;
+    if (!ReadFirstLine(kPath, line)) {
+        return false;
+    }
+    std::array<unsigned, 6> b{};
+    // NOLINTNEXTLINE(cert-err34-c): two digits cannot overflow
+    if (std::sscanf(line.c_str(), "%02x:%02x:%02x:%02x:%02x:%02x", &b[0], &b[1], &b[2], &b[3],
+                    &b[4], &b[5]) != static_cast<int>(b.size())) {
+        return false;
+    }
+    ZEL_DEBUG("%x:%x:%x:%x:%x:%x", b[0], b[1], b[2], b[3], b[4], b[5]);
+    return (b[0] | b[1] | b[2] | b[3] | b[4] | b[5]) != 0;
+}
+
+}  // namespace
+
+void Ensure(const FindAdapter& findAdapter) {
+    if (HoldsAddress()) {
+        return;
+    }
+    ZEL_DEBUG("No wlan.mac file found, create it");
+    std::string address = findAdapter();
+    if (address.empty()) {
+        ZEL_ERROR("wlanDevice is NULL");
+        address = kNoAddress;
+    }
+    std::FILE* file = std::fopen(kPath, "we");
+    if (file == nullptr) {
+        ZEL_ERROR("Can't write %s", kPath);
+        return;
+    }
+    std::fputs(address.c_str(), file);
+    std::fclose(file);
+}
+
+}  // namespace WlanMacFile

@@ -1,0 +1,84 @@
+#include "XmlText.h"
+
+#include <libxml/parser.h>
+#include <libxml/xmlstring.h>
+
+#include <cstring>
+
+namespace XmlText {
+namespace {
+
+constexpr char kDocumentName[] = "noname.xml";
+constexpr char kUnprintable = '?';
+
+const char* ToChars(const xmlChar* text) {
+    return reinterpret_cast<const char*>(text);
+}
+
+}  // namespace
+
+Document Parse(const std::string& text) {
+    const int length = static_cast<int>(std::strlen(text.c_str()));
+    return Document(xmlReadMemory(text.c_str(), length, kDocumentName, nullptr, XML_PARSE_NONET));
+}
+
+std::string_view LocalName(const xmlNode* node) {
+    return node->name == nullptr ? std::string_view() : ToChars(node->name);
+}
+
+xmlNode* FindChild(const xmlNode* parent, std::string_view localName) {
+    xmlNode* child = parent == nullptr ? nullptr : parent->children;
+    while (child != nullptr &&
+           !(child->type == XML_ELEMENT_NODE && LocalName(child) == localName)) {
+        child = child->next;
+    }
+    return child;
+}
+
+std::string Content(const xmlNode* node) {
+    struct FreeText {
+        void operator()(xmlChar* text) const { xmlFree(text); }
+    };
+    const std::unique_ptr<xmlChar, FreeText> content(xmlNodeGetContent(node));
+    return content ? ToChars(content.get()) : "";
+}
+
+std::string ChildText(const xmlNode* parent, std::string_view localName) {
+    return Content(FindChild(parent, localName));
+}
+
+std::string Escape(std::string_view text) {
+    const std::string terminated(text);
+    const bool isUtf8 = xmlCheckUTF8(reinterpret_cast<const xmlChar*>(terminated.c_str())) == 1;
+    std::string escaped;
+    escaped.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        switch (c) {
+            case '&':
+                escaped += "&amp;";
+                break;
+            case '<':
+                escaped += "&lt;";
+                break;
+            case '>':
+                escaped += "&gt;";
+                break;
+            case '"':
+                escaped += "&quot;";
+                break;
+            case '\r':
+                escaped += "&#13;";
+                break;
+            case '\t':
+            case '\n':
+                escaped += c;
+                break;
+            default:
+                escaped += byte < ' ' || (byte >= 0x80 && !isUtf8) ? kUnprintable : c;
+        }
+    }
+    return escaped;
+}
+
+}  // namespace XmlText

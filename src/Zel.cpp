@@ -1,0 +1,119 @@
+#include "Zel.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "CrashGuard.h"
+#include "OplaMode.h"
+#include "StoreSetup.h"
+#include "UpdateFirmware.h"
+#include "WlanMacFile.h"
+
+namespace {
+
+constexpr char kDefaultHostName[] = "TAVO";
+constexpr char kHostNameKey[] = "tavo.hostname";
+constexpr std::uint16_t kPorts[] = {80, 5302};
+constexpr timespec kIdleTime{1, 0};
+
+volatile sig_atomic_t running = 1;
+
+void HandleStop(int /*signal*/) {
+    running = 0;
+}
+
+sigset_t StopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+
+void InstallSignalHandling() {
+    struct sigaction action {};
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGHUP, &action, nullptr);
+    sigaction(SIGPIPE, &action, nullptr);
+    action.sa_flags = SA_NOCLDWAIT;
+    sigaction(SIGCHLD, &action, nullptr);
+    action.sa_handler = HandleStop;
+    action.sa_flags = 0;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    CrashGuard::Install();
+}
+
+}  // namespace
+
+Zel::Zel() {
+    // This version drives no WLAN adapter; the zero address makes the next start ask again.
+    WlanMacFile::Ensure([] { return std::string(); });
+    SetUpStore(config_, trigger15_);
+}
+
+int Zel::Main() {
+    prctl(PR_SET_NAME, "Zel::main");
+    // The stop signals are let in only while the main thread idles: they interrupt no start-up
+    // step and no service thread, which inherit the mask.
+    const sigset_t stopSignals = StopSignals();
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    InstallSignalHandling();
+
+    ZEL_INFO("* ZEL %s %s starting on TAVO %s...", config_.Get("zel.version").c_str(),
+             config_.Get("zel.svn.version").c_str(), config_.Get("hardware.serial").c_str());
+    ZEL_INFO("* OPLA-Mode: %s", config_.Get(kOplaModeKey).c_str());
+    SetDefaultHostName();
+    StartWebServer();
+    ReportUpdateStates();
+    IdleUntilStopped();
+    ZEL_INFO("* ZEL exiting...");
+    if (!webServer_.Stop()) {
+        // A request is still being worked on; what it uses must not be destroyed under it.
+        std::_Exit(EXIT_SUCCESS);
+    }
+    return EXIT_SUCCESS;
+}
+
+void Zel::SetDefaultHostName() {
+    const std::string hostName = config_.Get(kHostNameKey);
+    if (hostName.empty() || hostName == kDefaultHostName) {
+        config_.Set(kHostNameKey, kDefaultHostName + config_.Get("hardware.serial"),
+                    ZelConfig::Kind::kPersistent);
+    }
+}
+
+void Zel::StartWebServer() {
+    webServer_.AddRegistration(connectorServlet_);
+    webServer_.AddRegistration(testServlet_);
+    for (const std::uint16_t port : kPorts) {
+        webServer_.AddPort(port);
+    }
+    webServer_.Start();
+    ZEL_INFO("* Webserver service started.");
+}
+
+void Zel::ReportUpdateStates() {
+    const UpdateFirmware update;
+    if (update.GetUpdateState(UpdateFirmware::APPLICATION) != UpdateFirmware::CLEAN) {
+        ZEL_ERROR("Update of application image failed, status not Clean");
+    }
+    if (update.GetUpdateState(UpdateFirmware::FIRMWARE) != UpdateFirmware::CLEAN) {
+        ZEL_ERROR("Update of firmware image failed, status not Clean");
+    }
+}
+
+void Zel::IdleUntilStopped() {
+    sigset_t unblocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &unblocked);
+    sigdelset(&unblocked, SIGINT);
+    sigdelset(&unblocked, SIGTERM);
+    while (running != 0) {
+        ppoll(nullptr, 0, &kIdleTime, &unblocked);
+    }
+}

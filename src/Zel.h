@@ -1,0 +1,36 @@
+#pragma once
+
+#include "DeviceReservation.h"
+#include "TestServlet.h"
+#include "Trigger15.h"
+#include "WebServer.h"
+#include "ZelConfig.h"
+#include "ZelConnectorServlet.h"
+#include "ZelLogging.h"
+
+/// The agent: owns every service, brings them up in order, idles until SIGINT or SIGTERM and takes
+/// them down again.
+class Zel {
+public:
+    /// Sets up logging, the WLAN MAC file and the store.
+    Zel();
+    Zel(const Zel&) = delete;
+    Zel& operator=(const Zel&) = delete;
+
+    /// Runs the agent until it is asked to stop. Returns the exit status, always 0.
+    int Main();
+
+private:
+    void SetDefaultHostName();
+    void StartWebServer();
+    static void ReportUpdateStates();
+    static void IdleUntilStopped();
+
+    ZelLogging logging_;
+    ZelConfig config_;
+    Trigger15 trigger15_;
+    DeviceReservation reservation_{config_};
+    ZelConnectorServlet connectorServlet_{{config_, reservation_, trigger15_}};
+    TestServlet testServlet_;
+    WebServer webServer_{config_};
+};

@@ -1,0 +1,197 @@
+#include "ZelConfig.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <utility>
+
+#include "DefaultConfiguration.h"
+#include "SocketGuard.h"
+
+namespace {
+
+constexpr std::size_t kLineSize = 8192;
+
+const std::string kFile = ZelConfig::kConfigurationFile;
+const std::string kNewFile = kFile + ".new";
+const std::string kOldFile = kFile + ".old";
+
+struct CloseFile {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, CloseFile>;
+
+File OpenToRead(const std::string& path) {
+    return File(std::fopen(path.c_str(), "re"));
+}
+
+bool SyncDirectoryOf(const std::string& path) {
+    const std::string directory = path.substr(0, path.rfind('/'));
+    const SocketGuard descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return descriptor.Get() >= 0 && fsync(descriptor.Get()) == 0;
+}
+
+bool WriteDurably(const std::string& path, std::string_view text) {
+    File file(std::fopen(path.c_str(), "w+e"));
+    if (!file) {
+        return false;
+    }
+    const bool written = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
+                         std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
+    const bool closed = std::fclose(file.release()) == 0;
+    if (!written || !closed) {
+        std::remove(path.c_str());
+        return false;
+    }
+    return SyncDirectoryOf(path);
+}
+
+std::string Line(const std::string& key, const std::string& value) {
+    std::string line = key + "=" + value;
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    line.resize(std::min(line.size(), kLineSize - 1));
+    return line + "\n";
+}
+
+}  // namespace
+
+bool ReadFirstLine(const std::string& path, std::string& out) {
+    out.clear();
+    if (path.empty()) {
+        return false;
+    }
+    const File file = OpenToRead(path);
+    if (!file) {
+        return false;
+    }
+    std::array<char, kLineSize> line{};
+    if (std::fscanf(file.get(), "%8190[^\n]", line.data()) == 0) {
+        return false;
+    }
+    out = line.data();
+    return true;
+}
+
+bool ZelConfig::Get(const std::string& key, std::string& out) const {
+    out.clear();
+    std::string source;
+    Provider provider;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = entries_.find(key);
+        if (found == entries_.end()) {
+            return false;
+        }
+        const Entry& entry = found->second;
+        switch (entry.kind) {
+            case Kind::kFile:
+                source = entry.source;
+                break;
+            case Kind::kComputed:
+                provider = entry.provider;
+                break;
+            default:
+                out = entry.value;
+                return true;
+        }
+    }
+    return provider ? provider(key, out) : ReadFirstLine(source, out);
+}
+
+std::string ZelConfig::Get(const std::string& key) const {
+    std::string value;
+    Get(key, value);
+    return value;
+}
+
+bool ZelConfig::Set(const std::string& key, const std::string& value, Kind kind) {
+    const std::lock_guard lock(mutex_);
+    Entry& entry = entries_[key];
+    entry.kind = kind;
+    switch (kind) {
+        case Kind::kFile:
+            entry.source = value;
+            return true;
+        case Kind::kFixed:
+        case Kind::kPersistent:
+            entry.value = value;
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool ZelConfig::Register(const std::string& key, Provider provider) {
+    const std::lock_guard lock(mutex_);
+    const auto [position, isNew] = entries_.try_emplace(key);
+    if (isNew) {
+        position->second.kind = Kind::kComputed;
+    }
+    position->second.provider = std::move(provider);
+    return true;
+}
+
+bool ZelConfig::Load() {
+    File file = OpenToRead(kFile);
+    if (!file) {
+        file = OpenToRead(kOldFile);
+    }
+    if (!file) {
+        WriteDefaults();
+        file = OpenToRead(kFile);
+    }
+    if (!file) {
+        return false;
+    }
+    bool result = true;
+    std::array<char, kLineSize> line{};
+    for (;;) {
+        const int fields = std::fscanf(file.get(), "%8191[^\n]\n", line.data());
+        if (fields == EOF) {
+            return result;
+        }
+        if (fields == 0) {
+            // Only the very first line can be blank here: behind a line the pattern skips all
+            // white space.
+            std::fgetc(file.get());
+            continue;
+        }
+        const std::string_view text(line.data());
+        const std::size_t cut = text.find('=');
+        if (text.starts_with('#') || cut == std::string_view::npos) {
+            continue;
+        }
+        result &= Set(std::string(text.substr(0, cut)), std::string(text.substr(cut + 1)),
+                      Kind::kPersistent);
+    }
+}
+
+bool ZelConfig::Save() const {
+    const std::lock_guard saving(saveMutex_);
+    std::string text;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const auto& [key, entry] : entries_) {
+            if (entry.kind == Kind::kPersistent) {
+                text += Line(key, entry.value);
+            }
+        }
+    }
+    if (!WriteDurably(kNewFile, text)) {
+        return false;
+    }
+    std::rename(kFile.c_str(), kOldFile.c_str());
+    std::rename(kNewFile.c_str(), kFile.c_str());
+    SyncDirectoryOf(kFile);
+    return true;
+}
+
+bool ZelConfig::WriteDefaults() const {
+    const std::lock_guard saving(saveMutex_);
+    return WriteDurably(kNewFile, kDefaultConfiguration) &&
+           std::rename(kNewFile.c_str(), kFile.c_str()) == 0 && SyncDirectoryOf(kFile);
+}

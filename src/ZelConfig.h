@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "HeldMutex.h"
+
+/// The agent's key/value store: persistent settings and live attributes behind one get and set.
+/// Thread-safe; no provider and no file is read while its lock is held.
+class ZelConfig {
+public:
+    /// How an entry obtains its value.
+    enum class Kind : std::int32_t {
+        kFixed = 0,      ///< the stored value
+        kFile = 1,       ///< the first line of a file, read at every get
+        kComputed = 2,   ///< what the provider answers, asked at every get
+        kPersistent = 3  ///< the stored value, written to the configuration file by Save()
+    };
+
+    /// Computes the value of `key`. Returns false when it is not to be had now.
+    using Provider = std::function<bool(const std::string& key, std::string& out)>;
+
+    static constexpr char kConfigurationFile[] = "/config/agent.configuration";
+
+    /// An empty store. Nothing is read from disk.
+    ZelConfig() = default;
+    ZelConfig(const ZelConfig&) = delete;
+    ZelConfig& operator=(const ZelConfig&) = delete;
+
+    /// Sets `out` to the value of `key`; false and an empty `out` when the key is unknown or its
+    /// value is not to be had.
+    bool Get(const std::string& key, std::string& out) const;
+    /// The value of `key`, empty when there is none.
+    std::string Get(const std::string& key) const;
+
+    /// Stores `value` (for kFile: the path of the source) and gives the entry that kind. Kinds
+    /// other than kFixed, kFile and kPersistent store nothing and return false, but change the
+    /// kind.
+    bool Set(const std::string& key, const std::string& value, Kind kind);
+
+    /// Gives `key` a provider. A new key becomes computed; an existing one keeps its kind.
+    bool Register(const std::string& key, Provider provider);
+
+    /// Reads the configuration file, or the previous one when it is missing, or else writes and
+    /// reads the built-in defaults. False when none can be read or a line could not be stored.
+    bool Load();
+
+    /// Writes all persistent entries to the configuration file, replacing it as a whole; the
+    /// previous file is kept with the suffix ".old". False when the new file could not be written
+    /// completely; the old one is then untouched. A line break in a key or value is written as a
+    /// blank, and a line is cut at the 8191 bytes that Load() reads, so that one entry never
+    /// becomes two.
+    bool Save() const;
+
+    /// Replaces the configuration file by the built-in default text.
+    bool WriteDefaults() const;
+
+private:
+    struct Entry {
+        std::string value;
+        std::string source;
+        Kind kind = Kind::kFixed;
+        Provider provider;
+    };
+
+    mutable HeldMutex mutex_;
+    mutable HeldMutex saveMutex_;
+    std::map<std::string, Entry> entries_;
+};
+
+/// First line of a file, without its line end and cut at 8190 bytes. False when the file cannot be
+/// opened or begins with a line end; an empty file gives true and an empty text.
+bool ReadFirstLine(const std::string& path, std::string& out);

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "DeviceReservation.h"
+#include "Trigger15.h"
+#include "ZelConfig.h"
+#include "ZelWsdlServlet.h"
+
+/// The connector service: device information, reservation, host lock, terminal-15 edge and generic
+/// commands for diagnostic clients. Bad values are answered with a code in the response's `error`
+/// element, never with a fault.
+class ZelConnectorServlet : public ZelWsdlServlet {
+public:
+    /// What the service works on; all of it outlives the servlet and its instances.
+    struct Device {
+        ZelConfig& config;
+        DeviceReservation& reservation;
+        Trigger15& trigger15;
+    };
+
+    explicit ZelConnectorServlet(const Device& device);
+
+    int Service(const HttpRequest& request, HttpResponse& response) override;
+    std::unique_ptr<ZelServlet> MakeInstance() const override;
+
+    const Device& GetDevice() const { return device_; }
+
+private:
+    Device device_;
+};

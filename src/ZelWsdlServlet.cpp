@@ -1,0 +1,154 @@
+#include "ZelWsdlServlet.h"
+
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "HeldMutex.h"
+#include "Namespaces.h"
+#include "XmlSchema.h"
+#include "XmlText.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr int kNotDone = 0;
+
+std::string EnvelopeHead() {
+    return std::string("<S:Envelope xmlns:S=\"") + Namespaces::kSoap11Envelope +
+           "\">\n\t<S:Body>\n";
+}
+constexpr char kEnvelopeTail[] = "\t</S:Body>\n</S:Envelope>\n";
+
+/// The two schemas of a service: the element names without and with a namespace.
+struct ServiceSchemas {
+    explicit ServiceSchemas(const std::string& basePath)
+        : unqualified(basePath + ".xsd"), qualified(basePath + "2.xsd") {}
+    XmlSchema unqualified;
+    XmlSchema qualified;
+};
+
+XmlSchema& EnvelopeSchema() {
+    static XmlSchema schema(std::string(ZelWsdlServlet::kProtocolDirectory) + "soap_envelope.xsd");
+    return schema;
+}
+
+ServiceSchemas& SchemasOf(const std::string& servletName) {
+    static HeldMutex mutex;
+    static std::map<std::string, std::unique_ptr<ServiceSchemas>> table;
+    const std::lock_guard lock(mutex);
+    std::unique_ptr<ServiceSchemas>& schemas = table[servletName];
+    if (!schemas) {
+        std::printf("Initializing schema context for %s\n", servletName.c_str());
+        schemas =
+            std::make_unique<ServiceSchemas>(ZelWsdlServlet::kProtocolDirectory + servletName);
+    }
+    return *schemas;
+}
+
+bool UsesNamespaces(const xmlNode* method) {
+    bool found = method->ns != nullptr;
+    for (const xmlNode* child = method->children; child != nullptr && !found; child = child->next) {
+        found = child->type == XML_ELEMENT_NODE && child->ns != nullptr;
+    }
+    return found;
+}
+
+/// The first node in the Body, or the one behind it where the first is not an element.
+xmlNode* FindMethod(xmlDoc* document) {
+    const xmlNode* body = XmlText::FindChild(xmlDocGetRootElement(document), "Body");
+    xmlNode* node = body == nullptr ? nullptr : body->children;
+    if (node != nullptr && node->type != XML_ELEMENT_NODE) {
+        node = node->next;
+    }
+    return node != nullptr && node->type == XML_ELEMENT_NODE ? node : nullptr;
+}
+
+}  // namespace
+
+ZelWsdlServlet::ZelWsdlServlet(Registration registration, const MethodTable& methods,
+                               const char* namespaceUri)
+    : ZelServlet(std::move(registration)), methods_(methods), namespaceUri_(namespaceUri) {}
+
+void ZelWsdlServlet::SendFault(HttpResponse& response, const std::string& message) {
+    response.status = 200;
+    response.keepAlive = false;
+    response.contentType = kContentType;
+    response.body = EnvelopeHead() + "\t\t<S:Fault xmlns:ns4=\"" + Namespaces::kSoap12Envelope +
+                    "\">\n"
+                    "\t\t\t<faultcode>S:Client</faultcode>\n"
+                    "\t\t\t<faultstring>" +
+                    message +
+                    "</faultstring>\n"
+                    "\t\t</S:Fault>\n" +
+                    kEnvelopeTail;
+}
+
+int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response) {
+    const XmlText::Document document = XmlText::Parse(request.body.value_or(""));
+    if (!skipEnvelopeCheck_ && !CheckEnvelope(document.get(), response)) {
+        return kNotDone;
+    }
+    if (!document) {
+        ZEL_ERROR("Can't create doc node");
+        return kNotDone;
+    }
+    xmlNode* method = FindMethod(document.get());
+    if (method == nullptr) {
+        SendFault(response, std::string("Method is empty for {") + namespaceUri_ + "}");
+        ZEL_ERROR("ZEL soap method is empty");
+        return kNotDone;
+    }
+    const std::string name(XmlText::LocalName(method));
+    if (!CheckMethod(method, response)) {
+        ZEL_ERROR("ZEL soap method '%s' not valid", name.c_str());
+        return kNotDone;
+    }
+    ZEL_DEBUG("ZEL soap method: %s", name.c_str());
+    const auto found = methods_.find(name);
+    if (found == methods_.end()) {
+        SendFault(response,
+                  std::string("Cannot find dispatch method for {") + namespaceUri_ + "}" + name);
+        ZEL_ERROR("ZEL soap method '%s' not found", name.c_str());
+        return kNotDone;
+    }
+    const int result = found->second(method, request, response, *this);
+    response.body = EnvelopeHead() + response.body + kEnvelopeTail;
+    return result;
+}
+
+bool ZelWsdlServlet::CheckEnvelope(xmlDoc* document, HttpResponse& response) const {
+    if (document == nullptr) {
+        SendFault(response, "Can't create xml document from request");
+        return false;
+    }
+    std::string errors;
+    if (!EnvelopeSchema().ValidateDocument(document, errors)) {
+        SendFault(response, errors);
+        return false;
+    }
+    return true;
+}
+
+bool ZelWsdlServlet::CheckMethod(xmlNode* method, HttpResponse& response) const {
+    if (method->children == nullptr) {
+        return true;
+    }
+    ServiceSchemas& schemas = SchemasOf(GetName());
+    const bool qualifiedFirst = UsesNamespaces(method);
+    XmlSchema& first = qualifiedFirst ? schemas.qualified : schemas.unqualified;
+    XmlSchema& second = qualifiedFirst ? schemas.unqualified : schemas.qualified;
+    std::string firstErrors;
+    std::string secondErrors;
+    if (first.ValidateElement(method, firstErrors) ||
+        second.ValidateElement(method, secondErrors)) {
+        return true;
+    }
+    // The fault names the schemas in their own order, whichever was tried first.
+    const std::string& unqualified = qualifiedFirst ? secondErrors : firstErrors;
+    const std::string& qualified = qualifiedFirst ? firstErrors : secondErrors;
+    SendFault(response,
+              "Validation 1 says:\n" + unqualified + "\nValidation 2 says:\n" + qualified);
+    return false;
+}

@@ -1,0 +1,34 @@
+#include <malloc.h>
+#include <pthread.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "CrashGuard.h"
+#include "Zel.h"
+
+namespace {
+
+// Memory of large requests goes back to the system as soon as it is freed, and threads share
+// pools: a box has little of it.
+constexpr int kLargeBlock = 64 * 1024;
+constexpr int kMaxPools = 2;
+
+}  // namespace
+
+int main() {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    mallopt(M_MMAP_THRESHOLD, kLargeBlock);
+    mallopt(M_TRIM_THRESHOLD, kLargeBlock);
+    mallopt(M_ARENA_MAX, kMaxPools);
+
+    auto zel = std::make_unique<Zel>();
+    int status = EXIT_SUCCESS;
+    if (!CrashGuard::Run([&zel, &status] { status = zel->Main(); })) {
+        // The services run on without the main thread, on what the object owns.
+        static_cast<void>(zel.release());
+        pthread_exit(nullptr);
+    }
+    return status;
+}
