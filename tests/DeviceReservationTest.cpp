@@ -1,0 +1,150 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DeviceReservation.h"
+#include "Shell.h"
+
+namespace {
+
+using Session = DeviceReservation::Session;
+
+class DeviceReservationTest : public testing::Test {
+protected:
+    DeviceReservationTest() { config_.Set("zel.state.current", "4", ZelConfig::Kind::kFixed); }
+
+    /// The packet filter's rules for incoming packets, one a line.
+    static std::string Rules() {
+        std::string rules;
+        EXPECT_TRUE(Shell::RunSystemWithResult(rules, "/sbin/iptables -S INPUT | grep -v ^-P"));
+        return rules;
+    }
+
+    static std::string RulesFor(const std::string& source) {
+        std::string rules;
+        for (const char* port : {"6801", "6802", "52410", "52411"}) {
+            rules += "-A INPUT " + source + "-p tcp -m tcp --dport " + port + " -j ACCEPT\n";
+        }
+        return rules;
+    }
+
+    static std::string Forwarding() {
+        std::string value;
+        ReadFirstLine("/proc/sys/net/ipv4/ip_forward", value);
+        return value;
+    }
+
+    ZelConfig config_;
+    DeviceReservation reservation_{config_};
+};
+
+TEST_F(DeviceReservationTest, ReservesOnceAndReleasesWithTheHandle) {
+    std::string handle;
+    ASSERT_TRUE(reservation_.Reserve("owner", "192.168.68.1", handle));
+    EXPECT_TRUE(std::regex_match(handle, std::regex("-?[0-9]{1,19}"))) << handle;
+    EXPECT_EQ(config_.Get("zel.state.current"), "5");
+    EXPECT_EQ(config_.Get("zel.state.owner"), "owner");
+    EXPECT_EQ(config_.Get("zel.state.handle"), handle);
+    EXPECT_EQ(config_.Get("zel.state.uuid"), "00000000-0000-0001-0000-000000000001");
+    EXPECT_EQ(config_.Get("zel.state.hostlock"), "192.168.68.1");
+    EXPECT_EQ(Rules(), RulesFor("-s 192.168.68.1/32 "));
+    EXPECT_EQ(Forwarding(), "1");
+    EXPECT_TRUE(std::filesystem::is_empty("/tmp/forceconnect"));
+
+    std::string second;
+    EXPECT_FALSE(reservation_.Reserve("owner", "0", second));
+    EXPECT_EQ(second, "0");
+    EXPECT_EQ(config_.Get("zel.state.handle"), handle);
+    EXPECT_EQ(Rules(), RulesFor("-s 192.168.68.1/32 "));
+
+    EXPECT_FALSE(reservation_.Release(handle.substr(0, handle.size() - 1)));
+    EXPECT_FALSE(reservation_.Release(""));
+    EXPECT_TRUE(reservation_.IsReserved());
+
+    EXPECT_TRUE(reservation_.Release(handle));
+    EXPECT_EQ(config_.Get("zel.state.current"), "4");
+    EXPECT_EQ(config_.Get("zel.state.owner"), "");
+    EXPECT_EQ(config_.Get("zel.state.handle"), "");
+    EXPECT_EQ(config_.Get("zel.state.uuid"), "00000000-0000-0000-0000-000000000000");
+    EXPECT_EQ(Rules(), "");
+    EXPECT_EQ(Forwarding(), "0");
+}
+
+TEST_F(DeviceReservationTest, HostLockIsWhateverTheSystemReadsAsAnAddress) {
+    const struct {
+        const char* hostLock;
+        const char* stored;
+        const char* source;
+    } cases[] = {
+        {"", "0.0.0.0", ""},
+        {"0", "0.0.0.0", ""},
+        {"127.0.0.1", "127.0.0.1", "-s 127.0.0.1/32 "},
+        {"0x0a.1", "10.0.0.1", "-s 10.0.0.1/32 "},
+        {"10.0.0.1; reboot", "255.255.255.255", "-s 255.255.255.255/32 "},
+        {"workshop-pc", "255.255.255.255", "-s 255.255.255.255/32 "},
+    };
+    for (const auto& c : cases) {
+        std::string handle;
+        ASSERT_TRUE(reservation_.Reserve("owner", c.hostLock, handle)) << c.hostLock;
+        EXPECT_EQ(config_.Get("zel.state.hostlock"), c.stored) << c.hostLock;
+        EXPECT_EQ(Rules(), RulesFor(c.source)) << c.hostLock;
+        ASSERT_TRUE(reservation_.Release(handle));
+        EXPECT_EQ(Rules(), "") << c.hostLock;
+    }
+}
+
+TEST_F(DeviceReservationTest, ChecksOfHandleAndStateComeInTheirOrder) {
+    EXPECT_EQ(reservation_.CheckSession("1"), Session::kNotReserved);
+    EXPECT_EQ(reservation_.ChangeHostLock("1", "10.0.0.1"), Session::kWrongHandle);
+    EXPECT_EQ(reservation_.ChangeHostLock("", "10.0.0.1"), Session::kNotReserved);
+    EXPECT_EQ(Rules(), "");
+
+    std::string handle;
+    ASSERT_TRUE(reservation_.Reserve("owner", "0", handle));
+    EXPECT_EQ(reservation_.CheckSession("1"), Session::kWrongHandle);
+    EXPECT_EQ(reservation_.CheckSession(handle), Session::kValid);
+    EXPECT_EQ(reservation_.ChangeHostLock("1", "10.0.0.1"), Session::kWrongHandle);
+    EXPECT_EQ(Rules(), RulesFor(""));
+    EXPECT_EQ(reservation_.ChangeHostLock(handle, "10.0.0.1"), Session::kValid);
+    EXPECT_EQ(Rules(), RulesFor("-s 10.0.0.1/32 "));
+    EXPECT_EQ(config_.Get("zel.state.handle"), handle);
+}
+
+TEST_F(DeviceReservationTest, HandlesOfOneSecondDiffer) {
+    std::set<std::string> handles;
+    for (int i = 0; i < 10; ++i) {
+        std::string handle;
+        ASSERT_TRUE(reservation_.Reserve("owner", "0", handle));
+        handles.insert(handle);
+        ASSERT_TRUE(reservation_.Release(handle));
+    }
+    EXPECT_EQ(handles.size(), 10U);
+}
+
+TEST_F(DeviceReservationTest, OnlyOneOfManyGetsTheBox) {
+    std::atomic<int> winners = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([this, &winners, t] {
+            std::string handle;
+            const std::string owner = "owner " + std::to_string(t);
+            if (reservation_.Reserve(owner, "0", handle)) {
+                ++winners;
+                EXPECT_EQ(config_.Get("zel.state.owner"), owner);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(winners, 1);
+    EXPECT_EQ(Rules(), RulesFor(""));
+}
+
+}  // namespace

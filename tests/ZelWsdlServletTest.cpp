@@ -1,0 +1,262 @@
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "XmlSchema.h"
+#include "XmlText.h"
+#include "ZelWsdlServlet.h"
+
+namespace {
+
+constexpr char kUri[] = "http://lusora.tembra.com/probe";
+
+int Echo(const xmlNode* method, const HttpRequest& /*request*/, HttpResponse& response,
+         ZelWsdlServlet& /*servlet*/) {
+    response.status = 200;
+    response.body =
+        "\t\t<echo>" + XmlText::Escape(XmlText::ChildText(method, "text")) + "</echo>\n";
+    return ZelServlet::kPostResponse;
+}
+
+class Probe : public ZelWsdlServlet {
+public:
+    explicit Probe(const std::string& name)
+        : ZelWsdlServlet({name, "/probe", MatchMode::kExact, 0}, Methods(), kUri) {}
+    int Service(const HttpRequest& request, HttpResponse& response) override {
+        return Dispatch(request, response);
+    }
+    std::unique_ptr<ZelServlet> MakeInstance() const override {
+        return std::make_unique<Probe>(GetName());
+    }
+
+private:
+    static const MethodTable& Methods() {
+        static const MethodTable methods = {{"echo", Echo}};
+        return methods;
+    }
+};
+
+void WriteSchema(const std::string& file, const std::string& attributes) {
+    std::ofstream(ZelWsdlServlet::kProtocolDirectory + file)
+        << "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" " << attributes
+        << "><xs:element name=\"echo\"><xs:complexType><xs:sequence>"
+           "<xs:element name=\"text\" type=\"xs:string\"/>"
+           "</xs:sequence></xs:complexType></xs:element></xs:schema>";
+}
+
+class ZelWsdlServletTest : public testing::Test {
+protected:
+    ZelWsdlServletTest() {
+        WriteSchema("Probe.xsd", "");
+        WriteSchema("Probe2.xsd", std::string("targetNamespace=\"") + kUri +
+                                      "\" elementFormDefault=\"qualified\"");
+    }
+
+    HttpResponse Send(const std::string& body) {
+        HttpRequest request;
+        request.body = body;
+        request.keepAlive = true;
+        HttpResponse response;
+        result_ = probe_.Service(request, response);
+        return response;
+    }
+
+    static std::string Envelope(const std::string& body) {
+        return "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Body>" + body +
+               "</e:Body></e:Envelope>";
+    }
+
+    static std::string Fault(const std::string& message) {
+        return "<S:Envelope xmlns:S=\"http://schemas.xmlsoap.org/soap/envelope/\">\n\t<S:Body>\n"
+               "\t\t<S:Fault xmlns:ns4=\"http://www.w3.org/2003/05/soap-envelope\">\n"
+               "\t\t\t<faultcode>S:Client</faultcode>\n"
+               "\t\t\t<faultstring>" +
+               message +
+               "</faultstring>\n"
+               "\t\t</S:Fault>\n\t</S:Body>\n</S:Envelope>\n";
+    }
+
+    Probe probe_{"Probe"};
+    int result_ = -1;
+};
+
+TEST_F(ZelWsdlServletTest, MethodsAreFoundAndWrapped) {
+    const std::string answer =
+        "<S:Envelope xmlns:S=\"http://schemas.xmlsoap.org/soap/envelope/\">\n\t<S:Body>\n"
+        "\t\t<echo>a&amp;b</echo>\n"
+        "\t</S:Body>\n</S:Envelope>\n";
+    const std::string qualified = std::string("<p:echo xmlns:p=\"") + kUri + "\">";
+    for (const std::string& body :
+         {std::string("<echo><text>a&amp;b</text></echo>"),
+          std::string("\n  <echo><text>a&amp;b</text></echo>\n"),
+          std::string("<!-- one node before it --><echo><text>a&amp;b</text></echo>"),
+          qualified + "<p:text>a&amp;b</p:text></p:echo>"}) {
+        EXPECT_EQ(Send(Envelope(body)).body, answer) << body;
+        EXPECT_EQ(result_, ZelServlet::kPostResponse);
+    }
+}
+
+TEST_F(ZelWsdlServletTest, RefusalsAreFaults) {
+    const std::string uri = std::string("{") + kUri + "}";
+    const struct {
+        std::string request;
+        std::string message;
+    } cases[] = {
+        {"", "Can't create xml document from request"},
+        {"not xml", "Can't create xml document from request"},
+        {Envelope(""), "Method is empty for " + uri},
+        {Envelope("  \n"), "Method is empty for " + uri},
+        {Envelope(" <!----><echo/>"), "Method is empty for " + uri},
+        {Envelope("<ech/>"), "Cannot find dispatch method for " + uri + "ech"},
+        {Envelope("<Echo/>"), "Cannot find dispatch method for " + uri + "Echo"},
+    };
+    for (const auto& c : cases) {
+        const HttpResponse response = Send(c.request);
+        EXPECT_EQ(response.body, Fault(c.message)) << c.request;
+        EXPECT_EQ(response.status, 200);
+        EXPECT_FALSE(response.keepAlive);
+        EXPECT_EQ(response.contentType, "text/xml;charset=\"utf-8\"");
+        EXPECT_EQ(result_, 0);
+    }
+}
+
+TEST_F(ZelWsdlServletTest, AMethodWithoutChildrenNeedsNoSchema) {
+    EXPECT_NE(Send(Envelope("<echo/>")).body.find("<echo></echo>"), std::string::npos);
+}
+
+TEST_F(ZelWsdlServletTest, InvalidMethodsAreToldWhyByBothSchemasAndTextsAreKept) {
+    const std::string first = Send(Envelope("<echo><one/></echo>")).body;
+    const std::size_t one = first.find("Validation 1 says:\n");
+    const std::size_t two = first.find("\nValidation 2 says:\n");
+    ASSERT_NE(one, std::string::npos);
+    ASSERT_NE(two, std::string::npos);
+    EXPECT_NE(first.substr(one, two - one).find("Element 'one'"), std::string::npos);
+    EXPECT_NE(first.find("Element 'echo'", two), std::string::npos);
+
+    const std::string second = Send(Envelope("<echo><two/></echo>")).body;
+    EXPECT_NE(second.find("Element 'one'"), std::string::npos);
+    EXPECT_NE(second.find("Element 'two'"), std::string::npos);
+
+    const std::string envelope = Send("<Envelope/>").body;
+    EXPECT_NE(envelope.find("Envelope"), std::string::npos);
+    EXPECT_EQ(result_, 0);
+}
+
+TEST_F(ZelWsdlServletTest, MissingSchemasRefuseEverythingWithChildren) {
+    Probe other("Missing");
+    HttpRequest request;
+    request.body = Envelope("<echo><text/></echo>");
+    HttpResponse response;
+    EXPECT_EQ(other.Service(request, response), 0);
+    EXPECT_NE(response.body.find("Validation 1 says:"), std::string::npos);
+}
+
+TEST_F(ZelWsdlServletTest, NothingIsReadForARequest) {
+    std::ofstream("/tmp/secret") << "topsecret";
+    std::ofstream("/tmp/further.xsd")
+        << "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" targetNamespace=\"urn:x\">"
+           "<xs:element name=\"unknown\" type=\"xs:int\"/></xs:schema>";
+    const std::string entity = "<!DOCTYPE e:Envelope [<!ENTITY x SYSTEM \"file:///tmp/secret\">]>" +
+                               Envelope("<echo><text>&x;</text></echo>");
+    EXPECT_EQ(Send(entity).body.find("topsecret"), std::string::npos);
+    EXPECT_EQ(result_, 0);
+
+    // A schema named by the request would make its own rule for the unknown element.
+    const std::string hint =
+        "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\" "
+        "xmlns:i=\"http://www.w3.org/2001/XMLSchema-instance\" "
+        "i:schemaLocation=\"urn:x file:///tmp/further.xsd\"><e:Header>"
+        "<u:unknown xmlns:u=\"urn:x\">no number</u:unknown></e:Header>"
+        "<e:Body><echo><text>t</text></echo></e:Body></e:Envelope>";
+    EXPECT_NE(Send(hint).body.find("<echo>t</echo>"), std::string::npos);
+}
+
+TEST_F(ZelWsdlServletTest, EntityBombsAndDeepNestingAreRefused) {
+    std::string bomb = "<!DOCTYPE e:Envelope [<!ENTITY a0 \"aaaaaaaaaa\">";
+    for (int i = 1; i < 12; ++i) {
+        const std::string inner = "&a" + std::to_string(i - 1) + ";";
+        bomb += "<!ENTITY a" + std::to_string(i) + " \"";
+        for (int n = 0; n < 10; ++n) {
+            bomb += inner;
+        }
+        bomb += "\">";
+    }
+    bomb += "]>";
+    Send(bomb + Envelope("<echo><text>&a11;</text></echo>"));
+    EXPECT_EQ(result_, 0);
+    Send(bomb + Envelope("<echo><text a=\"&a11;\"/></echo>"));
+    EXPECT_EQ(result_, 0);
+
+    std::string deep;
+    for (int i = 0; i < 100000; ++i) {
+        deep += "<a>";
+    }
+    Send(Envelope(deep));
+    EXPECT_EQ(result_, 0);
+}
+
+TEST(XmlSchemaTest, CollectedTextIsBounded) {
+    WriteSchema("Bounded.xsd", "");
+    XmlSchema schema(std::string(ZelWsdlServlet::kProtocolDirectory) + "Bounded.xsd");
+    const std::string longName(10000, 'n');
+    const XmlText::Document document = XmlText::Parse("<echo><" + longName + "/></echo>");
+    ASSERT_TRUE(document);
+    std::string errors;
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_FALSE(schema.ValidateDocument(document.get(), errors));
+    }
+    EXPECT_LE(errors.size(), XmlSchema::kMaxErrorText);
+    EXPECT_GT(errors.size(), XmlSchema::kMaxErrorText - 2 * longName.size());
+
+    // A message of 32768 bytes or more is not collected at all.
+    XmlSchema fresh(std::string(ZelWsdlServlet::kProtocolDirectory) + "Bounded.xsd");
+    const XmlText::Document huge =
+        XmlText::Parse("<echo><" + std::string(40000, 'n') + "/></echo>");
+    ASSERT_TRUE(huge);
+    EXPECT_FALSE(fresh.ValidateDocument(huge.get(), errors));
+    EXPECT_EQ(errors, "");
+}
+
+TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
+    WriteSchema("Shared.xsd", "");
+    XmlSchema schema(std::string(ZelWsdlServlet::kProtocolDirectory) + "Shared.xsd");
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&schema, t] {
+            const std::string name = "own" + std::to_string(t);
+            const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
+            for (int i = 0; i < 50; ++i) {
+                std::string errors;
+                EXPECT_FALSE(schema.ValidateDocument(document.get(), errors));
+                EXPECT_NE(errors.find("Element '" + name + "'"), std::string::npos);
+                EXPECT_TRUE(errors.ends_with("\n"));
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+TEST(XmlTextTest, EscapeLeavesOnlyWhatAParserTakes) {
+    const struct {
+        std::string text;
+        std::string escaped;
+    } cases[] = {
+        {"<a b=\"c\">&", "&lt;a b=&quot;c&quot;&gt;&amp;"},
+        {"tab\tline\nreturn\r", "tab\tline\nreturn&#13;"},
+        {std::string("nul\0bell\a", 9), "nul?bell?"},
+        {"gr\xc3\xbc\xc3\x9f", "gr\xc3\xbc\xc3\x9f"},
+        {"gr\xfc\xdf", "gr??"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(XmlText::Escape(c.text), c.escaped);
+        EXPECT_TRUE(XmlText::Parse("<a>" + c.escaped + "</a>")) << c.escaped;
+    }
+}
+
+}  // namespace
