@@ -58,9 +58,22 @@ void ResetSignals() {
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-[[noreturn]] void ExecProgram(const char* path, int in, int out, int errorPipe) {
+constexpr int kReportDescriptor = 3;
+
+/// Leaves the process the program's standard input and output and the report socket alone: whoever
+/// waits for the end of any other descriptor must not wait for this process.
+void KeepOnly(int in, int out, int report) {
+    constexpr int kOutOfTheWay = 10;
+    in = fcntl(in, F_DUPFD, kOutOfTheWay);
+    out = fcntl(out, F_DUPFD, kOutOfTheWay);
+    report = fcntl(report, F_DUPFD, kOutOfTheWay);
     dup2(in, STDIN_FILENO);
     dup2(out, STDOUT_FILENO);
+    dup3(report, kReportDescriptor, O_CLOEXEC);
+    close_range(kReportDescriptor + 1, ~0U, 0);
+}
+
+[[noreturn]] void ExecProgram(const char* path, int errorPipe) {
     char* const arguments[] = {const_cast<char*>(path), nullptr};
     execve(path, arguments, environ);
     const int error = errno;
@@ -71,28 +84,24 @@ void ResetSignals() {
 [[noreturn]] void RunInBetween(const char* path, int in, int out, int reportSocket) {
     setpgid(0, 0);
     ResetSignals();
+    KeepOnly(in, out, reportSocket);
     Report report{};
     int errorPipe[2];
-    if (pipe2(errorPipe, O_CLOEXEC) != 0) {
+    const pid_t program = pipe2(errorPipe, O_CLOEXEC) == 0 ? fork() : -1;
+    if (program == 0) {
+        ExecProgram(path, errorPipe[1]);
+    } else if (program < 0) {
         report.startError = errno;
     } else {
-        const pid_t program = fork();
-        if (program == 0) {
-            ExecProgram(path, in, out, errorPipe[1]);
-        }
         close(errorPipe[1]);
-        close(in);
-        close(out);
-        if (program < 0) {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        if (read(errorPipe[0], &report.startError, sizeof report.startError) < 0) {
             report.startError = errno;
-        } else {
-            if (read(errorPipe[0], &report.startError, sizeof report.startError) < 0) {
-                report.startError = errno;
-            }
-            waitpid(program, &report.waitStatus, 0);
         }
+        waitpid(program, &report.waitStatus, 0);
     }
-    static_cast<void>(!write(reportSocket, &report, sizeof report));
+    static_cast<void>(!write(kReportDescriptor, &report, sizeof report));
     _exit(0);
 }
 
@@ -105,11 +114,11 @@ public:
           result_(result) {}
 
     /// False when the report has not come by `deadline`.
-    bool Run(Clock::time_point deadline, Descriptor& input) {
+    bool Run(Clock::time_point deadline) {
         while (polled_[2].fd >= 0) {
-            if (text_.empty()) {
+            if (text_.empty() && polled_[0].fd >= 0) {
+                shutdown(polled_[0].fd, SHUT_WR);
                 polled_[0].fd = -1;
-                input.Close();
             }
             const auto left =
                 std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
@@ -206,7 +215,7 @@ ChildProcess::Result ChildProcess::Run(const std::string& path, const std::strin
     setpgid(between, between);
 
     Exchange exchange(in.ours.Get(), out.ours.Get(), report.ours.Get(), input, result);
-    const bool ended = exchange.Run(Clock::now() + timeLimit, in.ours);
+    const bool ended = exchange.Run(Clock::now() + timeLimit);
     if (!ended) {
         kill(-between, SIGKILL);
     }

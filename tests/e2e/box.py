@@ -1,0 +1,173 @@
+"""A client's view of the box, and the box's own tools. Shares no code with the agent."""
+
+import contextlib
+import ctypes
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import time
+
+BOX = "192.168.68.42"
+CLIENT = "192.168.68.1"
+CONNECTOR = "/zel/services/ConnectorService"
+DEVICE_ID = "TAVO0012345"
+LOG = pathlib.Path("/tmp/log/nativezel.log")
+CONFIGURATION = pathlib.Path("/config/agent.configuration")
+AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", "build/release/zel"))
+SANITIZED = "release" not in AGENT
+
+SOAP = "http://schemas.xmlsoap.org/soap/envelope/"
+SERVICE = "http://lusora.tembra.com/services/zel/Connector/v1"
+
+CLONE_NEWNET = 0x40000000
+LIBC = ctypes.CDLL(None, use_errno=True)
+
+
+@contextlib.contextmanager
+def client_namespace():
+    """The calling thread in the client's network; a socket made here stays there."""
+    own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+    client = os.open("/run/netns/client", os.O_RDONLY)
+    try:
+        assert LIBC.setns(client, CLONE_NEWNET) == 0, os.strerror(ctypes.get_errno())
+        yield
+    finally:
+        assert LIBC.setns(own, CLONE_NEWNET) == 0
+        os.close(own)
+        os.close(client)
+
+
+def connect(port=5302, timeout=30):
+    with client_namespace():
+        return socket.create_connection((BOX, port), timeout)
+
+
+def read_all(connection):
+    data = b""
+    with contextlib.suppress(ConnectionResetError):
+        while part := connection.recv(65536):
+            data += part
+    return data
+
+
+def read_response(connection):
+    """One response of a connection that stays open: (head, body)."""
+    data = b""
+    while b"\r\n\r\n" not in data:
+        part = connection.recv(65536)
+        if not part:
+            raise ConnectionError(f"closed after {data!r}")
+        data += part
+    head, body = data.split(b"\r\n\r\n", 1)
+    length = int(re.search(rb"\r\nContent-Length: (\d+)\r\n", head)[1])
+    while len(body) < length:
+        body += connection.recv(65536)
+    return head, body
+
+
+def exchange(data, port=5302):
+    """Everything the box answers to these bytes until it closes."""
+    with connect(port) as connection:
+        with contextlib.suppress(BrokenPipeError, ConnectionResetError):
+            connection.sendall(data)
+        return read_all(connection)
+
+
+def post(body, path=CONNECTOR, headers=""):
+    if isinstance(body, str):
+        body = body.encode()
+    head = f"POST {path} HTTP/1.1\r\nHost: {BOX}\r\nContent-Length: {len(body)}\r\n{headers}\r\n"
+    return head.encode() + body
+
+
+def envelope(operation):
+    return f'<e:Envelope xmlns:e="{SOAP}"><e:Body>{operation}</e:Body></e:Envelope>'
+
+
+def fields(operation, **values):
+    inner = "".join(f"<{name}>{value}</{name}>" for name, value in values.items())
+    return f"<{operation}>{inner}</{operation}>"
+
+
+def call(operation, **values):
+    """Calls an operation and returns the body of the answer."""
+    answer = exchange(post(envelope(fields(operation, **values))))
+    head, body = answer.split(b"\r\n\r\n", 1)
+    assert head.startswith(b"HTTP/1.0 200 OK\r\n")
+    return body.decode()
+
+
+def value(body, name):
+    """Text of the first element of that name."""
+    return re.search(rf"<(?:\w+:)?{name}>(.*?)</", body, re.S)[1]
+
+
+def reserve(owner="tester", host_lock=""):
+    body = call("reserveDevice", deviceId=DEVICE_ID, owner=owner, hostLock=host_lock)
+    return value(body, "error"), value(body, "handle")
+
+
+def release(handle, device_id=DEVICE_ID):
+    return value(call("releaseDevice", handle=handle, deviceId=device_id), "error")
+
+
+def rules():
+    listed = subprocess.run(["/sbin/iptables", "-S", "INPUT"], capture_output=True, text=True,
+                            check=True)
+    return [line for line in listed.stdout.splitlines() if line.startswith("-A")]
+
+
+def wait_until(condition, what, seconds=30):
+    end = time.monotonic() + seconds
+    while not (result := condition()):
+        assert time.monotonic() < end, f"{what}: not within {seconds} s"
+        time.sleep(0.02)
+    return result
+
+
+class Agent:
+    """The agent as a process of the box."""
+
+    def __init__(self, configuration="opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\n"):
+        if configuration is not None:
+            CONFIGURATION.write_text(configuration)
+        self.output = pathlib.Path("/tmp/agent.out")
+        with self.output.open("w") as output:
+            self.process = subprocess.Popen([AGENT], stdout=output, stderr=subprocess.STDOUT)
+        self.pid = self.process.pid
+
+    def wait_until_serving(self):
+        def serving():
+            assert self.process.poll() is None, self.output.read_text()
+            with contextlib.suppress(ConnectionRefusedError):
+                return connect().close() or True
+        wait_until(serving, "the agent serves")
+        return self
+
+    def stop(self, seconds=2):
+        """Asks the agent to stop and returns its exit status."""
+        self.process.send_signal(signal.SIGTERM)
+        try:
+            return self.process.wait(20 if SANITIZED else seconds)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            raise
+
+    def check_output(self):
+        for bad in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
+                    "WARNING: ThreadSanitizer"):
+            assert bad not in self.output.read_text(), self.output.read_text()[-8000:]
+
+    def status(self, name):
+        text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
+        return int(re.search(rf"^{name}:\s+(\d+)", text, re.M)[1])
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def threads(self):
+        return {int(tid): pathlib.Path(f"/proc/{self.pid}/task/{tid}/comm").read_text().strip()
+                for tid in os.listdir(f"/proc/{self.pid}/task")}
