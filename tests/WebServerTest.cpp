@@ -1,0 +1,357 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CrashGuard.h"
+#include "SocketGuard.h"
+#include "TestServlet.h"
+#include "WebServer.h"
+#include "ZelConfig.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::uint16_t kPort = 8080;
+constexpr std::uint16_t kOtherPort = 8081;
+constexpr auto kLineTimeout = 1000ms;
+
+/// A servlet that does what the test gives it to do.
+class Probe : public ZelServlet {
+public:
+    using Work = std::function<int(const HttpRequest&, HttpResponse&)>;
+    Probe(Registration registration, Work work, std::function<void()> after = {})
+        : ZelServlet(registration),
+          registration_(std::move(registration)),
+          work_(std::move(work)),
+          after_(std::move(after)) {}
+    int Service(const HttpRequest& request, HttpResponse& response) override {
+        return work_(request, response);
+    }
+    std::unique_ptr<ZelServlet> MakeInstance() const override {
+        return std::make_unique<Probe>(registration_, work_, after_);
+    }
+    void PostResponse() override { after_(); }
+
+private:
+    Registration registration_;
+    Work work_;
+    std::function<void()> after_;
+};
+
+sockaddr_in Local(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+int NewSocket() {
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval patience{30, 0};
+    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    return descriptor;
+}
+
+bool ConnectTo(int descriptor, std::uint16_t port) {
+    const sockaddr_in address = Local(port);
+    return connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+/// A connection to the server, which may only just be starting.
+int Connect(std::uint16_t port) {
+    const int descriptor = NewSocket();
+    for (int i = 0; i < 500; ++i) {
+        if (ConnectTo(descriptor, port)) {
+            return descriptor;
+        }
+        usleep(10000);
+    }
+    ADD_FAILURE() << "nobody listens on port " << port;
+    return descriptor;
+}
+
+std::string ReadAll(int descriptor) {
+    std::string text;
+    char part[4096];
+    for (ssize_t count = 0; (count = recv(descriptor, part, sizeof part, 0)) > 0;) {
+        text.append(part, static_cast<std::size_t>(count));
+    }
+    return text;
+}
+
+void Send(int descriptor, const std::string& text) {
+    static_cast<void>(send(descriptor, text.data(), text.size(), MSG_NOSIGNAL));
+}
+
+/// All that the server answers until it closes.
+std::string Exchange(const std::string& request, std::uint16_t port = kPort) {
+    const SocketGuard connection(Connect(port));
+    Send(connection.Get(), request);
+    return ReadAll(connection.Get());
+}
+
+std::string Answer(const std::string& status, const std::string& type, const std::string& body,
+                   const std::string& connection = "Connection: Close\r\n") {
+    const std::string length = std::to_string(body.size());
+    return "HTTP/1.0 " + status + "\r\nContent-Type: " + type + "\r\nContent-Length: " + length +
+           "\r\ncontent-length: " + length + "\r\n" + connection + "\r\n" + body;
+}
+
+const std::string kNotFound =
+    Answer("404 Not found", "text/html",
+           "An error 404 has occurred. The requested document could not be found.");
+const std::string kGreeting =
+    Answer("200 OK", "text/html", "Hallo Welt, ist es nicht nett hier draussen?");
+
+class WebServerTest : public testing::Test {
+protected:
+    WebServerTest() {
+        server_.AddPort(kPort);
+        server_.AddPort(kOtherPort);
+        server_.AddRegistration(greeting_);
+    }
+
+    /// Adds a servlet under a path of its own.
+    void Add(const std::string& path, Probe::Work work, std::function<void()> after = {},
+             ZelServlet::MatchMode mode = ZelServlet::MatchMode::kExact, std::uint16_t port = 0) {
+        probes_.push_back(std::make_unique<Probe>(ZelServlet::Registration{path, path, mode, port},
+                                                  std::move(work), std::move(after)));
+        server_.AddRegistration(*probes_.back());
+    }
+
+    ZelConfig config_;
+    TestServlet greeting_;
+    std::vector<std::unique_ptr<Probe>> probes_;
+    WebServer server_{config_, kLineTimeout};
+};
+
+TEST_F(WebServerTest, AnswersAreExact) {
+    Add("/echo", [](const HttpRequest& request, HttpResponse& response) {
+        response.status = 200;
+        response.keepAlive = request.keepAlive;
+        response.contentType = "text/plain";
+        response.headerLines = {"X-One: 1", "X-Two: 2"};
+        response.body = request.body.value_or("none");
+        return ZelServlet::kDone;
+    });
+    Add("/gone", [](const HttpRequest&, HttpResponse& response) {
+        response.status = 500;
+        response.body = "own text";
+        return ZelServlet::kDone;
+    });
+    ASSERT_TRUE(server_.Start());
+
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), kGreeting);
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n", kOtherPort), kGreeting);
+    EXPECT_EQ(Exchange("GET /none HTTP/1.0\r\n\r\n"), kNotFound);
+    EXPECT_EQ(Exchange("GET /gone HTTP/1.0\r\n\r\n"),
+              Answer("404 Not found", "text/html", "own text"));
+    const std::string extra = "Connection: Close\r\nX-One: 1\r\nX-Two: 2\r\n";
+    EXPECT_EQ(Exchange("POST /echo HTTP/1.0\r\nContent-Length: 3\r\n\r\nabc"),
+              Answer("200 OK", "text/plain", "abc", extra));
+    EXPECT_EQ(Exchange("POST /echo HTTP/1.0\r\n\r\n"),
+              Answer("200 OK", "text/plain", "none", extra));
+    EXPECT_EQ(Exchange("GET /echo HTTP/1.0\r\nContent-Length: 3\r\n\r\nabc"),
+              Answer("200 OK", "text/plain", "abc", extra));
+    EXPECT_EQ(Exchange("PUT /echo HTTP/1.0\r\n\r\n"), "");
+}
+
+TEST_F(WebServerTest, ABodyThatIsRefusedStillGetsItsAnswer) {
+    Add("/echo", [](const HttpRequest& request, HttpResponse& response) {
+        response.status = 200;
+        response.body = request.body.value_or("none");
+        return ZelServlet::kDone;
+    });
+    ASSERT_TRUE(server_.Start());
+    const std::string large(1024 * 1024 + 1, 'x');
+    EXPECT_EQ(Exchange("POST /echo HTTP/1.0\r\nContent-Length: " + std::to_string(large.size()) +
+                       "\r\n\r\n" + large),
+              Answer("200 OK", "text/html", "none"));
+    EXPECT_EQ(Exchange("POST /echo HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n" + large),
+              Answer("200 OK", "text/html", "none"));
+    EXPECT_EQ(Exchange("POST /echo HTTP/1.0\r\nContent-Length: 10\r\n\r\nabc"),
+              Answer("200 OK", "text/html", "abc"))
+        << "after the time-out";
+}
+
+TEST_F(WebServerTest, KeepAliveIsTheRequestsChoice) {
+    ASSERT_TRUE(server_.Start());
+    const std::string kept = "Connection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n";
+    const std::string greeting =
+        Answer("200 OK", "text/html", "Hallo Welt, ist es nicht nett hier draussen?", kept);
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n"
+                       "GET /none HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n"
+                       "GET /test HTTP/1.0\r\nConnection: keep-alive\r\n\r\n"
+                       "GET /test HTTP/1.0\r\n\r\n"),
+              greeting + kNotFound + kGreeting);
+}
+
+TEST_F(WebServerTest, TheFirstMatchingRegistrationAnswers) {
+    const auto say = [](const char* text) {
+        return [text](const HttpRequest&, HttpResponse& response) {
+            response.status = 200;
+            response.body = text;
+            return ZelServlet::kDone;
+        };
+    };
+    using Mode = ZelServlet::MatchMode;
+    Add("/a", say("other port"), {}, Mode::kPrefix, kOtherPort);
+    Add("/a/exact", say("exact"), {}, Mode::kExact);
+    Add("/a", say("path"), {}, Mode::kPathPrefix);
+    Add("/a", say("prefix"), {}, Mode::kPrefix);
+    ASSERT_TRUE(server_.Start());
+    const struct {
+        const char* path;
+        std::uint16_t port;
+        const char* answer;
+    } cases[] = {
+        {"/a", kPort, "path"},        {"/a?b", kPort, "path"},
+        {"/a&b", kPort, "path"},      {"/a/b", kPort, "path"},
+        {"/ab", kPort, "prefix"},     {"/a/exact", kPort, "exact"},
+        {"/a/exact?", kPort, "path"}, {"/a", kOtherPort, "other port"},
+        {"/A", kPort, "404"},         {"/", kPort, "404"},
+    };
+    for (const auto& c : cases) {
+        const std::string answer =
+            Exchange("GET " + std::string(c.path) + " HTTP/1.0\r\n\r\n", c.port);
+        EXPECT_NE(answer.find(c.answer), std::string::npos) << c.path << ": " << answer;
+    }
+}
+
+TEST_F(WebServerTest, PostResponseFollowsTheReply) {
+    std::promise<void> received;
+    std::promise<bool> inOrder;
+    Add(
+        "/late",
+        [](const HttpRequest&, HttpResponse& response) {
+            response.status = 200;
+            return ZelServlet::kPostResponse;
+        },
+        [&] {
+            inOrder.set_value(received.get_future().wait_for(30s) == std::future_status::ready);
+        });
+    ASSERT_TRUE(server_.Start());
+    const SocketGuard connection(Connect(kPort));
+    Send(connection.Get(), "GET /late HTTP/1.0\r\n\r\n");
+    char first = 0;
+    EXPECT_EQ(recv(connection.Get(), &first, 1, 0), 1);
+    received.set_value();
+    EXPECT_TRUE(inOrder.get_future().get());
+}
+
+TEST_F(WebServerTest, WaitsForTheEndOfStartup) {
+    config_.Set("zel.state.startup", "0", ZelConfig::Kind::kFixed);
+    ASSERT_TRUE(server_.Start());
+    usleep(300000);
+    const SocketGuard early(NewSocket());
+    EXPECT_FALSE(ConnectTo(early.Get(), kPort));
+    config_.Set("zel.state.startup", "1", ZelConfig::Kind::kFixed);
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), kGreeting);
+
+    WebServer waiting(config_);
+    config_.Set("zel.state.startup", "0", ZelConfig::Kind::kFixed);
+    ASSERT_TRUE(waiting.Start());
+    EXPECT_TRUE(waiting.Stop());
+}
+
+TEST_F(WebServerTest, TwentyPortsAndNoMore) {
+    for (std::size_t i = 2; i < WebServer::kMaxPorts; ++i) {
+        EXPECT_TRUE(server_.AddPort(static_cast<std::uint16_t>(9000 + i)));
+    }
+    EXPECT_FALSE(server_.AddPort(9999));
+    // One of them is taken: the others are served.
+    const SocketGuard taken(NewSocket());
+    const sockaddr_in address = Local(9002);
+    ASSERT_EQ(bind(taken.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(taken.Get(), 1), 0);
+    ASSERT_TRUE(server_.Start());
+    for (const std::uint16_t port : {std::uint16_t{9003}, std::uint16_t{9019}}) {
+        EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n", port), kGreeting);
+    }
+}
+
+TEST_F(WebServerTest, StopEndsIdleConnectionsAndLetsARequestFinish) {
+    std::promise<void> begun;
+    std::promise<void> stopping;
+    Add("/slow", [&](const HttpRequest&, HttpResponse& response) {
+        begun.set_value();
+        stopping.get_future().wait_for(30s);
+        response.status = 200;
+        response.body = "done";
+        return ZelServlet::kDone;
+    });
+    ASSERT_TRUE(server_.Start());
+    const SocketGuard idle(Connect(kPort));
+    const SocketGuard busy(Connect(kPort));
+    Send(busy.Get(), "GET /slow HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n");
+    begun.get_future().wait();
+    EXPECT_FALSE(server_.Stop()) << "a request is still running";
+    stopping.set_value();
+    EXPECT_TRUE(ReadAll(busy.Get()).ends_with("done"));
+    EXPECT_EQ(ReadAll(idle.Get()), "");
+    while (!server_.Stop()) {
+    }
+}
+
+TEST_F(WebServerTest, AFaultEndsOneConnectionOnly) {
+    CrashGuard::Install();
+    Add("/fault", [](const HttpRequest&, HttpResponse&) {
+        volatile int* volatile nowhere = nullptr;
+        return *nowhere;
+    });
+    ASSERT_TRUE(server_.Start());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Exchange("GET /fault HTTP/1.0\r\n\r\n"), "");
+        EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), kGreeting);
+    }
+    EXPECT_TRUE(server_.Stop()) << "the faulty connections have left the table";
+}
+
+TEST_F(WebServerTest, SurvivesALackOfDescriptors) {
+    ASSERT_TRUE(server_.Start());
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), kGreeting);
+    const SocketGuard waiting(NewSocket());
+    rlimit normal{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal), 0);
+    rlimit none = normal;
+    none.rlim_cur = static_cast<rlim_t>(waiting.Get()) + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_TRUE(ConnectTo(waiting.Get(), kPort));
+    Send(waiting.Get(), "GET /test HTTP/1.0\r\n\r\n");
+    usleep(300000);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &normal), 0);
+    EXPECT_EQ(ReadAll(waiting.Get()), kGreeting) << "served once there are descriptors again";
+}
+
+TEST_F(WebServerTest, ConnectionsBeyondTheLimitAreClosed) {
+    ASSERT_TRUE(server_.Start());
+    std::vector<std::unique_ptr<SocketGuard>> idle;
+    for (std::size_t i = 0; i < WebServer::kMaxConnections; ++i) {
+        idle.push_back(std::make_unique<SocketGuard>(Connect(kPort)));
+        // Accepted and counted before the next one comes.
+        Send(idle.back()->Get(), "GET /test HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n");
+        char first = 0;
+        ASSERT_EQ(recv(idle.back()->Get(), &first, 1, 0), 1);
+    }
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), "");
+    idle.clear();
+    std::string answer;
+    for (int i = 0; i < 500 && answer.empty(); ++i) {
+        usleep(10000);
+        answer = Exchange("GET /test HTTP/1.0\r\n\r\n");
+    }
+    EXPECT_EQ(answer, kGreeting) << "places are free again";
+}
+
+}  // namespace
