@@ -1,0 +1,151 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "Shell.h"
+#include "ZelLogging.h"
+
+namespace {
+
+std::string ReadFile(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+/// As the agent runs: children are reaped by the system, SIGPIPE is no end.
+class ShellTest : public testing::Test {
+protected:
+    ShellTest() {
+        struct sigaction action {};
+        action.sa_handler = SIG_IGN;
+        sigaction(SIGPIPE, &action, nullptr);
+        action.sa_flags = SA_NOCLDWAIT;
+        sigaction(SIGCHLD, &action, nullptr);
+    }
+
+    /// Starts a daemon that writes its process id to kPidFile.
+    static void StartDaemon(const std::string& script) {
+        std::string output;
+        Shell::RunSystemWithResult(
+            output, "%s",
+            ("sh -c '" + script + "' > /dev/null 2>&1 & echo $! > " + kPidFile).c_str());
+    }
+
+    static bool IsAlive(const std::string& pid) {
+        return std::filesystem::exists("/proc/" + pid + "/status");
+    }
+
+    static constexpr char kPidFile[] = "/tmp/daemon.pid";
+    ZelLogging logging_;
+    std::string result_ = "left over";
+};
+
+TEST_F(ShellTest, OutputIsTheResultWhateverTheStatus) {
+    EXPECT_TRUE(
+        Shell::RunSystemWithResult(result_, "echo %s; echo hidden >&2; exit %d", "seen", 3));
+    EXPECT_EQ(result_, "seen\n");
+    EXPECT_TRUE(Shell::RunSystemWithResult(result_, "no-such-command 2>/dev/null"));
+    EXPECT_EQ(result_, "");
+    EXPECT_TRUE(Shell::RunSystemWithResult(result_, "head -c 200000 /dev/zero | tr '\\0' x"));
+    EXPECT_EQ(result_, std::string(200000, 'x'));
+    EXPECT_TRUE(Shell::RunSystemWithResult(result_, "yes | head -n 1"));
+    EXPECT_EQ(result_, "y\n");
+    const std::string log = ReadFile(ZelLogging::kLogFile);
+    EXPECT_NE(log.find("Open pipe 'yes | head -n 1'\n"), std::string::npos);
+    EXPECT_NE(log.find("Read pipe 'y\n'\n"), std::string::npos);
+}
+
+TEST_F(ShellTest, LongCommandsAreCut) {
+    EXPECT_TRUE(Shell::RunSystemWithResult(result_, "echo %s", std::string(1000, 'x').c_str()));
+    EXPECT_EQ(result_, std::string(511 - 5, 'x') + "\n");
+}
+
+TEST_F(ShellTest, ToolsSeeACleanProcess) {
+    const int own = open("/dev/full", O_RDONLY | O_CLOEXEC);
+    EXPECT_TRUE(Shell::RunSystemWithResult(result_, "ls -l /proc/self/fd | grep -c /dev/full"));
+    EXPECT_EQ(result_, "0\n");
+    close(own);
+    EXPECT_TRUE(Shell::RunSystemWithResult(
+        result_, "sed -n 's/SigIgn:\\|SigBlk:/0x/p' /proc/self/status | tr -d '\\t'"));
+    std::istringstream masks(result_);
+    unsigned long blocked = 1;
+    unsigned long ignored = ~0UL;
+    masks >> std::hex >> blocked >> ignored;
+    EXPECT_EQ(blocked, 0U) << result_;
+    EXPECT_EQ(ignored & (1UL << (SIGPIPE - 1) | 1UL << (SIGCHLD - 1)), 0U) << result_;
+}
+
+TEST_F(ShellTest, BackgroundWorkIsNotWaitedForBySystem) {
+    const auto begin = std::chrono::steady_clock::now();
+    Shell::RunSystem("sleep 20 & echo started > /tmp/started");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+    EXPECT_EQ(ReadFile("/tmp/started"), "started\n");
+}
+
+TEST_F(ShellTest, KillByPidFile) {
+    EXPECT_EQ(Shell::KillByPidFile(kPidFile), 0);
+
+    StartDaemon("trap \"rm /tmp/daemon.pid; exit\" TERM; while true; do sleep 0.05; done");
+    std::string pid = ReadFile(kPidFile);
+    pid.pop_back();
+    ASSERT_TRUE(IsAlive(pid));
+    usleep(200000);
+    EXPECT_EQ(Shell::KillByPidFile(kPidFile), 0);
+    std::string log = ReadFile(ZelLogging::kLogFile);
+    EXPECT_NE(log.find("pid file '/tmp/daemon.pid' dosn't exist\n"), std::string::npos);
+    EXPECT_NE(log.find("kill " + pid + "\n"), std::string::npos);
+    EXPECT_NE(log.find("pid file '/tmp/daemon.pid' no longer exist\n"), std::string::npos);
+    EXPECT_EQ(log.find("kill -9"), std::string::npos);
+
+    StartDaemon("trap \"\" TERM; while true; do sleep 0.05; done");
+    pid = ReadFile(kPidFile);
+    pid.pop_back();
+    usleep(200000);
+    EXPECT_EQ(Shell::KillByPidFile(kPidFile), 0);
+    EXPECT_FALSE(std::filesystem::exists(kPidFile));
+    log = ReadFile(ZelLogging::kLogFile);
+    EXPECT_NE(log.find("kill -9 " + pid + "\n"), std::string::npos);
+    for (int i = 0; i < 500 && IsAlive(pid); ++i) {
+        usleep(10000);
+    }
+    EXPECT_FALSE(IsAlive(pid));
+
+    std::ofstream(kPidFile) << "1;touch /tmp/injected\n";
+    EXPECT_EQ(Shell::KillByPidFile(kPidFile), 0);
+    EXPECT_FALSE(std::filesystem::exists("/tmp/injected"));
+    EXPECT_FALSE(std::filesystem::exists(kPidFile));
+}
+
+TEST_F(ShellTest, AModuleIsLoadedUnlessALoadedNameContainsIts) {
+    EXPECT_EQ(Shell::LoadModule("radio_pci", "/lib/radio_pci.ko", "band=1 mode=2"), 0);
+    EXPECT_EQ(Shell::LoadModule("radio", "/lib/radio.ko", ""), 0);
+    EXPECT_EQ(Shell::LoadModule("radio_pci2", "/lib/radio_pci2.ko", ""), 0);
+    EXPECT_EQ(ReadFile("/tmp/insmod.log"), "/lib/radio_pci.ko band=1 mode=2\n/lib/radio_pci2.ko\n");
+}
+
+TEST_F(ShellTest, DirectoryPaths) {
+    EXPECT_EQ(Shell::MakeDirectoryPath("/tmp/a/b/c", 0755), 0);
+    EXPECT_TRUE(std::filesystem::is_directory("/tmp/a/b/c"));
+    EXPECT_EQ(Shell::MakeDirectoryPath("/tmp/a/b/c", 0755), 0);
+    EXPECT_EQ(Shell::MakeDirectoryPath("/tmp/a//d/", 0700), 0);
+    EXPECT_TRUE(std::filesystem::is_directory("/tmp/a/d"));
+    EXPECT_EQ(Shell::MakeDirectoryPath("/proc/none/x", 0755), -1);
+}
+
+TEST(ShellPrefixTest, UpperAndLowerCaseAreTheSame) {
+    EXPECT_TRUE(Shell::HasPrefixIgnoringCase("Content-Length: 1", "content-LENGTH"));
+    EXPECT_TRUE(Shell::HasPrefixIgnoringCase("x", ""));
+    EXPECT_FALSE(Shell::HasPrefixIgnoringCase("Content", "Content-Length"));
+    EXPECT_FALSE(Shell::HasPrefixIgnoringCase("Xontent", "c"));
+}
+
+}  // namespace
