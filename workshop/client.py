@@ -1,0 +1,142 @@
+#!/usr/bin/env python3
+"""A diagnostic client: talks to a box's connector service and shows what it asks and what comes back.
+
+Needs nothing but Python, and shares no code with the agent. The exit status is the service's error
+code (0 is success), 100 for a fault and 101 when the box cannot be reached.
+"""
+
+import argparse
+import http.client
+import sys
+import xml.etree.ElementTree as ElementTree
+from xml.sax.saxutils import escape
+
+PATH = "/zel/services/ConnectorService"
+ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
+FAULT = 100
+UNREACHABLE = 101
+
+
+def element(name, text):
+    return f"<{name}>{escape(text)}</{name}>"
+
+
+def build_request(options):
+    """The operation element of the command line."""
+    match options.operation:
+        case "info":
+            return "<getDeviceInformation/>"
+        case "reserve":
+            return (
+                "<reserveDevice>" + element("deviceId", options.device)
+                + element("owner", options.owner) + element("hostLock", options.lock)
+                + "</reserveDevice>"
+            )
+        case "release":
+            return (
+                "<releaseDevice>" + element("handle", options.handle)
+                + element("deviceId", options.device) + "</releaseDevice>"
+            )
+        case "lock":
+            return (
+                "<setHostLock>" + element("handle", options.handle)
+                + element("hostLock", options.lock) + "</setHostLock>"
+            )
+        case "reset":
+            return "<resetTrigger15Edge/>"
+        case "command":
+            parameters = ""
+            for pair in options.parameters:
+                key, _, value = pair.partition("=")
+                parameters += (
+                    "<pParameters>" + element("key", key) + element("value", value)
+                    + "</pParameters>"
+                )
+            return (
+                "<executeGenericCommand>" + element("handle", options.handle)
+                + element("pSubSystem", options.subsystem) + element("pCommand", options.command)
+                + parameters + "</executeGenericCommand>"
+            )
+    return options.xml  # "raw"
+
+
+def send(host, port, operation):
+    """Sends the operation in an envelope; returns the answer's body as text."""
+    body = f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body>{operation}</e:Body></e:Envelope>'
+    connection = http.client.HTTPConnection(host, port, timeout=60)
+    try:
+        connection.request("POST", PATH, body.encode(), {"Content-Type": 'text/xml;charset="utf-8"'})
+        return connection.getresponse().read().decode()
+    finally:
+        connection.close()
+
+
+def local_name(node):
+    return node.tag.rpartition("}")[2]
+
+
+def show(node, depth=1):
+    """Prints an element tree, one line an element."""
+    text = (node.text or "").strip().replace("\n", "\n" + "    " * (depth + 1))
+    print("    " * depth + local_name(node) + (f": {text}" if text else ""))
+    for child in node:
+        show(child, depth + 1)
+
+
+def find(root, name):
+    for node in root.iter():
+        if local_name(node) == name:
+            return (node.text or "").strip()
+    return None
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--host", default="192.168.68.42")
+    parser.add_argument("--port", type=int, default=5302)
+    parser.add_argument("--device", default="TAVO0012345", help="device identifier of the box")
+    parser.add_argument("--quiet", action="store_true", help="print only the handle or the result")
+    operations = parser.add_subparsers(dest="operation", required=True)
+    operations.add_parser("info", help="read the device information")
+    reserve = operations.add_parser("reserve", help="reserve the box; prints the handle")
+    reserve.add_argument("--owner", required=True)
+    reserve.add_argument("--lock", default="", help="the only host that may use the ports")
+    release = operations.add_parser("release", help="release the box")
+    release.add_argument("--handle", required=True)
+    lock = operations.add_parser("lock", help="lock the box to another host")
+    lock.add_argument("--handle", required=True)
+    lock.add_argument("--lock", required=True)
+    operations.add_parser("reset", help="forget the terminal-15 edge")
+    command = operations.add_parser("command", help="run a command on the vehicle interface")
+    command.add_argument("--handle", required=True)
+    command.add_argument("subsystem")
+    command.add_argument("command")
+    command.add_argument("parameters", nargs="*", metavar="key=value")
+    raw = operations.add_parser("raw", help="send an operation element as it stands")
+    raw.add_argument("xml")
+    return parser.parse_args()
+
+
+def main():
+    options = parse_arguments()
+    operation = build_request(options)
+    if not options.quiet:
+        print(f"  asks {options.host}:{options.port}: {operation}")
+    try:
+        root = ElementTree.fromstring(send(options.host, options.port, operation))
+    except (OSError, http.client.HTTPException) as error:
+        print(f"client: {options.host}:{options.port} cannot be reached: {error}", file=sys.stderr)
+        return UNREACHABLE
+    answer = root[0][0]
+    if options.quiet:
+        print(find(root, "handle") or find(root, "value") or find(root, "faultstring") or "")
+    else:
+        print("  answer:")
+        show(answer)
+    if local_name(answer) == "Fault":
+        return FAULT
+    return int(find(root, "error"))
+
+
+if __name__ == "__main__":
+    sys.exit(main())
