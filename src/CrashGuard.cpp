@@ -22,40 +22,58 @@ constexpr int kMaxFrames = 10;
 constexpr std::size_t kThreadNameSize = 16;
 constexpr char kRule[] = "========================================================";
 
+/// What the signal handler notes down of a fault.
+struct Fault {
+    void* address;
+    int cause;
+    std::array<void*, kMaxFrames> frames;
+    int frameCount;
+};
+
 thread_local sigjmp_buf* returnPoint = nullptr;
+thread_local Fault fault;
 thread_local bool reporting = false;
 
-void Report(const siginfo_t& info) {
-    std::array<void*, kMaxFrames> addresses{};
-    const int count = backtrace(addresses.data(), kMaxFrames);
-    char** symbols = backtrace_symbols(addresses.data(), count);
+void Report() {
+    char** symbols = backtrace_symbols(fault.frames.data(), fault.frameCount);
     std::array<char, kThreadNameSize> threadName{};
     prctl(PR_GET_NAME, threadName.data());
 
     ZEL_ERROR("%s", kRule);
     ZEL_ERROR("== FATAL: Segmentation fault detected!");
     ZEL_ERROR("%s", kRule);
-    ZEL_ERROR("==    Address : 0x%.8lX", reinterpret_cast<unsigned long>(info.si_addr));
-    ZEL_ERROR("==    Cause   : %s", info.si_code == SEGV_MAPERR ? "SEGV_MAPERR" : "SEGV_ACCERR");
+    ZEL_ERROR("==    Address : 0x%.8lX", reinterpret_cast<unsigned long>(fault.address));
+    ZEL_ERROR("==    Cause   : %s", fault.cause == SEGV_MAPERR ? "SEGV_MAPERR" : "SEGV_ACCERR");
     ZEL_ERROR("==    PID     : %i (%s)", static_cast<int>(getpid()), threadName.data());
     ZEL_ERROR("%s", kRule);
     ZEL_ERROR("== Backtrace:");
-    for (int i = 0; symbols != nullptr && i < count; ++i) {
+    for (int i = 0; symbols != nullptr && i < fault.frameCount; ++i) {
         ZEL_ERROR("==    %s", symbols[i]);
     }
     ZEL_ERROR("%s", kRule);
     std::free(symbols);
 }
 
-void HandleFault(int /*signal*/, siginfo_t* info, void* /*context*/) {
-    // A second fault, inside the report, ends the thread without a report.
+/// A fault inside the report ends the thread without another one.
+void ReportOnce() {
     if (!reporting) {
         reporting = true;
-        Report(*info);
+        Report();
+    }
+    reporting = false;
+}
+
+void HandleFault(int /*signal*/, siginfo_t* info, void* /*context*/) {
+    if (!reporting) {
+        fault.address = info->si_addr;
+        fault.cause = info->si_code;
+        fault.frameCount = backtrace(fault.frames.data(), kMaxFrames);
     }
     if (returnPoint != nullptr) {
+        // The report is written there, where it may lock and allocate.
         siglongjmp(*returnPoint, 1);
     }
+    ReportOnce();
     pthread_exit(reinterpret_cast<void*>(-1));
 }
 
@@ -92,7 +110,7 @@ bool Run(const std::function<void()>& work) {
         work();
     } else {
         HeldMutex::ReleaseAll();
-        reporting = false;
+        ReportOnce();
     }
     returnPoint = nullptr;
     UseSignalStack(nullptr, 0);

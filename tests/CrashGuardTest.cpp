@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <cstdint>
 #include <fstream>
 #include <future>
 #include <memory>
@@ -16,11 +17,11 @@
 
 namespace {
 
-// Not to be seen through by the compiler: what follows is meant to fault.
-volatile int* volatile nowhere = nullptr;
+// Nothing is mapped there, which the compiler must not know.
+volatile std::uintptr_t nowhere = 0x10;
 
 void Fault() {
-    *nowhere = 1;
+    *reinterpret_cast<volatile int*>(nowhere) = 1;
 }
 
 // How deep the stack is filled; far more than any thread has.
@@ -61,7 +62,7 @@ TEST_F(CrashGuardTest, ReportsTheFaultAndEndsOnlyItsThread) {
     const std::string expected[] = {rule,
                                     "== FATAL: Segmentation fault detected!",
                                     rule,
-                                    "==    Address : 0x00000000",
+                                    "==    Address : 0x00000010",
                                     "==    Cause   : SEGV_MAPERR",
                                     "==    PID     : " + std::to_string(getpid()) + " (faulty)",
                                     rule,
