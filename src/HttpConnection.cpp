@@ -99,61 +99,59 @@ void HttpConnection::Serve() {
 }
 
 bool HttpConnection::ServeRequest() {
-    HttpRequest request;
-    HttpResponse response;
-    SetLocalEnd(socket_.Get(), request);
-    if (!reader_.ReadHead(request)) {
+    request_ = {};
+    response_ = {};
+    servlet_.reset();
+    SetLocalEnd(socket_.Get(), request_);
+    if (!reader_.ReadHead(request_)) {
         std::puts("read_headers() returned < 0 or req->url not set!");
         return false;
     }
-    if (!request.url) {
+    if (!request_.url) {
         std::puts("req->url == (nil)");
         return false;
     }
-    if (request.contentLength != 0 || request.method == HttpRequest::Method::kPost) {
+    if (request_.contentLength != 0 || request_.method == HttpRequest::Method::kPost) {
         // An incomplete body is the servlet's to judge; only what it leaves unread matters here.
-        const bool announced = request.contentLength != 0 || request.chunked;
-        unreadBody_ = !reader_.ReadBody(request) && announced;
+        const bool announced = request_.contentLength != 0 || request_.chunked;
+        unreadBody_ = !reader_.ReadBody(request_) && announced;
     }
-    std::unique_ptr<ZelServlet> servlet;
-    int result = ZelServlet::kDone;
-    LookUp(request, response, servlet, result);
-    const bool sent = Send(response);
-    if (servlet && result == ZelServlet::kPostResponse) {
-        servlet->PostResponse();
+    const int result = CallServlet();
+    const bool sent = Send();
+    if (result == ZelServlet::kPostResponse) {
+        servlet_->PostResponse();
     }
-    return request.keepAlive && sent;
+    return request_.keepAlive && sent;
 }
 
-void HttpConnection::LookUp(const HttpRequest& request, HttpResponse& response,
-                            std::unique_ptr<ZelServlet>& servlet, int& result) const {
+int HttpConnection::CallServlet() {
     const auto found =
-        std::find_if(registry_.begin(), registry_.end(), [&request](const ZelServlet* candidate) {
-            return candidate->Matches(*request.url, request.localPort);
+        std::find_if(registry_.begin(), registry_.end(), [this](const ZelServlet* candidate) {
+            return candidate->Matches(*request_.url, request_.localPort);
         });
     if (found == registry_.end()) {
-        ZEL_DEBUG("No handler found for '%s'", request.url->c_str());
-        response.keepAlive = false;
-        return;
+        ZEL_DEBUG("No handler found for '%s'", request_.url->c_str());
+        response_.keepAlive = false;
+        return ZelServlet::kDone;
     }
-    servlet = (*found)->MakeInstance();
-    ZEL_DEBUG("Passing request for '%s' to %s", request.url->c_str(), servlet->GetName().c_str());
-    result = servlet->Service(request, response);
+    servlet_ = (*found)->MakeInstance();
+    ZEL_DEBUG("Passing request for '%s' to %s", request_.url->c_str(), servlet_->GetName().c_str());
+    return servlet_->Service(request_, response_);
 }
 
-bool HttpConnection::Send(HttpResponse& response) const {
-    if (response.status != kOk && response.body.empty()) {
-        response.body = kNotFoundText;
+bool HttpConnection::Send() {
+    if (response_.status != kOk && response_.body.empty()) {
+        response_.body = kNotFoundText;
     }
-    std::string head = Head(response);
+    std::string head = Head(response_);
     std::array<iovec, 2> parts{iovec{head.data(), head.size()},
-                               iovec{response.body.data(), response.body.size()}};
+                               iovec{response_.body.data(), response_.body.size()}};
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
 
     const Clock::time_point deadline = Clock::now() + kResponseTimeLimit;
-    std::size_t left = head.size() + response.body.size();
+    std::size_t left = head.size() + response_.body.size();
     while (left > 0) {
         const ssize_t sent = sendmsg(socket_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0) {

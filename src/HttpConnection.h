@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <vector>
 
 #include "HttpMessageReader.h"
@@ -31,13 +32,16 @@ public:
 
 private:
     bool ServeRequest();
-    void LookUp(const HttpRequest& request, HttpResponse& response,
-                std::unique_ptr<ZelServlet>& servlet, int& result) const;
-    bool Send(HttpResponse& response) const;
+    int CallServlet();
+    bool Send();
     void Linger() const;
 
     SocketGuard socket_;
     const ServletRegistry& registry_;
     HttpMessageReader reader_;
     bool unreadBody_ = false;
+    // Of the request being served. Not on the stack: a fault abandons that, but not the connection.
+    HttpRequest request_;
+    HttpResponse response_;
+    std::unique_ptr<ZelServlet> servlet_;
 };

@@ -4,6 +4,7 @@
 #include <libxml/xmlstring.h>
 
 #include <cstring>
+#include <utility>
 
 namespace XmlText {
 namespace {
@@ -19,7 +20,10 @@ const char* ToChars(const xmlChar* text) {
 
 Document Parse(const std::string& text) {
     const int length = static_cast<int>(std::strlen(text.c_str()));
-    return Document(xmlReadMemory(text.c_str(), length, kDocumentName, nullptr, XML_PARSE_NONET));
+    Document document(xmlReadMemory(text.c_str(), length, kDocumentName, nullptr, XML_PARSE_NONET));
+    // A message may hold no document type declaration (SOAP 1.1, section 3): with its entities a
+    // few bytes could stand for gigabytes of text.
+    return document && document->intSubset == nullptr ? std::move(document) : nullptr;
 }
 
 std::string_view LocalName(const xmlNode* node) {

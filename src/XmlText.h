@@ -15,7 +15,8 @@ struct FreeDocument {
 using Document = std::unique_ptr<xmlDoc, FreeDocument>;
 
 /// Parses `text` up to its first zero byte. Nothing but the text itself is read: no DTD, no
-/// external entity, nothing from the network. Null when it is not well-formed.
+/// external entity, nothing from the network. Null when it is not well-formed or declares a
+/// document type.
 Document Parse(const std::string& text);
 
 /// First child element of `parent` with that local name, or null. `parent` may be null.
