@@ -1,10 +1,10 @@
 #include "CrashGuard.h"
 
 #include <execinfo.h>
-#include <pthread.h>
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
@@ -74,7 +74,9 @@ void HandleFault(int /*signal*/, siginfo_t* info, void* /*context*/) {
         siglongjmp(*returnPoint, 1);
     }
     ReportOnce();
-    pthread_exit(reinterpret_cast<void*>(-1));
+    // Not pthread_exit(): it unwinds the stack, and where a destructor stands on it that ends the
+    // process.
+    syscall(SYS_exit, -1);
 }
 
 void UseSignalStack(void* memory, std::size_t size) {

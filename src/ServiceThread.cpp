@@ -16,9 +16,12 @@ struct Start {
 };
 
 void* Main(void* argument) {
-    const std::unique_ptr<Start> start(static_cast<Start*>(argument));
+    auto* const start = static_cast<Start*>(argument);
     prctl(PR_SET_NAME, start->name.c_str());
-    return CrashGuard::Run(start->work) ? nullptr : reinterpret_cast<void*>(-1);
+    const bool completed = CrashGuard::Run(start->work);
+    // After a fault, what the work owns may be in a state that cannot be destroyed.
+    const bool destroyed = CrashGuard::Run([start] { delete start; });
+    return completed && destroyed ? nullptr : reinterpret_cast<void*>(-1);
 }
 
 class ThreadAttributes {

@@ -141,7 +141,7 @@ class Agent:
 
     def wait_until_serving(self):
         def serving():
-            assert self.process.poll() is None, self.output.read_text()
+            assert self.process.poll() is None, self.read_output()
             with contextlib.suppress(ConnectionRefusedError):
                 return connect().close() or True
         wait_until(serving, "the agent serves")
@@ -159,7 +159,10 @@ class Agent:
     def check_output(self):
         for bad in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
                     "WARNING: ThreadSanitizer"):
-            assert bad not in self.output.read_text(), self.output.read_text()[-8000:]
+            assert bad not in self.read_output(), self.read_output()[-8000:]
+
+    def read_output(self):
+        return self.output.read_text(errors="replace")
 
     def status(self, name):
         text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
@@ -169,5 +172,13 @@ class Agent:
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def threads(self):
-        return {int(tid): pathlib.Path(f"/proc/{self.pid}/task/{tid}/comm").read_text().strip()
-                for tid in os.listdir(f"/proc/{self.pid}/task")}
+        """Names of the threads by their ids."""
+        names = {}
+        for tid in os.listdir(f"/proc/{self.pid}/task"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
+                names[int(tid)] = pathlib.Path(f"/proc/{self.pid}/task/{tid}/comm").read_text().strip()
+        return names
+
+    def connections(self):
+        """Ids of the threads that serve a connection."""
+        return [tid for tid, name in self.threads().items() if name == "WebServer:Proto"]
