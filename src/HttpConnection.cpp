@@ -179,7 +179,7 @@ bool HttpConnection::Send() {
 void HttpConnection::Linger() const {
     shutdown(socket_.Get(), SHUT_WR);
     const Clock::time_point deadline = Clock::now() + kLingerTime;
-    std::array<char, 4096> discarded;
+    std::array<char, 4096> discarded{};
     std::size_t total = 0;
     while (total < kLingerBytes && WaitFor(socket_.Get(), POLLIN, deadline)) {
         const ssize_t received = recv(socket_.Get(), discarded.data(), discarded.size(), 0);

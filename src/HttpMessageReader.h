@@ -59,5 +59,5 @@ private:
     std::size_t headSize_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
-    std::array<char, 4096> buffer_;
+    std::array<char, 4096> buffer_{};
 };

@@ -20,8 +20,6 @@
 #include "SocketGuard.h"
 #include "ZelLogging.h"
 
-extern char** environ;
-
 namespace {
 
 constexpr std::size_t kPieceSize = 1024;
@@ -103,7 +101,7 @@ bool Shell::RunSystemWithResult(std::string& result, const char* format, ...) {
         LogStartFailure(command.data(), error);
         return false;
     }
-    std::array<char, kPieceSize> piece;
+    std::array<char, kPieceSize> piece{};
     for (;;) {
         const ssize_t count = read(reading.Get(), piece.data(), piece.size());
         if (count > 0) {

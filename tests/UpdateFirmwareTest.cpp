@@ -33,7 +33,7 @@ std::string ActiveImage() {
 }
 
 std::string NewImage(const std::string& content) {
-    const std::string path = "/tmp/new.image";
+    std::string path = "/tmp/new.image";
     std::ofstream(path, std::ios::binary) << content;
     return path;
 }

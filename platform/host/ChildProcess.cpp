@@ -16,8 +16,6 @@
 
 #include "Descriptor.h"
 
-extern char** environ;
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -157,7 +155,7 @@ private:
     }
 
     bool Collect() {
-        std::array<char, 4096> part;
+        std::array<char, 4096> part{};
         const ssize_t received =
             polled_[1].fd < 0 ? 0 : recv(polled_[1].fd, part.data(), part.size(), MSG_DONTWAIT);
         if (received < 0) {

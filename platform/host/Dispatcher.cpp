@@ -60,7 +60,7 @@ int CommandExecution(const std::string& subsystem, const std::string& command,
     }
     std::string input;
     for (const auto& [key, value] : parameters) {
-        input += key + "=" + value + "\n";
+        input.append(key).append("=").append(value).append("\n");
     }
     Log().Log(kInfo, "Dispatcher", __LINE__, "Run command %s/%s", subsystem.c_str(),
               command.c_str());

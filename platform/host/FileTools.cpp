@@ -69,7 +69,7 @@ bool ReplaceByCopy(const std::string& path, const std::string& source) {
     bool complete = false;
     {
         const Descriptor out = OpenTemporary(path);
-        std::array<char, 64 * 1024> block;
+        std::array<char, 64 * 1024> block{};
         ssize_t count = -1;
         complete = out.Get() >= 0;
         while (complete && (count = read(in.Get(), block.data(), block.size())) > 0) {
