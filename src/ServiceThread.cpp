@@ -63,11 +63,10 @@ bool ServiceThread::Start(const char* name, std::function<void()> work) {
     return running_;
 }
 
-void ServiceThread::Join() {
-    if (running_) {
-        pthread_join(thread_, nullptr);
-        running_ = false;
-    }
+bool ServiceThread::Join() {
+    const bool joined = !running_ || pthread_join(thread_, nullptr) == 0;
+    running_ = false;
+    return joined;
 }
 
 bool ServiceThread::StartDetached(const char* name, std::function<void()> work) {

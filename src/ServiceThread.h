@@ -21,8 +21,9 @@ public:
     /// Starts a joinable thread named `name` (at most 15 characters reach the system). Returns
     /// false when no thread can be made.
     bool Start(const char* name, std::function<void()> work);
-    /// Waits for the thread's end; nothing to wait for is no error.
-    void Join();
+    /// Waits for the thread's end; nothing to wait for is no error. Returns false when it cannot be
+    /// waited for.
+    bool Join();
 
     /// Starts a thread that is nobody's to join. Returns false when no thread can be made.
     /// `work` and what it owns are destroyed on the thread, also when it faults.

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "DiagnosticChannels.h"
 #include "Dispatcher.h"
 #include "Namespaces.h"
 #include "XmlText.h"
@@ -116,14 +117,11 @@ std::string Channel(const std::string& ip, const char* name, const char* port, c
 }
 
 std::string Channels(const ZelConfig& config, bool reserved) {
-    const auto isOn = [&config](const char* key) { return config.Get(key) == "1"; };
     const std::string ip = SignedAddress(config.Get("network.current.lan.ip"));
-    const bool canActive =
-        !isOn("diag.connected.tavo_c") && !isOn("diag.connected.tavo_d") && reserved;
-    const bool mostActive = isOn("diag.most.lighton") && isOn("diag.most.tavobstate") && reserved;
+    const DiagnosticChannels usable = DiagnosticChannels::Read(config);
     return Tabs(4) + "<channels>\n" + Channel(ip, "KLine", "6801", "0", reserved) +
-           Channel(ip, "DCAN", "6801", "1", canActive) +
-           Channel(ip, "MOST", "6802", "2", mostActive) + Tabs(4) + "</channels>\n";
+           Channel(ip, "DCAN", "6801", "1", usable.dCan && reserved) +
+           Channel(ip, "MOST", "6802", "2", usable.most && reserved) + Tabs(4) + "</channels>\n";
 }
 
 std::string CurrentNetworkConfig(const ZelConfig& config) {

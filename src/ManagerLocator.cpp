@@ -1,0 +1,154 @@
+#include "ManagerLocator.h"
+
+#include <algorithm>
+
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kUnicastPatience{1000};
+constexpr std::chrono::milliseconds kMulticastPatience{2000};
+constexpr int kUnicastAttempts = 3;
+// Multicast attempts, counted from 0, after which a failure has a consequence.
+constexpr int kOpeningAttempt = 0;
+constexpr int kReportingAttempt = 3;
+
+constexpr char kServiceMark[] = "Service=zel-manager";
+constexpr char kAddressMark[] = "ClusterIP=";
+constexpr char kAddressAttribute[] = "ClusterIP";
+
+bool IsControl(char character) {
+    constexpr unsigned char kFirstPrintable = 0x20;
+    constexpr unsigned char kDelete = 0x7f;
+    const auto code = static_cast<unsigned char>(character);
+    return code < kFirstPrintable || code == kDelete;
+}
+
+/// `value` without the characters that enclose it. False when nothing usable is left: the address
+/// goes into the log, the configuration file and the manager's requests, where a line break would
+/// begin something of its own.
+bool ReadEnclosed(const std::string& value, std::string& address) {
+    constexpr std::size_t kEnclosing = 2;
+    if (value.size() <= kEnclosing) {
+        return false;
+    }
+    address = value.substr(1, value.size() - kEnclosing);
+    return std::none_of(address.begin(), address.end(), IsControl);
+}
+
+}  // namespace
+
+ManagerLocator::ManagerLocator(ZelConfig& config, DiscoverModeCtrl& mode, const SlpBase& socket)
+    : config_(config), mode_(mode), socket_(socket) {}
+
+bool ManagerLocator::LocateManager() {
+    ZEL_DEBUG("Locate ZEL-Manager");
+    if (!TryUnicast() && !TryMulticast()) {
+        return false;
+    }
+    config_.Set(kFoundKey, ManagerAddress(), ZelConfig::Kind::kPersistent);
+    if (!config_.Save()) {
+        ZEL_ERROR("Can't save the manager's address");
+    }
+    return true;
+}
+
+bool ManagerLocator::TryUnicast() {
+    const std::string remembered = config_.Get(kRememberedKey);
+    for (int attempt = 0; attempt < kUnicastAttempts && !IsStopped(); ++attempt) {
+        ZEL_DEBUG("discover manager using unicast to %s", remembered.c_str());
+        {
+            const std::lock_guard lock(mutex_);
+            managerFound_ = false;
+        }
+        if (Ask(remembered, kUnicastPatience)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ManagerLocator::TryMulticast() {
+    ZEL_DEBUG("discover manager using multicast");
+    for (int attempt = 0; !IsStopped(); attempt = std::min(attempt + 1, kReportingAttempt + 1)) {
+        if (Ask("", kMulticastPatience)) {
+            return true;
+        }
+        if (!IsStopped()) {
+            OnMulticastFailure(attempt);
+        }
+    }
+    return false;
+}
+
+void ManagerLocator::OnMulticastFailure(int attempt) {
+    if (attempt == kOpeningAttempt) {
+        ZEL_DEBUG("go to receive");
+        config_.Set("zel.state.startup", "1", ZelConfig::Kind::kFixed);
+    } else if (attempt == kReportingAttempt) {
+        mode_.Event(DiscoverModeCtrl::Trigger::kNotFound);
+    }
+}
+
+bool ManagerLocator::Ask(const std::string& address, std::chrono::milliseconds patience) {
+    AskManager(address);
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, patience, [this] { return managerFound_ || stopped_; });
+    requestOutstanding_ = false;
+    return managerFound_;
+}
+
+void ManagerLocator::AskManager(const std::string& address) {
+    SlpRequest request;
+    request.peerPort = kManagerPort;
+    request.peerAddress = address.empty() ? SlpBase::kMulticastAddress : address;
+    request.functionId = SlpFunction::kAttrRqst;
+    request.languageTag = "en";
+    request.scopeList = "default";
+    request.url = "service:zel.manager";
+    {
+        const std::lock_guard lock(mutex_);
+        requestOutstanding_ = true;
+    }
+    socket_.Send(request);
+}
+
+int ManagerLocator::OnAttributeReply(SlpReply& reply) {
+    const std::lock_guard lock(mutex_);
+    if (!requestOutstanding_ || !reply.attrList ||
+        reply.attrList->find(kServiceMark) == std::string::npos ||
+        reply.attrList->find(kAddressMark) == std::string::npos) {
+        return -1;
+    }
+    std::string value;
+    std::string address;
+    if (SlpBase::FindAttribute(*reply.attrList, kAddressAttribute, value) != 0 ||
+        !ReadEnclosed(value, address)) {
+        ZEL_ERROR("ClusterIP from %s holds no address", reply.peerAddress.c_str());
+        return -1;
+    }
+    managerAddress_ = address;
+    if (!mode_.SharesNetworkWith(managerAddress_)) {
+        return -1;
+    }
+    managerFound_ = true;
+    changed_.notify_all();
+    ZEL_DEBUG("Contained ClusterIP %s", managerAddress_.c_str());
+    return 0;
+}
+
+std::string ManagerLocator::ManagerAddress() const {
+    const std::lock_guard lock(mutex_);
+    return managerAddress_;
+}
+
+void ManagerLocator::Stop() {
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+    changed_.notify_all();
+}
+
+bool ManagerLocator::IsStopped() const {
+    const std::lock_guard lock(mutex_);
+    return stopped_;
+}

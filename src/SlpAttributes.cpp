@@ -1,0 +1,214 @@
+#include "SlpAttributes.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <limits>
+
+#include "ColorTable.h"
+#include "DeviceReservation.h"
+#include "DiagnosticChannels.h"
+#include "ZelLogging.h"
+
+namespace SlpAttributes {
+namespace {
+
+struct Source {
+    const ZelConfig& config;
+    std::int32_t counter;
+};
+
+/// Makes the value of a row; `argument` is what the row holds for it, most often a key.
+using Value = std::string (*)(const Source& source, const char* argument);
+
+struct Row {
+    const char* label;
+    Value value;
+    const char* argument;
+};
+
+/// Reads a number as scanf's %d (base 10) and %i (base 0) do, held within an int. Returns what
+/// follows it, or null when there is no number.
+const char* ReadInt(const char* text, int base, int& number) {
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, base);
+    if (end == text) {
+        return nullptr;
+    }
+    number = static_cast<int>(std::clamp(value, static_cast<long>(std::numeric_limits<int>::min()),
+                                         static_cast<long>(std::numeric_limits<int>::max())));
+    return end;
+}
+
+using AddressParts = std::array<int, 4>;
+
+/// Reads "%i.%i.%i.%i": the parts from the first one that is no number on stay as they were.
+void ReadAddress(const std::string& text, AddressParts& parts) {
+    constexpr int kAnyBase = 0;
+    const char* position = text.c_str();
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (i > 0 && *position++ != '.') {
+            return;
+        }
+        position = ReadInt(position, kAnyBase, parts[i]);
+        if (position == nullptr) {
+            return;
+        }
+    }
+}
+
+std::string ToSignedDecimal(const AddressParts& parts) {
+    std::uint32_t address = 0;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        constexpr std::uint32_t kPartBits = 8;
+        address |= static_cast<std::uint32_t>(parts[i])
+                   << (kPartBits * static_cast<std::uint32_t>(parts.size() - 1 - i));
+    }
+    return std::to_string(static_cast<std::int32_t>(address));
+}
+
+bool IsWired(const ZelConfig& config) {
+    return config.Get("net.current.networktype") == "0";
+}
+
+/// `argument` is the attribute's last word.
+std::string OfCurrentNetwork(const Source& source, const char* argument) {
+    const char* const prefix =
+        IsWired(source.config) ? "network.current.lan." : "network.current.wlan.";
+    return source.config.Get(prefix + std::string(argument));
+}
+
+std::string Text(const Source& /*source*/, const char* argument) {
+    return argument;
+}
+
+std::string Stored(const Source& source, const char* argument) {
+    return source.config.Get(argument);
+}
+
+std::string StoredOr(const Source& source, const char* argument, const char* fallback) {
+    std::string value;
+    return source.config.Get(argument, value) ? value : fallback;
+}
+
+std::string StoredOrZero(const Source& source, const char* argument) {
+    return StoredOr(source, argument, "0");
+}
+
+std::string StoredOrEmptyList(const Source& source, const char* argument) {
+    return StoredOr(source, argument, "[]");
+}
+
+std::string ColorValue(const Source& source, const char* argument) {
+    return std::string(ColorTable::ValueOf(source.config.Get(argument)));
+}
+
+std::string Counter(const Source& source, const char* /*argument*/) {
+    return std::to_string(source.counter);
+}
+
+std::string IsNotZero(const Source& source, const char* argument) {
+    return source.config.Get(argument) == "0" ? "false" : "true";
+}
+
+std::string UsableChannels(const Source& source, const char* /*argument*/) {
+    return DiagnosticChannels::Read(source.config).ToText();
+}
+
+AddressParts GatewayParts(const Source& source) {
+    AddressParts parts{};
+    ReadAddress(source.config.Get("network.current.defaultgateway"), parts);
+    return parts;
+}
+
+std::string NetGateway(const Source& source, const char* /*argument*/) {
+    return ToSignedDecimal(GatewayParts(source));
+}
+
+/// Clients know the net mask that cannot be read as the gateway's address.
+std::string NetMask(const Source& source, const char* argument) {
+    AddressParts parts = GatewayParts(source);
+    ReadAddress(OfCurrentNetwork(source, argument), parts);
+    return ToSignedDecimal(parts);
+}
+
+std::string WithoutLastTwo(const Source& source, const char* argument) {
+    constexpr std::size_t kCut = 2;
+    const std::string value = source.config.Get(argument);
+    return value.size() > kCut ? value.substr(0, value.size() - kCut) : value;
+}
+
+std::string IsReserved(const Source& source, const char* argument) {
+    return source.config.Get(argument) == DeviceReservation::kReserved ? "1" : "0";
+}
+
+constexpr Row kConnectorRows[] = {
+    {"(DevId=", Stored, "tavo.hostname"},
+    {"),(Service=", Text, "zel-connector"},
+    {"),(Serial=TAVO", Stored, "hardware.serial"},
+    {"),(MacAddress=", Stored, "network.mac.lan"},
+    {"),(DevType=", Stored, "hardware.devtype"},
+    {"),(ImageVersionBoot=", Stored, "system.version.boot"},
+    {"),(ImageVersionApplication=", Stored, "system.version.app"},
+    {"),(ImageVersionPackage=", Stored, "system.version.pkg"},
+    {"),(Color=", ColorValue, "tavo.color"},
+    {"),(Counter=", Counter, nullptr},
+    {"),(State=", Stored, "zel.state.current"},
+    {"),(Owner=", Stored, "zel.state.owner"},
+    {"),(Kl15Voltage=", Stored, "system.voltage.kl15"},
+    {"),(Kl30Voltage=", Stored, "system.voltage.kl30"},
+    {"),(Kl15Trigger=", IsNotZero, "system.voltage.kl15trig"},
+    {"),(SignalStrength=", StoredOrZero, "network.current.wlan.quality"},
+    {"),(VIN=", Stored, "diag.kvad.vin"},
+    {"),(Gateway=", Stored, "diag.kvad.gateway"},
+    {"),(Diag=", StoredOrEmptyList, "diag.kvad.sg_list"},
+    // The key is spelt as its provider spells it.
+    {"),(AccuCapacity=", Stored, "hardware.batttery.capactiy"},
+    {"),(VciChannels=", UsableChannels, nullptr},
+    {"),(Netmask=", NetMask, "netmask"},
+    {"),(NetGateway=", NetGateway, nullptr},
+    {"),(NetworkType=", Stored, "net.current.networktype"},
+    {"),(UUID=", Stored, "zel.state.uuid"},
+};
+
+constexpr Row kLegacyRows[] = {
+    {"(DevClass=HUX-VCI)(FirmwareRev=", WithoutLastTwo, "system.version.app"},
+    {")(MacAddress=", Stored, "network.mac.lan"},
+    {")(VciChannel1=TELMANO:", Stored, "tavo.hostname"},
+    {":6801)(VciChannel2=TELMANO:", Stored, "tavo.hostname"},
+    {":6802)(RkoUrl=//", Stored, "tavo.hostname"},
+    {":5302/rKO)(description=TAVO, Velka, QK20417B)(IsAllocated=", IsReserved, "zel.state.current"},
+    {")(IpAddress=", OfCurrentNetwork, "ip"},
+    {")(AssignedColor=", Stored, "tavo.color"},
+    {")(VciChannels=2)(DevType=", Stored, "hardware.devtype"},
+};
+
+template <std::size_t N>
+std::string MakeList(const Row (&rows)[N], const Source& source) {
+    std::string list;
+    for (const Row& row : rows) {
+        list += row.label + row.value(source, row.argument);
+    }
+    return list + ")";
+}
+
+int ReadVoltage(const ZelConfig& config, const char* key) {
+    constexpr int kDecimal = 10;
+    int voltage = 0;
+    ReadInt(config.Get(key).c_str(), kDecimal, voltage);
+    return voltage;
+}
+
+}  // namespace
+
+std::string ConnectorList(const ZelConfig& config, std::int32_t counter) {
+    ZEL_DEBUG("Kl30 voltage %d: Kl15 voltage %d", ReadVoltage(config, "system.voltage.kl30"),
+              ReadVoltage(config, "system.voltage.kl15"));
+    return MakeList(kConnectorRows, {config, counter});
+}
+
+std::string LegacyList(const ZelConfig& config) {
+    return MakeList(kLegacyRows, {config, 0});
+}
+
+}  // namespace SlpAttributes

@@ -1,0 +1,155 @@
+#include "ZelSlpService.h"
+
+#include <strings.h>
+
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "OplaMode.h"
+#include "SlpAttributes.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kStartupKey[] = "zel.state.startup";
+constexpr char kDefaultScope[] = "default";
+constexpr char kConnectorType[] = "service:zel.connector";
+constexpr char kLegacyType[] = "service:hux-vci";
+// Clients know the comma at the end. As a URL it names neither host nor path: they take the
+// address from the datagram.
+constexpr char kTypeList[] = "service:zel.connector,service:hux-vci,";
+constexpr std::uint16_t kLifetimeSeconds = 65530;
+
+bool EqualsIgnoringCase(const std::string& left, const char* right) {
+    return strcasecmp(left.c_str(), right) == 0;
+}
+
+bool Contains(const std::string& text, const char* part) {
+    return text.find(part) != std::string::npos;
+}
+
+SlpReply ReplyTo(const SlpRequest& request, std::uint32_t functionId) {
+    SlpReply reply;
+    reply.localPort = SlpBase::kPort;
+    reply.peerPort = request.peerPort;
+    reply.peerAddress = request.peerAddress;
+    reply.functionId = functionId;
+    reply.xid = request.xid;
+    reply.languageTag = "en";
+    return reply;
+}
+
+}  // namespace
+
+ZelSlpService::ZelSlpService(ZelConfig& config, DiscoverModeCtrl& mode,
+                             std::function<void()> signIn)
+    : config_(config),
+      mode_(mode),
+      signIn_(std::move(signIn)),
+      locator_(config, mode, socket_),
+      // The first list has the most negative number, so that clients see it change from the start.
+      counter_(std::numeric_limits<std::int32_t>::max()) {}
+
+ZelSlpService::~ZelSlpService() {
+    Stop(kAnswering | kSignIn);
+}
+
+bool ZelSlpService::Start(unsigned flags) {
+    if (!socket_.Open("0.0.0.0", SlpBase::kPort)) {
+        ZEL_ERROR("Can't open SLP socket on port %d!", SlpBase::kPort);
+    }
+    return answering_.Start("ZelSlpService", [this] { AnswerRequests(); }) &&
+           ((flags & kSignIn) == 0 || signingIn_.Start("OrsSignInService", [this] { SignIn(); }));
+}
+
+bool ZelSlpService::Stop(unsigned flags) {
+    socket_.Interrupt();
+    bool joined = answering_.Join();
+    if ((flags & kSignIn) != 0) {
+        locator_.Stop();
+        joined &= signingIn_.Join();
+    }
+    return joined;
+}
+
+void ZelSlpService::AnswerRequests() {
+    while (!socket_.IsInterrupted()) {
+        std::optional<SlpMessage> message = socket_.Receive();
+        if (message) {
+            Handle(*message);
+        }
+    }
+}
+
+void ZelSlpService::Handle(SlpMessage& message) {
+    if (auto* const received = std::get_if<SlpReply>(&message)) {
+        // Also before the box is open to clients: the manager is located meanwhile.
+        if (received->functionId == SlpFunction::kAttrRply) {
+            locator_.OnAttributeReply(*received);
+        }
+        return;
+    }
+    if (config_.Get(kStartupKey) == "0") {
+        return;
+    }
+    const std::optional<SlpReply> reply = Answer(std::get<SlpRequest>(message));
+    if (reply) {
+        socket_.Send(*reply);
+    }
+}
+
+std::optional<SlpReply> ZelSlpService::Answer(const SlpRequest& request) {
+    switch (request.functionId) {
+        case SlpFunction::kAttrRqst:
+            return AnswerAttributes(request);
+        case SlpFunction::kSrvTypeRqst: {
+            SlpReply reply = ReplyTo(request, SlpFunction::kSrvTypeRply);
+            reply.serviceTypeList = kTypeList;
+            return reply;
+        }
+        case SlpFunction::kSrvRqst: {
+            if (request.serviceType && !Contains(*request.serviceType, kConnectorType) &&
+                !Contains(*request.serviceType, kLegacyType)) {
+                return std::nullopt;
+            }
+            SlpReply reply = ReplyTo(request, SlpFunction::kSrvRply);
+            reply.urlEntries.push_back({kLifetimeSeconds, kTypeList});
+            return reply;
+        }
+        default:
+            return std::nullopt;
+    }
+}
+
+std::optional<SlpReply> ZelSlpService::AnswerAttributes(const SlpRequest& request) {
+    if (!request.scopeList || !EqualsIgnoringCase(*request.scopeList, kDefaultScope)) {
+        return std::nullopt;
+    }
+    SlpReply reply = ReplyTo(request, SlpFunction::kAttrRply);
+    if (!request.url || EqualsIgnoringCase(*request.url, kConnectorType)) {
+        reply.attrList = SlpAttributes::ConnectorList(config_, NextCounter());
+        if (mode_.SharesNetworkWith(request.peerAddress)) {
+            mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+        }
+        return reply;
+    }
+    if (EqualsIgnoringCase(*request.url, kLegacyType)) {
+        reply.attrList = SlpAttributes::LegacyList(config_);
+        return reply;
+    }
+    return std::nullopt;
+}
+
+std::int32_t ZelSlpService::NextCounter() {
+    return static_cast<std::int32_t>(++counter_);
+}
+
+void ZelSlpService::SignIn() {
+    if (IsOplaNext(config_) || !locator_.LocateManager()) {
+        return;
+    }
+    signIn_();
+    ZEL_DEBUG("go to receive");
+    config_.Set(kStartupKey, "1", ZelConfig::Kind::kFixed);
+}

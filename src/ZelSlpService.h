@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+
+#include "DiscoverModeCtrl.h"
+#include "ManagerLocator.h"
+#include "ServiceThread.h"
+#include "SlpMessage.h"
+#include "ZelConfig.h"
+#include "slpBase.h"
+
+/// Makes the box findable by SLP (RFC 2608) under "service:zel.connector" and, for older clients,
+/// "service:hux-vci", on UDP port 427 of every interface; and signs it in with the manager once it
+/// has found one (ManagerLocator). It runs once: a stopped service is not started again.
+class ZelSlpService {
+public:
+    // Bits of the flags of Start() and Stop(). The answering thread is meant in any case.
+    static constexpr unsigned kAnswering = 1;
+    static constexpr unsigned kSignIn = 2;
+
+    /// `signIn` runs on the sign-in thread when the manager's address is stored; it comes to its
+    /// end by itself, Stop() waits for it.
+    ZelSlpService(ZelConfig& config, DiscoverModeCtrl& mode, std::function<void()> signIn);
+    /// Stops both threads.
+    ~ZelSlpService();
+    ZelSlpService(const ZelSlpService&) = delete;
+    ZelSlpService& operator=(const ZelSlpService&) = delete;
+
+    /// Opens the socket and starts the answering thread and, with kSignIn, the sign-in thread. To
+    /// be called when the interface is configured: the multicast groups are joined on it. Returns
+    /// false when a thread cannot be made. A socket that cannot be opened is only logged.
+    bool Start(unsigned flags);
+
+    /// Stops the answering thread and, with kSignIn, the sign-in thread, and waits for them.
+    /// Returns false when one cannot be waited for.
+    bool Stop(unsigned flags);
+
+private:
+    void AnswerRequests();
+    void Handle(SlpMessage& message);
+    std::optional<SlpReply> Answer(const SlpRequest& request);
+    std::optional<SlpReply> AnswerAttributes(const SlpRequest& request);
+    std::int32_t NextCounter();
+    void SignIn();
+
+    ZelConfig& config_;
+    DiscoverModeCtrl& mode_;
+    std::function<void()> signIn_;
+    SlpBase socket_;
+    ManagerLocator locator_;
+    std::uint32_t counter_;  // of the answering thread
+    ServiceThread answering_;
+    ServiceThread signingIn_;
+};

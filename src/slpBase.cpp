@@ -1,0 +1,172 @@
+#include "slpBase.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "SlpCodec.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr const char* kGroups[] = {SlpBase::kMulticastAddress, "239.255.1.1"};
+constexpr int kFailurePauseMilliseconds = 1000;
+
+bool ToSocketAddress(const std::string& dotted, std::uint32_t port, sockaddr_in& address) {
+    address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    return inet_pton(AF_INET, dotted.c_str(), &address.sin_addr) == 1;
+}
+
+void FillPeer(const sockaddr_in& peer, SlpHead& head) {
+    std::array<char, INET_ADDRSTRLEN> dotted{};
+    inet_ntop(AF_INET, &peer.sin_addr, dotted.data(), dotted.size());
+    head.peerAddress = dotted.data();
+    head.peerPort = ntohs(peer.sin_port);
+}
+
+std::optional<SlpMessage> DecodeReceived(const SlpCodec::Datagram& datagram, std::size_t size) {
+    const std::uint32_t length = SlpCodec::DeclaredLength(datagram);
+    if (length != size) {
+        ZEL_DEBUG("incomplete packet (%lu != %lu)\n", static_cast<unsigned long>(length),
+                  static_cast<unsigned long>(size));
+        return std::nullopt;
+    }
+    if (length > SlpCodec::kMaxSize) {
+        ZEL_DEBUG("Invalid packet length %lu\n", static_cast<unsigned long>(length));
+        return std::nullopt;
+    }
+    std::optional<SlpMessage> message = SlpCodec::Decode(datagram);
+    if (!message) {
+        ZEL_DEBUG("Unsupported SLP request type %d\n",
+                  static_cast<int>(SlpCodec::FunctionId(datagram)));
+    }
+    return message;
+}
+
+}  // namespace
+
+SlpBase::SlpBase() : interruption_(eventfd(0, EFD_CLOEXEC)) {}
+
+bool SlpBase::Open(const std::string& address, std::uint16_t port) {
+    Close();
+    SocketGuard opened(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    sockaddr_in local{};
+    if (opened.Get() < 0 || !ToSocketAddress(address, port, local) ||
+        setsockopt(opened.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(opened.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+        return false;
+    }
+    for (const char* group : kGroups) {
+        ip_mreqn membership{};  // any interface: the one that the group is routed to
+        inet_pton(AF_INET, group, &membership.imr_multiaddr);
+        setsockopt(opened.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
+    }
+    socket_.Reset(opened.Release());
+    return true;
+}
+
+void SlpBase::Close() {
+    socket_.Reset();
+}
+
+std::optional<SlpMessage> SlpBase::Receive() const {
+    SlpCodec::Datagram datagram{};
+    sockaddr_in peer{};
+    socklen_t peerSize = sizeof peer;
+    ssize_t received = 0;
+    do {
+        if (socket_.Get() >= 0 && !WaitForDatagram(-1)) {
+            return std::nullopt;
+        }
+        // A datagram that woke the wait up may turn out to be damaged and be gone.
+        received = recvfrom(socket_.Get(), datagram.data(), datagram.size(), MSG_DONTWAIT,
+                            reinterpret_cast<sockaddr*>(&peer), &peerSize);
+    } while (received < 0 && (errno == EAGAIN || errno == EINTR));
+    if (received <= 0) {
+        ZEL_DEBUG("recvfrom() == %lu\n", static_cast<unsigned long>(received));
+        if (received < 0) {
+            InterruptedWithin(kFailurePauseMilliseconds);
+        }
+        return std::nullopt;
+    }
+    std::optional<SlpMessage> message =
+        DecodeReceived(datagram, static_cast<std::size_t>(received));
+    if (message) {
+        std::visit([&peer](SlpHead& head) { FillPeer(peer, head); }, *message);
+    }
+    return message;
+}
+
+std::optional<SlpMessage> SlpBase::ReceiveWithin(std::chrono::milliseconds patience) const {
+    if (!WaitForDatagram(static_cast<int>(patience.count()))) {
+        return std::nullopt;
+    }
+    return Receive();
+}
+
+/// False when none comes in time (-1: no limit) or the wait is interrupted.
+bool SlpBase::WaitForDatagram(int milliseconds) const {
+    std::array<pollfd, 2> polled{{{socket_.Get(), POLLIN, 0}, {interruption_.Get(), POLLIN, 0}}};
+    return poll(polled.data(), polled.size(), milliseconds) > 0 && polled[1].revents == 0;
+}
+
+bool SlpBase::InterruptedWithin(int milliseconds) const {
+    pollfd polled{interruption_.Get(), POLLIN, 0};
+    return poll(&polled, 1, milliseconds) > 0;
+}
+
+void SlpBase::Interrupt() const {
+    eventfd_write(interruption_.Get(), 1);
+}
+
+bool SlpBase::IsInterrupted() const {
+    return InterruptedWithin(0);
+}
+
+template <typename Record>
+int SlpBase::SendRecord(const Record& record) const {
+    SlpCodec::Datagram datagram{};
+    sockaddr_in peer{};
+    const std::size_t size = SlpCodec::Encode(record, datagram);
+    if (size > 0 && ToSocketAddress(record.peerAddress, record.peerPort, peer)) {
+        sendto(socket_.Get(), datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&peer),
+               sizeof peer);
+    }
+    return 0;
+}
+
+int SlpBase::Send(const SlpRequest& request) const {
+    return SendRecord(request);
+}
+
+int SlpBase::Send(const SlpReply& reply) const {
+    return SendRecord(reply);
+}
+
+int SlpBase::FindAttribute(std::string& attrList, const std::string& name, std::string& value) {
+    constexpr char kSeparators[] = ",()";
+    ZEL_DEBUG("Search for attribute %s", name.c_str());
+    char* rest = nullptr;
+    for (char* token = strtok_r(attrList.data(), kSeparators, &rest); token != nullptr;
+         token = strtok_r(nullptr, kSeparators, &rest)) {
+        char* const separator = std::strchr(token, '=');
+        if (separator == nullptr) {
+            continue;
+        }
+        ZEL_DEBUG("Attribute: %s", token);
+        *separator = '\0';
+        if (name == token) {
+            value = separator + 1;
+            return 0;
+        }
+    }
+    return -1;
+}

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "SlpMessage.h"
+#include "SocketGuard.h"
+
+/// The UDP socket that the box speaks SLP on (RFC 2608), and the search in attribute lists. Sending
+/// is thread-safe, also while another thread receives; opening and closing are not.
+class SlpBase {
+public:
+    /// Port of SLP (RFC 2608, section 6.1).
+    static constexpr std::uint16_t kPort = 427;
+    /// The SLP multicast address (RFC 2608, section 6.1).
+    static constexpr char kMulticastAddress[] = "239.255.255.253";
+
+    SlpBase();
+    SlpBase(const SlpBase&) = delete;
+    SlpBase& operator=(const SlpBase&) = delete;
+
+    /// Opens the socket on a dotted address and joins kMulticastAddress and 239.255.1.1 there.
+    /// False when the address is none or cannot be bound; no socket is open then.
+    bool Open(const std::string& address, std::uint16_t port);
+    void Close();
+
+    /// Waits for a datagram and returns its message. Nothing when the receive fails, when the
+    /// datagram is no message (its length field does not count the bytes received, or its function
+    /// is not in SlpFunction; the log tells) or when interrupted. A failed receive, as on a socket
+    /// that is not open, is followed by a pause of a second, so that calling again and again costs
+    /// no processor.
+    std::optional<SlpMessage> Receive() const;
+
+    /// Receive() when a datagram comes within `patience`, else nothing.
+    std::optional<SlpMessage> ReceiveWithin(std::chrono::milliseconds patience) const;
+
+    /// Ends every wait for a datagram, now and from now on.
+    void Interrupt() const;
+    bool IsInterrupted() const;
+
+    /// Sends a message to its peer. Sends nothing when the peer's address is not dotted or the
+    /// record is no message (SlpCodec::Encode). Always 0: failures are not reported.
+    int Send(const SlpRequest& request) const;
+    int Send(const SlpReply& reply) const;
+
+    /// Searches an attribute list (RFC 2608, section 5) for the attribute with exactly this name.
+    /// Returns 0 and the text behind its first "=", or -1. `attrList` is cut into pieces on the
+    /// way.
+    static int FindAttribute(std::string& attrList, const std::string& name, std::string& value);
+
+private:
+    template <typename Record>
+    int SendRecord(const Record& record) const;
+    bool WaitForDatagram(int milliseconds) const;
+    bool InterruptedWithin(int milliseconds) const;
+
+    SocketGuard socket_;
+    SocketGuard interruption_;
+};
