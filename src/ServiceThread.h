@@ -10,7 +10,7 @@
 class ServiceThread {
 public:
     /// Stack of every service thread in bytes.
-    static constexpr std::size_t kStackSize = 256 * 1024;
+    static constexpr std::size_t kStackSize = std::size_t{256} * 1024;
 
     ServiceThread() = default;
     /// Joins.
