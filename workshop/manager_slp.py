@@ -1,0 +1,247 @@
+"""The manager's side of the service location protocol: answers the box's question where the manager
+is. Requests are read by RFC 2608, and what deviates from it is told, except for what every box does.
+"""
+
+import contextlib
+import select
+import socket
+import struct
+
+GROUP = "239.255.255.253"
+SERVICE = "service:zel.manager"
+SCOPE = "default"
+
+VERSION = 2
+SRV_RPLY = 2
+ATTR_RQST = 6
+ATTR_RPLY = 7
+MAX_DATAGRAM = 65535
+INTERNAL_ERROR = 10
+
+IP_PKTINFO = 8  # the socket module does not name it before Python 3.14
+PKTINFO = struct.Struct("=I4s4s")
+
+REPLIES = {
+    "good": "a correct answer",
+    "no-service": "a list that names a ClusterIP but is not the manager's",
+    "no-cluster-ip": "the manager's list without a ClusterIP",
+    "empty-ip": 'ClusterIP="", nothing between the quotes',
+    "no-value": "ClusterIP= and no value at all",
+    "one-character": "a value too short to be enclosed in anything",
+    "other-case": "attribute names in another case",
+    "error": "an error code and no list",
+    "broken-length": "a message length that is not the datagram's",
+    "list-too-long": "a list longer than the datagram",
+    "language-too-long": "a language tag longer than the datagram",
+    "cut": "the first 13 bytes of an answer",
+    "wrong-function": "a service reply instead of an attribute reply",
+    "noise": "bytes that are no message",
+}
+
+
+class BadMessage(Exception):
+    pass
+
+
+class Fields:
+    """Reads a message front to back; whatever would reach past its end is an error."""
+
+    def __init__(self, data):
+        self.data = data
+        self.position = 0
+
+    def take(self, count, what):
+        end = self.position + count
+        if end > len(self.data):
+            raise BadMessage(f"{what} ends at {end}, the datagram at {len(self.data)}")
+        part = self.data[self.position:end]
+        self.position = end
+        return part
+
+    def number(self, width, what):
+        return int.from_bytes(self.take(width, what), "big")
+
+    def text(self, what):
+        part = self.take(self.number(2, f"length of the {what}"), what)
+        try:
+            return part.decode()
+        except UnicodeDecodeError:
+            raise BadMessage(f"the {what} is not UTF-8: {part!r}") from None
+
+    def rest(self):
+        return self.data[self.position:]
+
+
+def parse_request(data):
+    """(fields of an attribute request, deviations); BadMessage when it cannot be read as one."""
+    problems = []
+    fields = Fields(data)
+    version = fields.number(1, "version")
+    if version != VERSION:
+        raise BadMessage(f"version {version}")
+    function = fields.number(1, "function")
+    if function != ATTR_RQST:
+        raise BadMessage(f"function {function}")
+    length = fields.number(3, "message length")
+    if length != len(data):
+        problems.append(f"message length {length}, {len(data)} bytes received")
+    flags = fields.number(2, "flags")
+    if flags & 0x1FFF:
+        problems.append(f"reserved flags are set: {flags:#06x}")
+    extension = fields.number(3, "next extension")
+    if extension:
+        problems.append(f"next extension at {extension}")
+    request = {"xid": fields.number(2, "transaction"), "language": fields.text("language tag")}
+    for name in ("responders", "url", "scopes", "tags", "spi"):
+        request[name] = fields.text(name)
+    # A box ends its attribute requests with two zero bytes more than the message has fields for.
+    if fields.rest() not in (b"", b"\0\0"):
+        problems.append(f"{len(fields.rest())} bytes after the last field: {fields.rest()!r}")
+    if not request["language"]:
+        problems.append("empty language tag")
+    if request["spi"]:
+        problems.append(f"authentication is asked for: {request['spi']!r}")
+    return request, problems
+
+
+def text(value):
+    value = value.encode()
+    return struct.pack("!H", len(value)) + value
+
+
+def message(function, xid, language, body):
+    tail = struct.pack("!H", xid) + text(language) + body
+    length = 10 + len(tail)
+    return struct.pack("!BB", VERSION, function) + length.to_bytes(3, "big") + bytes(5) + tail
+
+
+def build_reply(kind, request, cluster_ip):
+    """One of REPLIES as a datagram."""
+    xid, language = request["xid"], request["language"]
+    attributes = f'(Service=zel-manager),(ClusterIP="{cluster_ip}")'
+
+    def attribute_reply(listed, error=0):
+        return message(ATTR_RPLY, xid, language, struct.pack("!H", error) + text(listed) + b"\0")
+
+    good = attribute_reply(attributes)
+    match kind:
+        case "good":
+            return good
+        case "no-service":
+            return attribute_reply(f'(Service=other-manager),(ClusterIP="{cluster_ip}")')
+        case "no-cluster-ip":
+            return attribute_reply("(Service=zel-manager)")
+        case "empty-ip":
+            return attribute_reply('(Service=zel-manager),(ClusterIP="")')
+        case "no-value":
+            return attribute_reply("(Service=zel-manager),(ClusterIP=)")
+        case "one-character":
+            return attribute_reply("(Service=zel-manager),(ClusterIP=1)")
+        case "other-case":
+            return attribute_reply(f'(service=ZEL-MANAGER),(clusterip="{cluster_ip}")')
+        case "error":
+            return attribute_reply("", INTERNAL_ERROR)
+        case "broken-length":
+            return good[:2] + (len(good) + 7).to_bytes(3, "big") + good[5:]
+        case "list-too-long":
+            start = len(good) - 1 - len(attributes)
+            return good[:start - 2] + b"\xff\xff" + good[start:]
+        case "language-too-long":
+            return good[:12] + b"\xff\xff" + good[14:]
+        case "cut":
+            return good[:2] + (13).to_bytes(3, "big") + good[5:13]
+        case "wrong-function":
+            url = struct.pack("!BH", 0, 600) + text(f"{SERVICE}://{cluster_ip}") + b"\0"
+            return message(SRV_RPLY, xid, language, struct.pack("!HH", 0, 1) + url)
+        case "noise":
+            return bytes(range(255, 100, -1))
+    raise ValueError(kind)
+
+
+def join_group(sock, address):
+    """Joins on the interface of the address, or on all: without a default route the kernel would not
+    know which one is meant."""
+    joined = 0
+    indices = [0] if address != "0.0.0.0" else [index for index, _ in socket.if_nameindex()]
+    for index in indices:
+        with contextlib.suppress(OSError):
+            member = struct.pack("=4s4si", socket.inet_aton(GROUP), socket.inet_aton(address), index)
+            sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
+            joined += 1
+    return joined
+
+
+def address_towards(peer):
+    """The own address from which that peer is reached."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.connect(peer)
+        return probe.getsockname()[0]
+
+
+class SlpService:
+    def __init__(self, scenario, journal, address, port):
+        self.settings = scenario["slp"]
+        self.journal = journal
+        self.asked = 0
+        # A socket that is bound to an address of the machine does not get what goes to the group.
+        any_address = address == "0.0.0.0"
+        self.sockets = [self.open(bound, port) for bound in
+                        ((address,) if any_address else (address, GROUP))]
+        if not join_group(self.sockets[-1], address):
+            journal.line("SLP", "no interface takes part in multicast; only unicast is heard")
+
+    @staticmethod
+    def open(address, port):
+        sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        sock.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
+        sock.bind((address, port))
+        return sock
+
+    def run(self):
+        while True:
+            for sock in select.select(self.sockets, [], [])[0]:
+                data, ancillary, _, peer = sock.recvmsg(MAX_DATAGRAM, socket.CMSG_SPACE(12))
+                to_group = any(
+                    PKTINFO.unpack(content)[2] == socket.inet_aton(GROUP)
+                    for level, kind, content in ancillary
+                    if (level, kind) == (socket.IPPROTO_IP, IP_PKTINFO))
+                # A peer that cannot be answered must not end the service.
+                with contextlib.suppress(OSError):
+                    self.handle(data, peer, to_group)
+
+    def handle(self, data, peer, to_group):
+        who = f"{peer[0]}:{peer[1]}"
+        try:
+            request, problems = parse_request(data)
+        except BadMessage as error:
+            self.journal.problem(f"SLP {who}: {error} in {data[:64]!r}")
+            return
+        for problem in problems:
+            self.journal.problem(f"SLP {who}: {problem}")
+
+        asks = f"{who} asks {'the group' if to_group else 'directly'} for {request['url']}"
+        own = address_towards(peer)
+        if request["url"] != SERVICE or SCOPE not in request["scopes"].lower().split(","):
+            self.journal.line("SLP", f"{asks} in scope {request['scopes']} -> not ours, ignored")
+            return
+        if own in request["responders"].split(","):
+            self.journal.line("SLP", f"{asks} -> has our answer already")
+            return
+
+        number = self.journal.record("slp", request_bin=data)
+        self.asked += 1
+        if self.asked <= self.settings["ignore"]:
+            self.journal.line("SLP", f"{asks} -> request {self.asked} is ignored")
+            return
+        replies = self.settings["replies"]
+        turn = min(self.asked - self.settings["ignore"], len(replies))
+        kinds = replies[turn - 1] if replies else []
+        cluster_ip = self.settings["cluster_ip"] or own
+        for kind in kinds:
+            datagram = build_reply(kind, request, cluster_ip)
+            self.journal.record("slp", number, answer_bin=datagram)
+            self.sockets[0].sendto(datagram, peer)
+        told = [f"ClusterIP={cluster_ip}" if kind == "good" else kind for kind in kinds]
+        self.journal.line("SLP", f"{asks} -> " +
+                          (f"answered {', '.join(told)}" if told else "silence"))
