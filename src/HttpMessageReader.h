@@ -41,6 +41,9 @@ public:
     /// complete; a sized body then holds what was received, a chunked one stays without value.
     bool ReadBody(HttpRequest& request);
 
+    /// Whether bytes behind the last message have been received already.
+    bool HasUnread() const { return Buffered() > 0; }
+
 private:
     using Clock = std::chrono::steady_clock;
 

@@ -69,6 +69,21 @@ bool ServiceThread::Join() {
     return joined;
 }
 
+bool ServiceThread::JoinWithin(std::chrono::milliseconds patience) {
+    using std::chrono::nanoseconds;
+    using std::chrono::seconds;
+    const nanoseconds end = std::chrono::system_clock::now().time_since_epoch() + patience;
+    const seconds whole = std::chrono::duration_cast<seconds>(end);
+    const timespec time{static_cast<time_t>(whole.count()),
+                        static_cast<long>((end - whole).count())};
+    bool joined = !running_ || pthread_timedjoin_np(thread_, nullptr, &time) == 0;
+    if (!joined) {
+        pthread_detach(thread_);
+    }
+    running_ = false;
+    return joined;
+}
+
 bool ServiceThread::StartDetached(const char* name, std::function<void()> work) {
     pthread_t thread{};
     return Create(thread, PTHREAD_CREATE_DETACHED, name, std::move(work));

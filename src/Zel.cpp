@@ -10,6 +10,7 @@
 
 #include "CrashGuard.h"
 #include "OplaMode.h"
+#include "SetDateTime.h"
 #include "StoreSetup.h"
 #include "UpdateFirmware.h"
 #include "WlanMacFile.h"
@@ -20,6 +21,7 @@ constexpr char kDefaultHostName[] = "TAVO";
 constexpr char kHostNameKey[] = "tavo.hostname";
 constexpr std::uint16_t kPorts[] = {80, 5302};
 constexpr timespec kIdleTime{1, 0};
+constexpr unsigned kAllSlpThreads = ZelSlpService::kAnswering | ZelSlpService::kSignIn;
 
 volatile sig_atomic_t running = 1;
 
@@ -68,16 +70,38 @@ int Zel::Main() {
     ZEL_INFO("* ZEL %s %s starting on TAVO %s...", config_.Get("zel.version").c_str(),
              config_.Get("zel.svn.version").c_str(), config_.Get("hardware.serial").c_str());
     ZEL_INFO("* OPLA-Mode: %s", config_.Get(kOplaModeKey).c_str());
+    SetClock();
     SetDefaultHostName();
+    StartSlpService();
     StartWebServer();
     ReportUpdateStates();
     IdleUntilStopped();
     ZEL_INFO("* ZEL exiting...");
-    if (!webServer_.Stop()) {
-        // A request is still being worked on; what it uses must not be destroyed under it.
+    if (!Stop()) {
+        // A request or the sign-in is still at work; what it uses must not be destroyed under it.
         std::_Exit(EXIT_SUCCESS);
     }
     return EXIT_SUCCESS;
+}
+
+bool Zel::Stop() {
+    const bool stopped = webServer_.Stop();
+    signIn_.Stop();
+    return slpService_.Stop(kAllSlpThreads) && stopped;
+}
+
+void Zel::SetClock() {
+    if (IsOplaNext(config_)) {
+        SetDateTime(config_).Set();
+        ZEL_INFO("* SetDateTime done.");
+    } else {
+        discoverMode_.Enable();
+    }
+}
+
+void Zel::StartSlpService() {
+    slpService_.Start(kAllSlpThreads);
+    ZEL_INFO("* SLP service started.");
 }
 
 void Zel::SetDefaultHostName() {

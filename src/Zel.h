@@ -1,12 +1,15 @@
 #pragma once
 
 #include "DeviceReservation.h"
+#include "DiscoverModeCtrl.h"
+#include "OrsSignIn.h"
 #include "TestServlet.h"
 #include "Trigger15.h"
 #include "WebServer.h"
 #include "ZelConfig.h"
 #include "ZelConnectorServlet.h"
 #include "ZelLogging.h"
+#include "ZelSlpService.h"
 
 /// The agent: owns every service, brings them up in order, idles until SIGINT or SIGTERM and takes
 /// them down again.
@@ -21,10 +24,13 @@ public:
     int Main();
 
 private:
+    void SetClock();
     void SetDefaultHostName();
+    void StartSlpService();
     void StartWebServer();
     static void ReportUpdateStates();
     static void IdleUntilStopped();
+    bool Stop();
 
     ZelLogging logging_;
     ZelConfig config_;
@@ -33,4 +39,7 @@ private:
     ZelConnectorServlet connectorServlet_{{config_, reservation_, trigger15_}};
     TestServlet testServlet_;
     WebServer webServer_{config_};
+    DiscoverModeCtrl discoverMode_{config_};
+    OrsSignIn signIn_{config_, reservation_, discoverMode_};
+    ZelSlpService slpService_{config_, discoverMode_, [this] { signIn_.Run(); }};
 };

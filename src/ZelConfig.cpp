@@ -1,8 +1,5 @@
 #include "ZelConfig.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -10,7 +7,7 @@
 #include <utility>
 
 #include "DefaultConfiguration.h"
-#include "SocketGuard.h"
+#include "DurableFile.h"
 
 namespace {
 
@@ -27,27 +24,6 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 
 File OpenToRead(const std::string& path) {
     return File(std::fopen(path.c_str(), "re"));
-}
-
-bool SyncDirectoryOf(const std::string& path) {
-    const std::string directory = path.substr(0, path.rfind('/'));
-    const SocketGuard descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return descriptor.Get() >= 0 && fsync(descriptor.Get()) == 0;
-}
-
-bool WriteDurably(const std::string& path, std::string_view text) {
-    File file(std::fopen(path.c_str(), "w+e"));
-    if (!file) {
-        return false;
-    }
-    const bool written = std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
-                         std::fflush(file.get()) == 0 && fsync(fileno(file.get())) == 0;
-    const bool closed = std::fclose(file.release()) == 0;
-    if (!written || !closed) {
-        std::remove(path.c_str());
-        return false;
-    }
-    return SyncDirectoryOf(path);
 }
 
 std::string Line(const std::string& key, const std::string& value) {
@@ -181,17 +157,16 @@ bool ZelConfig::Save() const {
             }
         }
     }
-    if (!WriteDurably(kNewFile, text)) {
+    if (!DurableFile::Write(kNewFile, text, DurableFile::kSecret)) {
         return false;
     }
     std::rename(kFile.c_str(), kOldFile.c_str());
     std::rename(kNewFile.c_str(), kFile.c_str());
-    SyncDirectoryOf(kFile);
+    DurableFile::SyncDirectoryOf(kFile);
     return true;
 }
 
 bool ZelConfig::WriteDefaults() const {
     const std::lock_guard saving(saveMutex_);
-    return WriteDurably(kNewFile, kDefaultConfiguration) &&
-           std::rename(kNewFile.c_str(), kFile.c_str()) == 0 && SyncDirectoryOf(kFile);
+    return DurableFile::Replace(kFile, kDefaultConfiguration, DurableFile::kSecret);
 }

@@ -52,7 +52,7 @@ public:
     /// previous file is kept with the suffix ".old". False when the new file could not be written
     /// completely; the old one is then untouched. A line break in a key or value is written as a
     /// blank, and a line is cut at the 8191 bytes that Load() reads, so that one entry never
-    /// becomes two.
+    /// becomes two. The file holds passwords and is its owner's alone.
     bool Save() const;
 
     /// Replaces the configuration file by the built-in default text.

@@ -20,6 +20,8 @@ constexpr char kLegacyType[] = "service:hux-vci";
 // address from the datagram.
 constexpr char kTypeList[] = "service:zel.connector,service:hux-vci,";
 constexpr std::uint16_t kLifetimeSeconds = 65530;
+// A download or an installation may be under way, and the process is to end within a second.
+constexpr std::chrono::milliseconds kSignInStopTime{700};
 
 bool EqualsIgnoringCase(const std::string& left, const char* right) {
     return strcasecmp(left.c_str(), right) == 0;
@@ -68,7 +70,7 @@ bool ZelSlpService::Stop(unsigned flags) {
     bool joined = answering_.Join();
     if ((flags & kSignIn) != 0) {
         locator_.Stop();
-        joined &= signingIn_.Join();
+        joined &= signingIn_.JoinWithin(kSignInStopTime);
     }
     return joined;
 }

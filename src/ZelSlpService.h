@@ -20,8 +20,7 @@ public:
     static constexpr unsigned kAnswering = 1;
     static constexpr unsigned kSignIn = 2;
 
-    /// `signIn` runs on the sign-in thread when the manager's address is stored; it comes to its
-    /// end by itself, Stop() waits for it.
+    /// `signIn` runs on the sign-in thread when the manager's address is stored.
     ZelSlpService(ZelConfig& config, DiscoverModeCtrl& mode, std::function<void()> signIn);
     /// Stops both threads.
     ~ZelSlpService();
@@ -33,8 +32,9 @@ public:
     /// false when a thread cannot be made. A socket that cannot be opened is only logged.
     bool Start(unsigned flags);
 
-    /// Stops the answering thread and, with kSignIn, the sign-in thread, and waits for them.
-    /// Returns false when one cannot be waited for.
+    /// Stops the answering thread and, with kSignIn, the sign-in thread, and waits for them, for
+    /// `signIn` less than a second. Returns false when a thread is still at work: what it uses must
+    /// not be destroyed.
     bool Stop(unsigned flags);
 
 private:

@@ -7,7 +7,7 @@
 
 #include "HeldMutex.h"
 #include "Namespaces.h"
-#include "XmlSchema.h"
+#include "ServiceSchemas.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
 
@@ -21,19 +21,6 @@ std::string EnvelopeHead() {
 }
 constexpr char kEnvelopeTail[] = "\t</S:Body>\n</S:Envelope>\n";
 
-/// The two schemas of a service: the element names without and with a namespace.
-struct ServiceSchemas {
-    explicit ServiceSchemas(const std::string& basePath)
-        : unqualified(basePath + ".xsd"), qualified(basePath + "2.xsd") {}
-    XmlSchema unqualified;
-    XmlSchema qualified;
-};
-
-XmlSchema& EnvelopeSchema() {
-    static XmlSchema schema(std::string(ZelWsdlServlet::kProtocolDirectory) + "soap_envelope.xsd");
-    return schema;
-}
-
 ServiceSchemas& SchemasOf(const std::string& servletName) {
     static HeldMutex mutex;
     static std::map<std::string, std::unique_ptr<ServiceSchemas>> table;
@@ -41,18 +28,9 @@ ServiceSchemas& SchemasOf(const std::string& servletName) {
     std::unique_ptr<ServiceSchemas>& schemas = table[servletName];
     if (!schemas) {
         std::printf("Initializing schema context for %s\n", servletName.c_str());
-        schemas =
-            std::make_unique<ServiceSchemas>(ZelWsdlServlet::kProtocolDirectory + servletName);
+        schemas = std::make_unique<ServiceSchemas>(servletName);
     }
     return *schemas;
-}
-
-bool UsesNamespaces(const xmlNode* method) {
-    bool found = method->ns != nullptr;
-    for (const xmlNode* child = method->children; child != nullptr && !found; child = child->next) {
-        found = child->type == XML_ELEMENT_NODE && child->ns != nullptr;
-    }
-    return found;
 }
 
 /// The first node in the Body, or the one behind it where the first is not an element.
@@ -124,7 +102,7 @@ bool ZelWsdlServlet::CheckEnvelope(xmlDoc* document, HttpResponse& response) con
         return false;
     }
     std::string errors;
-    if (!EnvelopeSchema().ValidateDocument(document, errors)) {
+    if (!SoapEnvelopeSchema().ValidateDocument(document, errors)) {
         SendFault(response, errors);
         return false;
     }
@@ -133,22 +111,12 @@ bool ZelWsdlServlet::CheckEnvelope(xmlDoc* document, HttpResponse& response) con
 
 bool ZelWsdlServlet::CheckMethod(xmlNode* method, HttpResponse& response) const {
     if (method->children == nullptr) {
+        return true;  // also without the schemas, which are not loaded for it
+    }
+    std::string errors;
+    if (SchemasOf(GetName()).Accept(method, errors)) {
         return true;
     }
-    ServiceSchemas& schemas = SchemasOf(GetName());
-    const bool qualifiedFirst = UsesNamespaces(method);
-    XmlSchema& first = qualifiedFirst ? schemas.qualified : schemas.unqualified;
-    XmlSchema& second = qualifiedFirst ? schemas.unqualified : schemas.qualified;
-    std::string firstErrors;
-    std::string secondErrors;
-    if (first.ValidateElement(method, firstErrors) ||
-        second.ValidateElement(method, secondErrors)) {
-        return true;
-    }
-    // The fault names the schemas in their own order, whichever was tried first.
-    const std::string& unqualified = qualifiedFirst ? secondErrors : firstErrors;
-    const std::string& qualified = qualifiedFirst ? firstErrors : secondErrors;
-    SendFault(response,
-              "Validation 1 says:\n" + unqualified + "\nValidation 2 says:\n" + qualified);
+    SendFault(response, errors);
     return false;
 }

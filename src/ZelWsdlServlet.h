@@ -21,10 +21,6 @@ public:
 
     static constexpr char kContentType[] = "text/xml;charset=\"utf-8\"";
 
-    /// Directory of the schema files; a service's two are named after the servlet, the second with
-    /// a "2" behind the name.
-    static constexpr char kProtocolDirectory[] = "/app/zel/protocols/";
-
     /// Answers with the fault; `message` is not escaped.
     static void SendFault(HttpResponse& response, const std::string& message);
 

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "ServiceSchemas.h"
 #include "XmlSchema.h"
 #include "XmlText.h"
 #include "ZelWsdlServlet.h"
@@ -41,7 +42,7 @@ private:
 };
 
 void WriteSchema(const std::string& file, const std::string& attributes) {
-    std::ofstream(ZelWsdlServlet::kProtocolDirectory + file)
+    std::ofstream(ServiceSchemas::kDirectory + file)
         << "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" " << attributes
         << "><xs:element name=\"echo\"><xs:complexType><xs:sequence>"
            "<xs:element name=\"text\" type=\"xs:string\"/>"
@@ -210,7 +211,7 @@ TEST_F(ZelWsdlServletTest, EntityBombsAndDeepNestingAreRefused) {
 
 TEST(XmlSchemaTest, CollectedTextIsBounded) {
     WriteSchema("Bounded.xsd", "");
-    XmlSchema schema(std::string(ZelWsdlServlet::kProtocolDirectory) + "Bounded.xsd");
+    XmlSchema schema(std::string(ServiceSchemas::kDirectory) + "Bounded.xsd");
     const std::string longName(10000, 'n');
     const XmlText::Document document = XmlText::Parse("<echo><" + longName + "/></echo>");
     ASSERT_TRUE(document);
@@ -222,7 +223,7 @@ TEST(XmlSchemaTest, CollectedTextIsBounded) {
     EXPECT_GT(errors.size(), XmlSchema::kMaxErrorText - 2 * longName.size());
 
     // A message of 32768 bytes or more is not collected at all.
-    XmlSchema fresh(std::string(ZelWsdlServlet::kProtocolDirectory) + "Bounded.xsd");
+    XmlSchema fresh(std::string(ServiceSchemas::kDirectory) + "Bounded.xsd");
     const XmlText::Document huge =
         XmlText::Parse("<echo><" + std::string(40000, 'n') + "/></echo>");
     ASSERT_TRUE(huge);
@@ -232,7 +233,7 @@ TEST(XmlSchemaTest, CollectedTextIsBounded) {
 
 TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
     WriteSchema("Shared.xsd", "");
-    XmlSchema schema(std::string(ZelWsdlServlet::kProtocolDirectory) + "Shared.xsd");
+    XmlSchema schema(std::string(ServiceSchemas::kDirectory) + "Shared.xsd");
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&schema, t] {

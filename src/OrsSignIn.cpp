@@ -1,0 +1,215 @@
+#include "OrsSignIn.h"
+
+#include <chrono>
+#include <ctime>
+
+#include "PreSignInResponse.h"
+#include "Reboot.h"
+#include "SignInRequests.h"
+#include "SoftwareUpdate.h"
+#include "XmlText.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kOwner[] = "PreSignIn";
+constexpr char kAnyHost[] = "0";
+constexpr char kAddressKey[] =
+    "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
+constexpr char kRememberedAddressKey[] =
+    "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips";
+constexpr std::chrono::seconds kReservePause{1};
+constexpr int kAttempts = 2;
+// An update is followed by another PreSignIn, and a manager that never stops to mandate one must
+// not keep the box busy for ever.
+constexpr int kMaxPreSignIns = 5;
+
+xmlNode* FindTag(const xmlNode* parent, const char* name) {
+    xmlNode* found = XmlText::FindChild(parent, name);
+    if (found == nullptr) {
+        ZEL_ERROR("%s tag is null", name);
+    }
+    return found;
+}
+
+}  // namespace
+
+bool OrsSignIn::Run() {
+    ZEL_INFO("Start PreSignInSignIn");
+    std::string handle;
+    if (!Reserve(handle)) {
+        return false;
+    }
+    const std::string address = config_.Get(kAddressKey);
+    const bool succeeded = !address.empty() && SignInWith(address);
+    schemas_.reset();
+    reservation_.Release(handle);
+    return succeeded;
+}
+
+void OrsSignIn::Stop() {
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+    changed_.notify_all();
+    if (connection_ != nullptr) {
+        connection_->Interrupt();
+    }
+}
+
+/// False when stopped.
+bool OrsSignIn::Reserve(std::string& handle) {
+    std::unique_lock lock(mutex_);
+    while (!stopped_) {
+        lock.unlock();
+        if (reservation_.Reserve(kOwner, kAnyHost, handle)) {
+            return true;
+        }
+        lock.lock();
+        changed_.wait_for(lock, kReservePause, [this] { return stopped_; });
+    }
+    return false;
+}
+
+bool OrsSignIn::SignInWith(const std::string& address) {
+    ManagerConnection connection(address);
+    const auto announce = [this](ManagerConnection* current) {
+        const std::lock_guard lock(mutex_);
+        connection_ = current;
+        return !stopped_;
+    };
+    bool succeeded = announce(&connection);
+    int preSignIns = 0;
+    do {
+        if (preSignIns++ > 0) {
+            ZEL_INFO("need another preSignIn because of update");
+        }
+        anotherPreSignIn_ = false;
+        succeeded = succeeded && PreSignIn(connection);
+    } while (succeeded && anotherPreSignIn_ && preSignIns < kMaxPreSignIns);
+    if (!succeeded) {
+        ZEL_ERROR("PreSignIn failed");
+        announce(nullptr);
+        return false;
+    }
+    if (rebootAfterUpdate_) {
+        ZEL_INFO("Rebooting after update");
+        if (Reboot().DoReboot() != 0) {
+            ZEL_ERROR("The box could not be rebooted, the update counts from its next start");
+        }
+    }
+    mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+    config_.Set(kRememberedAddressKey, address, ZelConfig::Kind::kPersistent);
+    if (!config_.Save()) {
+        ZEL_ERROR("Can't save what the manager has set");
+    }
+    ZEL_INFO("* PreSignIn succeed");
+    succeeded = SignIn(connection);
+    if (succeeded) {
+        ZEL_INFO("* SignIn succeed");
+    } else {
+        ZEL_ERROR("SignIn failed");
+    }
+    announce(nullptr);
+    return succeeded;
+}
+
+bool OrsSignIn::Exchange(ManagerConnection& connection, const std::string& message,
+                         HttpRequest& response) const {
+    bool answered = false;
+    for (int attempt = 0; attempt < kAttempts && !answered; ++attempt) {
+        answered = connection.Exchange(message, response);
+    }
+    return answered;
+}
+
+bool OrsSignIn::PreSignIn(ManagerConnection& connection) {
+    ZEL_DEBUG("Send PreSignIn request");
+    HttpRequest response;
+    if (!Exchange(connection, SignInRequests::PreSignIn(config_, std::time(nullptr)), response)) {
+        return false;
+    }
+    ZEL_DEBUG("Check PreSignIn response");
+    if (!response.body) {
+        ZEL_ERROR("req data null");
+        return false;
+    }
+    ZEL_DEBUG("Received PreSignIn response\n%s", response.body->c_str());
+    return ApplyPreSignIn(*response.body);
+}
+
+bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
+    const XmlText::Document document = XmlText::Parse(body);
+    if (!document) {
+        ZEL_ERROR("Can't create doc of PreSignInResponse");
+        return false;
+    }
+    std::string errors;
+    if (!SoapEnvelopeSchema().ValidateDocument(document.get(), errors)) {
+        ZEL_ERROR("OrsSignIn validate soap failed:\n%s", errors.c_str());
+        ZEL_ERROR("Response of PreSignIn not valid");
+        return false;
+    }
+    const xmlNode* soapBody = FindTag(xmlDocGetRootElement(document.get()), "Body");
+    if (soapBody == nullptr || !IsContentValid(soapBody)) {
+        return false;
+    }
+    const xmlNode* answer = FindTag(soapBody, "preSignInTavoResponse");
+    const xmlNode* result = answer == nullptr ? nullptr : FindTag(answer, "preSignInTavoReturn");
+    if (result == nullptr || !PreSignInResponse::Apply(config_, result)) {
+        return false;
+    }
+    if (SoftwareUpdate(result).Run(config_)) {
+        rebootAfterUpdate_ = true;
+        anotherPreSignIn_ = true;
+    }
+    return true;
+}
+
+bool OrsSignIn::SignIn(ManagerConnection& connection) {
+    ZEL_DEBUG("Send SignIn request");
+    HttpRequest response;
+    if (!Exchange(connection, SignInRequests::SignIn(config_), response)) {
+        return false;
+    }
+    ZEL_DEBUG("Check SignIn response");
+    if (!response.body) {
+        ZEL_ERROR("req data null");
+        return false;
+    }
+    ZEL_DEBUG("Received SignIn response\n%s", response.body->c_str());
+    return CheckSignIn(*response.body);
+}
+
+bool OrsSignIn::CheckSignIn(const std::string& body) {
+    const XmlText::Document document = XmlText::Parse(body);
+    if (!document) {
+        ZEL_ERROR("Can't create doc of SignInResponse");
+        return false;
+    }
+    std::string errors;
+    if (!SoapEnvelopeSchema().ValidateDocument(document.get(), errors)) {
+        ZEL_ERROR("Response of SignIn not soap valid");
+        return false;
+    }
+    const xmlNode* soapBody = FindTag(xmlDocGetRootElement(document.get()), "Body");
+    return soapBody != nullptr && FindTag(soapBody, "signInTavoResponse") != nullptr &&
+           IsContentValid(soapBody);
+}
+
+/// Checks the first element of the Body; a Body without one is left to who looks for it.
+bool OrsSignIn::IsContentValid(const xmlNode* body) {
+    xmlNode* content = body->children;
+    while (content != nullptr && content->type != XML_ELEMENT_NODE) {
+        content = content->next;
+    }
+    if (!schemas_) {
+        schemas_.emplace("TaSigninServlet");
+    }
+    std::string errors;
+    if (content == nullptr || schemas_->Accept(content, errors)) {
+        return true;
+    }
+    ZEL_ERROR("OrsSignIn validate failed:\n%s", errors.c_str());
+    ZEL_ERROR("Response of PreSignIn not valid");
+    return false;
+}

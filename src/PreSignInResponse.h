@@ -1,0 +1,17 @@
+#pragma once
+
+#include <libxml/tree.h>
+
+#include "ZelConfig.h"
+
+/// What the manager's answer to a PreSignIn changes on the box. Values are the manager's: one that
+/// could do harm where it is used later (a control character, a host name or country code that is
+/// none) is refused with a line in the log, and the box keeps what it has.
+namespace PreSignInResponse {
+
+/// Takes host name, colour, country and WLAN settings from the element preSignInTavoReturn into the
+/// store (the caller saves it) and into the files of WlanEnterprise. Returns false when the WLAN
+/// settings could not be taken.
+bool Apply(ZelConfig& config, const xmlNode* preSignInReturn);
+
+}  // namespace PreSignInResponse

@@ -1,0 +1,173 @@
+#include "SoftwareUpdate.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+#include "Shell.h"
+#include "UpdateFirmware.h"
+#include "XmlText.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kDirectory[] = "/tmp/";
+constexpr char kFetchCommand[] = "wget -q -O /tmp/%s \"%s\"";
+constexpr std::string_view kProtocols[] = {"http", "https", "ftp"};
+
+constexpr std::string_view kAlphanumeric(
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789");
+
+/// Whether `text` is made of letters, digits and the `further` characters only.
+bool IsMadeOf(std::string_view text, std::string_view further) {
+    return std::all_of(text.begin(), text.end(), [further](char c) {
+        return kAlphanumeric.find(c) != std::string_view::npos ||
+               further.find(c) != std::string_view::npos;
+    });
+}
+
+std::string TextOr(const xmlNode* parent, const char* name, const char* otherwise) {
+    std::string text = XmlText::ChildText(parent, name);
+    return text.empty() ? otherwise : text;
+}
+
+/// The first element of that name below `parent`, in document order, at any depth.
+const xmlNode* FindBelow(const xmlNode* parent, std::string_view name) {
+    const xmlNode* node = parent->children;
+    while (node != nullptr) {
+        if (node->type == XML_ELEMENT_NODE && XmlText::LocalName(node) == name) {
+            return node;
+        }
+        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
+            node = node->children;
+            continue;
+        }
+        while (node->next == nullptr && node->parent != parent) {
+            node = node->parent;
+        }
+        node = node->next;
+    }
+    return nullptr;
+}
+
+/// Value of the item with that key.
+std::string Attribute(const xmlNode* attributes, std::string_view key) {
+    const xmlNode* item = attributes == nullptr ? nullptr : attributes->children;
+    for (; item != nullptr; item = item->next) {
+        if (item->type == XML_ELEMENT_NODE && XmlText::ChildText(item, "key") == key) {
+            return XmlText::ChildText(item, "value");
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+SoftwareUpdate::SoftwareUpdate(const xmlNode* preSignInReturn) {
+    const xmlNode* order = XmlText::FindChild(preSignInReturn, "updateConfigurationExt");
+    present_ = order != nullptr;
+    mandated_ = present_ && XmlText::ChildText(order, "updateSoftware") != "false";
+    if (!mandated_) {
+        return;
+    }
+    type_ = XmlText::ChildText(order, "updateType");
+    application_ = type_ == "Application";
+    version_ = XmlText::ChildText(order, application_ ? "appVersion" : "firmwareVersion");
+    const xmlNode* location = XmlText::FindChild(order, "updateLocation");
+    protocol_ = TextOr(location, "protocol", "http");
+    host_ = XmlText::ChildText(location, "ip");
+    url_ = protocol_ + "://" + host_ + ":" + TextOr(location, "port", "80") +
+           XmlText::ChildText(location, "context");
+    const xmlNode* attributes = FindBelow(preSignInReturn, "attributes");
+    digest_ = Attribute(attributes, "MD5CHKSM");
+    fileName_ = Attribute(attributes, "FILENAME");
+}
+
+bool SoftwareUpdate::Run(ZelConfig& config) const {
+    if (!present_) {
+        return false;
+    }
+    if (!mandated_) {
+        ZEL_INFO("ZEL master signals firmware is up-to-date!");
+        return false;
+    }
+    ZEL_INFO("======== UPDATE TYPE: '%s'", type_.c_str());
+    if (!HasUsableAddress()) {
+        ZEL_ERROR("ZEL Master mandates update but address supplied is not valid");
+        return false;
+    }
+    ZEL_INFO("ZEL Master mandates software update of %s from %s", type_.c_str(), url_.c_str());
+    ZEL_INFO("   md5: %s, filename: %s", digest_.c_str(), fileName_.c_str());
+    const bool installed = Fetch() && Install();
+    unlink((kDirectory + fileName_).c_str());
+    if (installed) {
+        RecordVersion(config);
+    }
+    return installed;
+}
+
+/// All of it becomes part of a command line, within double quotes: of the characters that a URL may
+/// hold (RFC 3986, section 2) the dollar sign still means something there.
+bool SoftwareUpdate::HasUsableAddress() const {
+    const bool isKnown =
+        std::find(std::begin(kProtocols), std::end(kProtocols), protocol_) != std::end(kProtocols);
+    const std::size_t commandLength = sizeof kFetchCommand + fileName_.size() + url_.size();
+    return isKnown && !host_.empty() && IsMadeOf(host_, ".-:[]") &&
+           IsMadeOf(url_, "-._~:/?#[]@!&'()*+,;=%") && !fileName_.empty() &&
+           !fileName_.starts_with('.') && IsMadeOf(fileName_, "_.-") &&
+           commandLength <= Shell::kCommandSize;
+}
+
+bool SoftwareUpdate::Fetch() const {
+    ZEL_INFO("Downloading update file %s...", fileName_.c_str());
+    // What an earlier download has left must not pass for this one.
+    unlink((kDirectory + fileName_).c_str());
+    std::string output;
+    Shell::RunSystemWithResult(output, kFetchCommand, fileName_.c_str(), url_.c_str());
+
+    std::string digest;
+    Shell::RunSystemWithResult(digest, "md5sum /tmp/%s | awk '{print $1}'", fileName_.c_str());
+    digest.resize(digest.find_last_not_of('\n') + 1);
+    if (digest.empty()) {
+        ZEL_ERROR("Error calculating md5 checksum of update file!");
+        return false;
+    }
+    if (digest != digest_) {
+        ZEL_ERROR("Checksum mismatch! Expected '%s', got '%s'", digest_.c_str(), digest.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool SoftwareUpdate::Install() const {
+    UpdateFirmware update;
+    const auto type = application_ ? UpdateFirmware::APPLICATION : UpdateFirmware::FIRMWARE;
+    if (update.DoUpdateFirmware(type, kDirectory + fileName_) != 0) {
+        ZEL_ERROR("Firmware update failed!");
+        return false;
+    }
+    return true;
+}
+
+/// "01.02.03" is recorded as "10203", the form in which the box reads its versions at start.
+void SoftwareUpdate::RecordVersion(ZelConfig& config) const {
+    ZEL_INFO("New version: %s", version_.c_str());
+    std::array<int, 3> parts{};
+    constexpr int kMaxPart = 99;
+    // NOLINTNEXTLINE(cert-err34-c): checked below; five digits cannot overflow
+    const int count = std::sscanf(version_.c_str(), "%5d.%5d.%5d", &parts[0], &parts[1], &parts[2]);
+    if (count != static_cast<int>(parts.size()) ||
+        std::any_of(parts.begin(), parts.end(),
+                    [](int part) { return part < 0 || part > kMaxPart; })) {
+        ZEL_ERROR("The new version '%s' is not of the form 1.2.3, it is known after the next start",
+                  version_.c_str());
+        return;
+    }
+    std::array<char, 16> text{};
+    std::snprintf(text.data(), text.size(), "%d%02d%02d", parts[0], parts[1], parts[2]);
+    config.Set(application_ ? "system.version.app" : "system.version.boot", text.data(),
+               ZelConfig::Kind::kFixed);
+}

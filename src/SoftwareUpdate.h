@@ -1,0 +1,37 @@
+#pragma once
+
+#include <libxml/tree.h>
+
+#include <string>
+
+#include "ZelConfig.h"
+
+/// A software update that the manager mandates: fetched with the board's download tool, checked
+/// against its MD5 sum, installed by the platform's update library. Whatever goes wrong is logged,
+/// and the box keeps the software it has.
+class SoftwareUpdate {
+public:
+    /// Reads the order from the element preSignInTavoReturn.
+    explicit SoftwareUpdate(const xmlNode* preSignInReturn);
+
+    /// Carries the order out, if there is one, and records the new version in the store. Returns
+    /// true when new software was installed.
+    bool Run(ZelConfig& config) const;
+
+private:
+    bool HasUsableAddress() const;
+    bool Fetch() const;
+    bool Install() const;
+    void RecordVersion(ZelConfig& config) const;
+
+    bool present_ = false;
+    bool mandated_ = false;
+    bool application_ = false;
+    std::string type_;
+    std::string protocol_;
+    std::string host_;
+    std::string url_;
+    std::string digest_;
+    std::string fileName_;
+    std::string version_;
+};

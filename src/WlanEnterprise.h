@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+
+/// The files with which an enterprise WLAN (EAP-TLS) is joined. All of them are their owner's
+/// alone.
+namespace WlanEnterprise {
+
+inline constexpr char kDirectory[] = "/config";
+inline constexpr char kCaCertificate[] = "/config/cacert";
+inline constexpr char kClientCertificate[] = "/config/clientcert";
+inline constexpr char kPrivateKey[] = "/config/keypass";
+inline constexpr char kSupplicantFile[] = "/config/wpa.conf";
+
+/// Replaces the certificates and the private key, given as the text of their files. Returns false
+/// when one cannot be written.
+bool WriteCertificates(const std::string& caCertificate, const std::string& clientCertificate,
+                       const std::string& privateKey);
+
+/// Replaces the supplicant's network file. `ssid` and `deviceId` hold no line break. Returns false
+/// when it cannot be written.
+bool WriteSupplicantFile(const std::string& ssid, const std::string& deviceId);
+
+}  // namespace WlanEnterprise
