@@ -181,7 +181,7 @@ int Shell::MakeDirectoryPath(const std::string& path, mode_t mode) {
 }
 
 bool Shell::HasPrefixIgnoringCase(std::string_view text, std::string_view prefix) {
-    const auto lower = [](unsigned char c) { return std::tolower(c); };
+    const auto lower = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
     return text.size() >= prefix.size() &&
            std::equal(prefix.begin(), prefix.end(), text.begin(),
                       [&lower](char a, char b) { return lower(a) == lower(b); });

@@ -214,7 +214,7 @@ SlpReply DecodeReply(const Datagram& datagram) {
 
 }  // namespace
 
-std::size_t Encode(const SlpRequest& request, Datagram& datagram) {
+std::size_t Encode(SlpRequest& request, Datagram& datagram) {
     const bool isService = request.functionId == SlpFunction::kSrvRqst;
     const bool isAttribute = request.functionId == SlpFunction::kAttrRqst;
     const bool isType = request.functionId == SlpFunction::kSrvTypeRqst;
@@ -226,7 +226,10 @@ std::size_t Encode(const SlpRequest& request, Datagram& datagram) {
     if (!isType) {
         writer.OptionalText(isService ? request.serviceType : request.url);
     }
-    writer.Text(request.scopeList.value_or(kDefaultScope));
+    if (!request.scopeList) {
+        request.scopeList = kDefaultScope;
+    }
+    writer.OptionalText(request.scopeList);
     if (isAttribute) {
         writer.OptionalText(request.tagList);
     }

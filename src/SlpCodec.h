@@ -19,8 +19,8 @@ using Datagram = std::array<std::uint8_t, kMaxSize>;
 /// Writes the message and zeros behind it. Returns the message's size in bytes, or 0 when there is
 /// nothing to send: a function id that the record's type has no message for, or a SrvRqst without
 /// service type. A text that does not fit is cut at the end of the datagram and its length field
-/// says so; what should follow is then missing.
-std::size_t Encode(const SlpRequest& request, Datagram& datagram);
+/// says so; what should follow is then missing. A request without scope list gets "default".
+std::size_t Encode(SlpRequest& request, Datagram& datagram);
 std::size_t Encode(const SlpReply& reply, Datagram& datagram);
 
 /// The header's length field: bytes of the whole message, as its sender counted them.

@@ -29,7 +29,7 @@ struct SlpHead {
 /// SrvRqst, AttrRqst or SrvTypeRqst (RFC 2608, sections 8.1, 10.3, 10.1).
 struct SlpRequest : SlpHead {
     std::optional<std::string> prList;           ///< addresses that have answered already
-    std::optional<std::string> scopeList;        ///< absent is sent as "default"
+    std::optional<std::string> scopeList;        ///< absent becomes "default" when sent
     std::optional<std::string> serviceType;      ///< SrvRqst
     std::optional<std::string> url;              ///< AttrRqst
     std::optional<std::string> tagList;          ///< AttrRqst

@@ -102,10 +102,10 @@ bool SoftwareUpdate::Run(ZelConfig& config) const {
     ZEL_INFO("ZEL Master mandates software update of %s from %s", type_.c_str(), url_.c_str());
     ZEL_INFO("   md5: %s, filename: %s", digest_.c_str(), fileName_.c_str());
     const bool installed = Fetch() && Install();
-    unlink((kDirectory + fileName_).c_str());
     if (installed) {
         RecordVersion(config);
     }
+    RemoveFile();
     return installed;
 }
 
@@ -123,14 +123,16 @@ bool SoftwareUpdate::HasUsableAddress() const {
 
 bool SoftwareUpdate::Fetch() const {
     ZEL_INFO("Downloading update file %s...", fileName_.c_str());
-    // What an earlier download has left must not pass for this one.
-    unlink((kDirectory + fileName_).c_str());
+    RemoveFile();  // what an earlier download has left must not pass for this one
     std::string output;
     Shell::RunSystemWithResult(output, kFetchCommand, fileName_.c_str(), url_.c_str());
 
     std::string digest;
     Shell::RunSystemWithResult(digest, "md5sum /tmp/%s | awk '{print $1}'", fileName_.c_str());
     digest.resize(digest.find_last_not_of('\n') + 1);
+    if (digest.empty() || digest != digest_) {
+        RemoveFile();  // it may have filled the disk that the log is on
+    }
     if (digest.empty()) {
         ZEL_ERROR("Error calculating md5 checksum of update file!");
         return false;
@@ -140,6 +142,10 @@ bool SoftwareUpdate::Fetch() const {
         return false;
     }
     return true;
+}
+
+void SoftwareUpdate::RemoveFile() const {
+    unlink((kDirectory + fileName_).c_str());
 }
 
 bool SoftwareUpdate::Install() const {

@@ -22,6 +22,7 @@ private:
     bool HasUsableAddress() const;
     bool Fetch() const;
     bool Install() const;
+    void RemoveFile() const;
     void RecordVersion(ZelConfig& config) const;
 
     bool present_ = false;

@@ -132,7 +132,7 @@ bool SlpBase::IsInterrupted() const {
 }
 
 template <typename Record>
-int SlpBase::SendRecord(const Record& record) const {
+int SlpBase::SendRecord(Record& record) const {
     SlpCodec::Datagram datagram{};
     sockaddr_in peer{};
     const std::size_t size = SlpCodec::Encode(record, datagram);
@@ -143,7 +143,7 @@ int SlpBase::SendRecord(const Record& record) const {
     return 0;
 }
 
-int SlpBase::Send(const SlpRequest& request) const {
+int SlpBase::Send(SlpRequest& request) const {
     return SendRecord(request);
 }
 

@@ -42,7 +42,7 @@ public:
 
     /// Sends a message to its peer. Sends nothing when the peer's address is not dotted or the
     /// record is no message (SlpCodec::Encode). Always 0: failures are not reported.
-    int Send(const SlpRequest& request) const;
+    int Send(SlpRequest& request) const;
     int Send(const SlpReply& reply) const;
 
     /// Searches an attribute list (RFC 2608, section 5) for the attribute with exactly this name.
@@ -52,7 +52,7 @@ public:
 
 private:
     template <typename Record>
-    int SendRecord(const Record& record) const;
+    int SendRecord(Record& record) const;
     bool WaitForDatagram(int milliseconds) const;
     bool InterruptedWithin(int milliseconds) const;
 

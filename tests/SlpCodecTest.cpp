@@ -213,10 +213,10 @@ TEST(SlpCodecTest, NothingIsReadBehindTheDatagram) {
             std::generate(noise.begin(), noise.end(),
                           [&] { return static_cast<char>(1 + random() % highest); });
             noise[1] = function;
-            const auto message = SlpCodec::Decode(ToDatagram(noise));
+            auto message = SlpCodec::Decode(ToDatagram(noise));
             ASSERT_TRUE(message);
             SlpCodec::Datagram again{};
-            std::visit([&again](const auto& record) { SlpCodec::Encode(record, again); }, *message);
+            std::visit([&again](auto& record) { SlpCodec::Encode(record, again); }, *message);
         }
     }
 }

@@ -94,10 +94,11 @@ class Connection:
 
     def wait_for_end(self, seconds):
         """Waits until the peer closes, or that long; tells whether it closed."""
-        if not select.select([self.sock], [], [], seconds)[0]:
-            return False
-        self.sock.settimeout(1)
-        return not self.sock.recv(65536)
+        end = time.monotonic() + seconds
+        while select.select([self.sock], [], [], max(end - time.monotonic(), 0))[0]:
+            if not self.sock.recv(65536):
+                return True
+        return False
 
     def reset_on_close(self):
         self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))

@@ -1,0 +1,284 @@
+"""The box and its manager: found, signed in, told what to be, updated; and whatever goes wrong."""
+
+import os
+import pathlib
+import re
+import stat
+import subprocess
+import time
+
+import pytest
+
+import box
+import workshop
+from workshop import Manager, agent, ask, log, service_request, sign_in_ended, wait_for_log
+
+CONFIG = pathlib.Path("/config")
+REBOOTS = pathlib.Path("/tmp/reboot.log")
+IMAGES = pathlib.Path("/app/zel/images")
+
+
+def settings():
+    return dict(line.split("=", 1) for line in box.CONFIGURATION.read_text().splitlines())
+
+
+def check_at_rest(running):
+    """After any sign-in: the box is free, nothing is left open, and clients find it."""
+    box.wait_until(sign_in_ended, "the sign-in has ended", 120)
+    running.wait_until_serving()
+    assert box.value(box.call("getDeviceInformation"), "state") == "4"
+    assert box.rules() == []
+    assert ask(service_request())[1] == 2
+    box.wait_until(lambda: "OrsSignInServic" not in running.threads().values(), "its thread ended")
+    sockets = [os.readlink(f"/proc/{running.pid}/fd/{fd}") for fd in
+               os.listdir(f"/proc/{running.pid}/fd")]
+    # A pending connection apart: two listeners and the SLP socket.
+    box.wait_until(lambda: not running.connections(), "nobody is served")
+    assert len([link for link in sockets if link.startswith("socket:")]) <= 4
+    children = pathlib.Path(f"/proc/{running.pid}/task/{running.pid}/children")
+    assert children.read_text() == ""
+
+
+def sign_in(scenario, *options, configuration=workshop.PLAIN):
+    """Runs one start of the box against a manager. Returns the manager and what was logged."""
+    with Manager(scenario, *options) as manager, agent(configuration) as running:
+        check_at_rest(running)
+    return manager, log()
+
+
+def test_plain_sign_in_and_what_is_sent():
+    manager, text = sign_in("plain")
+    assert manager.problems() == []
+    for line in ("info    ID * PreSignIn succeed", "info    ID * SignIn succeed",
+                 "debug   ID discover manager using unicast to 192.168.68.2",
+                 "debug   ID Contained ClusterIP 192.168.68.2",
+                 "info    ID ZEL master signals firmware is up-to-date!"):
+        assert re.search(line.replace("ID", r"\d+ +").replace("*", r"\*").replace("  +", " +"), text)
+    (body,) = manager.bodies("preSignInTavo")
+    (head,) = manager.heads("preSignInTavo")
+    assert head == (
+        "POST /webservices/OrsManagerTavoService/v1 HTTP/1.0\r\n"
+        'Content-Type: text/xml;charset="utf-8"\r\n'
+        "Accept: text/xml, multipart/related, text/html, image/gif, image/jpeg, *; q=.2, "
+        "*/*; q=.2\r\n"
+        f"Host: 192.168.68.2:23005\r\nConnection: Keep-Alive\r\nContent-Length: {len(body)}\r\n\r\n")
+    assert settings()[workshop.ADDRESS_KEY + ".tmp"] == "192.168.68.2"
+    assert stat.S_IMODE(box.CONFIGURATION.stat().st_mode) == 0o600
+
+
+def test_found_by_multicast_then_remembered():
+    manager, text = sign_in("plain", configuration="tavo.color=red\ntavo.hostname=TAVO\n")
+    assert text.count("discover manager using unicast to \n") == 1
+    assert "asks the group" in manager.output()
+    assert settings()[workshop.ADDRESS_KEY] == "192.168.68.2"
+    manager, text = sign_in("plain", configuration=None)
+    assert "discover manager using unicast to 192.168.68.2\n" in text
+    assert "asks directly" in manager.output()
+
+
+@pytest.mark.parametrize("form", ["unqualified", "qualified", "bare"])
+def test_new_name_and_color(form):
+    manager, _ = sign_in("rename", f"form={form}", "hostname=bay-7", "color=#be1110", "country=AT")
+    assert manager.problems() == []
+    assert (settings()["tavo.hostname"], settings()["tavo.color"], settings()["country.code"]) == (
+        "bay-7", "red", "AT")
+    (body,) = manager.bodies("signInTavo")
+    assert "<ns2:hostname>bay-7</ns2:hostname>" in body, "known by its new name at once"
+
+
+@pytest.mark.parametrize("scenario, level", [("wlan-wpa-psk", "102"), ("wlan-wpa2-psk", "105"),
+                                             ("wlan-open", None)])
+def test_wlan_settings(scenario, level):
+    manager, _ = sign_in(scenario, "wlan.ssid=work shop", "wlan.credentials=secret-phrase")
+    assert manager.problems() == []
+    stored = settings()
+    assert stored["wlan.conf.infra.ssid"] == "work shop"
+    if level:
+        assert stored["wlan.conf.infra.security.level"] == level
+        assert stored["wlan.conf.infra.credentials"] == "secret-phrase"
+    else:
+        assert "wlan.conf.infra.credentials" not in stored
+
+
+def test_enterprise_wlan_and_the_clock_at_the_next_start():
+    manager, _ = sign_in("wlan-enterprise", "wlan.ssid=work\"shop")
+    assert manager.problems() == []
+    stored = settings()
+    assert stored["wlan.conf.infra.security.level"] == "106"
+    assert stored["wlan.conf.infra.credentials"] == "/config"
+    for name in ("cacert", "clientcert", "keypass", "wpa.conf"):
+        assert stat.S_IMODE((CONFIG / name).stat().st_mode) == 0o600
+    assert "PRIVATE KEY" in (CONFIG / "keypass").read_text()
+    assert (CONFIG / "wpa.conf").read_text() == (
+        "ap_scan=1\nnetwork={\n  scan_ssid=1\n  proto=RSN WPA\n  key_mgmt=WPA-EAP\n"
+        "  pairwise=CCMP TKIP\n  group=CCMP TKIP\n  eap=TLS\n  ssid=\"work\"shop\"\n"
+        "  identity=\"host/TAVO0012345\"\n  ca_cert=\"/config/cacert\"\n"
+        "  client_cert=\"/config/clientcert\"\n  private_key=\"/config/keypass\"\n}\n")
+
+    before = (CONFIG / "cacert").read_text()
+    manager, text = sign_in("wlan-unchanged", configuration=None)
+    assert "Wlan enterprise configuration not new" in text
+    assert (CONFIG / "cacert").read_text() == before
+
+    box.CONFIGURATION.write_text(box.CONFIGURATION.read_text() + "opla.mode=OPLA-Next\n")
+    with agent(None) as running:
+        running.wait_until_serving()
+    ends = [subprocess.run(["openssl", "x509", "-in", CONFIG / name, "-noout", "-enddate"],
+                           capture_output=True, text=True, check=True).stdout
+            for name in ("cacert", "clientcert")]
+    earliest = min(time.mktime(time.strptime(end.strip(), "notAfter=%b %d %H:%M:%S %Y GMT"))
+                   for end in ends)
+    assert f"Timestamp to set: {int(earliest) - 86400}\n" in log()
+    # The box may not touch the clock of the machine that it is simulated on.
+    assert "settimeofday failed Operation not permitted" in log()
+    assert log().index("settimeofday failed") < log().index("* SetDateTime done.") < log().index(
+        "* SLP service started.")
+
+
+def active_image(kind):
+    directory = IMAGES / kind
+    return (directory / (directory / "active").read_text().strip() / "image").read_bytes()
+
+
+@pytest.mark.parametrize("scenario, kind", [("application-update", "application"),
+                                            ("firmware-update", "firmware")])
+def test_update(scenario, kind):
+    REBOOTS.unlink(missing_ok=True)
+    manager, text = sign_in(scenario, "image.content=new software\n", "update.version=01.07.09")
+    assert manager.problems() == []
+    assert active_image(kind) == b"new software\n"
+    assert (IMAGES / kind / "state").read_text() == "clean\n"
+    first, second = manager.bodies("preSignInTavo")
+    tag = "appVersion" if kind == "application" else "firmwareVersion"
+    assert f"<ns2:{tag}>10709</ns2:{tag}>" in second and f"<ns2:{tag}>10709</ns2:{tag}>" not in first
+    box.wait_until(REBOOTS.exists, "the reboot is on record")
+    assert len(REBOOTS.read_text().splitlines()) == 1
+    steps = ["need another preSignIn because of update", "Rebooting after update",
+             "* PreSignIn succeed", "* SignIn succeed"]
+    assert sorted(steps, key=text.index) == steps
+    assert not list(pathlib.Path("/tmp").glob("*.img")), "the image is not kept in memory"
+
+
+@pytest.mark.parametrize("scenario, line", [
+    ("wrong-checksum", "Checksum mismatch! Expected '"), ("image-missing", "Checksum mismatch!"),
+    ("image-cut", "Checksum mismatch!"), ("image-wrong", "Checksum mismatch!")])
+def test_an_update_that_fails_keeps_the_software(scenario, line):
+    REBOOTS.unlink(missing_ok=True)
+    before = active_image("application")
+    manager, text = sign_in(scenario)
+    assert line in text and "* SignIn succeed" in text
+    assert active_image("application") == before and not REBOOTS.exists()
+    assert len(manager.bodies("preSignInTavo")) == 1
+
+
+def test_a_full_disk_keeps_the_software():
+    before = active_image("application")
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "small", "/tmp"], check=True)
+    try:
+        _, text = sign_in("application-update", "image.size=3000000")
+        assert "Checksum mismatch!" in text and "* SignIn succeed" in text
+        assert active_image("application") == before
+    finally:
+        subprocess.run(["umount", "-l", "/tmp"], check=True)
+
+
+def test_a_manager_that_dies_in_a_download():
+    before = active_image("application")
+    with agent() as running:
+        with Manager("image-stall") as manager:
+            box.wait_until(lambda: "IMAGE" in manager.output(), "the download has begun")
+        check_at_rest(running)
+    assert "Checksum mismatch!" in log() and "SignIn failed" in log()
+    assert active_image("application") == before
+
+
+@pytest.mark.parametrize("scenario, lines", [
+    ("not-xml", ["Can't create doc of PreSignInResponse"]),
+    ("entity-bomb", ["Can't create doc of PreSignInResponse"]),
+    ("external-entity", ["Can't create doc of PreSignInResponse"]),
+    ("huge-answer", ["PreSignIn failed"]),
+    ("not-soap", ["OrsSignIn validate soap failed:\n", "Response of PreSignIn not valid"]),
+    ("wrong-operation", ["OrsSignIn validate failed:\n"]),
+    ("missing-return", ["PreSignIn failed"]),
+    ("schema-invalid", ["OrsSignIn validate failed:\n", "Response of PreSignIn not valid"]),
+    ("empty-answer", ["req data null"]),
+    ("soap-fault", ["PreSignIn failed"]),
+    ("silent", ["PreSignIn failed"]),
+    ("slow", ["PreSignIn failed"]),
+])
+def test_an_answer_that_is_none_ends_the_sign_in(scenario, lines):
+    manager, text = sign_in(scenario)
+    for line in [*lines, "PreSignIn failed"]:
+        assert line in text
+    assert "SignIn succeed" not in text and "IMAGE" not in manager.output()
+    assert settings()["tavo.hostname"] in ("TAVO", "TAVO0012345"), "nothing was taken"
+
+
+@pytest.mark.parametrize("scenario", ["drop-before-answer", "reset", "drop-in-head", "drop-between",
+                                      "chunked"])
+def test_a_connection_that_is_lost_is_made_again(scenario):
+    manager, text = sign_in(scenario)
+    assert "* SignIn succeed" in text
+    if scenario in ("drop-between", "chunked"):
+        assert "Socket is closed by other side, reopen" in text
+
+
+def test_a_broken_sign_in_is_told_apart():
+    _, text = sign_in("not-soap", "fault.operation=signInTavo")
+    assert "Response of SignIn not soap valid" in text and "SignIn failed" in text
+    _, text = sign_in("drop-in-head", "fault.times=0")
+    assert text.count("Initialize socket PreSignIn") == 2 and "PreSignIn failed" in text
+
+
+def test_hostile_values_stay_values():
+    """All at once is refused as a whole; a part that the schemas let pass is judged by itself."""
+    known = ("tavo.", "country.code", "wlan.conf.infra.", "network.config.discover.mode",
+             workshop.ADDRESS_KEY)
+    nasty = '"x\\ny=$(touch /tmp/intruder)`"'
+    for scenario, options, line in [
+            ("hostile", [], "Response of PreSignIn not valid"),
+            ("rename", [f"hostname={nasty}"], "the host name cannot be used"),
+            ("rename", [f"country={nasty}"], "the country code cannot be used"),
+            ("wlan-wpa2-psk", [f"wlan.ssid={nasty}"], "the WLAN configuration cannot be used"),
+            ("wlan-wpa2-psk", [f"wlan.credentials={nasty}"], "the WLAN configuration cannot"),
+            ("wlan-enterprise", [f"wlan.ssid={nasty}"], "the WLAN configuration cannot be used"),
+            ("application-update", ["update.filename=../x"], "address supplied is not valid"),
+            ("application-update", ["update.context=/$(touch /tmp/intruder)"],
+             "address supplied is not valid"),
+            ("application-update", [f"update.ip={nasty}"], "address supplied is not valid")]:
+        manager, text = sign_in(scenario, *options)
+        assert line in text, (scenario, options)
+        assert ("* SignIn succeed" in text) == (scenario != "hostile")
+        assert all(key.startswith(known) for key in settings()), settings()
+        assert not pathlib.Path("/tmp/intruder").exists() and "IMAGE" not in manager.output()
+
+
+def test_replies_that_name_no_manager():
+    manager, text = sign_in("slp-foreign")
+    assert "* SignIn succeed" in text and manager.process.returncode == 0
+
+
+@pytest.mark.parametrize("scenario", ["silent", "no-slp"])
+def test_stop_does_not_wait_for_the_manager(scenario):
+    with Manager(scenario), agent() as running:
+        wait_for_log("Wait for response" if scenario == "silent" else "using multicast")
+        begin = time.monotonic()
+        assert running.stop() == 0
+        if not box.SANITIZED:
+            assert time.monotonic() - begin < 2
+
+
+def test_a_client_that_came_first_is_waited_for():
+    with agent("tavo.hostname=TAVO\n") as running:
+        wait_for_log("go to receive")
+        box.wait_until(lambda: ask(service_request(), patience=1), "it is open to clients")
+        running.wait_until_serving()
+        code, handle = box.reserve()
+        assert code == "0"
+        with Manager("plain") as manager:
+            wait_for_log("Start PreSignInSignIn")
+            time.sleep(2.2)
+            assert "preSignInTavo" not in manager.output()
+            assert box.release(handle) == "0"
+            check_at_rest(running)
+            assert "signInTavo" in manager.output()

@@ -1,0 +1,81 @@
+// Any bytes as what a manager answers to a PreSignIn: read, checked and applied, but for the tools
+// that an update would run. Runs in a simulated box.
+
+#include <sys/socket.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "HttpMessageReader.h"
+#include "PreSignInResponse.h"
+#include "ServiceSchemas.h"
+#include "SocketGuard.h"
+#include "SoftwareUpdate.h"
+#include "XmlText.h"
+#include "ZelConfig.h"
+
+namespace {
+
+constexpr std::size_t kMaxAnswer = 60000;  // what a socket takes at once
+
+HttpRequest Read(const std::uint8_t* data, std::size_t size) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
+        std::abort();
+    }
+    const SocketGuard manager(ends[0]);
+    const SocketGuard box(ends[1]);
+    static_cast<void>(send(manager.Get(), data, size, 0));
+    shutdown(manager.Get(), SHUT_WR);
+    HttpMessageReader reader(box.Get());
+    HttpRequest response;
+    if (reader.ReadHead(response)) {
+        reader.ReadBody(response);
+    }
+    return response;
+}
+
+/// As many lines as settings, whatever was stored.
+void CheckSettings(const ZelConfig& config) {
+    if (!config.Save()) {
+        std::abort();
+    }
+    std::ifstream file(ZelConfig::kConfigurationFile);
+    for (std::string line; std::getline(file, line);) {
+        if (!line.starts_with("tavo.") && !line.starts_with("country.code=") &&
+            !line.starts_with("wlan.conf.infra.")) {
+            std::abort();
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size > kMaxAnswer) {
+        return 0;
+    }
+    const HttpRequest response = Read(data, size);
+    const XmlText::Document document = XmlText::Parse(response.body.value_or(""));
+    if (!document) {
+        return 0;
+    }
+    static auto& schemas = *new ServiceSchemas("TaSigninServlet");
+    std::string errors;
+    SoapEnvelopeSchema().ValidateDocument(document.get(), errors);
+    const xmlNode* body = XmlText::FindChild(xmlDocGetRootElement(document.get()), "Body");
+    xmlNode* answer = XmlText::FindChild(body, "preSignInTavoResponse");
+    if (answer == nullptr) {
+        return 0;
+    }
+    // Applied also when it is not valid: one check less must not be one fault more.
+    schemas.Accept(answer, errors);
+    ZelConfig config;
+    const xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
+    if (result != nullptr) {
+        PreSignInResponse::Apply(config, result);
+        const SoftwareUpdate update(result);
+        CheckSettings(config);
+    }
+    return 0;
+}
