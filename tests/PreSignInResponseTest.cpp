@@ -1,0 +1,304 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "ManagerAnswer.h"
+#include "PreSignInResponse.h"
+#include "ServiceSchemas.h"
+
+namespace {
+
+using Settings = std::map<std::string, std::string>;
+
+const std::string kLevel = "wlan.conf.infra.security.level";
+const std::string kSsid = "wlan.conf.infra.ssid";
+const std::string kBand = "wlan.conf.infra.band";
+const std::string kChannel = "wlan.conf.infra.channel";
+const std::string kCredentials = "wlan.conf.infra.credentials";
+
+/// What the box has before each answer.
+const Settings kBefore = {{"tavo.hostname", "BAY-7"},
+                          {"tavo.color", "white"},
+                          {"country.code", "AT"},
+                          {kLevel, "105"},
+                          {kSsid, "before"},
+                          {kBand, "1"},
+                          {kChannel, "2"},
+                          {kCredentials, "secret before"}};
+
+constexpr char kDummies[] =
+    "<cacertificate>Dummy-CA-Cert</cacertificate>"
+    "<clientcertificate>Dummy-Client-Cert</clientcertificate><keypass>Lomitrax</keypass>";
+constexpr char kCertificates[] =
+    "<cacertificate>ca\nca</cacertificate><clientcertificate>client</clientcertificate>"
+    "<keypass>key &amp; pass</keypass>";
+
+std::string Wlan(const std::string& level, const std::string& ssid, const std::string& more) {
+    return "<infrastructureConfig><securityLevel>" + level + "</securityLevel><ssid>" + ssid +
+           "</ssid>" + more + "</infrastructureConfig>";
+}
+
+class PreSignInResponseTest : public testing::Test {
+protected:
+    PreSignInResponseTest() {
+        for (const auto& [key, value] : kBefore) {
+            config_.Set(key, value, ZelConfig::Kind::kPersistent);
+        }
+        config_.Set("hardware.devid", "TAVO0012345", ZelConfig::Kind::kFixed);
+    }
+
+    bool Apply(const std::string& content) {
+        const ManagerAnswer answer(content);
+        EXPECT_NE(answer.Root(), nullptr) << content;
+        return PreSignInResponse::Apply(config_, answer.Root());
+    }
+
+    /// The box's own settings are `expected`, now and after the next start.
+    void ExpectSettings(const Settings& expected, const std::string& name) const {
+        ASSERT_TRUE(config_.Save());
+        ZelConfig next;
+        ASSERT_TRUE(next.Load()) << name;
+        for (const auto& [key, value] : kBefore) {
+            const auto changed = expected.find(key);
+            const std::string& wanted = changed == expected.end() ? value : changed->second;
+            EXPECT_EQ(config_.Get(key), wanted) << name << ": " << key;
+            EXPECT_EQ(next.Get(key), wanted) << name << ": " << key << " after a start";
+        }
+        // A line of the file for each setting and no more.
+        std::ifstream file(ZelConfig::kConfigurationFile);
+        std::size_t lines = 0;
+        for (std::string line; std::getline(file, line);) {
+            ++lines;
+            EXPECT_EQ(kBefore.count(line.substr(0, line.find('='))), 1U) << name << ": " << line;
+        }
+        EXPECT_EQ(lines, kBefore.size()) << name;
+    }
+
+    ZelConfig config_;
+};
+
+TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
+    const std::string longName(63, 'n');
+    const std::string longSsid(32, 's');
+    const std::string longKey(64, 'f');
+    const struct {
+        const char* name;
+        std::string content;
+        Settings changed;
+    } cases[] = {
+        {"nothing", "", {}},
+        {"all of it",
+         "<device><hostname>lane-3.hall_2</hostname></device><color>#163279</color>"
+         "<countryCode>FR</countryCode>" +
+             Wlan("102", "Hall &amp; Yard",
+                  "<band>2</band><channel>36</channel>"
+                  "<credentials> pass phrase=1 </credentials>"),
+         {{"tavo.hostname", "lane-3.hall_2"},
+          {"tavo.color", "blue"},
+          {"country.code", "FR"},
+          {kLevel, "102"},
+          {kSsid, "Hall & Yard"},
+          {kBand, "2"},
+          {kChannel, "36"},
+          {kCredentials, " pass phrase=1 "}}},
+        {"one bad value beside a good one",
+         "<device><hostname>a b</hostname></device><color>#be1110</color>",
+         {{"tavo.color", "red"}}},
+        {"empty country", "<countryCode/>", {{"country.code", "DE"}}},
+        {"longest host name",
+         "<device><hostname>" + longName + "</hostname></device>",
+         {{"tavo.hostname", longName}}},
+        {"device without host name", "<device><type>TAVO</type></device>", {}},
+        // A pre-shared key that the manager does not tell again.
+        {"WLAN as before",
+         Wlan("105", "other", "<credentials>Dummy-Credentials</credentials>"),
+         {}},
+        {"longest SSID and key",
+         Wlan("105", longSsid, "<credentials>" + longKey + "</credentials>"),
+         {{kSsid, longSsid}, {kCredentials, longKey}, {kBand, ""}, {kChannel, ""}}},
+        {"open WLAN has no key",
+         Wlan("2", "open", "<band>1</band><channel>-1</channel><credentials>x</credentials>"),
+         {{kLevel, "2"}, {kSsid, "open"}, {kChannel, "-1"}}},
+        {"without level", "<infrastructureConfig><ssid>s</ssid></infrastructureConfig>", {}},
+        {"without SSID",
+         "<infrastructureConfig><securityLevel>2</securityLevel></infrastructureConfig>",
+         {}},
+    };
+    for (const auto& c : cases) {
+        for (const auto& [key, value] : kBefore) {
+            config_.Set(key, value, ZelConfig::Kind::kPersistent);
+        }
+        EXPECT_TRUE(Apply(c.content)) << c.name;
+        ExpectSettings(c.changed, c.name);
+    }
+    EXPECT_FALSE(std::filesystem::exists("/config/wpa.conf")) << "only for an enterprise WLAN";
+}
+
+TEST_F(PreSignInResponseTest, WhatCouldDoHarmChangesNothing) {
+    const auto hostName = [](const std::string& name) {
+        return "<device><hostname>" + name + "</hostname></device>";
+    };
+    const std::string contents[] = {
+        hostName(""),
+        hostName("a&#10;opla.mode=OPLA-Next"),
+        hostName("a&#13;b"),
+        hostName("a`reboot`"),
+        hostName("$(reboot)"),
+        hostName("two words"),
+        hostName("-H"),
+        hostName(std::string(64, 'n')),
+        "<color>blue</color>",
+        "<color>#163279&#10;a=b</color>",
+        "<countryCode>DEU</countryCode>",
+        "<countryCode>D&#10;</countryCode>",
+        "<countryCode>;a</countryCode>",
+        Wlan("105&#10;a=b", "s", ""),
+        Wlan("", "s", ""),
+        Wlan("1234567890", "s", ""),
+        Wlan("2", "s&#10;a=b", ""),
+        Wlan("2", "s&#9;", ""),
+        Wlan("2", std::string(33, 's'), ""),
+        Wlan("2", "s", "<band>1&#10;a=b</band>"),
+        Wlan("2", "s", "<channel>1;reboot</channel>"),
+        Wlan("105", "s", "<credentials>k&#10;a=b</credentials>"),
+        Wlan("102", "s", "<credentials>k&#13;</credentials>"),
+        Wlan("105", "s", "<credentials>" + std::string(65, 'f') + "</credentials>"),
+        Wlan("106", "s\"&#10;}&#10;network={&#10;ssid=\"evil", kCertificates)};
+    for (const std::string& content : contents) {
+        Apply(content);
+        ExpectSettings({}, content);
+    }
+    EXPECT_FALSE(std::filesystem::exists("/config/wpa.conf"));
+    EXPECT_FALSE(std::filesystem::exists("/config/cacert"));
+}
+
+TEST_F(PreSignInResponseTest, AnEnterpriseWlan) {
+    // One that others could read so far.
+    std::ofstream("/config/keypass") << "a longer text than the one that comes now";
+    ASSERT_EQ(chmod("/config/keypass", 0644), 0);
+    const Settings changed = {{kLevel, "106"},
+                              {kSsid, "Hall 2"},
+                              {kBand, "1"},
+                              {kChannel, "11"},
+                              {kCredentials, "/config"}};
+    const std::string place = "<band>1</band><channel>11</channel>";
+    ASSERT_TRUE(Apply(Wlan("106", "Hall 2", place + kCertificates)));
+    ExpectSettings(changed, "new certificates");
+    ASSERT_TRUE(Apply(Wlan("106", "Hall 2", place + kDummies)));
+    ExpectSettings(changed, "certificates as before");
+
+    const struct {
+        const char* path;
+        const char* text;
+    } files[] = {{"/config/cacert", "ca\nca"},
+                 {"/config/clientcert", "client"},
+                 {"/config/keypass", "key & pass"},
+                 {"/config/wpa.conf",
+                  "ap_scan=1\n"
+                  "network={\n"
+                  "  scan_ssid=1\n"
+                  "  proto=RSN WPA\n"
+                  "  key_mgmt=WPA-EAP\n"
+                  "  pairwise=CCMP TKIP\n"
+                  "  group=CCMP TKIP\n"
+                  "  eap=TLS\n"
+                  "  ssid=\"Hall 2\"\n"
+                  "  identity=\"host/TAVO0012345\"\n"
+                  "  ca_cert=\"/config/cacert\"\n"
+                  "  client_cert=\"/config/clientcert\"\n"
+                  "  private_key=\"/config/keypass\"\n"
+                  "}\n"}};
+    for (const auto& [path, text] : files) {
+        EXPECT_EQ(ReadFile(path), text) << path;
+        struct stat status {};
+        ASSERT_EQ(stat(path, &status), 0) << path;
+        EXPECT_EQ(status.st_mode & 07777, 0600U) << path;
+    }
+}
+
+TEST_F(PreSignInResponseTest, AnEnterpriseWlanThatCannotBeTaken) {
+    const std::string incomplete =
+        Wlan("106", "s", "<cacertificate>ca</cacertificate><keypass>k</keypass>");
+    EXPECT_FALSE(Apply(incomplete)) << "no client certificate";
+    for (const char* path : {"/config/cacert", "/config/keypass", "/config/wpa.conf"}) {
+        // A directory that holds something cannot be replaced by a file.
+        std::filesystem::create_directories(std::string(path) + "/in the way");
+        EXPECT_FALSE(Apply(Wlan("106", "s", kCertificates))) << path;
+        std::filesystem::remove_all(path);
+    }
+    ExpectSettings({}, "none of them");
+    EXPECT_TRUE(Apply(Wlan("106", "s", kCertificates)));
+}
+
+class SignInSchemasTest : public testing::Test {
+protected:
+    bool Accepts(const std::string& answer) {
+        const XmlText::Document document = XmlText::Parse(answer);
+        EXPECT_TRUE(document) << answer;
+        std::string errors;
+        return schemas_.Accept(xmlDocGetRootElement(document.get()), errors);
+    }
+
+    ServiceSchemas schemas_{"TaSigninServlet"};
+};
+
+TEST_F(SignInSchemasTest, EachFormOfAnAnswer) {
+    const std::string service = "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1";
+    const std::string beans = service + "/beans/signin";
+    // An answer with the prefixes of its three levels.
+    const struct {
+        const char* name;
+        const char* operation;
+        const char* result;
+        const char* content;
+    } forms[] = {
+        {"no namespace", "", "", ""},
+        {"the operation's only", "s:", "", ""},
+        {"the service's, beans without", "s:", "s:", ""},
+        {"beans qualified", "s:", "", "b:"},
+        {"all qualified", "s:", "s:", "b:"},
+    };
+    const auto element = [](const std::string& prefix, const std::string& name,
+                            const std::string& content) {
+        std::string text = "<" + prefix;
+        text += name + ">" + content;
+        return text + "</" + prefix + name + ">";
+    };
+    for (const auto& form : forms) {
+        const auto answer = [&](const std::string& content) {
+            std::string text = element(form.operation, "preSignInTavoResponse",
+                                       element(form.result, "preSignInTavoReturn", content));
+            return text.insert(text.find('>'),
+                               " xmlns:s=\"" + service + "\" xmlns:b=\"" + beans + "\"");
+        };
+        const auto bean = [&](const std::string& name, const std::string& content) {
+            return element(form.content, name, content);
+        };
+        const std::string complete =
+            bean("color", "#be1110") + bean("device", bean("hostname", "BAY-7")) +
+            bean("date", bean("year", "2024")) +
+            bean("infrastructureConfig", bean("securityLevel", "106") + bean("ssid", "s")) +
+            bean("updateConfigurationExt",
+                 bean("updateSoftware", "true") +
+                     bean("updateLocation",
+                          bean("ip", "192.168.68.2") +
+                              bean("attributes", bean("item", bean("key", "FILENAME") +
+                                                                  bean("value", "image"))))) +
+            bean("networkConfiguration", "");
+        EXPECT_TRUE(Accepts(answer(complete))) << form.name;
+        EXPECT_FALSE(Accepts(answer(bean("colour", "#be1110")))) << form.name;
+        EXPECT_FALSE(Accepts(answer(bean("device", bean("color", "red"))))) << form.name;
+        EXPECT_FALSE(Accepts(answer(bean("infrastructureConfig", bean("securityLevel", "1e2")))))
+            << form.name;
+    }
+    EXPECT_TRUE(Accepts("<signInTavoResponse><anything/></signInTavoResponse>"));
+    EXPECT_TRUE(Accepts("<s:signInTavoResponse xmlns:s=\"" + service + "\"/>"));
+    EXPECT_FALSE(Accepts("<s:signInTavoResponse xmlns:s=\"http://example.com/other\"/>"));
+    EXPECT_FALSE(Accepts("<signInTavo/>"));
+}
+
+}  // namespace

@@ -1,0 +1,272 @@
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ManagerAnswer.h"
+#include "SocketGuard.h"
+#include "SoftwareUpdate.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr char kServed[] = "/tmp/served";
+constexpr std::uint16_t kPort = 8080;
+constexpr char kMd5[] = "5312e17c8c92d7c946a5940990a0a9d9";  // of "an image"
+
+/// What an order says; an element that is "-" is left out.
+struct Order {
+    std::string type = "Application";
+    std::string protocol = "-";
+    std::string ip = "127.0.0.1";
+    std::string port = "8080";
+    std::string context = "/app.img";
+    std::string md5 = kMd5;
+    std::string fileName = "update.img";
+    std::string version = "01.02.03";
+    std::string updateSoftware = "true";
+};
+
+std::string Element(const std::string& name, const std::string& value) {
+    return value == "-" ? "" : "<" + name + ">" + value + "</" + name + ">";
+}
+
+std::string ToXml(const Order& order) {
+    const auto item = [](const std::string& key, const std::string& value) {
+        return "<item><key>" + key + "</key>" + Element("value", value) + "</item>";
+    };
+    const std::string attributes = "<attributes>" + item("OTHER", "x") +
+                                   item("MD5CHKSM", order.md5) + item("FILENAME", order.fileName) +
+                                   "</attributes>";
+    const std::string version = order.type == "Application" ? "appVersion" : "firmwareVersion";
+    const std::string otherVersion = order.type == "Application" ? "firmwareVersion" : "appVersion";
+    return "<updateConfigurationExt>" + Element("updateSoftware", order.updateSoftware) +
+           Element("updateType", order.type) + "<updateLocation>" +
+           Element("protocol", order.protocol) + Element("ip", order.ip) +
+           Element("port", order.port) + Element("context", order.context) + attributes +
+           "</updateLocation>" + Element(version, order.version) + Element(otherVersion, "9.9.9") +
+           "</updateConfigurationExt>";
+}
+
+/// Value of an order with this one member changed.
+Order With(std::string Order::*member, const std::string& value) {
+    Order order;
+    order.*member = value;
+    return order;
+}
+
+class SoftwareUpdateTest : public testing::Test {
+protected:
+    SoftwareUpdateTest() {
+        config_.Set("system.version.app", "old app", ZelConfig::Kind::kFixed);
+        config_.Set("system.version.boot", "old boot", ZelConfig::Kind::kFixed);
+    }
+
+    bool Run(const std::string& content) {
+        const ManagerAnswer answer(content);
+        EXPECT_NE(answer.Root(), nullptr) << content;
+        return SoftwareUpdate(answer.Root()).Run(config_);
+    }
+
+    static std::string ActiveImage(const std::string& type) {
+        const std::string directory = "/app/zel/images/" + type + "/";
+        std::string slot;
+        std::ifstream(directory + "active") >> slot;
+        return ReadFile(directory + slot + "/image");
+    }
+
+    ZelConfig config_;
+};
+
+// A recorder in the place of the download tool: what reaches it, and that nothing else runs.
+TEST_F(SoftwareUpdateTest, OnlyAUsableAddressReachesTheShell) {
+    const std::string recorder = "/usr/sbin/wget";  // found before the tool itself
+    std::ofstream(recorder) << "#!/bin/sh\nprintf '%s\\n' \"$@\" > /tmp/wget.log\n";
+    fs::permissions(recorder, fs::perms::owner_all);
+
+    const std::string longest(512, 'a');
+    const struct {
+        Order order;
+        const char* url;  // null when it is refused
+    } cases[] = {
+        {Order{}, "http://127.0.0.1:8080/app.img"},
+        {With(&Order::protocol, "https"), "https://127.0.0.1:8080/app.img"},
+        {With(&Order::protocol, "ftp"), "ftp://127.0.0.1:8080/app.img"},
+        {With(&Order::protocol, ""), "http://127.0.0.1:8080/app.img"},
+        {With(&Order::port, "-"), "http://127.0.0.1:80/app.img"},
+        {With(&Order::ip, "[fe80::1]"), "http://[fe80::1]:8080/app.img"},
+        {With(&Order::context, "-"), "http://127.0.0.1:8080"},
+        {With(&Order::context, "/a?b=c&amp;d='e';(f)*!%20~#@,+"),
+         "http://127.0.0.1:8080/a?b=c&d='e';(f)*!%20~#@,+"},
+        {With(&Order::protocol, "file"), nullptr},
+        {With(&Order::protocol, "--post-file=/config/keypass http"), nullptr},
+        {With(&Order::ip, "-"), nullptr},
+        {With(&Order::ip, "user:pass@host"), nullptr},
+        {With(&Order::ip, "$(touch /tmp/ran)"), nullptr},
+        {With(&Order::port, "$PATH"), nullptr},
+        {With(&Order::port, "80\" ; touch /tmp/ran ; \""), nullptr},
+        {With(&Order::context, "/$(touch${IFS}/tmp/ran)"), nullptr},
+        {With(&Order::context, "/`touch\t/tmp/ran`"), nullptr},
+        {With(&Order::context, "/\"&amp;touch\t/tmp/ran&amp;\""), nullptr},
+        {With(&Order::context, "/a&#10;touch /tmp/ran"), nullptr},
+        {With(&Order::context, "/a\\"), nullptr},
+        {With(&Order::context, "/\xc3\xbc"), nullptr},
+        {With(&Order::context, "/" + longest), nullptr},
+        {With(&Order::fileName, "-"), nullptr},
+        {With(&Order::fileName, ""), nullptr},
+        {With(&Order::fileName, ".."), nullptr},
+        {With(&Order::fileName, "../config/wpa.conf"), nullptr},
+        {With(&Order::fileName, "log/nativezel.log"), nullptr},
+        {With(&Order::fileName, "a b"), nullptr},
+        {With(&Order::fileName, "a;touch${IFS}/tmp/ran"), nullptr},
+        {With(&Order::fileName, "$(reboot)"), nullptr},
+        {With(&Order::fileName, "*"), nullptr},
+        {With(&Order::fileName, longest), nullptr},
+    };
+    for (const auto& [order, url] : cases) {
+        fs::remove("/tmp/wget.log");
+        EXPECT_FALSE(Run(ToXml(order))) << ToXml(order);
+        const std::string expected =
+            url == nullptr ? "" : "-q\n-O\n/tmp/update.img\n" + std::string(url) + "\n";
+        EXPECT_EQ(ReadFile("/tmp/wget.log"), expected) << ToXml(order);
+    }
+    EXPECT_FALSE(fs::exists("/tmp/ran"));
+    // A command line of more than 511 bytes would be cut.
+    for (std::size_t size = 430; size < 480; ++size) {
+        fs::remove("/tmp/wget.log");
+        const std::string path = "/" + std::string(size, 'a');
+        Run(ToXml(With(&Order::context, path)));
+        const std::string arguments = ReadFile("/tmp/wget.log");
+        EXPECT_TRUE(arguments.empty() || arguments.ends_with(path + "\n")) << size;
+        EXPECT_TRUE(size > 440 || !arguments.empty()) << "short enough: " << size;
+    }
+    fs::remove(recorder);
+}
+
+/// A web server that hands out the files of a directory.
+class SoftwareDownloadTest : public SoftwareUpdateTest {
+protected:
+    void SetUp() override {
+        fs::create_directory(kServed);
+        std::ofstream(std::string(kServed) + "/app.img") << "an image";
+        const std::string port = std::to_string(kPort);
+        server_ = fork();
+        ASSERT_GE(server_, 0);
+        if (server_ == 0) {
+            execl("/usr/bin/python3", "python3", "-m", "http.server", port.c_str(), "--bind",
+                  "127.0.0.1", "--directory", kServed, static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        const auto limit = std::chrono::steady_clock::now() + 60s;
+        while (!IsServing()) {
+            ASSERT_LT(std::chrono::steady_clock::now(), limit) << "no server";
+            std::this_thread::sleep_for(20ms);
+        }
+    }
+
+    void TearDown() override {
+        kill(server_, SIGKILL);
+        waitpid(server_, nullptr, 0);
+    }
+
+    static bool IsServing() {
+        const SocketGuard client(socket(AF_INET, SOCK_STREAM, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(kPort);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return connect(client.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) ==
+               0;
+    }
+
+    /// The images that are started next, and the versions that the box knows of itself.
+    void ExpectSoftware(const std::vector<std::string>& expected, const std::string& name) const {
+        const std::vector<std::string> present = {
+            ActiveImage("application"), config_.Get("system.version.app"), ActiveImage("firmware"),
+            config_.Get("system.version.boot")};
+        EXPECT_EQ(present, expected) << name;
+        EXPECT_FALSE(fs::exists("/tmp/update.img")) << name << ": left behind";
+    }
+
+    pid_t server_ = 0;
+};
+
+TEST_F(SoftwareDownloadTest, EachKindOfImageHasItsSlots) {
+    const std::string firmware = ActiveImage("firmware");
+    ASSERT_NE(firmware, "an image");
+    EXPECT_TRUE(Run(ToXml(Order{})));
+    ExpectSoftware({"an image", "10203", firmware, "old boot"}, "application");
+
+    std::ofstream(std::string(kServed) + "/boot.img") << "a kernel";
+    Order order;
+    order.type = "TAVO";
+    order.context = "/boot.img";
+    order.version = "1.12.0";
+    order.md5 = "1431a699de19ba8348cc2c829d07bc11";
+    EXPECT_TRUE(Run(ToXml(order)));
+    ExpectSoftware({"an image", "10203", "a kernel", "11200"}, "firmware");
+}
+
+TEST_F(SoftwareDownloadTest, WhatGoesWrongLeavesTheSoftware) {
+    const std::string application = ActiveImage("application");
+    const std::string firmware = ActiveImage("firmware");
+    std::ofstream(std::string(kServed) + "/empty.img") << "";
+    Order empty = With(&Order::context, "/empty.img");
+    empty.md5 = "d41d8cd98f00b204e9800998ecf8427e";
+    const struct {
+        const char* name;
+        Order order;
+    } cases[] = {
+        {"no such file", With(&Order::context, "/none.img")},
+        {"nobody there", With(&Order::port, "8081")},
+        {"no sum", With(&Order::md5, "-")},
+        {"the sum of another image", With(&Order::md5, std::string(32, '0'))},
+        {"a part of the sum", With(&Order::md5, std::string(kMd5).substr(0, 31))},
+        {"an image without content", empty},
+    };
+    for (const auto& c : cases) {
+        // An earlier download, complete, of the same name must not pass for this one.
+        std::ofstream("/tmp/update.img") << "an image";
+        EXPECT_FALSE(Run(ToXml(c.order))) << c.name;
+        ExpectSoftware({application, "old app", firmware, "old boot"}, c.name);
+    }
+    EXPECT_FALSE(Run("")) << "nothing is said of software";
+    EXPECT_FALSE(Run(ToXml(With(&Order::updateSoftware, "false"))));
+    ExpectSoftware({application, "old app", firmware, "old boot"}, "no order");
+    // A slot that cannot be written.
+    fs::remove_all("/app/zel/images/application/b/image");
+    fs::create_directories("/app/zel/images/application/b/image/in the way");
+    EXPECT_FALSE(Run(ToXml(Order{})));
+    ExpectSoftware({application, "old app", firmware, "old boot"}, "not installed");
+}
+
+TEST_F(SoftwareDownloadTest, TheVersionIsRecordedInTheFormReadAtStart) {
+    const struct {
+        const char* text;
+        const char* recorded;
+    } cases[] = {
+        {"1.2.3", "10203"},     {"01.02.03", "10203"},
+        {"12.34.56", "123456"}, {"0.0.1", "00001"},
+        {"1.2", "old app"},     {"", "old app"},
+        {"1.2.100", "old app"}, {"-1.2.3", "old app"},
+        {"one", "old app"},     {"99999999999.1.1", "old app"},
+    };
+    for (const auto& c : cases) {
+        config_.Set("system.version.app", "old app", ZelConfig::Kind::kFixed);
+        EXPECT_TRUE(Run(ToXml(With(&Order::version, c.text)))) << c.text;
+        EXPECT_EQ(config_.Get("system.version.app"), c.recorded) << c.text;
+    }
+}
+
+}  // namespace
