@@ -248,7 +248,8 @@ protected:
 
 TEST_F(SignInSchemasTest, EachFormOfAnAnswer) {
     const std::string service = "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1";
-    const std::string beans = service + "/beans/signin";
+    const std::string prefixes =
+        " xmlns:s=\"" + service + "\" xmlns:b=\"" + service + "/beans/signin\"";
     // An answer with the prefixes of its three levels.
     const struct {
         const char* name;
@@ -272,8 +273,7 @@ TEST_F(SignInSchemasTest, EachFormOfAnAnswer) {
         const auto answer = [&](const std::string& content) {
             std::string text = element(form.operation, "preSignInTavoResponse",
                                        element(form.result, "preSignInTavoReturn", content));
-            return text.insert(text.find('>'),
-                               " xmlns:s=\"" + service + "\" xmlns:b=\"" + beans + "\"");
+            return text.insert(text.find('>'), prefixes);
         };
         const auto bean = [&](const std::string& name, const std::string& content) {
             return element(form.content, name, content);

@@ -98,7 +98,7 @@ TEST_F(SoftwareUpdateTest, OnlyAUsableAddressReachesTheShell) {
     const std::string longest(512, 'a');
     const struct {
         Order order;
-        const char* url;  // null when it is refused
+        const char* url = "";  // empty when it is refused
     } cases[] = {
         {Order{}, "http://127.0.0.1:8080/app.img"},
         {With(&Order::protocol, "https"), "https://127.0.0.1:8080/app.img"},
@@ -109,37 +109,37 @@ TEST_F(SoftwareUpdateTest, OnlyAUsableAddressReachesTheShell) {
         {With(&Order::context, "-"), "http://127.0.0.1:8080"},
         {With(&Order::context, "/a?b=c&amp;d='e';(f)*!%20~#@,+"),
          "http://127.0.0.1:8080/a?b=c&d='e';(f)*!%20~#@,+"},
-        {With(&Order::protocol, "file"), nullptr},
-        {With(&Order::protocol, "--post-file=/config/keypass http"), nullptr},
-        {With(&Order::ip, "-"), nullptr},
-        {With(&Order::ip, "user:pass@host"), nullptr},
-        {With(&Order::ip, "$(touch /tmp/ran)"), nullptr},
-        {With(&Order::port, "$PATH"), nullptr},
-        {With(&Order::port, "80\" ; touch /tmp/ran ; \""), nullptr},
-        {With(&Order::context, "/$(touch${IFS}/tmp/ran)"), nullptr},
-        {With(&Order::context, "/`touch\t/tmp/ran`"), nullptr},
-        {With(&Order::context, "/\"&amp;touch\t/tmp/ran&amp;\""), nullptr},
-        {With(&Order::context, "/a&#10;touch /tmp/ran"), nullptr},
-        {With(&Order::context, "/a\\"), nullptr},
-        {With(&Order::context, "/\xc3\xbc"), nullptr},
-        {With(&Order::context, "/" + longest), nullptr},
-        {With(&Order::fileName, "-"), nullptr},
-        {With(&Order::fileName, ""), nullptr},
-        {With(&Order::fileName, ".."), nullptr},
-        {With(&Order::fileName, "../config/wpa.conf"), nullptr},
-        {With(&Order::fileName, "log/nativezel.log"), nullptr},
-        {With(&Order::fileName, "a b"), nullptr},
-        {With(&Order::fileName, "a;touch${IFS}/tmp/ran"), nullptr},
-        {With(&Order::fileName, "$(reboot)"), nullptr},
-        {With(&Order::fileName, "*"), nullptr},
-        {With(&Order::fileName, longest), nullptr},
+        {With(&Order::protocol, "file")},
+        {With(&Order::protocol, "--post-file=/config/keypass http")},
+        {With(&Order::ip, "-")},
+        {With(&Order::ip, "user:pass@host")},
+        {With(&Order::ip, "$(touch /tmp/ran)")},
+        {With(&Order::port, "$PATH")},
+        {With(&Order::port, "80\" ; touch /tmp/ran ; \"")},
+        {With(&Order::context, "/$(touch${IFS}/tmp/ran)")},
+        {With(&Order::context, "/`touch\t/tmp/ran`")},
+        {With(&Order::context, "/\"&amp;touch\t/tmp/ran&amp;\"")},
+        {With(&Order::context, "/a&#10;touch /tmp/ran")},
+        {With(&Order::context, "/a\\")},
+        {With(&Order::context, "/\xc3\xbc")},
+        {With(&Order::context, "/" + longest)},
+        {With(&Order::fileName, "-")},
+        {With(&Order::fileName, "")},
+        {With(&Order::fileName, "..")},
+        {With(&Order::fileName, "../config/wpa.conf")},
+        {With(&Order::fileName, "log/nativezel.log")},
+        {With(&Order::fileName, "a b")},
+        {With(&Order::fileName, "a;touch${IFS}/tmp/ran")},
+        {With(&Order::fileName, "$(reboot)")},
+        {With(&Order::fileName, "*")},
+        {With(&Order::fileName, longest)},
     };
     for (const auto& [order, url] : cases) {
         fs::remove("/tmp/wget.log");
         EXPECT_FALSE(Run(ToXml(order))) << ToXml(order);
-        const std::string expected =
-            url == nullptr ? "" : "-q\n-O\n/tmp/update.img\n" + std::string(url) + "\n";
-        EXPECT_EQ(ReadFile("/tmp/wget.log"), expected) << ToXml(order);
+        const std::string refused;
+        const std::string arguments = "-q\n-O\n/tmp/update.img\n" + std::string(url) + "\n";
+        EXPECT_EQ(ReadFile("/tmp/wget.log"), *url == 0 ? refused : arguments) << ToXml(order);
     }
     EXPECT_FALSE(fs::exists("/tmp/ran"));
     // A command line of more than 511 bytes would be cut.
@@ -225,7 +225,7 @@ TEST_F(SoftwareDownloadTest, WhatGoesWrongLeavesTheSoftware) {
     Order empty = With(&Order::context, "/empty.img");
     empty.md5 = "d41d8cd98f00b204e9800998ecf8427e";
     const struct {
-        const char* name;
+        const char* name = nullptr;
         Order order;
     } cases[] = {
         {"no such file", With(&Order::context, "/none.img")},
