@@ -196,20 +196,18 @@ bool OrsSignIn::CheckSignIn(const std::string& body) {
            IsContentValid(soapBody);
 }
 
-/// Checks the first element of the Body; a Body without one is left to who looks for it.
+/// Checks every element of the Body; one without any is left to who looks for it.
 bool OrsSignIn::IsContentValid(const xmlNode* body) {
-    xmlNode* content = body->children;
-    while (content != nullptr && content->type != XML_ELEMENT_NODE) {
-        content = content->next;
-    }
     if (!schemas_) {
         schemas_.emplace("TaSigninServlet");
     }
-    std::string errors;
-    if (content == nullptr || schemas_->Accept(content, errors)) {
-        return true;
+    for (xmlNode* content = body->children; content != nullptr; content = content->next) {
+        std::string errors;
+        if (content->type == XML_ELEMENT_NODE && !schemas_->Accept(content, errors)) {
+            ZEL_ERROR("OrsSignIn validate failed:\n%s", errors.c_str());
+            ZEL_ERROR("Response of PreSignIn not valid");
+            return false;
+        }
     }
-    ZEL_ERROR("OrsSignIn validate failed:\n%s", errors.c_str());
-    ZEL_ERROR("Response of PreSignIn not valid");
-    return false;
+    return true;
 }

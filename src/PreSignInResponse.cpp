@@ -127,7 +127,13 @@ bool TakeCertificates(const xmlNode* wlan) {
     if (caCertificate.empty() || clientCertificate.empty() || keyPass.empty()) {
         return Refuse("set of certificates, of which a part is missing,");
     }
-    return WlanEnterprise::WriteCertificates(caCertificate, clientCertificate, keyPass);
+    // A placeholder beside new files stands for the present one, too.
+    const auto newOrNone = [](const std::string& text, const char* placeholder) {
+        return text == placeholder ? std::string() : text;
+    };
+    return WlanEnterprise::WriteCertificates(newOrNone(caCertificate, kDummyCaCertificate),
+                                             newOrNone(clientCertificate, kDummyClientCertificate),
+                                             newOrNone(keyPass, kDummyKeyPass));
 }
 
 bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {

@@ -14,7 +14,7 @@ bool WriteCertificates(const std::string& caCertificate, const std::string& clie
                  {kClientCertificate, clientCertificate},
                  {kPrivateKey, privateKey}};
     for (const auto& [path, text] : files) {
-        if (!DurableFile::Replace(path, text, DurableFile::kSecret)) {
+        if (!text.empty() && !DurableFile::Replace(path, text, DurableFile::kSecret)) {
             ZEL_ERROR("Can't create %s", path);
             return false;
         }

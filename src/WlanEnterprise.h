@@ -12,8 +12,8 @@ inline constexpr char kClientCertificate[] = "/config/clientcert";
 inline constexpr char kPrivateKey[] = "/config/keypass";
 inline constexpr char kSupplicantFile[] = "/config/wpa.conf";
 
-/// Replaces the certificates and the private key, given as the text of their files. Returns false
-/// when one cannot be written.
+/// Replaces the certificates and the private key, given as the text of their files; an empty text
+/// keeps the present file. Returns false when one cannot be written.
 bool WriteCertificates(const std::string& caCertificate, const std::string& clientCertificate,
                        const std::string& privateKey);
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A diagnostic client: talks to a box's connector service and shows what it asks and what comes back.
+"""A diagnostic client: finds a box, talks to its connector service and shows what is asked and answered.
 
 Needs nothing but Python, and shares no code with the agent. The exit status is the service's error
 code (0 is success), 100 for a fault and 101 when the box cannot be reached.
@@ -7,6 +7,9 @@ code (0 is success), 100 for a fault and 101 when the box cannot be reached.
 
 import argparse
 import http.client
+import re
+import socket
+import struct
 import sys
 import xml.etree.ElementTree as ElementTree
 from xml.sax.saxutils import escape
@@ -15,6 +18,8 @@ PATH = "/zel/services/ConnectorService"
 ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
 FAULT = 100
 UNREACHABLE = 101
+SLP_GROUP = "239.255.255.253"
+SLP_PORT = 427
 
 
 def element(name, text):
@@ -60,6 +65,37 @@ def build_request(options):
     return options.xml  # "raw"
 
 
+def find_box(options):
+    """Asks all boxes of the network for their attributes (SLP, RFC 2608) and shows the first answer's."""
+    def text(value):
+        return struct.pack(">H", len(value)) + value.encode()
+
+    body = struct.pack(">H", 1) + text("en") + text("") + text("service:zel.connector")
+    body += text("default") + text("") + text("")
+    request = bytes([2, 6]) + (len(body) + 10).to_bytes(3, "big") + bytes(5) + body
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as box:
+        box.connect((options.host, SLP_PORT))  # only to learn the own address on that network
+        own = box.getsockname()[0]
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+        client.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(own))
+        client.bind((own, 0))
+        client.settimeout(options.wait)
+        print(f"  asks {SLP_GROUP}:{SLP_PORT} for the attributes of service:zel.connector")
+        client.sendto(request, (SLP_GROUP, SLP_PORT))
+        try:
+            answer, sender = client.recvfrom(4096)
+        except socket.timeout:
+            print(f"client: no box has answered within {options.wait} s", file=sys.stderr)
+            return UNREACHABLE
+    tag = 14 + int.from_bytes(answer[12:14], "big")  # behind the language tag: error and length
+    length = int.from_bytes(answer[tag + 2:tag + 4], "big")
+    attributes = answer[tag + 4:tag + 4 + length].decode()
+    print(f"  {sender[0]} answers:")
+    for name, value in re.findall(r"\(([^=()]+)=([^()]*)\)", attributes):
+        print(f"    {name:<24} {value}")
+    return 0
+
+
 def send(host, port, operation):
     """Sends the operation in an envelope; returns the answer's body as text."""
     body = f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body>{operation}</e:Body></e:Envelope>'
@@ -97,6 +133,8 @@ def parse_arguments():
     parser.add_argument("--device", default="TAVO0012345", help="device identifier of the box")
     parser.add_argument("--quiet", action="store_true", help="print only the handle or the result")
     operations = parser.add_subparsers(dest="operation", required=True)
+    find = operations.add_parser("find", help="find a box and show its attributes")
+    find.add_argument("--wait", type=float, default=5, help="seconds to wait for an answer")
     operations.add_parser("info", help="read the device information")
     reserve = operations.add_parser("reserve", help="reserve the box; prints the handle")
     reserve.add_argument("--owner", required=True)
@@ -119,6 +157,8 @@ def parse_arguments():
 
 def main():
     options = parse_arguments()
+    if options.operation == "find":
+        return find_box(options)
     operation = build_request(options)
     if not options.quiet:
         print(f"  asks {options.host}:{options.port}: {operation}")

@@ -207,7 +207,7 @@ def test_a_manager_that_dies_in_a_download():
     ("slow", ["PreSignIn failed"]),
 ])
 def test_an_answer_that_is_none_ends_the_sign_in(scenario, lines):
-    manager, text = sign_in(scenario)
+    manager, text = sign_in(scenario, "fault.seconds=7")
     for line in [*lines, "PreSignIn failed"]:
         assert line in text
     assert "SignIn succeed" not in text and "IMAGE" not in manager.output()
