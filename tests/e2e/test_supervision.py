@@ -48,7 +48,9 @@ def test_start_up_tells_what_it_does():
     assert lines[0] == "error wlanDevice is NULL"
     assert lines[1].startswith("info * ZEL 01.02.02 ")
     assert lines[1].endswith(" starting on TAVO 0012345...")
-    assert lines[2:] == ["info * OPLA-Mode: OPLA-Next", "info * Webserver service started.",
+    assert lines[2:] == ["info * OPLA-Mode: OPLA-Next", "info No enterprise set, don't set time",
+                         "info * SetDateTime done.", "info * SLP service started.",
+                         "info * Webserver service started.",
                          "error Update of firmware image failed, status not Clean",
                          "info * ZEL exiting..."]
     assert agent.read_output().count("* OPLA-Mode: OPLA-Next") == 1, "also on the console"
