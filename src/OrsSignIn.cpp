@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <utility>
 
 #include "PreSignInResponse.h"
 #include "Reboot.h"
@@ -113,28 +114,32 @@ bool OrsSignIn::SignInWith(const std::string& address) {
     return succeeded;
 }
 
-bool OrsSignIn::Exchange(ManagerConnection& connection, const std::string& message,
-                         HttpRequest& response) const {
+bool OrsSignIn::Exchange(ManagerConnection& connection, const char* name,
+                         const std::string& message, std::string& answer) {
+    ZEL_DEBUG("Send %s request", name);
+    HttpRequest response;
     bool answered = false;
     for (int attempt = 0; attempt < kAttempts && !answered; ++attempt) {
         answered = connection.Exchange(message, response);
     }
-    return answered;
-}
-
-bool OrsSignIn::PreSignIn(ManagerConnection& connection) {
-    ZEL_DEBUG("Send PreSignIn request");
-    HttpRequest response;
-    if (!Exchange(connection, SignInRequests::PreSignIn(config_, std::time(nullptr)), response)) {
+    if (!answered) {
         return false;
     }
-    ZEL_DEBUG("Check PreSignIn response");
+    ZEL_DEBUG("Check %s response", name);
     if (!response.body) {
         ZEL_ERROR("req data null");
         return false;
     }
-    ZEL_DEBUG("Received PreSignIn response\n%s", response.body->c_str());
-    return ApplyPreSignIn(*response.body);
+    answer = std::move(*response.body);
+    ZEL_DEBUG("Received %s response\n%s", name, answer.c_str());
+    return true;
+}
+
+bool OrsSignIn::PreSignIn(ManagerConnection& connection) {
+    std::string answer;
+    return Exchange(connection, "PreSignIn", SignInRequests::PreSignIn(config_, std::time(nullptr)),
+                    answer) &&
+           ApplyPreSignIn(answer);
 }
 
 bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
@@ -166,18 +171,9 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
 }
 
 bool OrsSignIn::SignIn(ManagerConnection& connection) {
-    ZEL_DEBUG("Send SignIn request");
-    HttpRequest response;
-    if (!Exchange(connection, SignInRequests::SignIn(config_), response)) {
-        return false;
-    }
-    ZEL_DEBUG("Check SignIn response");
-    if (!response.body) {
-        ZEL_ERROR("req data null");
-        return false;
-    }
-    ZEL_DEBUG("Received SignIn response\n%s", response.body->c_str());
-    return CheckSignIn(*response.body);
+    std::string answer;
+    return Exchange(connection, "SignIn", SignInRequests::SignIn(config_), answer) &&
+           CheckSignIn(answer);
 }
 
 bool OrsSignIn::CheckSignIn(const std::string& body) {

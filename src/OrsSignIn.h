@@ -36,8 +36,10 @@ private:
     bool SignInWith(const std::string& address);
     bool PreSignIn(ManagerConnection& connection);
     bool SignIn(ManagerConnection& connection);
-    bool Exchange(ManagerConnection& connection, const std::string& message,
-                  HttpRequest& response) const;
+    /// Sends `message`, up to twice. False when nothing that has a body was answered. `name` is for
+    /// the log.
+    static bool Exchange(ManagerConnection& connection, const char* name,
+                         const std::string& message, std::string& answer);
     bool ApplyPreSignIn(const std::string& body);
     bool CheckSignIn(const std::string& body);
     bool IsContentValid(const xmlNode* body);
