@@ -52,7 +52,7 @@ void OrsSignIn::Stop() {
     const std::lock_guard lock(mutex_);
     stopped_ = true;
     changed_.notify_all();
-    if (connection_ != nullptr) {
+    if (connection_) {
         connection_->Interrupt();
     }
 }
@@ -72,26 +72,36 @@ bool OrsSignIn::Reserve(std::string& handle) {
 }
 
 bool OrsSignIn::SignInWith(const std::string& address) {
-    ManagerConnection connection(address);
-    const auto announce = [this](ManagerConnection* current) {
+    {
         const std::lock_guard lock(mutex_);
-        connection_ = current;
-        return !stopped_;
-    };
-    bool succeeded = announce(&connection);
-    int preSignIns = 0;
-    do {
-        if (preSignIns++ > 0) {
-            ZEL_INFO("need another preSignIn because of update");
+        connection_.emplace(address);
+        if (stopped_) {
+            connection_->Interrupt();
         }
-        anotherPreSignIn_ = false;
-        succeeded = succeeded && PreSignIn(connection);
-    } while (succeeded && anotherPreSignIn_ && preSignIns < kMaxPreSignIns);
-    if (!succeeded) {
-        ZEL_ERROR("PreSignIn failed");
-        announce(nullptr);
-        return false;
     }
+    const bool succeeded = PreSignInUntilUpdated() && Conclude(address);
+    const std::lock_guard lock(mutex_);
+    connection_.reset();
+    return succeeded;
+}
+
+bool OrsSignIn::PreSignInUntilUpdated() {
+    for (int i = 0; i < kMaxPreSignIns; ++i) {
+        anotherPreSignIn_ = false;
+        if (!PreSignIn()) {
+            ZEL_ERROR("PreSignIn failed");
+            return false;
+        }
+        if (!anotherPreSignIn_) {
+            break;
+        }
+        ZEL_INFO("need another preSignIn because of update");
+    }
+    return true;
+}
+
+/// What follows the PreSignIn.
+bool OrsSignIn::Conclude(const std::string& address) {
     if (rebootAfterUpdate_) {
         ZEL_INFO("Rebooting after update");
         if (Reboot().DoReboot() != 0) {
@@ -104,23 +114,20 @@ bool OrsSignIn::SignInWith(const std::string& address) {
         ZEL_ERROR("Can't save what the manager has set");
     }
     ZEL_INFO("* PreSignIn succeed");
-    succeeded = SignIn(connection);
-    if (succeeded) {
-        ZEL_INFO("* SignIn succeed");
-    } else {
+    if (!SignIn()) {
         ZEL_ERROR("SignIn failed");
+        return false;
     }
-    announce(nullptr);
-    return succeeded;
+    ZEL_INFO("* SignIn succeed");
+    return true;
 }
 
-bool OrsSignIn::Exchange(ManagerConnection& connection, const char* name,
-                         const std::string& message, std::string& answer) {
+bool OrsSignIn::Exchange(const char* name, const std::string& message, std::string& answer) {
     ZEL_DEBUG("Send %s request", name);
     HttpRequest response;
     bool answered = false;
     for (int attempt = 0; attempt < kAttempts && !answered; ++attempt) {
-        answered = connection.Exchange(message, response);
+        answered = connection_->Exchange(message, response);
     }
     if (!answered) {
         return false;
@@ -135,10 +142,9 @@ bool OrsSignIn::Exchange(ManagerConnection& connection, const char* name,
     return true;
 }
 
-bool OrsSignIn::PreSignIn(ManagerConnection& connection) {
+bool OrsSignIn::PreSignIn() {
     std::string answer;
-    return Exchange(connection, "PreSignIn", SignInRequests::PreSignIn(config_, std::time(nullptr)),
-                    answer) &&
+    return Exchange("PreSignIn", SignInRequests::PreSignIn(config_, std::time(nullptr)), answer) &&
            ApplyPreSignIn(answer);
 }
 
@@ -170,10 +176,9 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
     return true;
 }
 
-bool OrsSignIn::SignIn(ManagerConnection& connection) {
+bool OrsSignIn::SignIn() {
     std::string answer;
-    return Exchange(connection, "SignIn", SignInRequests::SignIn(config_), answer) &&
-           CheckSignIn(answer);
+    return Exchange("SignIn", SignInRequests::SignIn(config_), answer) && CheckSignIn(answer);
 }
 
 bool OrsSignIn::CheckSignIn(const std::string& body) {

@@ -34,12 +34,13 @@ public:
 private:
     bool Reserve(std::string& handle);
     bool SignInWith(const std::string& address);
-    bool PreSignIn(ManagerConnection& connection);
-    bool SignIn(ManagerConnection& connection);
+    bool PreSignInUntilUpdated();
+    bool Conclude(const std::string& address);
+    bool PreSignIn();
+    bool SignIn();
     /// Sends `message`, up to twice. False when nothing that has a body was answered. `name` is for
     /// the log.
-    static bool Exchange(ManagerConnection& connection, const char* name,
-                         const std::string& message, std::string& answer);
+    bool Exchange(const char* name, const std::string& message, std::string& answer);
     bool ApplyPreSignIn(const std::string& body);
     bool CheckSignIn(const std::string& body);
     bool IsContentValid(const xmlNode* body);
@@ -53,6 +54,6 @@ private:
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    ManagerConnection* connection_ = nullptr;
+    std::optional<ManagerConnection> connection_;
     bool stopped_ = false;
 };
