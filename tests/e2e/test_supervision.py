@@ -8,7 +8,8 @@ import signal
 import time
 
 import box
-from box import Agent, call, connect, exchange
+import workshop
+from box import call, connect, exchange
 
 SYS_TGKILL = {"x86_64": 234, "aarch64": 131, "ppc": 250}
 
@@ -20,16 +21,8 @@ def log_lines():
 
 @contextlib.contextmanager
 def started(configuration="opla.mode=OPLA-Next\n", serving=True):
-    box.LOG.unlink(missing_ok=True)
-    agent = Agent(configuration)
-    try:
-        if serving:
-            agent.wait_until_serving()
-        yield agent
-    finally:
-        if agent.process.poll() is None:
-            assert agent.stop() == 0
-        agent.check_output()
+    with workshop.agent(configuration) as agent:
+        yield agent.wait_until_serving() if serving else agent
 
 
 def test_start_up_tells_what_it_does():
