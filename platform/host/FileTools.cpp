@@ -3,10 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
+#include <vector>
 
 #include "Descriptor.h"
 
@@ -14,6 +14,7 @@ namespace FileTools {
 namespace {
 
 constexpr mode_t kFileMode = 0644;
+constexpr std::size_t kBlockSize = 64 * 1024;
 
 std::string TemporaryName(const std::string& path) {
     return path + ".tmp";
@@ -69,7 +70,7 @@ bool ReplaceByCopy(const std::string& path, const std::string& source) {
     bool complete = false;
     {
         const Descriptor out = OpenTemporary(path);
-        std::array<char, 64 * 1024> block{};
+        std::vector<char> block(kBlockSize);  // not on the small stack of a service thread
         ssize_t count = -1;
         complete = out.Get() >= 0;
         while (complete && (count = read(in.Get(), block.data(), block.size())) > 0) {
