@@ -229,7 +229,8 @@ bool ProvideTimeStamp(const std::string& /*key*/, std::string& out) {
 
 }  // namespace
 
-bool AddDeviceAttributes(ZelConfig& config, const Trigger15& trigger15) {
+bool AddDeviceAttributes(ZelConfig& config, const Trigger15& trigger15,
+                         const std::string& wlanInterface) {
     bool complete = AddIdentity(config);
     complete &= AddMacAddresses(config);
     complete &= AddVersions(config);
@@ -246,7 +247,7 @@ bool AddDeviceAttributes(ZelConfig& config, const Trigger15& trigger15) {
     }
     config.Register("diag.connected.tavo_c", ProvideHeadC);
     config.Set("diag.connected.tavo_d", "/proc/sys/tavod_avail", Kind::kFile);
-    NetworkAttributes::Add(config, NetworkAttributes::FindWirelessInterface);
+    NetworkAttributes::Add(config, wlanInterface);
     return complete;
 }
 

@@ -10,6 +10,15 @@ void HeldMutex::lock() {
     latestHeld = this;
 }
 
+bool HeldMutex::try_lock() {
+    if (!mutex_.try_lock()) {
+        return false;
+    }
+    previous_ = latestHeld;
+    latestHeld = this;
+    return true;
+}
+
 void HeldMutex::unlock() {
     latestHeld = previous_;
     mutex_.unlock();

@@ -3,7 +3,8 @@
 #include <mutex>
 
 /// A mutex that knows its holder: locks held by a thread that crashes can be released for it.
-/// Works with std::lock_guard. Not recursive. Locks are released in the reverse order of locking.
+/// Works with the standard library's locks. Not recursive. Locks are released in the reverse order
+/// of locking.
 class HeldMutex {
 public:
     HeldMutex() = default;
@@ -11,6 +12,7 @@ public:
     HeldMutex& operator=(const HeldMutex&) = delete;
 
     void lock();
+    bool try_lock();
     void unlock();
 
     /// Releases every HeldMutex that the calling thread holds.

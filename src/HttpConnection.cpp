@@ -117,19 +117,27 @@ bool HttpConnection::ServeRequest() {
         unreadBody_ = !reader_.ReadBody(request_) && announced;
     }
     const int result = CallServlet();
+    const bool isLast = response_.keptUntilReceived != nullptr;
+    response_.keepAlive = response_.keepAlive && !isLast;
     const bool sent = Send();
     if (result == ZelServlet::kPostResponse) {
         servlet_->PostResponse();
     }
-    return request_.keepAlive && sent;
+    if (servlet_ && registry_.onServed) {
+        registry_.onServed();
+    }
+    if (isLast) {
+        Linger();
+    }
+    return request_.keepAlive && sent && !isLast;
 }
 
 int HttpConnection::CallServlet() {
-    const auto found =
-        std::find_if(registry_.begin(), registry_.end(), [this](const ZelServlet* candidate) {
+    const auto found = std::find_if(
+        registry_.servlets.begin(), registry_.servlets.end(), [this](const ZelServlet* candidate) {
             return candidate->Matches(*request_.url, request_.localPort);
         });
-    if (found == registry_.end()) {
+    if (found == registry_.servlets.end()) {
         ZEL_DEBUG("No handler found for '%s'", request_.url->c_str());
         response_.keepAlive = false;
         return ZelServlet::kDone;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -8,8 +9,13 @@
 #include "SocketGuard.h"
 #include "ZelServlet.h"
 
-/// The servlets of a server, asked in the order in which they were added.
-using ServletRegistry = std::vector<const ZelServlet*>;
+/// What a server serves with.
+struct ServletRegistry {
+    /// Asked in this order.
+    std::vector<const ZelServlet*> servlets;
+    /// Called after every request that a servlet has answered, by the thread of its connection.
+    std::function<void()> onServed;
+};
 
 /// One accepted connection: reads requests, has them served, and writes the responses until the
 /// peer or a failure ends it.

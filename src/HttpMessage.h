@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,4 +39,7 @@ struct HttpResponse {
     /// Further header lines without their line ends.
     std::vector<std::string> headerLines;
     std::string body;
+    /// What must live until the peer has the response, if anything must. Such a response ends the
+    /// connection.
+    std::shared_ptr<void> keptUntilReceived;
 };

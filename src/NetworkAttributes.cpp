@@ -95,11 +95,11 @@ std::string LinkQuality(const std::string& interface) {
 
 }  // namespace
 
-void Add(ZelConfig& config, const InterfaceName& wlanInterface) {
-    const InterfaceName lanInterface = [] { return kLanInterface; };
+void Add(ZelConfig& config, const std::string& wlanInterface) {
+    const std::string lanInterface = kLanInterface;
     const struct {
         const char* key;
-        const InterfaceName& interface;
+        const std::string& interface;
         unsigned long code;
     } addresses[] = {
         {"network.current.lan.ip", lanInterface, SIOCGIFADDR},
@@ -109,30 +109,15 @@ void Add(ZelConfig& config, const InterfaceName& wlanInterface) {
     };
     for (const auto& [key, interface, code] : addresses) {
         config.Register(key, [name = interface, code = code](const std::string&, std::string& out) {
-            return ReadAddress(name(), code, out);
+            return ReadAddress(name, code, out);
         });
     }
     config.Register("network.current.defaultgateway", ProvideDefaultGateway);
     config.Register("network.current.wlan.quality",
                     [wlanInterface](const std::string&, std::string& out) {
-                        out = LinkQuality(wlanInterface());
+                        out = LinkQuality(wlanInterface);
                         return true;
                     });
-}
-
-std::string FindWirelessInterface() {
-    struct FreeNames {
-        void operator()(struct if_nameindex* names) const { if_freenameindex(names); }
-    };
-    const std::unique_ptr<struct if_nameindex, FreeNames> names(if_nameindex());
-    for (const struct if_nameindex* entry = names.get();
-         entry != nullptr && entry->if_name != nullptr; ++entry) {
-        iwreq request{};
-        if (Ask(entry->if_name, SIOCGIWNAME, request, request.ifr_name)) {
-            return entry->if_name;
-        }
-    }
-    return "";
 }
 
 bool ReadMacAddress(const std::string& interface, std::string& out) {

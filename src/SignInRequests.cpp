@@ -4,13 +4,12 @@
 
 #include "ColorTable.h"
 #include "Namespaces.h"
+#include "NetworkType.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
 
 namespace SignInRequests {
 namespace {
-
-constexpr char kLanNetwork[] = "0";
 
 std::string Stored(const ZelConfig& config, const char* key) {
     std::string value;
@@ -54,7 +53,7 @@ constexpr Interface kExternal{"ns2:externalInterface", "network.current.lan.ip",
 
 /// The interface that is not in use has only its MAC address.
 std::string InterfaceElement(const ZelConfig& config, const Interface& interface) {
-    const bool isWired = Stored(config, "net.current.networktype") == kLanNetwork;
+    const bool isWired = NetworkType::IsLan(config);
     const auto inUse = [&](const char* name, const char* key) {
         return isWired == interface.wired ? Bean(name, Stored(config, key)) : NilBean(name);
     };

@@ -8,6 +8,7 @@
 #include "ColorTable.h"
 #include "DeviceReservation.h"
 #include "DiagnosticChannels.h"
+#include "NetworkType.h"
 #include "ZelLogging.h"
 
 namespace SlpAttributes {
@@ -67,14 +68,10 @@ std::string ToSignedDecimal(const AddressParts& parts) {
     return std::to_string(static_cast<std::int32_t>(address));
 }
 
-bool IsWired(const ZelConfig& config) {
-    return config.Get("net.current.networktype") == "0";
-}
-
 /// `argument` is the attribute's last word.
 std::string OfCurrentNetwork(const Source& source, const char* argument) {
     const char* const prefix =
-        IsWired(source.config) ? "network.current.lan." : "network.current.wlan.";
+        NetworkType::IsLan(source.config) ? "network.current.lan." : "network.current.wlan.";
     return source.config.Get(prefix + std::string(argument));
 }
 
@@ -167,7 +164,7 @@ constexpr Row kConnectorRows[] = {
     {"),(VciChannels=", UsableChannels, nullptr},
     {"),(Netmask=", NetMask, "netmask"},
     {"),(NetGateway=", NetGateway, nullptr},
-    {"),(NetworkType=", Stored, "net.current.networktype"},
+    {"),(NetworkType=", Stored, NetworkType::kKey},
     {"),(UUID=", Stored, "zel.state.uuid"},
 };
 

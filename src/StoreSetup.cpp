@@ -2,6 +2,7 @@
 
 #include "DeviceAttributes.h"
 #include "DeviceReservation.h"
+#include "NetworkType.h"
 #include "OplaMode.h"
 #include "Revision.h"
 #include "ZelLogging.h"
@@ -18,14 +19,14 @@ constexpr struct {
     {"zel.state.uuid", DeviceReservation::kFreeUuid},
     {"zel.version", "01.02.02"},
     {"zel.svn.version", kRevision},
-    {"net.current.networktype", "0"},
+    {NetworkType::kKey, NetworkType::kLan},
     {kOplaModeKey, "OPLA"},
 };
 
 }  // namespace
 
-void SetUpStore(ZelConfig& config, Trigger15& trigger15) {
-    bool complete = AddDeviceAttributes(config, trigger15);
+void SetUpStore(ZelConfig& config, Trigger15& trigger15, const std::string& wlanInterface) {
+    bool complete = AddDeviceAttributes(config, trigger15, wlanInterface);
     for (const auto& [key, value] : kInitialState) {
         complete &= config.Set(key, value, ZelConfig::Kind::kFixed);
     }

@@ -90,13 +90,14 @@ WebServer::~WebServer() {
 }
 
 void WebServer::AddRegistration(const ZelServlet& servlet) {
-    registry_.push_back(&servlet);
+    registry_.servlets.push_back(&servlet);
 }
 
 void WebServer::RemoveRegistration(const ZelServlet& servlet) {
-    const auto found = std::find(registry_.begin(), registry_.end(), &servlet);
-    if (found != registry_.end()) {
-        registry_.erase(found);
+    auto& servlets = registry_.servlets;
+    const auto found = std::find(servlets.begin(), servlets.end(), &servlet);
+    if (found != servlets.end()) {
+        servlets.erase(found);
     }
 }
 

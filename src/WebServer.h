@@ -3,7 +3,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "HttpConnection.h"
@@ -30,6 +32,9 @@ public:
     /// Adds a servlet, which must outlive the server; earlier ones are asked first.
     void AddRegistration(const ZelServlet& servlet);
     void RemoveRegistration(const ZelServlet& servlet);
+
+    /// Has a function called after every request that a servlet has answered, by any thread.
+    void OnServed(std::function<void()> onServed) { registry_.onServed = std::move(onServed); }
 
     /// Adds a TCP port to listen on. Returns false when there are kMaxPorts already.
     bool AddPort(std::uint16_t port);

@@ -34,11 +34,11 @@ void Ensure(const FindAdapter& findAdapter) {
         return;
     }
     ZEL_DEBUG("No wlan.mac file found, create it");
-    std::string address = findAdapter();
-    if (address.empty()) {
+    const std::optional<std::string> found = findAdapter();
+    if (!found) {
         ZEL_ERROR("wlanDevice is NULL");
-        address = kNoAddress;
     }
+    const std::string address = found && !found->empty() ? *found : kNoAddress;
     std::FILE* file = std::fopen(kPath, "we");
     if (file == nullptr) {
         ZEL_ERROR("Can't write %s", kPath);

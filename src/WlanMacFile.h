@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 
 /// "/config/wlan.mac": one line with the MAC address of the WLAN adapter, kept from the start that
@@ -10,8 +11,8 @@ namespace WlanMacFile {
 inline constexpr char kPath[] = "/config/wlan.mac";
 
 /// The MAC address of the WLAN adapter as six two-digit hexadecimal bytes with colons between
-/// them, or an empty text when there is no adapter.
-using FindAdapter = std::function<std::string()>;
+/// them, empty when it does not tell it; no value when there is no adapter.
+using FindAdapter = std::function<std::optional<std::string>()>;
 
 /// Keeps a file that holds an address other than zero. Otherwise asks for the adapter and writes
 /// its address, or the zero address so that the next start asks again.

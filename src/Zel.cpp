@@ -5,7 +5,11 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
 #include <string>
 
 #include "CrashGuard.h"
@@ -13,6 +17,8 @@
 #include "SetDateTime.h"
 #include "StoreSetup.h"
 #include "UpdateFirmware.h"
+#include "WlanCountryCode.h"
+#include "WlanDeviceDetector.h"
 #include "WlanMacFile.h"
 
 namespace {
@@ -51,12 +57,51 @@ void InstallSignalHandling() {
     CrashGuard::Install();
 }
 
+bool IsStopRequested() {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGINT) != 0 || sigismember(&pending, SIGTERM) != 0;
+}
+
+/// Numeric code of the country of use, read past the store, which does not exist yet; 0 when there
+/// is none.
+std::uint32_t ConfiguredCountry() {
+    std::ifstream file(ZelConfig::kConfigurationFile);
+    if (!file) {
+        ZEL_ERROR("Can't open %s because of '%s'", ZelConfig::kConfigurationFile,
+                  std::strerror(errno));
+        return 0;
+    }
+    std::string line;
+    while (std::getline(file, line)) {
+        if (line.find("country.code") == std::string::npos) {
+            continue;
+        }
+        const std::size_t separator = line.find('=');
+        const std::string code = separator == std::string::npos ? "" : line.substr(separator + 1);
+        ZEL_INFO("Country: '%s'", code.c_str());
+        const WlanCountryCode::Country* country = WlanCountryCode::FindCountry(code.c_str());
+        return country == nullptr ? 0 : country->countryCode;
+    }
+    return 0;
+}
+
 }  // namespace
 
 Zel::Zel() {
-    // This version drives no WLAN adapter; the zero address makes the next start ask again.
-    WlanMacFile::Ensure([] { return std::string(); });
-    SetUpStore(config_, trigger15_);
+    EnsureWlanMacFile();
+    SetUpStore(config_, trigger15_, WlanDeviceDetectorEx().GetInterfaceName());
+}
+
+void Zel::EnsureWlanMacFile() {
+    WlanMacFile::Ensure([this]() -> std::optional<std::string> {
+        ZEL_DEBUG("Country code of the WLAN adapter: %u", ConfiguredCountry());
+        const std::unique_ptr<WlanDevice> adapter = WlanDeviceDetectorEx().CreateDevice(network_);
+        if (!adapter) {
+            return std::nullopt;
+        }
+        return adapter->GetMacAddress();
+    });
 }
 
 int Zel::Main() {
@@ -72,6 +117,10 @@ int Zel::Main() {
     ZEL_INFO("* OPLA-Mode: %s", config_.Get(kOplaModeKey).c_str());
     SetClock();
     SetDefaultHostName();
+    if (!SetUpNetwork()) {
+        ZEL_INFO("* ZEL exiting...");
+        return EXIT_SUCCESS;
+    }
     StartSlpService();
     StartWebServer();
     ReportUpdateStates();
@@ -99,6 +148,16 @@ void Zel::SetClock() {
     }
 }
 
+/// False when the agent was asked to stop before there was a network.
+bool Zel::SetUpNetwork() {
+    setNet_.emplace(network_);
+    if (setNet_->SetUpNetwork(IsStopRequested) != 0) {
+        return false;
+    }
+    ZEL_INFO("* Network setup done.");
+    return true;
+}
+
 void Zel::StartSlpService() {
     slpService_.Start(kAllSlpThreads);
     ZEL_INFO("* SLP service started.");
@@ -113,8 +172,12 @@ void Zel::SetDefaultHostName() {
 }
 
 void Zel::StartWebServer() {
-    webServer_.AddRegistration(connectorServlet_);
+    modeSwitch_.emplace(network_, *setNet_);
+    connectorServlet_.emplace(
+        ZelConnectorServlet::Device{config_, reservation_, trigger15_, *modeSwitch_});
+    webServer_.AddRegistration(*connectorServlet_);
     webServer_.AddRegistration(testServlet_);
+    webServer_.OnServed([this] { discoverMode_.Event(DiscoverModeCtrl::Trigger::kCommunicated); });
     for (const std::uint16_t port : kPorts) {
         webServer_.AddPort(port);
     }

@@ -1,8 +1,12 @@
 #pragma once
 
+#include <optional>
+
 #include "DeviceReservation.h"
 #include "DiscoverModeCtrl.h"
+#include "ModeSwitch.h"
 #include "OrsSignIn.h"
+#include "SetNet.h"
 #include "TestServlet.h"
 #include "Trigger15.h"
 #include "WebServer.h"
@@ -24,8 +28,10 @@ public:
     int Main();
 
 private:
+    void EnsureWlanMacFile();
     void SetClock();
     void SetDefaultHostName();
+    bool SetUpNetwork();
     void StartSlpService();
     void StartWebServer();
     static void ReportUpdateStates();
@@ -36,10 +42,14 @@ private:
     ZelConfig config_;
     Trigger15 trigger15_;
     DeviceReservation reservation_{config_};
-    ZelConnectorServlet connectorServlet_{{config_, reservation_, trigger15_}};
+    DiscoverModeCtrl discoverMode_{config_};
+    const NetDevice::Context network_{config_, discoverMode_};
+    // Built when their turn comes in the start-up.
+    std::optional<SetNet> setNet_;
+    std::optional<ModeSwitch> modeSwitch_;
+    std::optional<ZelConnectorServlet> connectorServlet_;
     TestServlet testServlet_;
     WebServer webServer_{config_};
-    DiscoverModeCtrl discoverMode_{config_};
     OrsSignIn signIn_{config_, reservation_, discoverMode_};
     ZelSlpService slpService_{config_, discoverMode_, [this] { signIn_.Run(); }};
 };

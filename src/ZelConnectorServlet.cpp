@@ -9,6 +9,7 @@
 #include "DiagnosticChannels.h"
 #include "Dispatcher.h"
 #include "Namespaces.h"
+#include "NetworkType.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
 
@@ -31,7 +32,6 @@ constexpr char kDescription[] = "TAVO, Velka, QK20417B";
 constexpr char kHardwareVersion[] = "164306";
 constexpr char kDeviceName[] = "TAVO";
 constexpr char kDeviceType[] = "2";
-constexpr char kLanNetwork[] = "0";
 
 std::string Tabs(int count) {
     return std::string(static_cast<std::size_t>(count), '\t');
@@ -125,9 +125,8 @@ std::string Channels(const ZelConfig& config, bool reserved) {
 }
 
 std::string CurrentNetworkConfig(const ZelConfig& config) {
-    const std::string networkType = config.Get("net.current.networktype");
     const std::string current =
-        networkType == kLanNetwork ? "network.current.lan." : "network.current.wlan.";
+        NetworkType::IsLan(config) ? "network.current.lan." : "network.current.wlan.";
     const std::string mac = config.Get("network.mac.lan");
     ZEL_DEBUG("MAC address: %s", mac.c_str());
     return Tabs(4) + "<currentNetworkConfig>\n" +
@@ -136,7 +135,7 @@ std::string CurrentNetworkConfig(const ZelConfig& config) {
            Element(5, "lanDiscoverMode", config.Get("network.config.discover.mode")) +
            Element(5, "macAddress", HexPrefixAsDecimal(mac)) +
            Element(5, "netmask", SignedAddress(config.Get(current + "netmask"))) +
-           Element(5, "type", networkType) +
+           Element(5, "type", config.Get(NetworkType::kKey)) +
            Element(5, "wlanSignal", config.Get("network.current.wlan.quality")) + Tabs(4) +
            "</currentNetworkConfig>\n";
 }
@@ -219,6 +218,39 @@ int SetHostLock(const xmlNode* method, const HttpRequest& request, HttpResponse&
     return Answer(request, response, CodeResponse("setHostLock", static_cast<int>(session)));
 }
 
+int SwitchMode(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
+               ZelWsdlServlet& servlet) {
+    const ZelConnectorServlet::Device& device = DeviceOf(servlet);
+    const auto run = [&] {
+        constexpr int kDecimal = 10;
+        const std::string mode = XmlText::ChildText(method, "mode");
+        ModeSwitch::FormerAddress former;
+        const ModeSwitch::Outcome outcome = device.modeSwitch.Run(
+            std::strtol(mode.c_str(), nullptr, kDecimal), request.localAddress, former);
+        response.keptUntilReceived = std::move(former);
+        return static_cast<int>(outcome);
+    };
+    int code = kSuccess;
+    if (IsOtherDevice(device.config, XmlText::ChildText(method, "deviceId"))) {
+        code = kWrongDevice;
+    } else if (device.reservation.IsReserved()) {
+        const DeviceReservation::Session session =
+            device.reservation.CheckSession(XmlText::ChildText(method, "handle"));
+        code = session == DeviceReservation::Session::kValid ? run() : kWrongHandle;
+    } else {
+        ZEL_DEBUG("Device state is free, change to reserve");
+        std::string handle;
+        if (device.reservation.Reserve("", "127.0.0.1", handle)) {
+            code = run();
+            ZEL_DEBUG("Change back to state free");
+            device.reservation.Release(handle);
+        } else {
+            code = kWrongHandle;  // somebody else was faster
+        }
+    }
+    return Answer(request, response, CodeResponse("switchMode", code));
+}
+
 /// Text of the first child element whose name is part of `name`: clients write shortened names.
 std::string ChildTextByPartialName(const xmlNode* parent, std::string_view name) {
     for (const xmlNode* child = parent->children; child != nullptr; child = child->next) {
@@ -274,6 +306,7 @@ const ZelWsdlServlet::MethodTable& Methods() {
         {"releaseDevice", ReleaseDevice},
         {"resetTrigger15Edge", ResetTrigger15Edge},
         {"setHostLock", SetHostLock},
+        {"switchMode", SwitchMode},
         {"executeGenericCommand", ExecuteGenericCommand},
     };
     return methods;

@@ -1,13 +1,14 @@
 #pragma once
 
 #include "DeviceReservation.h"
+#include "ModeSwitch.h"
 #include "Trigger15.h"
 #include "ZelConfig.h"
 #include "ZelWsdlServlet.h"
 
-/// The connector service: device information, reservation, host lock, terminal-15 edge and generic
-/// commands for diagnostic clients. Bad values are answered with a code in the response's `error`
-/// element, never with a fault.
+/// The connector service: device information, reservation, host lock, terminal-15 edge, network
+/// mode and generic commands for diagnostic clients. Bad values are answered with a code in the
+/// response's `error` element, never with a fault.
 class ZelConnectorServlet : public ZelWsdlServlet {
 public:
     /// What the service works on; all of it outlives the servlet and its instances.
@@ -15,6 +16,7 @@ public:
         ZelConfig& config;
         DeviceReservation& reservation;
         Trigger15& trigger15;
+        ModeSwitch& modeSwitch;
     };
 
     explicit ZelConnectorServlet(const Device& device);

@@ -1,6 +1,7 @@
 #include "slpBase.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -8,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "SlpCodec.h"
 #include "ZelLogging.h"
@@ -22,6 +24,16 @@ bool ToSocketAddress(const std::string& dotted, std::uint32_t port, sockaddr_in&
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     return inet_pton(AF_INET, dotted.c_str(), &address.sin_addr) == 1;
+}
+
+/// Receives what is sent to the groups over one interface; a second time is no harm.
+void JoinGroups(int descriptor, int interface) {
+    for (const char* group : kGroups) {
+        ip_mreqn membership{};
+        inet_pton(AF_INET, group, &membership.imr_multiaddr);
+        membership.imr_ifindex = interface;
+        setsockopt(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
+    }
 }
 
 void FillPeer(const sockaddr_in& peer, SlpHead& head) {
@@ -64,10 +76,12 @@ bool SlpBase::Open(const std::string& address, std::uint16_t port) {
         bind(opened.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         return false;
     }
-    for (const char* group : kGroups) {
-        ip_mreqn membership{};  // any interface: the one that the group is routed to
-        inet_pton(AF_INET, group, &membership.imr_multiaddr);
-        setsockopt(opened.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
+    JoinGroups(opened.Get(), 0);  // the interface that the groups are routed to
+    // And the others: the box may be moved to another one.
+    const std::unique_ptr<struct if_nameindex, void (*)(struct if_nameindex*)> interfaces(
+        if_nameindex(), if_freenameindex);
+    for (const auto* entry = interfaces.get(); entry != nullptr && entry->if_index != 0; ++entry) {
+        JoinGroups(opened.Get(), static_cast<int>(entry->if_index));
     }
     socket_.Reset(opened.Release());
     return true;

@@ -26,14 +26,12 @@ extern "C" int ioctl(int descriptor, unsigned long code, ...) noexcept {
     va_start(arguments, code);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    if (!radio.empty() && (code == SIOCGIWNAME || code == SIOCGIWSTATS)) {
+    if (!radio.empty() && code == SIOCGIWSTATS) {
         auto* request = static_cast<iwreq*>(argument);
         if (radio == request->ifr_name) {
-            if (code == SIOCGIWSTATS) {
-                iw_statistics statistics{};
-                statistics.qual.qual = 57;
-                std::memcpy(request->u.data.pointer, &statistics, sizeof statistics);
-            }
+            iw_statistics statistics{};
+            statistics.qual.qual = 57;
+            std::memcpy(request->u.data.pointer, &statistics, sizeof statistics);
             return 0;
         }
     }
@@ -48,15 +46,14 @@ void Ip(const std::string& arguments) {
     EXPECT_EQ(output, "");
 }
 
-TEST(NetworkAttributesTest, WirelessValuesComeFromTheInterfaceThatIsWireless) {
+TEST(NetworkAttributesTest, WirelessValuesAreThoseOfTheNamedInterface) {
+    ZelConfig config;
+    NetworkAttributes::Add(config, "wlan7");
+    EXPECT_EQ(config.Get("network.current.wlan.ip"), "");
     Ip("link add wlan7 type veth peer name other");
     Ip("address add 10.1.2.3/24 dev wlan7");
-    ZelConfig config;
-    NetworkAttributes::Add(config, NetworkAttributes::FindWirelessInterface);
-    EXPECT_EQ(config.Get("network.current.wlan.ip"), "");
     EXPECT_EQ(config.Get("network.current.wlan.quality"), "0");
     radio = "wlan7";
-    EXPECT_EQ(NetworkAttributes::FindWirelessInterface(), "wlan7");
     EXPECT_EQ(config.Get("network.current.wlan.ip"), "10.1.2.3");
     EXPECT_EQ(config.Get("network.current.wlan.netmask"), "255.255.255.0");
     EXPECT_EQ(config.Get("network.current.wlan.quality"), "57");
@@ -66,7 +63,7 @@ TEST(NetworkAttributesTest, WirelessValuesComeFromTheInterfaceThatIsWireless) {
 
 TEST(NetworkAttributesTest, ChangesOfTheNetworkAreSeen) {
     ZelConfig config;
-    NetworkAttributes::Add(config, [] { return std::string(); });
+    NetworkAttributes::Add(config, "");
     std::string value;
     Ip("route del default");
     EXPECT_FALSE(config.Get("network.current.defaultgateway", value));

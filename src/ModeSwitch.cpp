@@ -1,0 +1,125 @@
+#include "ModeSwitch.h"
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <functional>
+#include <mutex>
+
+#include "NetworkAttributes.h"
+#include "NetworkType.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kLanAddress[] = "network.current.lan.ip";
+constexpr char kLinkLocalPrefix[] = "169.254.";
+
+// How long link and address are waited for.
+constexpr useconds_t kPollInterval = 100000;
+constexpr int kPolls = 50;
+
+bool PollUntil(const std::function<bool()>& condition) {
+    for (int poll = 0; poll < kPolls; ++poll) {
+        if (condition()) {
+            return true;
+        }
+        usleep(kPollInterval);
+    }
+    return condition();
+}
+
+/// An address beside the interface's own, taken away with the object.
+class LentAddress : public NetDevice {
+public:
+    LentAddress(const std::string& label, const Context& context, in_addr_t ip, in_addr_t netmask)
+        : NetDevice(label, context) {
+        if (SetIp(ip) == 0 && SetNetmask(netmask) == 0) {
+            Announce();
+        }
+    }
+    ~LentAddress() override { SetIp(INADDR_ANY); }
+};
+
+}  // namespace
+
+ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr asked, FormerAddress& former) {
+    if (mode != kConfigured && mode != kLinkLocal && mode != kDhcp) {
+        ZEL_ERROR("Unknown network mode %ld; 1 is configured, 2 link-local, 3 DHCP", mode);
+        return Outcome::kFailed;
+    }
+    const std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) {
+        ZEL_ERROR("The network mode is being switched already");
+        return Outcome::kFailed;
+    }
+    onWlan_ = !NetworkType::IsLan(context_.config);
+    const std::string netmask = context_.config.Get(onWlan_ ? "network.current.wlan.netmask"
+                                                            : "network.current.lan.netmask");
+    LanDevice lan(context_);
+    const Outcome outcome = Switch(lan, mode);
+    if (outcome != Outcome::kDone && (onWlan_ || context_.config.Get(kLanAddress).empty())) {
+        Recover(lan);
+    }
+    former = Lend(asked, netmask);
+    return outcome;
+}
+
+ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, long mode) {
+    if (onWlan_) {
+        if (setNet_.Wlan() != nullptr) {
+            setNet_.Wlan()->DisableInterface();
+        }
+        lan.EnableInterface();
+    }
+    if (!PollUntil([&lan] { return lan.HasLink() != 0; })) {
+        return Outcome::kNotConfirmed;
+    }
+    NetworkType::Set(context_.config, NetworkType::kLan);
+    int status = 0;
+    if (mode == kLinkLocal) {
+        ZEL_DEBUG("switchMode to apipa");
+        status = lan.SetApipa();
+    } else if (mode == kDhcp) {
+        ZEL_DEBUG("switchMode to dhcp");
+        status = lan.SetDhcp();
+    } else {
+        status = lan.ConfigureInterface();
+    }
+    if (status != 0) {
+        return Outcome::kFailed;
+    }
+    return PollUntil([this, mode] { return HasAddress(mode); }) ? Outcome::kDone
+                                                                : Outcome::kNotConfirmed;
+}
+
+bool ModeSwitch::HasAddress(long mode) const {
+    const std::string address = context_.config.Get(kLanAddress);
+    const bool isLinkLocal = address.starts_with(kLinkLocalPrefix);
+    return !address.empty() && (mode == kConfigured || isLinkLocal == (mode == kLinkLocal));
+}
+
+void ModeSwitch::Recover(LanDevice& lan) {
+    if (onWlan_ && setNet_.SetUpWlan() == 0) {
+        return;
+    }
+    lan.EnableInterface();
+    lan.SetApipa();
+}
+
+ModeSwitch::FormerAddress ModeSwitch::Lend(in_addr address, const std::string& netmask) {
+    const auto isCurrent = [&](const char* key) {
+        return inet_addr(context_.config.Get(key).c_str()) == address.s_addr;
+    };
+    const bool isLoopback = ntohl(address.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
+    if (address.s_addr == INADDR_ANY || isLoopback || isCurrent(kLanAddress) ||
+        isCurrent("network.current.wlan.ip")) {
+        return nullptr;
+    }
+    // A label of its own: the one lent before may not be taken back yet.
+    constexpr unsigned kLabels = 100;
+    const std::string label =
+        std::string(NetworkAttributes::kLanInterface) + ":" + std::to_string(lent_++ % kLabels);
+    return std::make_shared<LentAddress>(label, context_, address.s_addr,
+                                         inet_addr(netmask.c_str()));
+}

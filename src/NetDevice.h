@@ -1,0 +1,127 @@
+#pragma once
+
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <string>
+
+#include "DiscoverModeCtrl.h"
+#include "ZelConfig.h"
+
+/// A network interface that the agent drives: its flags, its IPv4 address and its routes. Every
+/// request to the kernel about it is made here; DHCP (RFC 2131), link-local addresses (RFC 3927)
+/// and gratuitous ARP (RFC 5227) are the board's tools. Operations return 0 or a negative status.
+/// Takes no lock: one interface is configured by one thread at a time.
+class NetDevice {
+public:
+    /// How the interface gets its address.
+    enum class AddressMode : unsigned {
+        kDhcp = 0,  ///< with a link-local address when there is no lease
+        kLinkLocal = 1,
+        kStatic = 2,
+        /// As "network.config.discover.mode" says when the interface is configured first.
+        kConfigured = 3
+    };
+
+    // Statuses of requests to the kernel.
+    static constexpr int kNoSocket = -1;
+    static constexpr int kNoSuchDevice = -2;
+    static constexpr int kNotSupported = -3;
+    static constexpr int kAddressNotAvailable = -4;
+    static constexpr int kRequestFailed = -5;
+
+    /// What every interface works on; it outlives the interface.
+    struct Context {
+        ZelConfig& config;
+        DiscoverModeCtrl& discoverMode;
+    };
+
+    /// The configured static addresses ("network.config.static.*"), in network byte order.
+    class StaticValues {
+    public:
+        StaticValues() = default;
+        virtual ~StaticValues() = default;
+
+        /// Reads the addresses, in any form that inet_aton accepts. False, and a line in the log,
+        /// at the first that is none.
+        bool Read(const ZelConfig& config);
+
+        in_addr_t Ip() const { return ip_; }
+        in_addr_t Netmask() const { return netmask_; }
+        in_addr_t Gateway() const { return gateway_; }
+
+    private:
+        in_addr_t ip_ = 0;
+        in_addr_t netmask_ = 0;
+        in_addr_t gateway_ = 0;
+    };
+
+    /// `interface` is a name of the kernel, alias labels like "eth0:1" included; the kernel is
+    /// given its first 15 characters.
+    NetDevice(std::string interface, const Context& context,
+              AddressMode mode = AddressMode::kConfigured);
+    virtual ~NetDevice() = default;
+    NetDevice(const NetDevice&) = delete;
+    NetDevice& operator=(const NetDevice&) = delete;
+
+    /// Non-zero when there is a link.
+    virtual int HasLink();
+    /// Gives the interface its address by the address mode, and the routes that belong to it.
+    virtual int ConfigureInterface();
+    virtual int EnableInterface();
+    /// Takes the address away and the interface down.
+    virtual int DisableInterface();
+
+    /// Gives the interface an address of that kind, whatever the address mode. Link-local
+    /// addressing is only tried for: its tool's failure is none here.
+    int SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway);
+    int SetDhcp();
+    int SetApipa();
+
+    // The single steps. Addresses are in network byte order.
+    int SetIp(in_addr_t address);
+    int SetNetmask(in_addr_t address);
+    int SetNetmask(const StaticValues& values);
+    /// Adds a default route through `gateway`. One that is there already is no failure.
+    int SetGateway(in_addr_t gateway);
+    int SetGateway(const StaticValues& values);
+    /// Routes the multicast groups of SLP to this interface.
+    int SetHostGateway();
+    int DelHostGateway();
+    /// Deletes the default route through this interface's gateway, if there is one.
+    int DelDefaultGateway();
+    /// Sets `gateway` to that of the interface's default route, 0 when it has none.
+    int GetGateway(long long& gateway) const;
+    /// Ends the interface's DHCP client.
+    int StopDhcpClient();
+    /// One gratuitous ARP.
+    void Announce();
+
+    const std::string& Name() const { return name_; }
+
+protected:
+    /// Sends a request whose structure begins with an interface name, as ifreq and iwreq do. The
+    /// name is filled in: this interface's, or `interface`.
+    int InterfaceRequest(ifreq* request, unsigned long code) const;
+    static int InterfaceRequest(const std::string& interface, ifreq* request, unsigned long code);
+
+    const ZelConfig& Config() const { return context_.config; }
+
+private:
+    int SetAddress(in_addr_t address, unsigned long code);
+    int ChangeFlags(short set, short cleared);
+    int DoSetGateway(unsigned short flags, long long dst, long long gw, long long mask);
+    int DoDelGateway(unsigned short flags, long long dst, long long gw);
+    int StartDhcp();
+    int StartApipa();
+    int FinishConfiguration();
+    int ConfigureDhcp();
+    int ConfigureApipa();
+    int ConfigureStatic();
+    AddressMode ReadMode() const;
+    std::string DhcpPidFile() const;
+
+    std::string name_;
+    AddressMode mode_;
+    Context context_;
+};

@@ -1,0 +1,140 @@
+#include "WlanAtherosDevice.h"
+
+#include <linux/sockios.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+// Clashes with <net/if.h> unless it comes behind it.
+#include <linux/wireless.h>
+
+#include "BusDevices.h"
+#include "NetworkAttributes.h"
+#include "Shell.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kParentDevice[] = "wifi0";
+constexpr char kDriver[] = "madwifi";
+constexpr unsigned long kCloneRequest = SIOCDEVPRIVATE + 7;
+
+/// What the madwifi driver takes for a new interface: ieee80211_clone_params.
+struct CloneParameters {
+    char name[IFNAMSIZ];
+    std::uint16_t operatingMode;
+    std::uint16_t flags;
+    std::uint8_t bssid[6];
+    std::uint8_t macAddress[6];
+};
+constexpr std::uint16_t kStation = 1;
+constexpr std::uint16_t kParentBssid = 1;
+
+bool Run(const std::string& command) {
+    std::string output;
+    return Shell::RunSystemWithResult(output, "%s", command.c_str());
+}
+
+}  // namespace
+
+WlanAtherosDevice::WlanAtherosDevice(const Context& context)
+    : WlanDevice(kInterface, kDriver, context) {}
+
+int WlanAtherosDevice::InitializeDriver(const WlanCountryCode::Country* country) {
+    ZEL_DEBUG("WlanAtherosDevice: Initialize wlan driver");
+    if (country == nullptr) {
+        ZEL_ERROR("CountryDefinition is null");
+        return -1;
+    }
+    if (Shell::MakeDirectoryPath(kSupplicantDirectory, kDirectoryMode) != 0) {
+        ZEL_ERROR("Can't create %s", kSupplicantDirectory);
+        return -1;
+    }
+    const std::string options = "myregdomain=" + std::to_string(country->regulatoryDomain) +
+                                " countrycode=" + std::to_string(country->countryCode) +
+                                " regulatory=1";
+    if (Shell::LoadModule("ath_mimo_pci", "/app/velka/wlan/sta/ath_mimo_pci.ko", options) != 0) {
+        return -1;
+    }
+    return Run("echo 0 > /proc/sys/dev/wifi0/outdoor") ? 0 : -1;
+}
+
+int WlanAtherosDevice::CreateInterface() {
+    ZEL_DEBUG("WlanAtherosDevice: Create wlan interface");
+    CloneParameters clone{};
+    Name().copy(clone.name, sizeof clone.name - 1);
+    clone.operatingMode = kStation;
+    clone.flags = kParentBssid;
+    ifreq request{};
+    request.ifr_data = reinterpret_cast<char*>(&clone);
+    return InterfaceRequest(kParentDevice, &request, kCloneRequest);
+}
+
+int WlanAtherosDevice::SetSsid() {
+    ZEL_DEBUG("WlanAtherosDevice: Set ssid");
+    std::string ssid = Values().Ssid();
+    iwreq wireless{};
+    wireless.u.essid.pointer = ssid.data();
+    wireless.u.essid.length = static_cast<std::uint16_t>(ssid.size() + 1);
+    wireless.u.essid.flags = 1;
+    ifreq request{};
+    static_assert(sizeof wireless <= sizeof request);
+    std::memcpy(&request, &wireless, sizeof wireless);
+    return DoIo(&request, SIOCSIWESSID);
+}
+
+int WlanAtherosDevice::SetAntennaGain() {
+    ZEL_DEBUG("WlanAtherosDevice: Set antenna gain");
+    if (Values().Band() == "1") {
+        return Run("echo 3  > /proc/sys/dev/wifi0/antennagain") ? 0 : -1;
+    }
+    if (Values().Band() == "0") {
+        return Run("echo 5  > /proc/sys/dev/wifi0/antennagain") ? 0 : -1;
+    }
+    return 0;
+}
+
+int WlanAtherosDevice::SetBand() {
+    ZEL_DEBUG("WlanAtherosDevice: Set wlan band");
+    const std::string command =
+        "/sbin/iwpriv " + Name() + " mode " + (Values().Band() == "0" ? "11NG" : "11NA");
+    // The driver takes the mode at the second time only.
+    return Run(command) && Run(command) ? 0 : -1;
+}
+
+int WlanAtherosDevice::SetChainmaskAndBandwidth() {
+    ZEL_DEBUG("WlanAtherosDevice: Set chainmask and bandwidth");
+    // Chains 0 and 2, management of the channel width, no background scans.
+    constexpr const char* kSettings[] = {"rx_chainmask 5", "tx_chainmask 5", "cwmenable 1",
+                                         "cwmmode 1", "bgscan 0"};
+    for (const char* setting : kSettings) {
+        if (!Run("/sbin/iwpriv " + Name() + " " + setting)) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int WlanAtherosDevice::DoIo(ifreq* request, unsigned long code) {
+    const int status = InterfaceRequest(request, code);
+    ZEL_DEBUG("DoIo returned %d", status);
+    if (status != kNoSuchDevice) {
+        return status;
+    }
+    if (BusDevices::HasAtherosCard()) {
+        ZEL_ERROR("Device only inactive");
+        return kInactive;
+    }
+    return kNoCard;
+}
+
+std::string WlanAtherosDevice::GetMacAddress() {
+    if (CreateInterface() != 0) {
+        ZEL_ERROR("Create wlan interface failed");
+        return "";
+    }
+    std::string address;
+    NetworkAttributes::ReadMacAddress(Name(), address);
+    return address;
+}

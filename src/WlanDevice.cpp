@@ -1,0 +1,340 @@
+#include "WlanDevice.h"
+
+#include <linux/sockios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string_view>
+
+#include "DurableFile.h"
+#include "Shell.h"
+#include "WpaCliInterface.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kNetworkFile[] = "/tmp/supplicant/wpa.conf";
+constexpr char kControlDirectory[] = "/tmp/supplicant/ctrl";
+constexpr char kPidFile[] = "/var/run/wpa_supplicant.pid";
+constexpr unsigned long kDestroyRequest = SIOCDEVPRIVATE + 8;
+constexpr int kAssociationAttempts = 60;
+constexpr useconds_t kAssociationPause = 1000000;
+
+// Values of "wlan.conf.infra.security.level".
+constexpr int kFirstLevel = 102;
+constexpr int kRsnPsk = 102;
+constexpr int kOtherRsnPsk = 103;
+constexpr int kOpen = 104;
+constexpr int kThirdRsnPsk = 105;
+constexpr int kEnterprise = 106;
+constexpr int kWpaPsk = 107;
+constexpr int kOtherEnterprise = 108;
+constexpr int kLastLevel = 109;
+
+constexpr std::size_t kMaxSsid = 32;
+// The supplicant reads its file in pieces of 511 bytes: the rest of a longer line would count as a
+// setting of its own.
+constexpr std::size_t kMaxSecret = 256;
+
+/// The number at the beginning of a text, 0 without one.
+int DecimalValue(const std::string& text) {
+    const long value = std::strtol(text.c_str(), nullptr, 10);
+    return static_cast<int>(
+        std::clamp<long>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
+}
+
+bool HasControlCharacter(std::string_view text) {
+    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
+}
+
+/// In double quotes the supplicant takes every byte as it is, but its lines end at a line break: an
+/// SSID with one, or with another control character, is written in hexadecimal.
+std::string SsidValue(const std::string& ssid) {
+    if (!HasControlCharacter(ssid)) {
+        return "\"" + ssid + "\"";
+    }
+    constexpr char kDigits[] = "0123456789abcdef";
+    std::string digits;
+    for (const unsigned char byte : ssid) {
+        digits += kDigits[byte / 16];
+        digits += kDigits[byte % 16];
+    }
+    return digits;
+}
+
+bool IsUsableSecret(const std::string& secret) {
+    return secret.size() <= kMaxSecret && !HasControlCharacter(secret);
+}
+
+/// A path that the shell takes as one word.
+bool IsPlainPath(const std::string& path) {
+    constexpr std::string_view kOthers = "/._-";
+    return !path.empty() && std::all_of(path.begin(), path.end(), [&kOthers](unsigned char c) {
+        return std::isalnum(c) != 0 || kOthers.find(static_cast<char>(c)) != std::string_view::npos;
+    });
+}
+
+/// Writes the network with this SSID and these further settings.
+int WriteNetworkFile(const std::string& ssid, const std::string& settings) {
+    if (ssid.size() > kMaxSsid) {
+        ZEL_ERROR("SSID '%s' is longer than %zu bytes", ssid.c_str(), kMaxSsid);
+        return -1;
+    }
+    const std::string text = "network={\n\tssid=" + SsidValue(ssid) + "\n" + settings + "}\n";
+    if (!DurableFile::Replace(kNetworkFile, text, DurableFile::kSecret)) {
+        ZEL_ERROR("Can't write %s", kNetworkFile);
+        return -1;
+    }
+    return 0;
+}
+
+void KillSupplicant() {
+    Shell::KillByPidFile(kPidFile);
+}
+
+}  // namespace
+
+int WlanDevice::WlanValues::Read(const ZelConfig& config) {
+    channel_ = DecimalValue(config.Get("wlan.conf.infra.channel"));
+    band_ = config.Get("wlan.conf.infra.band");
+    if (band_ != "0" && band_ != "1") {
+        ZEL_ERROR("Band '%s' is not correct", band_.c_str());
+        return -1;
+    }
+    ssid_ = config.Get("wlan.conf.infra.ssid");
+    if (ssid_.empty()) {
+        ZEL_ERROR("SSID '%s' is not correct", ssid_.c_str());
+        return -2;
+    }
+    if (const int code = ReadSecurity(config); code != 0) {
+        return code;
+    }
+    if (const int code = ReadCountry(config); code != 0) {
+        return code;
+    }
+    encryptionType_ = config.Get("wlan.conf.infra.encryption.type");
+    ZEL_DEBUG("Enc Type: %s", encryptionType_.c_str());
+    if (!encryptionType_.empty() && encryptionType_ != "AES" && encryptionType_ != "TKIP") {
+        ZEL_ERROR("encryption.type '%s' is not correct", encryptionType_.c_str());
+        return -7;
+    }
+    psk_ = config.Get("wlan.conf.infra.psk");
+    return 0;
+}
+
+int WlanDevice::WlanValues::ReadSecurity(const ZelConfig& config) {
+    const std::string level = config.Get("wlan.conf.infra.security.level");
+    securityLevel_ = DecimalValue(level);
+    if (securityLevel_ < kFirstLevel || securityLevel_ > kLastLevel) {
+        ZEL_ERROR("security.level '%s' is not correct", level.c_str());
+        return -3;
+    }
+    credentials_ = config.Get("wlan.conf.infra.credentials");
+    const bool needed = securityLevel_ == kEnterprise || securityLevel_ == kOtherEnterprise;
+    if (needed && credentials_.empty()) {
+        ZEL_ERROR("credentials '%s' is not correct %d", credentials_.c_str(), securityLevel_);
+        return -4;
+    }
+    return 0;
+}
+
+int WlanDevice::WlanValues::ReadCountry(const ZelConfig& config) {
+    const std::string code = config.Get("country.code");
+    if (code.empty()) {
+        ZEL_ERROR("CountryCode '%s' is empty", code.c_str());
+        return -5;
+    }
+    ZEL_DEBUG("Country code: %s", code.c_str());
+    country_ = WlanCountryCode::FindCountry(code.c_str());
+    if (country_ == nullptr) {
+        ZEL_ERROR("CountryCode '%s' is not correct", code.c_str());
+        return -6;
+    }
+    ZEL_DEBUG("Country code: %d Regdomain %d", static_cast<int>(country_->countryCode),
+              static_cast<int>(country_->regulatoryDomain));
+    return 0;
+}
+
+WlanDevice::WlanDevice(std::string interface, std::string supplicantDriver, const Context& context)
+    : NetDevice(std::move(interface), context), supplicantDriver_(std::move(supplicantDriver)) {}
+
+int WlanDevice::HasLink() {
+    WpaCliInterface supplicant;
+    if (supplicant.Open(std::string(kControlDirectory) + "/" + Name()) != 0) {
+        return 0;
+    }
+    std::string reply;
+    const int failed = supplicant.Request("STATUS", reply);
+    supplicant.Close();
+    if (failed != 0) {
+        return 0;
+    }
+    ZEL_DEBUG("wpa_cli: %s", reply.c_str());
+    return strcasestr(reply.c_str(), "wpa_state=COMPLETED") != nullptr ? 1 : 0;
+}
+
+int WlanDevice::DisableInterface() {
+    KillSupplicant();
+    return NetDevice::DisableInterface();
+}
+
+int WlanDevice::Connect() {
+    ZEL_INFO("Try to connect with an access point");
+    if (values_.Read(Config()) != 0) {
+        return -1;
+    }
+    KillSupplicant();
+    DestroyInterface();
+    if (const int status = PrepareChip(); status != 0) {
+        return status;
+    }
+    if (const int status = StartSupplicant(); status != 0) {
+        return status;
+    }
+    for (int attempt = 0; attempt < kAssociationAttempts; ++attempt) {
+        if (HasLink() != 0) {
+            return 0;
+        }
+        usleep(kAssociationPause);
+    }
+    KillSupplicant();
+    return -1;
+}
+
+int WlanDevice::PrepareChip() {
+    if (const int status = InitializeDriver(values_.Country()); status != 0) {
+        return status;
+    }
+    constexpr int (WlanDevice::*const kSteps[])() = {
+        &WlanDevice::CreateInterface,          &WlanDevice::SetSsid,
+        &WlanDevice::SetAntennaGain,           &WlanDevice::SetBand,
+        &WlanDevice::SetChainmaskAndBandwidth, &WlanDevice::LoadDriver};
+    for (const auto step : kSteps) {
+        if (const int status = (this->*step)(); status != 0) {
+            return status;
+        }
+    }
+    return 0;
+}
+
+int WlanDevice::StartSupplicant() {
+    ZEL_DEBUG("Start supplicant");
+    std::string directory = kSupplicantDirectory;
+    int status = 0;
+    switch (values_.SecurityLevel()) {
+        case kOpen:
+            status = WriteOpenConfig();
+            break;
+        case kRsnPsk:
+        case kOtherRsnPsk:
+        case kThirdRsnPsk:
+        case kWpaPsk:
+            status = WritePskConfig();
+            break;
+        case kEnterprise:
+            directory = values_.Credentials();
+            break;
+        default:
+            break;
+    }
+    if (status != 0) {
+        return -1;
+    }
+    const std::string file = directory + "/wpa.conf";
+    if (!IsPlainPath(file)) {
+        ZEL_ERROR(
+            "The directory of the supplicant's file, '%s', may hold letters, digits and "
+            "\"/._-\" only",
+            directory.c_str());
+        return -1;
+    }
+    std::string output;
+    if (!Shell::RunSystemWithResult(
+            output,
+            "/app/velka/wlan/sta/wpa_supplicant -i %s -D %s -c %s -B -C /tmp/supplicant/ctrl "
+            "-tddf /tmp/log/wpa_supplicant -P /var/run/wpa_supplicant.pid",
+            Name().c_str(), supplicantDriver_.c_str(), file.c_str())) {
+        return -1;
+    }
+    sleep(1);
+    return EnableInterface();
+}
+
+int WlanDevice::WriteOpenConfig() const {
+    ZEL_DEBUG("Write open config");
+    return WriteNetworkFile(values_.Ssid(), "\tkey_mgmt=NONE\n");
+}
+
+int WlanDevice::WritePskConfig() const {
+    ZEL_DEBUG("Write wpa psk config");
+    std::string settings = "\tproto=";
+    settings += values_.SecurityLevel() == kWpaPsk ? "WPA\n" : "RSN\n";
+    if (!values_.EncryptionType().empty()) {
+        // The preferred cipher first; the other is allowed.
+        const std::string ciphers =
+            values_.EncryptionType() == "AES" ? "CCMP TKIP\n" : "TKIP CCMP\n";
+        settings += "\tpairwise=" + ciphers + "\tgroup=" + ciphers;
+    }
+    // A pass phrase, or else a raw key.
+    const std::string secret =
+        values_.Psk().empty() ? values_.Credentials() : "\"" + values_.Psk() + "\"";
+    if (!IsUsableSecret(secret)) {
+        ZEL_ERROR(
+            "The WLAN key is too long or has control characters, check wlan.conf.infra.psk "
+            "and wlan.conf.infra.credentials");
+        return -1;
+    }
+    settings += "\tkey_mgmt=WPA-PSK\n\tpsk=" + secret + "\n";
+    return WriteNetworkFile(values_.Ssid(), settings);
+}
+
+std::string WlanDevice::GetMacAddress() {
+    return "";
+}
+
+int WlanDevice::InitializeDriver(const WlanCountryCode::Country* /*country*/) {
+    return 0;
+}
+
+int WlanDevice::DestroyInterface() {
+    ifreq request{};
+    return InterfaceRequest(&request, kDestroyRequest);
+}
+
+int WlanDevice::CreateInterface() {
+    ZEL_DEBUG("Create wlan interface");
+    return 0;
+}
+
+int WlanDevice::SetSsid() {
+    ZEL_DEBUG("Set ssid");
+    return 0;
+}
+
+int WlanDevice::SetAntennaGain() {
+    ZEL_DEBUG("Set antenna gain");
+    return 0;
+}
+
+int WlanDevice::SetBand() {
+    ZEL_DEBUG("Set wlan band");
+    return 0;
+}
+
+int WlanDevice::SetChainmaskAndBandwidth() {
+    ZEL_DEBUG("Set chainmask and bandwidth");
+    return 0;
+}
+
+int WlanDevice::LoadDriver() {
+    ZEL_DEBUG("LoadDriver");
+    return 0;
+}
+
+int WlanDevice::DoIo(ifreq* /*request*/, unsigned long /*code*/) {
+    return 0;
+}

@@ -1,0 +1,103 @@
+#include "WlanRalinkDevice.h"
+
+#include <unistd.h>
+
+#include <fstream>
+
+#include "NetworkAttributes.h"
+#include "Shell.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kDriver[] = "wext";
+constexpr char kSettingsDirectory[] = "/etc/Wireless/RT2870STA";
+constexpr char kSettingsFile[] = "/etc/Wireless/RT2870STA/RT2870STA.dat";
+
+int AppendSetting(const std::string& setting) {
+    std::ofstream file(kSettingsFile, std::ios::app);
+    file << setting << '\n';
+    file.flush();
+    if (!file) {
+        ZEL_ERROR("Can't write %s", kSettingsFile);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+WlanRalinkDevice::WlanRalinkDevice(const Context& context)
+    : WlanDevice(kInterface, kDriver, context) {}
+
+int WlanRalinkDevice::InitializeDriver(const WlanCountryCode::Country* country) {
+    ZEL_DEBUG("WlanRalinkDevice: Initialize wlan driver");
+    if (Shell::MakeDirectoryPath(kSupplicantDirectory, kDirectoryMode) != 0) {
+        ZEL_ERROR("Can't create %s", kSupplicantDirectory);
+        return -1;
+    }
+    if (Shell::MakeDirectoryPath(kSettingsDirectory, kDirectoryMode) != 0) {
+        ZEL_ERROR("Can't create %s", kSettingsDirectory);
+        return -1;
+    }
+    if (access(kSettingsFile, R_OK) != 0) {
+        std::string output;
+        if (!Shell::RunSystemWithResult(
+                output, "cp /app/velka/wlan/ra/RT2870STA.dat /etc/Wireless/RT2870STA/.")) {
+            return -1;
+        }
+    }
+    if (country == nullptr) {
+        ZEL_ERROR("CountryDefinition is null");
+        return -1;
+    }
+    return AppendSetting(std::string("CountryCode=") + country->iso);
+}
+
+int WlanRalinkDevice::DestroyInterface() {
+    return 0;
+}
+
+int WlanRalinkDevice::CreateInterface() {
+    ZEL_DEBUG("WlanRalinkDevice: Create wlan interface");
+    return 0;
+}
+
+int WlanRalinkDevice::SetSsid() {
+    ZEL_DEBUG("WlanRalinkDevice: Set ssid");
+    return 0;
+}
+
+int WlanRalinkDevice::SetAntennaGain() {
+    ZEL_DEBUG("WlanRalinkDevice: Set antenna gain");
+    return 0;
+}
+
+int WlanRalinkDevice::SetBand() {
+    ZEL_DEBUG("WlanRalinkDevice: Set wlan band");
+    return AppendSetting(std::string("WirelessMode=") + (Values().Band() == "0" ? "8" : "9"));
+}
+
+int WlanRalinkDevice::SetChainmaskAndBandwidth() {
+    ZEL_DEBUG("WlanRalinkDevice: Set chainmask and bandwidth");
+    return 0;
+}
+
+int WlanRalinkDevice::LoadDriver() {
+    ZEL_DEBUG("WlanRalinkDevice: LoadDriver");
+    for (const std::string module : {"rtutil5572sta", "rt5572sta", "rtnet5572sta"}) {
+        if (Shell::LoadModule(module, "/app/velka/wlan/ra/" + module + ".ko", "") != 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+std::string WlanRalinkDevice::GetMacAddress() {
+    std::string output;
+    std::string address;
+    Shell::RunSystemWithResult(output, "/sbin/ifconfig %s up", Name().c_str());
+    NetworkAttributes::ReadMacAddress(Name(), address);
+    Shell::RunSystemWithResult(output, "/sbin/ifconfig %s down", Name().c_str());
+    return address;
+}

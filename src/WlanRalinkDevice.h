@@ -1,0 +1,24 @@
+#pragma once
+
+#include "WlanDevice.h"
+
+/// The Ralink USB adapter (RT5572 family), "ra0". Its driver reads a settings file, in which the
+/// last value of a key counts.
+class WlanRalinkDevice : public WlanDevice {
+public:
+    static constexpr char kInterface[] = "ra0";
+
+    explicit WlanRalinkDevice(const Context& context);
+
+    std::string GetMacAddress() override;
+
+protected:
+    int InitializeDriver(const WlanCountryCode::Country* country) override;
+    int DestroyInterface() override;
+    int CreateInterface() override;
+    int SetSsid() override;
+    int SetAntennaGain() override;
+    int SetBand() override;
+    int SetChainmaskAndBandwidth() override;
+    int LoadDriver() override;
+};
