@@ -20,6 +20,7 @@ FAULT = 100
 UNREACHABLE = 101
 SLP_GROUP = "239.255.255.253"
 SLP_PORT = 427
+MODES = {"configured": "1", "linklocal": "2", "dhcp": "3"}
 
 
 def element(name, text):
@@ -46,6 +47,12 @@ def build_request(options):
             return (
                 "<setHostLock>" + element("handle", options.handle)
                 + element("hostLock", options.lock) + "</setHostLock>"
+            )
+        case "mode":
+            return (
+                "<switchMode>" + element("deviceId", options.device)
+                + element("mode", MODES[options.mode]) + element("handle", options.handle)
+                + "</switchMode>"
             )
         case "reset":
             return "<resetTrigger15Edge/>"
@@ -144,6 +151,9 @@ def parse_arguments():
     lock = operations.add_parser("lock", help="lock the box to another host")
     lock.add_argument("--handle", required=True)
     lock.add_argument("--lock", required=True)
+    mode = operations.add_parser("mode", help="switch the box to another way of addressing")
+    mode.add_argument("mode", choices=MODES)
+    mode.add_argument("--handle", default="", help="of the reservation; a free box needs none")
     operations.add_parser("reset", help="forget the terminal-15 edge")
     command = operations.add_parser("command", help="run a command on the vehicle interface")
     command.add_argument("--handle", required=True)

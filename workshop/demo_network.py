@@ -1,0 +1,205 @@
+"""The demo's scenarios: the ways in which a box comes onto the network. Each is a story of its own."""
+
+import pathlib
+import re
+import subprocess
+import sys
+import time
+
+from stage import (BOLD, BOX, CONFIGURATION, PLAIN, PROJECT, Failed, check, client, field, log, setting,
+                   start_agent, stop, title, wait_until, wait_until_serving)
+
+NETWORK = PROJECT / "workshop/network"
+WLAN_BOX = "192.168.68.43"
+LINK_LOCAL = re.compile(r"169\.254\.\d+\.\d+")
+SSID = "Bay 7"
+PASS_PHRASE = "correct horse battery"
+BASE = "tavo.color=white\ntavo.hostname=TAVO\ncountry.code=DE\n"
+# A box that is integrated without a manager serves at once.
+ALONE = BASE + "opla.mode=OPLA-Next\n"
+
+
+def network(*arguments):
+    print(f"  workshop/network {' '.join(arguments)}", flush=True)
+    subprocess.run([NETWORK, *arguments], check=True)
+
+
+def configure(text):
+    """The settings of the box when it is switched on."""
+    CONFIGURATION.write_text(text)
+    shown = [line for line in text.splitlines() if line.startswith(("network.", "wlan."))]
+    print("".join(f"  {line}\n" for line in shown), end="")
+
+
+def address(device="eth0"):
+    """The IPv4 address of the box, and how many it has."""
+    done = subprocess.run(["ip", "-4", "-o", "address", "show", "dev", device], capture_output=True,
+                          text=True, check=True)
+    found = re.findall(r"inet ([\d.]+)/", done.stdout)
+    return found[0] if len(found) == 1 else ", ".join(found)
+
+
+def show(*command):
+    done = subprocess.run(command, capture_output=True, text=True, check=True)
+    print(f"  {' '.join(command)}\n" + "".join(f"    {line}\n" for line in done.stdout.splitlines()),
+          end="", flush=True)
+    return done.stdout
+
+
+def say(*parts):
+    """Shows what the agent's log says of these things since it was shown last."""
+    lines = log().splitlines()
+    for line in lines[say.shown:]:
+        if any(part in line for part in parts):
+            print(f"  the box says: {line[42:]}")
+    say.shown = len(lines)
+
+
+say.shown = 0
+
+
+def wait_for_network(seconds=90):
+    wait_until(lambda: "* Network setup done." in log()[wait_for_network.seen:],
+               "the box is on the network", seconds)
+    say("Network mode", "lease", "link", "configured", "try wlan", "not correct")
+    wait_for_network.seen = len(log())
+
+
+wait_for_network.seen = 0
+
+
+def check_lease():
+    title("The box is switched on: the cable is in, and it asks for an address")
+    wait_for_network()
+    show("ip", "-4", "address", "show", "dev", "eth0")
+    routes = show("ip", "route")
+    check(address() == BOX, f"it has leased {BOX}")
+    check("default via 192.168.68.1" in routes, "its default route leads to the router")
+    check("239.255.255.253 dev eth0" in routes, "the groups of SLP are routed to its card")
+
+
+def start(configuration):
+    configure(configuration)
+    return start_agent()
+
+
+def find_box(expected):
+    """The client finds the box by multicast and reads its information at that address."""
+    found = client("find")
+    check(f"{expected} answers" in found, f"it is found at {expected}")
+    client("--host", expected, "info")
+
+
+def dhcp():
+    """the cable is in and a DHCP server answers"""
+    agent = start(ALONE + "network.config.discover.mode=3\n")
+    check_lease()
+    title("A client finds it there")
+    wait_until_serving(agent)
+    find_box(BOX)
+    stop(agent)
+
+
+def link_local():
+    """no DHCP server: a link-local address, remembered for the next start"""
+    title("No DHCP server answers in the workshop; the box is switched on")
+    network("dhcp", "stop")
+    agent = start(BASE + "network.config.discover.mode=3\n")
+    wait_for_network()
+    own = address()
+    show("ip", "-4", "address", "show", "dev", "eth0")
+    check(LINK_LOCAL.fullmatch(own), f"it has given itself the link-local address {own}")
+
+    title("A client finds it there and talks to it")
+    wait_until_serving(agent, own)
+    find_box(own)
+    wait_until(lambda: setting("network.config.discover.mode") == "2", "the mode is remembered")
+    check(True, "the box was found: link-local addressing is its mode from now on")
+    stop(agent)
+
+    title("The DHCP server is back, the box is switched on again")
+    network("dhcp", "start")
+    agent = start_agent()
+    wait_for_network()
+    check(LINK_LOCAL.fullmatch(address()), "it does not ask for a lease: it has a link-local address")
+    wait_until_serving(agent, address())
+    stop(agent)
+
+
+def static():
+    """a static address"""
+    title("The box has a static address")
+    agent = start(ALONE + "network.config.discover.mode=202\n"
+                  "network.config.static.ip=192.168.70.7\n"
+                  "network.config.static.netmask=255.255.0.0\n"
+                  "network.config.static.gateway=192.168.68.1\n")
+    wait_for_network()
+    show("ip", "-4", "address", "show", "dev", "eth0")
+    routes = show("ip", "route")
+    check(address() == "192.168.70.7", "it has the configured address")
+    check("default via 192.168.68.1" in routes, "and the configured default route")
+    wait_until_serving(agent, "192.168.70.7")
+    find_box("192.168.70.7")
+    stop(agent)
+
+
+def bad_static():
+    """bad static values: DHCP from the next start on"""
+    title("Somebody has mistyped the static address")
+    agent = start(BASE + "network.config.discover.mode=202\n"
+                  "network.config.static.ip=192.168.70.700\n")
+    wait_until(lambda: "No network configured" in log(), "the first attempt has failed")
+    say("Network mode", "not correct", "No network")
+    wait_until(lambda: setting("network.config.discover.mode") == "3", "the mode is written")
+    check(True, "the box has no address now, but DHCP is its mode from the next start on")
+    stop(agent)
+
+    title("It is switched on again")
+    wait_for_network.seen = len(log())
+    agent = start_agent()
+    wait_for_network()
+    check(address() == BOX, f"it has leased {BOX}")
+    wait_until_serving(agent)
+    stop(agent)
+
+
+def start_on_wlan(settings):
+    """Switches on a box without cable; returns once it is on the WLAN."""
+    network("cable", "out")
+    network("adapter", "ralink")
+    agent = start(ALONE + "network.config.discover.mode=3\nwlan.conf.infra.band=0\n"
+                  f"wlan.conf.infra.ssid={SSID}\n" + settings)
+    wait_for_network()
+    show("ip", "-4", "address", "show", "dev", "ra0")
+    status = show("wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status")
+    check("wpa_state=COMPLETED" in status, "the supplicant is associated")
+    check(address("ra0") == WLAN_BOX, f"the box has leased {WLAN_BOX} over the air")
+    check(log().count("Lan is not link") >= 4, "after it had waited three times for the cable")
+    return agent
+
+
+def wlan_psk():
+    """no cable: the WLAN, with a pass phrase"""
+    title("No cable; an access point with a pass phrase")
+    network("access-point", "psk", "--ssid", SSID, "--pass-phrase", PASS_PHRASE)
+    agent = start_on_wlan("wlan.conf.infra.security.level=103\nwlan.conf.infra.encryption.type=AES\n"
+                          f"wlan.conf.infra.psk={PASS_PHRASE}\n")
+    show("cat", "/tmp/supplicant/wpa.conf")
+    title("A client finds it there")
+    wait_until_serving(agent, WLAN_BOX)
+    find_box(WLAN_BOX)
+    stop(agent)
+
+
+SCENARIOS = {
+    "dhcp": dhcp,
+    "link-local": link_local,
+    "static": static,
+    "bad-static": bad_static,
+    "wlan-psk": wlan_psk,
+}
+
+
+def tell(name):
+    print(f"{BOLD}{name}: {SCENARIOS[name].__doc__}{PLAIN}", flush=True)
+    SCENARIOS[name]()

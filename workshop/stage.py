@@ -1,0 +1,102 @@
+"""What the demos share: a numbered story of checked steps, and the box, manager and client on stage."""
+
+import pathlib
+import signal
+import subprocess
+import sys
+import time
+
+PROJECT = pathlib.Path(__file__).resolve().parent.parent
+AGENT = PROJECT / "build/release/zel"
+AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
+AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
+CONFIGURATION = pathlib.Path("/config/agent.configuration")
+CLIENT = ["nsenter", "--net=/run/netns/client", sys.executable, str(PROJECT / "workshop/client.py")]
+BOX = "192.168.68.42"
+START_LIMIT = 60
+STOP_LIMIT = 2
+FAULT = 100
+
+BOLD, GREEN, RED, PLAIN = ("\033[1m", "\033[32m", "\033[31m", "\033[0m") if sys.stdout.isatty() \
+    else ("", "", "", "")
+
+
+class Failed(Exception):
+    pass
+
+
+def title(text):
+    title.number += 1
+    print(f"\n{BOLD}{title.number}. {text}{PLAIN}", flush=True)
+
+
+title.number = 0
+
+
+def check(condition, text):
+    if not condition:
+        raise Failed(text)
+    print(f"  {GREEN}ok{PLAIN}: {text}", flush=True)
+
+
+def wait_until(condition, what, seconds=START_LIMIT):
+    end = time.monotonic() + seconds
+    while not (result := condition()):
+        if time.monotonic() > end:
+            raise Failed(f"{what}: not within {seconds} s")
+        time.sleep(0.05)
+    return result
+
+
+def client(*arguments, expect=0):
+    """Runs the client, shows what it prints, checks its exit status, and returns the output."""
+    done = subprocess.run(CLIENT + list(arguments), capture_output=True, text=True)
+    print(done.stdout + done.stderr, end="")
+    meaning = {0: "success", FAULT: "a fault"}.get(expect, f"error code {expect}")
+    if done.returncode != expect:
+        raise Failed(f"expected {meaning}, got {done.returncode}")
+    print(f"  {GREEN}ok{PLAIN}: {meaning}", flush=True)
+    return done.stdout
+
+
+def field(output, name):
+    for line in output.splitlines():
+        key, _, text = line.strip().partition(": ")
+        if key == name:
+            return text
+    return ""
+
+
+def setting(name):
+    lines = CONFIGURATION.read_text().splitlines()
+    return next((line.partition("=")[2] for line in lines if line.startswith(name + "=")), None)
+
+
+def log():
+    return AGENT_LOG.read_text(errors="replace") if AGENT_LOG.exists() else ""
+
+
+def start_agent():
+    """Switches the box on: its card has no address, and the agent starts."""
+    subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
+    subprocess.run(["ip", "link", "set", "eth0", "down"], check=True)
+    with AGENT_OUTPUT.open("w") as output:
+        return subprocess.Popen([AGENT], stdout=output, stderr=subprocess.STDOUT)
+
+
+def wait_until_serving(agent, host=BOX):
+    def serves():
+        if agent.poll() is not None:
+            raise Failed(f"the agent ended with status {agent.returncode}")
+        return subprocess.run(CLIENT + ["--quiet", "--host", host, "info"],
+                              capture_output=True).returncode == 0
+    wait_until(serves, "the agent serves")
+
+
+def stop(agent):
+    agent.send_signal(signal.SIGTERM)
+    try:
+        status = agent.wait(STOP_LIMIT)
+    except subprocess.TimeoutExpired:
+        raise Failed(f"the agent did not stop within {STOP_LIMIT} s") from None
+    check(status == 0, f"the agent's exit status is {status}")
