@@ -1,12 +1,9 @@
 """The demo's scenarios: the ways in which a box comes onto the network. Each is a story of its own."""
 
-import pathlib
 import re
 import subprocess
-import sys
-import time
 
-from stage import (BOLD, BOX, CONFIGURATION, PLAIN, PROJECT, Failed, check, client, field, log, setting,
+from stage import (BOLD, BOX, CONFIGURATION, PLAIN, PROJECT, check, client, field, log, setting,
                    start_agent, stop, title, wait_until, wait_until_serving)
 
 NETWORK = PROJECT / "workshop/network"
@@ -191,12 +188,66 @@ def wlan_psk():
     stop(agent)
 
 
+def cable_back():
+    """a box on the WLAN gets its cable back, and a client switches it over"""
+    title("No cable: the box comes onto the WLAN")
+    network("access-point", "psk", "--ssid", SSID, "--pass-phrase", PASS_PHRASE)
+    agent = start_on_wlan("wlan.conf.infra.security.level=103\n"
+                          f"wlan.conf.infra.psk={PASS_PHRASE}\n")
+    wait_until_serving(agent, WLAN_BOX)
+
+    title("The cable is plugged back; the client has the box move to it")
+    network("cable", "in")
+    client("--host", WLAN_BOX, "mode", "dhcp")
+    wait_until(lambda: address() == BOX, "the box has the wired address only", 10)
+    show("ip", "-4", "-o", "address")
+    check(address("ra0") == "", "its WLAN card has no address any more")
+    check(not wlan_processes(), "and the supplicant is gone")
+    find_box(BOX)
+    stop(agent)
+
+
+def wlan_processes():
+    return subprocess.run(["pgrep", "wpa_supplicant"], capture_output=True, text=True).stdout
+
+
+def mode_switch():
+    """a client switches the box from DHCP to link-local addressing and back"""
+    agent = start(ALONE + "network.config.discover.mode=3\n")
+    check_lease()
+    wait_until_serving(agent)
+
+    title("A client reserves the box and has it take a link-local address")
+    handle = field(client("reserve", "--owner", "demo client"), "handle")
+    client("mode", "linklocal", "--handle", handle)
+    own = wait_until(lambda: LINK_LOCAL.fullmatch(address()), "only the new address is left", 10)[0]
+    check(True, f"the answer has reached the client; the box has only {own} now")
+    find_box(own)
+
+    title("It switches the box back to DHCP")
+    client("--host", own, "mode", "dhcp", "--handle", handle)
+    wait_until(lambda: address() == BOX, "the box has the leased address only", 10)
+    find_box(BOX)
+    client("release", "--handle", handle)
+
+    title("A switch to DHCP that cannot be: there is no server")
+    network("dhcp", "stop")
+    client("mode", "dhcp", expect=17)
+    own = wait_until(lambda: LINK_LOCAL.fullmatch(address()), "only the new address is left", 10)[0]
+    check(True, f"the client is told, and the box stays within reach at {own}")
+    find_box(own)
+    stop(agent)
+
+
 SCENARIOS = {
     "dhcp": dhcp,
     "link-local": link_local,
     "static": static,
     "bad-static": bad_static,
     "wlan-psk": wlan_psk,
+    "wlan-tls": wlan_tls,
+    "cable-back": cable_back,
+    "mode-switch": mode_switch,
 }
 
 
