@@ -3,8 +3,9 @@
 import re
 import subprocess
 
-from stage import (BOLD, BOX, CONFIGURATION, PLAIN, PROJECT, check, client, field, log, setting,
-                   start_agent, stop, title, wait_until, wait_until_serving)
+from stage import (BOLD, BOX, CONFIGURATION, PLAIN, PROJECT, check, client, field, log,
+                   log_of_this_start, setting, start_agent, start_manager, stop, title,
+                   wait_until, wait_until_serving)
 
 NETWORK = PROJECT / "workshop/network"
 WLAN_BOX = "192.168.68.43"
@@ -43,26 +44,22 @@ def show(*command):
     return done.stdout
 
 
-def say(*parts):
-    """Shows what the agent's log says of these things since it was shown last."""
-    lines = log().splitlines()
-    for line in lines[say.shown:]:
-        if any(part in line for part in parts):
-            print(f"  the box says: {line[42:]}")
-    say.shown = len(lines)
-
-
-say.shown = 0
+def say():
+    """Shows what the agent has said of its network in this start."""
+    said = re.compile(r"(Network mode|.*(lease|[Ll]ink|configured|try wlan|not correct|wlan card)).*")
+    last = ""
+    for line in log_of_this_start().splitlines():
+        entry = re.fullmatch(r"[\d-]{10} [\d:.]+ +(info|debug|error) +\d+ +(.*)", line)
+        text = entry[2] if entry else ""
+        if text != last and said.fullmatch(text) and "devices:" not in text:
+            print(f"  the box says: {text}")
+        last = text
 
 
 def wait_for_network(seconds=90):
-    wait_until(lambda: "* Network setup done." in log()[wait_for_network.seen:],
-               "the box is on the network", seconds)
-    say("Network mode", "lease", "link", "configured", "try wlan", "not correct")
-    wait_for_network.seen = len(log())
-
-
-wait_for_network.seen = 0
+    wait_until(lambda: "* Network setup done." in log_of_this_start(), "the box is on the network",
+               seconds)
+    say()
 
 
 def check_lease():
@@ -82,9 +79,9 @@ def start(configuration):
 
 def find_box(expected):
     """The client finds the box by multicast and reads its information at that address."""
-    found = client("find")
+    found = client("find", only="asks|answers|IpAddress|NetworkType")
     check(f"{expected} answers" in found, f"it is found at {expected}")
-    client("--host", expected, "info")
+    client("--host", expected, "info", only="asks|gateway|ip4Address|lanDiscoverMode|netmask")
 
 
 def dhcp():
@@ -146,13 +143,12 @@ def bad_static():
     agent = start(BASE + "network.config.discover.mode=202\n"
                   "network.config.static.ip=192.168.70.700\n")
     wait_until(lambda: "No network configured" in log(), "the first attempt has failed")
-    say("Network mode", "not correct", "No network")
+    say()
     wait_until(lambda: setting("network.config.discover.mode") == "3", "the mode is written")
     check(True, "the box has no address now, but DHCP is its mode from the next start on")
     stop(agent)
 
     title("It is switched on again")
-    wait_for_network.seen = len(log())
     agent = start_agent()
     wait_for_network()
     check(address() == BOX, f"it has leased {BOX}")
@@ -160,41 +156,66 @@ def bad_static():
     stop(agent)
 
 
-def start_on_wlan(settings):
-    """Switches on a box without cable; returns once it is on the WLAN."""
+def pull_cable():
     network("cable", "out")
     network("adapter", "ralink")
-    agent = start(ALONE + "network.config.discover.mode=3\nwlan.conf.infra.band=0\n"
-                  f"wlan.conf.infra.ssid={SSID}\n" + settings)
+
+
+def check_wlan():
+    """Waits until a box without cable is on the WLAN."""
     wait_for_network()
     show("ip", "-4", "address", "show", "dev", "ra0")
     status = show("wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status")
     check("wpa_state=COMPLETED" in status, "the supplicant is associated")
     check(address("ra0") == WLAN_BOX, f"the box has leased {WLAN_BOX} over the air")
-    check(log().count("Lan is not link") >= 4, "after it had waited three times for the cable")
+
+
+def start_with_pass_phrase():
+    pull_cable()
+    network("access-point", "psk", "--ssid", SSID, "--passphrase", PASS_PHRASE)
+    agent = start(ALONE + "network.config.discover.mode=3\nwlan.conf.infra.band=0\n"
+                  f"wlan.conf.infra.ssid={SSID}\nwlan.conf.infra.security.level=103\n"
+                  f"wlan.conf.infra.encryption.type=AES\nwlan.conf.infra.psk={PASS_PHRASE}\n")
+    check_wlan()
+    wait_until_serving(agent, WLAN_BOX)
     return agent
 
 
 def wlan_psk():
-    """no cable: the WLAN, with a pass phrase"""
+    """no cable: after three tries the WLAN, with a pass phrase"""
     title("No cable; an access point with a pass phrase")
-    network("access-point", "psk", "--ssid", SSID, "--pass-phrase", PASS_PHRASE)
-    agent = start_on_wlan("wlan.conf.infra.security.level=103\nwlan.conf.infra.encryption.type=AES\n"
-                          f"wlan.conf.infra.psk={PASS_PHRASE}\n")
+    agent = start_with_pass_phrase()
+    check(log().count("Lan is not link") == 4, "after it had waited three times for the cable")
     show("cat", "/tmp/supplicant/wpa.conf")
+
     title("A client finds it there")
-    wait_until_serving(agent, WLAN_BOX)
     find_box(WLAN_BOX)
+    stop(agent)
+
+
+def wlan_tls():
+    """no cable: the WLAN, with the certificates that the manager has sent"""
+    title("The box, on its cable, signs in; the manager sends it the workshop's WLAN")
+    manager = start_manager("wlan-enterprise", "--set", f"wlan.ssid={SSID}")
+    agent = start(BASE + "network.config.discover.mode=3\n")
+    wait_until(lambda: "* SignIn succeed" in log(), "the box is signed in")
+    stop(agent)
+    manager.terminate()
+    show("cat", "/config/wpa.conf")
+    show("openssl", "x509", "-in", "/config/clientcert", "-noout", "-subject", "-issuer", "-enddate")
+
+    title("Without its cable it is switched on again; the access point wants a certificate")
+    pull_cable()
+    network("access-point", "tls")
+    agent = start_agent()
+    check_wlan()
     stop(agent)
 
 
 def cable_back():
     """a box on the WLAN gets its cable back, and a client switches it over"""
     title("No cable: the box comes onto the WLAN")
-    network("access-point", "psk", "--ssid", SSID, "--pass-phrase", PASS_PHRASE)
-    agent = start_on_wlan("wlan.conf.infra.security.level=103\n"
-                          f"wlan.conf.infra.psk={PASS_PHRASE}\n")
-    wait_until_serving(agent, WLAN_BOX)
+    agent = start_with_pass_phrase()
 
     title("The cable is plugged back; the client has the box move to it")
     network("cable", "in")

@@ -1,6 +1,7 @@
 """What the demos share: a numbered story of checked steps, and the box, manager and client on stage."""
 
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -8,6 +9,7 @@ import time
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 AGENT = PROJECT / "build/release/zel"
+MANAGER_OUTPUT = pathlib.Path("/tmp/manager.out")
 AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
 AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
 CONFIGURATION = pathlib.Path("/config/agent.configuration")
@@ -48,10 +50,14 @@ def wait_until(condition, what, seconds=START_LIMIT):
     return result
 
 
-def client(*arguments, expect=0):
-    """Runs the client, shows what it prints, checks its exit status, and returns the output."""
+def client(*arguments, expect=0, only=""):
+    """Runs the client, shows what it prints, checks its exit status, and returns the output.
+
+    `only` is a pattern of the lines to be shown.
+    """
     done = subprocess.run(CLIENT + list(arguments), capture_output=True, text=True)
-    print(done.stdout + done.stderr, end="")
+    lines = (done.stdout + done.stderr).splitlines(keepends=True)
+    print("".join(line for line in lines if re.search(only, line)), end="")
     meaning = {0: "success", FAULT: "a fault"}.get(expect, f"error code {expect}")
     if done.returncode != expect:
         raise Failed(f"expected {meaning}, got {done.returncode}")
@@ -76,12 +82,29 @@ def log():
     return AGENT_LOG.read_text(errors="replace") if AGENT_LOG.exists() else ""
 
 
+def start_manager(scenario, *settings):
+    with MANAGER_OUTPUT.open("w") as output:
+        manager = subprocess.Popen(
+            ["nsenter", "--net=/run/netns/manager", sys.executable, str(PROJECT / "workshop/manager"),
+             "--scenario", scenario, *settings], stdout=output, stderr=subprocess.STDOUT)
+    wait_until(lambda: "READY" in MANAGER_OUTPUT.read_text(), "the manager is ready")
+    return manager
+
+
 def start_agent():
     """Switches the box on: its card has no address, and the agent starts."""
     subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
     subprocess.run(["ip", "link", "set", "eth0", "down"], check=True)
+    start_agent.logged = len(log())
     with AGENT_OUTPUT.open("w") as output:
         return subprocess.Popen([AGENT], stdout=output, stderr=subprocess.STDOUT)
+
+
+start_agent.logged = 0
+
+
+def log_of_this_start():
+    return log()[start_agent.logged:]
 
 
 def wait_until_serving(agent, host=BOX):
