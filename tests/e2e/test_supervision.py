@@ -5,6 +5,8 @@ import ctypes
 import pathlib
 import platform
 import signal
+import socket
+import sys
 import time
 
 import box
@@ -15,8 +17,9 @@ SYS_TGKILL = {"x86_64": 234, "aarch64": 131, "ppc": 250}
 
 
 def log_lines():
+    """Level and text of every entry; one of several lines counts with its first."""
     return [line[28:].split(maxsplit=1)[0] + " " + line[28 + 8 + 6:]
-            for line in box.LOG.read_text().splitlines()]
+            for line in box.LOG.read_text().splitlines() if line.startswith("20")]
 
 
 @contextlib.contextmanager
@@ -30,7 +33,7 @@ def test_start_up_tells_what_it_does():
     state = pathlib.Path("/app/zel/images/firmware/state")
     state.write_text("dirty\n")
     try:
-        with started(configuration="opla.mode=OPLA-Next\ntavo.hostname=\n") as agent:
+        with started(configuration="opla.mode=OPLA-Next\ntavo.hostname=\ncountry.code=DE\n") as agent:
             box.wait_until(lambda: "status not Clean" in box.LOG.read_text(), "start-up is done")
             # A sanitizer may have a thread of its own.
             box.wait_until(lambda: {"WebServer", "Zel::main"} <= set(agent.threads().values()),
@@ -38,11 +41,15 @@ def test_start_up_tells_what_it_does():
     finally:
         state.write_text("clean\n")
     lines = [line for line in log_lines() if not line.startswith("debug")]
-    assert lines[0] == "error wlanDevice is NULL"
-    assert lines[1].startswith("info * ZEL 01.02.02 ")
-    assert lines[1].endswith(" starting on TAVO 0012345...")
-    assert lines[2:] == ["info * OPLA-Mode: OPLA-Next", "info No enterprise set, don't set time",
-                         "info * SetDateTime done.", "info * SLP service started.",
+    gateway = int.from_bytes(socket.inet_aton(box.CLIENT), sys.byteorder)
+    assert lines[:2] == ["info Country: 'DE'", "error wlanDevice is NULL"]
+    assert lines[2].startswith("info * ZEL 01.02.02 ")
+    assert lines[2].endswith(" starting on TAVO 0012345...")
+    assert lines[3:] == ["info * OPLA-Mode: OPLA-Next", "info No enterprise set, don't set time",
+                         "info * SetDateTime done.", "info Enable interface 'eth0'",
+                         "info Lan is link", "info Network mode is dhcp", f"info Current Gateway: {gateway}",
+                         "info TAVOD: '0'", f"info LAN interface configured, IP: {box.BOX}",
+                         "info * Network setup done.", "info * SLP service started.",
                          "info * Webserver service started.",
                          "error Update of firmware image failed, status not Clean",
                          "info * ZEL exiting..."]
