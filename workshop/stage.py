@@ -1,5 +1,6 @@
 """What the demos share: a numbered story of checked steps, and the box, manager and client on stage."""
 
+import os
 import pathlib
 import re
 import signal
@@ -8,7 +9,7 @@ import sys
 import time
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
-AGENT = PROJECT / "build/release/zel"
+AGENT = os.environ.get("ZEL_AGENT", str(PROJECT / "build/release/zel"))
 MANAGER_OUTPUT = pathlib.Path("/tmp/manager.out")
 AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
 AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
@@ -16,7 +17,7 @@ CONFIGURATION = pathlib.Path("/config/agent.configuration")
 CLIENT = ["nsenter", "--net=/run/netns/client", sys.executable, str(PROJECT / "workshop/client.py")]
 BOX = "192.168.68.42"
 START_LIMIT = 60
-STOP_LIMIT = 2
+STOP_LIMIT = 2 if "release" in AGENT else 20  # a sanitizer looks for leaks at the end
 FAULT = 100
 
 BOLD, GREEN, RED, PLAIN = ("\033[1m", "\033[32m", "\033[31m", "\033[0m") if sys.stdout.isatty() \

@@ -128,6 +128,13 @@ def wait_until(condition, what, seconds=30):
     return result
 
 
+def check_output(text):
+    """Fails when a sanitizer has found something."""
+    for bad in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
+                "WARNING: ThreadSanitizer"):
+        assert bad not in text, text[-8000:]
+
+
 class Agent:
     """The agent as a process of the box."""
 
@@ -157,9 +164,7 @@ class Agent:
             raise
 
     def check_output(self):
-        for bad in ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:",
-                    "WARNING: ThreadSanitizer"):
-            assert bad not in self.read_output(), self.read_output()[-8000:]
+        check_output(self.read_output())
 
     def read_output(self):
         return self.output.read_text(errors="replace")

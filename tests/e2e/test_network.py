@@ -1,0 +1,179 @@
+"""The box on its way onto the network, as the kernel, the tools and a client see it."""
+
+import os
+import pathlib
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+import box
+import workshop
+
+SWITCHES = int(os.environ.get("ZEL_SWITCHES", "30"))
+WLAN_BOX = "192.168.68.43"
+ALONE = "opla.mode=OPLA-Next\ncountry.code=DE\nnetwork.config.discover.mode="
+STATIC = (ALONE + "202\nnetwork.config.static.ip=192.168.70.7\n"
+          "network.config.static.netmask=255.255.0.0\nnetwork.config.static.gateway=192.168.68.1\n")
+# Takes an address at once, where the real one probes for seconds.
+FAST_ZCIP = """#!/bin/sh
+export interface=$2 ip=169.254.9.9
+$3 init; $3 config
+"""
+
+
+def run(*command):
+    return subprocess.run(command, capture_output=True, text=True, check=True).stdout
+
+
+def network(*arguments):
+    run("workshop/network", *arguments)
+
+
+@pytest.fixture(autouse=True)
+def workshop_in_order():
+    """Every test begins and ends with the cable in, the DHCP server there and no adapter."""
+    yield
+    for arguments in (("cable", "in"), ("dhcp", "start"), ("adapter", "none")):
+        network(*arguments)
+
+
+def addresses(device="eth0"):
+    lines = run("ip", "-4", "-o", "address", "show", "dev", device).splitlines()
+    return [line.split()[3] for line in lines]
+
+
+def routes():
+    return sorted(line.strip() for line in run("ip", "route").splitlines())
+
+
+def processes():
+    """Names of the programs of the box, without those that ask."""
+    names = [pathlib.Path(path, "comm").read_text().strip() for path in pathlib.Path("/proc").glob("[0-9]*")
+             if pathlib.Path(path, "comm").exists()]
+    return sorted(name for name in names if name not in ("tini", "python3", "bash", "sleep"))
+
+
+def set_up():
+    return "* Network setup done." in workshop.log()
+
+
+def switch(mode, host=box.BOX, handle="", device=box.DEVICE_ID):
+    """The error code of a mode switch."""
+    done = subprocess.run(
+        ["nsenter", "--net=/run/netns/client", sys.executable, "workshop/client.py", "--quiet", "--host",
+         host, "raw", box.fields("switchMode", deviceId=device, mode=mode, handle=handle)],
+        capture_output=True, text=True)
+    assert done.stderr == ""
+    return done.returncode
+
+
+SCENARIOS = ("dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back", "mode-switch")
+
+
+@pytest.mark.parametrize("scenario", SCENARIOS)
+def test_demo_scenario(scenario):
+    box.LOG.unlink(missing_ok=True)
+    done = subprocess.run([sys.executable, "workshop/demo", "--scenario", scenario],
+                          capture_output=True, text=True, env={**os.environ, "ZEL_AGENT": box.AGENT})
+    assert done.returncode == 0, done.stdout[-4000:] + done.stderr
+    assert "The demo is complete." in done.stdout
+    box.check_output(pathlib.Path("/tmp/agent.out").read_text(errors="replace"))
+
+
+def test_a_restart_finds_its_own_address_in_place():
+    for _ in range(2):
+        with workshop.agent(STATIC):
+            box.wait_until(set_up, "the box is on the network")
+            assert addresses() == ["192.168.70.7/16"]
+            assert "default via 192.168.68.1 dev eth0" in routes()
+
+
+def test_refused_switches_change_nothing():
+    with workshop.agent(ALONE + "3\n") as agent:
+        agent.wait_until_serving()
+        before = addresses(), routes()
+        assert switch("2", device="another") == 20
+        assert switch("0") == 17 and switch("4") == 17
+        error, handle = box.reserve()
+        assert error == "0"
+        assert switch("2", handle="1") == 7
+        assert (addresses(), routes()) == before
+        assert box.release(handle) == "0"
+        assert box.rules() == []
+
+
+def test_many_switches_leave_nothing_behind():
+    zcip = pathlib.Path("/sbin/zcip")
+    original = zcip.read_text()
+    zcip.write_text(FAST_ZCIP)
+    try:
+        with workshop.agent(ALONE + "3\n") as agent:
+            agent.wait_until_serving()
+            for _ in range(2):  # what is there once, stays
+                assert switch("2") == 0 and switch("3", "169.254.9.9") == 0
+            # The answer is there before the connection is closed and the lent address taken back.
+            box.wait_until(lambda: len(addresses()) == 1 and not agent.connections(), "the switch is over")
+            before = processes(), routes(), addresses(), agent.descriptors()
+            for _ in range(SWITCHES // 2):
+                assert switch("2") == 0
+                assert switch("3", "169.254.9.9") == 0
+            box.wait_until(lambda: len(addresses()) == 1 and not agent.connections(), "the switch is over")
+            assert (processes(), routes(), addresses(), agent.descriptors()) == before
+            assert box.rules() == []
+    finally:
+        zcip.write_text(original)
+
+
+def test_a_switch_without_cable_returns_to_the_wlan():
+    network("cable", "out")
+    network("adapter", "ralink")
+    network("access-point", "open")
+    with workshop.agent(ALONE + "3\nwlan.conf.infra.band=0\nwlan.conf.infra.ssid=a\"b # c\n"
+                        "wlan.conf.infra.security.level=104\n"):
+        box.wait_until(set_up, "the box is on the WLAN", 60)
+        assert addresses() == [] and addresses("ra0") == [f"{WLAN_BOX}/16"]
+        file = pathlib.Path("/tmp/supplicant/wpa.conf")
+        assert file.read_text() == "network={\n\tssid=61226220232063\n\tkey_mgmt=NONE\n}\n"
+        assert file.stat().st_mode & 0o777 == 0o600
+        assert 'ssid=a\\"b # c\n' in run("wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status")
+        assert switch("3", WLAN_BOX) == 19
+        assert addresses() == [] and addresses("ra0") == [f"{WLAN_BOX}/16"]
+    assert not list(pathlib.Path("/tmp").glob("wpa_ctrl_*"))
+
+
+def test_a_loose_cable_leaves_nothing_behind():
+    network("cable", "out")
+    with workshop.agent(ALONE + "3\n") as agent:
+        box.wait_until(lambda: "Lan is not link" in workshop.log(), "the first pass")
+        before = processes(), agent.descriptors()
+        for _ in range(10):
+            network("cable", "in")
+            network("cable", "out")
+            time.sleep(0.1)
+        if not set_up():  # else it was in at the right moment
+            box.wait_until(lambda: workshop.log().count("No WLAN interface found") >= 2, "the WLAN is tried")
+            assert (processes(), agent.descriptors()) == before
+        network("cable", "in")
+        box.wait_until(set_up, "the box is on the network")
+        assert addresses() == [f"{box.BOX}/16"]
+        assert workshop.attributes(workshop.ask(workshop.attribute_request()))
+
+
+def test_a_card_that_disappears_is_reported_and_waited_for():
+    network("dhcp", "stop")
+    with workshop.agent(ALONE + "3\n") as agent:
+        box.wait_until(lambda: "udhcpc" in processes() or "busybox" in processes(), "it asks for a lease")
+        run("ip", "link", "delete", "eth0")
+        box.wait_until(lambda: "errno: ERR_NO_SUCH_DEVICE" in workshop.log(), "it says what is wrong", 60)
+        assert not set_up()
+        assert agent.stop() == 0, "it can be stopped without a network"
+    run("ip", "link", "add", "eth0", "address", "02:00:00:12:34:56", "type", "veth", "peer", "name", "box",
+        "netns", "/run/netns/switch")
+    run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "box", "master", "bridge", "up")
+    network("dhcp", "start")
+    with workshop.agent(ALONE + "3\n"):
+        box.wait_until(set_up, "the box is on the network")
+        assert addresses() == [f"{box.BOX}/16"]
