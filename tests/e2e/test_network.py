@@ -91,6 +91,28 @@ def test_a_restart_finds_its_own_address_in_place():
             assert "default via 192.168.68.1 dev eth0" in routes()
 
 
+def test_a_link_local_address_is_defended_against_another_box():
+    run("ip", "link", "add", "second", "type", "veth", "peer", "name", "second", "netns", "/run/netns/switch")
+    run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "second", "master", "bridge", "up")
+    run("ip", "link", "set", "second", "netns", "/run/netns/manager")
+    run("nsenter", "--net=/run/netns/manager", "ip", "link", "set", "second", "up")
+    with workshop.agent(ALONE + "201\n"):
+        box.wait_until(set_up, "the box is on the network")
+        own, = [address.removesuffix("/16") for address in addresses()]
+        assert own.startswith("169.254.")
+        other = subprocess.Popen(
+            ["nsenter", "--net=/run/netns/manager", "avahi-autoipd", "--no-drop-root", "--no-chroot",
+             f"--start={own}", "--script=/bin/true", "second"], stderr=subprocess.PIPE, text=True)
+        try:
+            said = [next(line for line in other.stderr if word in line)
+                    for word in ("Received conflicting", "Callout BIND")]
+        finally:
+            other.terminate()
+            other.wait()
+        assert own not in said[1], "the other box takes another address"
+        assert addresses() == [f"{own}/16"], "and this one keeps its own"
+
+
 def test_refused_switches_change_nothing():
     with workshop.agent(ALONE + "3\n") as agent:
         agent.wait_until_serving()
