@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -22,6 +23,8 @@ using Clock = std::chrono::steady_clock;
 constexpr int kOk = 200;
 constexpr char kNotFoundText[] =
     "An error 404 has occurred. The requested document could not be found.";
+
+constexpr std::size_t kFileBlock = 16 * 1024;
 
 // How long, and how much, a peer may go on sending after its answer.
 constexpr std::chrono::seconds kLingerTime{2};
@@ -52,7 +55,7 @@ void SetLocalEnd(int descriptor, HttpRequest& request) {
 }
 
 std::string Head(const HttpResponse& response) {
-    const std::string length = std::to_string(response.body.size());
+    const std::string length = std::to_string(response.body.size() + response.fileLength);
     std::string head = "HTTP/1.0 ";
     head += response.status == kOk ? "200 OK\r\n" : "404 Not found\r\n";
     head += "Content-Type: " + response.contentType.value_or("text/html") + "\r\n";
@@ -154,12 +157,40 @@ bool HttpConnection::Send() {
     std::string head = Head(response_);
     std::array<iovec, 2> parts{iovec{head.data(), head.size()},
                                iovec{response_.body.data(), response_.body.size()}};
+    const Clock::time_point deadline = Clock::now() + kResponseTimeLimit;
+    return SendAll(parts, deadline) && SendFile(deadline);
+}
+
+/// Block by block: a file may be larger than the memory. One that has become shorter since its
+/// length was told ends the connection.
+bool HttpConnection::SendFile(Clock::time_point deadline) {
+    std::array<char, kFileBlock> block{};
+    std::uint64_t sent = 0;
+    while (sent < response_.fileLength) {
+        const auto wanted = static_cast<std::size_t>(
+            std::min<std::uint64_t>(block.size(), response_.fileLength - sent));
+        const ssize_t count =
+            pread(response_.file->Get(), block.data(), wanted, static_cast<off_t>(sent));
+        if (count <= 0) {
+            return false;
+        }
+        iovec part{block.data(), static_cast<std::size_t>(count)};
+        if (!SendAll({&part, 1}, deadline)) {
+            return false;
+        }
+        sent += static_cast<std::uint64_t>(count);
+    }
+    return true;
+}
+
+bool HttpConnection::SendAll(std::span<iovec> parts, Clock::time_point deadline) {
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
-
-    const Clock::time_point deadline = Clock::now() + kResponseTimeLimit;
-    std::size_t left = head.size() + response_.body.size();
+    std::size_t left = 0;
+    for (const iovec& part : parts) {
+        left += part.iov_len;
+    }
     while (left > 0) {
         const ssize_t sent = sendmsg(socket_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0) {

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <sys/uio.h>
+
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "HttpMessageReader.h"
@@ -40,6 +43,8 @@ private:
     bool ServeRequest();
     int CallServlet();
     bool Send();
+    bool SendFile(std::chrono::steady_clock::time_point deadline);
+    bool SendAll(std::span<iovec> parts, std::chrono::steady_clock::time_point deadline);
     void Linger() const;
 
     SocketGuard socket_;

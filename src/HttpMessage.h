@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "SocketGuard.h"
+
 /// What is kept of one request. A field without a value was not in the request.
 struct HttpRequest {
     enum class Method : std::int32_t { kPost = 0, kGet = 1 };
@@ -29,7 +31,7 @@ struct HttpRequest {
     std::optional<std::string> acceptEncoding;
 };
 
-/// One response. Its length on the wire is that of `body`.
+/// One response.
 struct HttpResponse {
     /// 200, or anything else for "404 Not found".
     int status = 404;
@@ -39,6 +41,9 @@ struct HttpResponse {
     /// Further header lines without their line ends.
     std::vector<std::string> headerLines;
     std::string body;
+    /// A file of which `fileLength` bytes are sent behind `body`, if there is one.
+    std::shared_ptr<const SocketGuard> file;
+    std::uint64_t fileLength = 0;
     /// What must live until the peer has the response, if anything must. Such a response ends the
     /// connection.
     std::shared_ptr<void> keptUntilReceived;

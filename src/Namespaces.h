@@ -13,6 +13,8 @@ inline constexpr char kConnectorBean[] = "http://lusora.tembra.com/services/zel/
 inline constexpr char kManagerBean[] = "http://lusora.tembra.com/services/zel/Manager/v1/beans";
 inline constexpr char kBeans[] = "http://lusora.tembra.com/services/zel/beans";
 
+inline constexpr char kAgentService[] = "http://lusora.tembra.com/services/Agent";
+
 inline constexpr char kSignInService[] = "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1";
 inline constexpr char kSignInBaseBean[] =
     "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1/beans";

@@ -51,8 +51,8 @@ bool HasControlCharacter(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
 }
 
-/// In double quotes the supplicant takes every byte as it is, but its lines end at a line break and,
-/// behind a second quote, at a comment: such an SSID is written in hexadecimal.
+/// In double quotes the supplicant takes every byte as it is, but its lines end at a line break
+/// and, behind a second quote, at a comment: such an SSID is written in hexadecimal.
 std::string SsidValue(const std::string& ssid) {
     const bool mayLookLikeComment =
         ssid.find('"') != std::string::npos && ssid.find('#') != std::string::npos;

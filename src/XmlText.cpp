@@ -16,14 +16,27 @@ const char* ToChars(const xmlChar* text) {
     return reinterpret_cast<const char*>(text);
 }
 
+/// Copies and frees a text of the library, which may be null.
+std::string TakeText(xmlChar* text) {
+    struct FreeText {
+        void operator()(xmlChar* owned) const { xmlFree(owned); }
+    };
+    const std::unique_ptr<xmlChar, FreeText> owned(text);
+    return owned ? ToChars(owned.get()) : "";
+}
+
 }  // namespace
 
-Document Parse(const std::string& text) {
+Document Parse(const std::string& text, DocumentType type) {
     const int length = static_cast<int>(std::strlen(text.c_str()));
     Document document(xmlReadMemory(text.c_str(), length, kDocumentName, nullptr, XML_PARSE_NONET));
-    // A message may hold no document type declaration (SOAP 1.1, section 3): with its entities a
-    // few bytes could stand for gigabytes of text.
-    return document && document->intSubset == nullptr ? std::move(document) : nullptr;
+    if (!document || document->intSubset == nullptr) {
+        return document;
+    }
+    // A SOAP message may hold no document type declaration (SOAP 1.1, section 3): with its entities
+    // a few bytes could stand for gigabytes of text.
+    const bool isNameOnly = document->intSubset->children == nullptr;
+    return type == DocumentType::kNameOnly && isNameOnly ? std::move(document) : nullptr;
 }
 
 std::string_view LocalName(const xmlNode* node) {
@@ -40,11 +53,11 @@ xmlNode* FindChild(const xmlNode* parent, std::string_view localName) {
 }
 
 std::string Content(const xmlNode* node) {
-    struct FreeText {
-        void operator()(xmlChar* text) const { xmlFree(text); }
-    };
-    const std::unique_ptr<xmlChar, FreeText> content(xmlNodeGetContent(node));
-    return content ? ToChars(content.get()) : "";
+    return TakeText(xmlNodeGetContent(node));
+}
+
+std::string Attribute(const xmlNode* node, const char* name) {
+    return TakeText(xmlGetNoNsProp(node, reinterpret_cast<const xmlChar*>(name)));
 }
 
 std::string ChildText(const xmlNode* parent, std::string_view localName) {

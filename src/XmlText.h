@@ -14,10 +14,16 @@ struct FreeDocument {
 };
 using Document = std::unique_ptr<xmlDoc, FreeDocument>;
 
+/// What a text may say of its document type.
+enum class DocumentType {
+    kRefused,  ///< nothing
+    kNameOnly  ///< name and DTD (which is not read), but no declarations of its own
+};
+
 /// Parses `text` up to its first zero byte. Nothing but the text itself is read: no DTD, no
-/// external entity, nothing from the network. Null when it is not well-formed or declares a
-/// document type.
-Document Parse(const std::string& text);
+/// external entity, nothing from the network. Null when it is not well-formed or says more of its
+/// document type than it may.
+Document Parse(const std::string& text, DocumentType type = DocumentType::kRefused);
 
 /// First child element of `parent` with that local name, or null. `parent` may be null.
 xmlNode* FindChild(const xmlNode* parent, std::string_view localName);
@@ -27,6 +33,9 @@ std::string ChildText(const xmlNode* parent, std::string_view localName);
 
 /// All text below `node`, which may be null.
 std::string Content(const xmlNode* node);
+
+/// Value of the attribute without namespace; empty when there is none.
+std::string Attribute(const xmlNode* node, const char* name);
 
 std::string_view LocalName(const xmlNode* node);
 

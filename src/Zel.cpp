@@ -176,6 +176,9 @@ void Zel::StartWebServer() {
     connectorServlet_.emplace(
         ZelConnectorServlet::Device{config_, reservation_, trigger15_, *modeSwitch_});
     webServer_.AddRegistration(*connectorServlet_);
+    webServer_.AddRegistration(agentServlet_);
+    webServer_.AddRegistration(rkoServlet_);
+    webServer_.AddRegistration(fileDownloadServlet_);
     webServer_.AddRegistration(testServlet_);
     webServer_.OnServed([this] { discoverMode_.Event(DiscoverModeCtrl::Trigger::kCommunicated); });
     for (const std::uint16_t port : kPorts) {

@@ -4,8 +4,11 @@
 
 #include "DeviceReservation.h"
 #include "DiscoverModeCtrl.h"
+#include "FileDownloadServlet.h"
 #include "ModeSwitch.h"
+#include "OrsAgentServlet.h"
 #include "OrsSignIn.h"
+#include "RkoServlet.h"
 #include "SetNet.h"
 #include "TestServlet.h"
 #include "Trigger15.h"
@@ -48,6 +51,9 @@ private:
     std::optional<SetNet> setNet_;
     std::optional<ModeSwitch> modeSwitch_;
     std::optional<ZelConnectorServlet> connectorServlet_;
+    OrsAgentServlet agentServlet_{{config_, reservation_}};
+    RkoServlet rkoServlet_{{config_, reservation_}};
+    FileDownloadServlet fileDownloadServlet_;
     TestServlet testServlet_;
     WebServer webServer_{config_};
     OrsSignIn signIn_{config_, reservation_, discoverMode_};

@@ -19,6 +19,12 @@ constexpr char kName[] = "ZelConnectorServlet";
 constexpr char kPath[] = "/zel/services/ConnectorService";
 constexpr std::uint16_t kPort = 5302;
 
+constexpr ServiceDescription::File kDescription[] = {{"wsdl", "zelConnector.wsdl"},
+                                                     {"xsd=1", "ZELConnector_v1.xsd"},
+                                                     {"xsd=2", "ZELDriver_v1.xsd"},
+                                                     {"xsd=3", "beans.xsd"},
+                                                     {"xsd=4", "pembAgentShared.xsd"}};
+
 // Codes of the `error` element, besides those of DeviceReservation::Session.
 constexpr int kSuccess = 0;
 constexpr int kWrongHandle = 7;
@@ -28,7 +34,7 @@ constexpr int kTriggerNotReset = 17;
 constexpr int kWrongDevice = 20;
 constexpr int kOverTemperature = 21;
 
-constexpr char kDescription[] = "TAVO, Velka, QK20417B";
+constexpr char kDeviceDescription[] = "TAVO, Velka, QK20417B";
 constexpr char kHardwareVersion[] = "164306";
 constexpr char kDeviceName[] = "TAVO";
 constexpr char kDeviceType[] = "2";
@@ -64,14 +70,6 @@ std::string CodeResponse(const char* operation, int code, const std::string& fur
     return OpenTag(kResponseDepth, operation) + afterOpenTag + kOutOpen +
            Element(kOutChildDepth, "error", std::to_string(code)) + furtherChildren + kOutClose +
            CloseTag(kResponseDepth, operation) + "\n";
-}
-
-int Answer(const HttpRequest& request, HttpResponse& response, std::string body) {
-    response.status = 200;
-    response.contentType = ZelWsdlServlet::kContentType;
-    response.keepAlive = request.keepAlive;
-    response.body = std::move(body);
-    return 0;
 }
 
 const ZelConnectorServlet::Device& DeviceOf(const ZelWsdlServlet& servlet) {
@@ -155,7 +153,7 @@ int GetDeviceInformation(const xmlNode* /*method*/, const HttpRequest& request,
     body += Tabs(4) + "<color xmlns:xsi=\"" + Namespaces::kXmlSchemaInstance +
             "\" xsi:nil=\"true\"/>\n";
     body += CurrentNetworkConfig(config);
-    body += Element(4, "deviceDescriptionOrNull", kDescription);
+    body += Element(4, "deviceDescriptionOrNull", kDeviceDescription);
     body += Element(4, "error", "0");
     body += Element(4, "firmware", config.Get("system.version.boot"));
     body += Element(4, "hardwareVersion", kHardwareVersion);
@@ -170,7 +168,7 @@ int GetDeviceInformation(const xmlNode* /*method*/, const HttpRequest& request,
     body += Element(4, "type", kDeviceType);
     body += Element(4, "vin", config.Get("diag.kvad.vin"));
     body += Tabs(3) + "</ns2:out>\n" + CloseTag(kResponseDepth, kOperation) + "\n";
-    return Answer(request, response, std::move(body));
+    return ZelWsdlServlet::Answer(request, response, std::move(body));
 }
 
 int ReserveDevice(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
@@ -187,8 +185,9 @@ int ReserveDevice(const xmlNode* method, const HttpRequest& request, HttpRespons
         code = kReserveRefused;
         handle.clear();
     }
-    return Answer(request, response,
-                  CodeResponse("reserveDevice", code, Element(kOutChildDepth, "handle", handle)));
+    return ZelWsdlServlet::Answer(
+        request, response,
+        CodeResponse("reserveDevice", code, Element(kOutChildDepth, "handle", handle)));
 }
 
 int ReleaseDevice(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
@@ -202,20 +201,21 @@ int ReleaseDevice(const xmlNode* method, const HttpRequest& request, HttpRespons
     } else if (!device.reservation.Release(XmlText::ChildText(method, "handle"))) {
         code = kWrongHandle;
     }
-    return Answer(request, response, CodeResponse("releaseDevice", code, "", ""));
+    return ZelWsdlServlet::Answer(request, response, CodeResponse("releaseDevice", code, "", ""));
 }
 
 int ResetTrigger15Edge(const xmlNode* /*method*/, const HttpRequest& request,
                        HttpResponse& response, ZelWsdlServlet& servlet) {
     const int code = DeviceOf(servlet).trigger15.Reset() ? kSuccess : kTriggerNotReset;
-    return Answer(request, response, CodeResponse("resetTrigger15Edge", code));
+    return ZelWsdlServlet::Answer(request, response, CodeResponse("resetTrigger15Edge", code));
 }
 
 int SetHostLock(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
                 ZelWsdlServlet& servlet) {
     const DeviceReservation::Session session = DeviceOf(servlet).reservation.ChangeHostLock(
         XmlText::ChildText(method, "handle"), XmlText::ChildText(method, "hostLock"));
-    return Answer(request, response, CodeResponse("setHostLock", static_cast<int>(session)));
+    return ZelWsdlServlet::Answer(request, response,
+                                  CodeResponse("setHostLock", static_cast<int>(session)));
 }
 
 int SwitchMode(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
@@ -248,7 +248,7 @@ int SwitchMode(const xmlNode* method, const HttpRequest& request, HttpResponse& 
             code = kWrongHandle;  // somebody else was faster
         }
     }
-    return Answer(request, response, CodeResponse("switchMode", code));
+    return ZelWsdlServlet::Answer(request, response, CodeResponse("switchMode", code));
 }
 
 /// Text of the first child element whose name is part of `name`: clients write shortened names.
@@ -291,12 +291,13 @@ int ExecuteGenericCommand(const xmlNode* method, const HttpRequest& request, Htt
         ZEL_DEBUG("executeGenericCommand returned '%s'", value.c_str());
         key = failed != 0 ? "error" : "result";
     }
-    return Answer(request, response,
-                  OpenTag(kResponseDepth, kOperation) + "\n" + kOutOpen + Tabs(kOutChildDepth) +
-                      "<error>" + std::to_string(static_cast<int>(session)) +
-                      "</error><commandResultList><ns4:key>" + key + "</ns4:key><ns4:value>" +
-                      XmlText::Escape(value) + "</ns4:value></commandResultList>\n" + kOutClose +
-                      CloseTag(kResponseDepth, kOperation));
+    return ZelWsdlServlet::Answer(
+        request, response,
+        OpenTag(kResponseDepth, kOperation) + "\n" + kOutOpen + Tabs(kOutChildDepth) + "<error>" +
+            std::to_string(static_cast<int>(session)) + "</error><commandResultList><ns4:key>" +
+            key + "</ns4:key><ns4:value>" + XmlText::Escape(value) +
+            "</ns4:value></commandResultList>\n" + kOutClose +
+            CloseTag(kResponseDepth, kOperation));
 }
 
 const ZelWsdlServlet::MethodTable& Methods() {
@@ -315,12 +316,22 @@ const ZelWsdlServlet::MethodTable& Methods() {
 }  // namespace
 
 ZelConnectorServlet::ZelConnectorServlet(const Device& device)
-    : ZelWsdlServlet({kName, kPath, MatchMode::kPathPrefix, kPort}, Methods(),
-                     Namespaces::kConnectorService),
+    : ZelWsdlServlet({kName, kPath, MatchMode::kPathPrefix, kPort},
+                     {Methods(), Namespaces::kConnectorService, kDescription}),
       device_(device) {}
 
-int ZelConnectorServlet::Service(const HttpRequest& request, HttpResponse& response) {
-    return Dispatch(request, response);
+void ZelConnectorServlet::RewriteDescription(std::string& text) const {
+    const std::string host = device_.config.Get("network.current.lan.ip");
+    const std::string base = "http://" + host + ":" + std::to_string(kPort) + kPath;
+    // Files are found in this order, each reference once.
+    constexpr int kSchemas[] = {3, 2, 4, 1};
+    for (const int number : kSchemas) {
+        const ServiceDescription::File& schema = kDescription[number];
+        const std::string start = "schemaLocation=\"";
+        ServiceDescription::ReplaceFirst(text, start + schema.name + "\"",
+                                         start + base + "?" + std::string(schema.query) + "\"");
+    }
+    ServiceDescription::RewriteAddress(text, host);
 }
 
 std::unique_ptr<ZelServlet> ZelConnectorServlet::MakeInstance() const {

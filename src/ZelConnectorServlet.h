@@ -21,10 +21,12 @@ public:
 
     explicit ZelConnectorServlet(const Device& device);
 
-    int Service(const HttpRequest& request, HttpResponse& response) override;
     std::unique_ptr<ZelServlet> MakeInstance() const override;
 
     const Device& GetDevice() const { return device_; }
+
+protected:
+    void RewriteDescription(std::string& text) const override;
 
 private:
     Device device_;

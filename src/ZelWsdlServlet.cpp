@@ -14,6 +14,8 @@
 namespace {
 
 constexpr int kNotDone = 0;
+// Of a handler that has answered with a fault.
+constexpr int kFaulted = -1;
 
 std::string EnvelopeHead() {
     return std::string("<S:Envelope xmlns:S=\"") + Namespaces::kSoap11Envelope +
@@ -45,11 +47,37 @@ xmlNode* FindMethod(xmlDoc* document) {
 
 }  // namespace
 
-ZelWsdlServlet::ZelWsdlServlet(Registration registration, const MethodTable& methods,
-                               const char* namespaceUri)
-    : ZelServlet(std::move(registration)), methods_(methods), namespaceUri_(namespaceUri) {}
+ZelWsdlServlet::ZelWsdlServlet(Registration registration, const Definition& definition)
+    : ZelServlet(std::move(registration)), definition_(definition) {}
 
-void ZelWsdlServlet::SendFault(HttpResponse& response, const std::string& message) {
+int ZelWsdlServlet::Service(const HttpRequest& request, HttpResponse& response) {
+    const ServiceDescription::File* file =
+        ServiceDescription::Find(definition_.description, request);
+    if (file == nullptr) {
+        return Dispatch(request, response);
+    }
+    Describe(*file, request, response);
+    return kDone;
+}
+
+void ZelWsdlServlet::Describe(const ServiceDescription::File& file, const HttpRequest& request,
+                              HttpResponse& response) const {
+    std::string text;
+    if (ServiceDescription::Read(file, text)) {
+        RewriteDescription(text);
+        Answer(request, response, std::move(text));
+    }
+}
+
+int ZelWsdlServlet::Answer(const HttpRequest& request, HttpResponse& response, std::string body) {
+    response.status = 200;
+    response.contentType = kContentType;
+    response.keepAlive = request.keepAlive;
+    response.body = std::move(body);
+    return kNotDone;
+}
+
+int ZelWsdlServlet::SendFault(HttpResponse& response, const std::string& message) {
     response.status = 200;
     response.keepAlive = false;
     response.contentType = kContentType;
@@ -61,6 +89,7 @@ void ZelWsdlServlet::SendFault(HttpResponse& response, const std::string& messag
                     "</faultstring>\n"
                     "\t\t</S:Fault>\n" +
                     kEnvelopeTail;
+    return kFaulted;
 }
 
 int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response) {
@@ -74,7 +103,7 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response)
     }
     xmlNode* method = FindMethod(document.get());
     if (method == nullptr) {
-        SendFault(response, std::string("Method is empty for {") + namespaceUri_ + "}");
+        SendFault(response, std::string("Method is empty for {") + definition_.namespaceUri + "}");
         ZEL_ERROR("ZEL soap method is empty");
         return kNotDone;
     }
@@ -84,14 +113,17 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response)
         return kNotDone;
     }
     ZEL_DEBUG("ZEL soap method: %s", name.c_str());
-    const auto found = methods_.find(name);
-    if (found == methods_.end()) {
-        SendFault(response,
-                  std::string("Cannot find dispatch method for {") + namespaceUri_ + "}" + name);
+    const auto found = definition_.methods.find(name);
+    if (found == definition_.methods.end()) {
+        SendFault(response, std::string("Cannot find dispatch method for {") +
+                                definition_.namespaceUri + "}" + name);
         ZEL_ERROR("ZEL soap method '%s' not found", name.c_str());
         return kNotDone;
     }
     const int result = found->second(method, request, response, *this);
+    if (result == kFaulted) {
+        return kNotDone;
+    }
     response.body = EnvelopeHead() + response.body + kEnvelopeTail;
     return result;
 }

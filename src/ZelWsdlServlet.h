@@ -6,11 +6,12 @@
 #include <string>
 #include <string_view>
 
+#include "ServiceDescription.h"
 #include "ZelServlet.h"
 
 /// Base of the SOAP services: turns a request body into a call of one of the service's methods and
 /// wraps what the method writes into a SOAP 1.1 envelope. Every failure on the way is answered with
-/// one fixed form of fault, always with HTTP status 200.
+/// one fixed form of fault, always with HTTP status 200. Publishes the service's description.
 class ZelWsdlServlet : public ZelServlet {
 public:
     /// Handles one operation: reads `method` and writes the response element (without envelope) as
@@ -19,25 +20,38 @@ public:
                             HttpResponse& response, ZelWsdlServlet& servlet);
     using MethodTable = std::map<std::string_view, Handler>;
 
+    /// What a service is made of; all of it outlives the servlet.
+    struct Definition {
+        const MethodTable& methods;
+        const char* namespaceUri;
+        ServiceDescription::Table description;
+    };
+
     static constexpr char kContentType[] = "text/xml;charset=\"utf-8\"";
 
-    /// Answers with the fault; `message` is not escaped.
-    static void SendFault(HttpResponse& response, const std::string& message);
+    /// Answers a query of the service's description; every other request is a call.
+    int Service(const HttpRequest& request, HttpResponse& response) override;
+
+    /// Answers with the fault; `message` is not escaped. A handler that does so returns the result.
+    static int SendFault(HttpResponse& response, const std::string& message);
+
+    /// Answers with a handler's response element. Returns 0, the handler's result.
+    static int Answer(const HttpRequest& request, HttpResponse& response, std::string body);
 
 protected:
-    /// `methods` and `namespaceUri` must outlive the servlet.
-    ZelWsdlServlet(Registration registration, const MethodTable& methods, const char* namespaceUri);
+    ZelWsdlServlet(Registration registration, const Definition& definition);
 
-    /// Checks the envelope, finds the method element, checks it against the service's schemas and
-    /// calls its handler. Returns the handler's result, or 0 after a failure.
-    int Dispatch(const HttpRequest& request, HttpResponse& response);
+    /// Makes what a file of the description refers to this box.
+    virtual void RewriteDescription(std::string& text) const = 0;
 
     bool skipEnvelopeCheck_ = false;
 
 private:
+    void Describe(const ServiceDescription::File& file, const HttpRequest& request,
+                  HttpResponse& response) const;
+    int Dispatch(const HttpRequest& request, HttpResponse& response);
     bool CheckEnvelope(xmlDoc* document, HttpResponse& response) const;
     bool CheckMethod(xmlNode* method, HttpResponse& response) const;
 
-    const MethodTable& methods_;
-    const char* namespaceUri_;
+    Definition definition_;
 };

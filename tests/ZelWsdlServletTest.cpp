@@ -26,13 +26,13 @@ int Echo(const xmlNode* method, const HttpRequest& /*request*/, HttpResponse& re
 class Probe : public ZelWsdlServlet {
 public:
     explicit Probe(const std::string& name)
-        : ZelWsdlServlet({name, "/probe", MatchMode::kExact, 0}, Methods(), kUri) {}
-    int Service(const HttpRequest& request, HttpResponse& response) override {
-        return Dispatch(request, response);
-    }
+        : ZelWsdlServlet({name, "/probe", MatchMode::kExact, 0}, {Methods(), kUri, {}}) {}
     std::unique_ptr<ZelServlet> MakeInstance() const override {
         return std::make_unique<Probe>(GetName());
     }
+
+protected:
+    void RewriteDescription(std::string& /*text*/) const override {}
 
 private:
     static const MethodTable& Methods() {

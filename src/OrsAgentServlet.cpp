@@ -1,0 +1,181 @@
+#include "OrsAgentServlet.h"
+
+#include <fstream>
+#include <mutex>
+
+#include "HeldMutex.h"
+#include "Namespaces.h"
+#include "Reboot.h"
+#include "SelfTest.h"
+#include "XmlText.h"
+#include "ZelLogging.h"
+
+namespace {
+
+constexpr char kName[] = "OrsAgentServlet";
+constexpr char kPath[] = "/services/Agent";
+constexpr std::uint16_t kPort = 5302;
+constexpr ServiceDescription::File kDescription[] = {{"wsdl", "zelOrsAgent.wsdl"}};
+
+constexpr char kServiceName[] = "VCI-Agent";
+constexpr char kGroup[] = "TAVO";
+constexpr char kStoppedKey[] = "zel.state.is_stopped";
+constexpr char kOwnHost[] = "127.0.0.1";
+
+// Clients match on these texts.
+constexpr char kAlreadyLocked[] =
+    "com.tembra.lusora.statemachine.UnknownStateException: Can't lock a already locked device!";
+constexpr char kReserved[] =
+    "com.tembra.lusora.statemachine.UnknownStateException: Cant lock a reserved device!";
+
+const OrsAgentServlet::Device& DeviceOf(const ZelWsdlServlet& servlet) {
+    return static_cast<const OrsAgentServlet&>(servlet).GetDevice();
+}
+
+std::string OpenTag(const char* operation, const char* end) {
+    return std::string("\t\t<ns2:") + operation + "Response xmlns:ns2=\"" +
+           Namespaces::kAgentService + "\"" + end;
+}
+
+std::string EmptyResponse(const char* operation) {
+    return OpenTag(operation, "/>\n");
+}
+
+/// `children` is what stands between the tags, the indentation of the closing tag included.
+std::string Response(const char* operation, const std::string& children) {
+    return OpenTag(operation, ">\n") + children + "\t\t</ns2:" + operation + "Response>\n";
+}
+
+bool IsStopped(const ZelConfig& config) {
+    return config.Get(kStoppedKey) == "1";
+}
+
+int RefuseName(HttpResponse& response, const std::string& name) {
+    return ZelWsdlServlet::SendFault(response, "java.lang.IllegalArgumentException: No service " +
+                                                   XmlText::Escape(name) + " found!");
+}
+
+int DoSelftest(const xmlNode* /*method*/, const HttpRequest& request, HttpResponse& response,
+               ZelWsdlServlet& /*servlet*/) {
+    // One test at a time: it works on the hardware, and its result is a file.
+    static HeldMutex mutex;
+    std::string lines;
+    {
+        const std::lock_guard lock(mutex);
+        SelfTest selfTest;
+        selfTest.DoSelfTest();
+        std::ifstream file(selfTest.GetResultFileName());
+        std::string line;
+        while (std::getline(file, line)) {
+            ZEL_DEBUG("Read line: '%s'", line.c_str());
+            lines += line + ";";
+        }
+    }
+    return ZelWsdlServlet::Answer(
+        request, response,
+        Response("doSelftest", "\t\t\t<return>" + XmlText::Escape(lines) + "</return>\n"));
+}
+
+int GetMonitoringStatus(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
+                        ZelWsdlServlet& servlet) {
+    constexpr char kOperation[] = "getMonitoringStatus";
+    if (XmlText::ChildText(method, "groupId") != kGroup) {
+        return ZelWsdlServlet::Answer(request, response, EmptyResponse(kOperation));
+    }
+    // Nothing is measured but the time.
+    const std::string item = "\t\t\t\t\t\t<lastCheck>" +
+                             DeviceOf(servlet).config.Get("system.timestamp") +
+                             "</lastCheck>\n"
+                             "\t\t\t\t\t\t<name>Fan State</name>\n"
+                             "\t\t\t\t\t\t<status>OK</status>\n"
+                             "\t\t\t\t\t\t<type>HARDWARE</type>\n"
+                             "\t\t\t\t\t\t<infoLabel>status:LID~EVERYTHING_IS_OK</infoLabel>\n";
+    return ZelWsdlServlet::Answer(request, response,
+                                  Response(kOperation,
+                                           "\t\t\t<return>\n"
+                                           "\t\t\t\t<items>\n"
+                                           "\t\t\t\t\t<MonitoringStatusItem>\n" +
+                                               item +
+                                               "\t\t\t\t\t</MonitoringStatusItem>\n"
+                                               "\t\t\t\t</items>\n"
+                                               "\t\t\t</return>\n"));
+}
+
+int IsServiceRunning(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
+                     ZelWsdlServlet& servlet) {
+    const std::string name = XmlText::ChildText(method, "name");
+    if (name != kServiceName) {
+        return ZelWsdlServlet::SendFault(
+            response,
+            "java.lang.IllegalArgumentException: WRONG service name!: " + XmlText::Escape(name));
+    }
+    const char* running = IsStopped(DeviceOf(servlet).config) ? "false" : "true";
+    return ZelWsdlServlet::Answer(
+        request, response,
+        Response("isServiceRunning", std::string("\t\t\t<return>") + running + "</return>\n"));
+}
+
+int RestartDevice(const xmlNode* /*method*/, const HttpRequest& request, HttpResponse& response,
+                  ZelWsdlServlet& /*servlet*/) {
+    Reboot().DoReboot();
+    return ZelWsdlServlet::Answer(request, response, EmptyResponse("restartDevice"));
+}
+
+int StartService(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
+                 ZelWsdlServlet& servlet) {
+    const std::string name = XmlText::ChildText(method, "name");
+    if (name != kServiceName) {
+        return RefuseName(response, name);
+    }
+    const OrsAgentServlet::Device& device = DeviceOf(servlet);
+    if (IsStopped(device.config)) {
+        device.reservation.Release(device.config.Get("zel.state.handle"));
+        device.config.Set(kStoppedKey, "0", ZelConfig::Kind::kFixed);
+    }
+    return ZelWsdlServlet::Answer(request, response, EmptyResponse("startService"));
+}
+
+int StopService(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
+                ZelWsdlServlet& servlet) {
+    const std::string name = XmlText::ChildText(method, "name");
+    if (name != kServiceName) {
+        return RefuseName(response, name);
+    }
+    const OrsAgentServlet::Device& device = DeviceOf(servlet);
+    if (IsStopped(device.config)) {
+        return ZelWsdlServlet::SendFault(response, kAlreadyLocked);
+    }
+    std::string handle;
+    if (!device.reservation.Reserve(name, kOwnHost, handle)) {
+        return ZelWsdlServlet::SendFault(response, kReserved);
+    }
+    device.config.Set(kStoppedKey, "1", ZelConfig::Kind::kFixed);
+    return ZelWsdlServlet::Answer(request, response, EmptyResponse("stopService"));
+}
+
+const ZelWsdlServlet::MethodTable& Methods() {
+    static const ZelWsdlServlet::MethodTable methods = {
+        {"doSelftest", DoSelftest},
+        {"getMonitoringStatus", GetMonitoringStatus},
+        {"isServiceRunning", IsServiceRunning},
+        {"restartDevice", RestartDevice},
+        {"startService", StartService},
+        {"stopService", StopService},
+    };
+    return methods;
+}
+
+}  // namespace
+
+OrsAgentServlet::OrsAgentServlet(const Device& device)
+    : ZelWsdlServlet({kName, kPath, MatchMode::kPathPrefix, kPort},
+                     {Methods(), Namespaces::kAgentService, kDescription}),
+      device_(device) {}
+
+void OrsAgentServlet::RewriteDescription(std::string& text) const {
+    ServiceDescription::RewriteAddress(text, device_.config.Get("network.current.lan.ip"));
+}
+
+std::unique_ptr<ZelServlet> OrsAgentServlet::MakeInstance() const {
+    return std::make_unique<OrsAgentServlet>(device_);
+}
