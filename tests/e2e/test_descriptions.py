@@ -1,0 +1,202 @@
+"""The descriptions that the box publishes: a SOAP toolkit makes its clients from them, and every answer
+of the box keeps to them."""
+
+import pathlib
+import re
+import subprocess
+import warnings
+
+import pytest
+from lxml import etree
+
+warnings.filterwarnings("ignore", "'cgi' is deprecated")  # zeep imports it
+import zeep
+from zeep.helpers import serialize_object
+from zeep.plugins import HistoryPlugin
+
+import box
+
+pytestmark = pytest.mark.usefixtures("agent")
+
+URL = f"http://{box.BOX}:5302"
+AGENT = "/services/Agent"
+NAMESPACES = {box.CONNECTOR: box.SERVICE, AGENT: "http://lusora.tembra.com/services/Agent"}
+VALID, INVALID = 0, 3  # exit statuses of xmllint; a schema that does not compile gives 5
+
+
+def fetch(path):
+    head, body = box.exchange(f"GET {path} HTTP/1.1\r\n\r\n".encode()).split(b"\r\n\r\n", 1)
+    assert head.startswith(b'HTTP/1.0 200 OK\r\nContent-Type: text/xml;charset="utf-8"\r\n'), head
+    return body
+
+
+def assert_validity(expected, schema, documents):
+    """`schema` is a file or a URL in the client's network."""
+    checked = subprocess.run(["nsenter", "--net=/run/netns/client", "xmllint", "--noout", "--schema",
+                              schema, *documents], stderr=subprocess.PIPE, text=True)
+    assert checked.returncode == expected, checked.stderr
+
+
+class Client:
+    """What the toolkit makes from a description. Keeps the answers in files."""
+
+    def __init__(self, path, folder):
+        self.folder, self.answers, self.history = folder, [], HistoryPlugin()
+        with box.client_namespace():
+            self.service = zeep.Client(f"{URL}{path}?wsdl", plugins=[self.history],
+                                       settings=zeep.Settings(strict=True)).service
+
+    def call(self, operation, **arguments):
+        """The result, or the text of a fault."""
+        with box.client_namespace():
+            try:
+                result = serialize_object(self.service[operation](**arguments), dict)
+            except zeep.exceptions.Fault as fault:
+                return fault.message
+        self.answers.append(self.folder / f"{len(self.answers)}-{operation}.xml")
+        self.answers[-1].write_bytes(etree.tostring(self.history.last_received["envelope"][0][0]))
+        return result
+
+    def check(self, *calls):
+        for operation, arguments, expected in calls:
+            assert self.call(operation, **arguments) == expected, (operation, arguments)
+
+
+def test_published_files_lead_back_to_the_box(tmp_path):
+    (tmp_path / "any.xml").write_text("<any/>")
+    xsd = f"{box.CONNECTOR}?xsd="
+    for path, references in ((f"{box.CONNECTOR}?wsdl", [f"{xsd}1", box.CONNECTOR]),
+                             (f"{xsd}1", [f"{xsd}2"]), (f"{xsd}2", [f"{xsd}4", f"{xsd}3"]),
+                             (f"{xsd}3", []), (f"{xsd}4", []), (f"{AGENT}?wsdl", [AGENT])):
+        root = etree.fromstring(fetch(path))
+        found = root.xpath("//@schemaLocation | //*[local-name() = 'address']/@location")
+        assert found == [URL + reference for reference in references]
+        if "xsd" in path:
+            assert_validity(INVALID, URL + path, [tmp_path / "any.xml"])
+
+
+def test_connector(tmp_path):
+    client = Client(box.CONNECTOR, tmp_path)
+    device, other, wrong = {"deviceId": box.DEVICE_ID}, {"deviceId": "TAVO1"}, {"handle": "1"}
+    echo = {"pSubSystem": "diag", "pCommand": "echo"}
+    not_run = {"key": "error", "value": "-1"}
+    client.check(
+        ("resetTrigger15Edge", {}, 0),
+        ("switchMode", {**other, "mode": 3}, 20),
+        ("switchMode", {**device, "mode": 9}, 17),
+        ("releaseDevice", {**wrong, **device}, 9),
+        ("setHostLock", {"handle": "", "hostLock": "0"}, 9),
+        ("executeGenericCommand", {**wrong, **echo}, {"error": 9, "commandResultList": not_run}),
+        ("reserveDevice", {**other, "owner": "o"}, {"error": 20, "handle": None}))
+    free = client.call("getDeviceInformation")
+    assert (free["error"], free["state"], free["id"]) == (0, 4, box.DEVICE_ID)
+
+    right = {"handle": client.call("reserveDevice", **device, owner="<o>", hostLock="0")["handle"]}
+    client.check(
+        ("reserveDevice", {**device, "owner": "o"}, {"error": 10, "handle": None}),
+        ("setHostLock", {**wrong, "hostLock": "0"}, 7),
+        ("setHostLock", {**right, "hostLock": box.CLIENT}, 0),
+        ("switchMode", {**device, "mode": 3, **wrong}, 7),
+        ("executeGenericCommand", {**wrong, **echo}, {"error": 7, "commandResultList": not_run}),
+        ("executeGenericCommand",
+         {**right, **echo, "pParameters": [{"key": "b", "value": "<2>"}, {"key": "a", "value": "1"}]},
+         {"error": 0, "commandResultList": {"key": "result", "value": "a=1\nb=<2>\n"}}),
+        ("executeGenericCommand", {**right, "pSubSystem": "diag", "pCommand": "fail"},
+         {"error": 0,
+          "commandResultList": {"key": "error", "value": "the vehicle does not answer\n"}}))
+    reserved = client.call("getDeviceInformation")
+    assert (reserved["state"], reserved["sessionOwnerOrNull"]) == (5, "<o>")
+    assert reserved["channels"]["Channel"][2] == {"active": True, "ip": "-1062714326", "name": "MOST",
+                                                  "port": 6802, "type": 2}
+    client.check(("releaseDevice", {**right, **other}, 20),
+                 ("releaseDevice", {**wrong, **device}, 7),
+                 ("releaseDevice", {**right, **device}, 0))
+
+    # Too hot, no gateway, and a voltage that cannot be measured.
+    temperature, voltage = pathlib.Path("/proc/sys/atmel/acttemp"), pathlib.Path("/proc/sys/kl30")
+    kept = temperature.read_text(), voltage.read_text()
+    temperature.write_text("Temp:95,Status:12\n")
+    voltage.unlink()
+    subprocess.run(["ip", "route", "del", "default"], check=True)
+    try:
+        client.check(("reserveDevice", {**device, "owner": "o"}, {"error": 21, "handle": None}))
+        poor = client.call("getDeviceInformation")
+        assert poor["kl30"] is None and poor["currentNetworkConfig"]["gateway"] is None
+    finally:
+        temperature.write_text(kept[0])
+        voltage.write_text(kept[1])
+        subprocess.run(["ip", "route", "add", "default", "via", box.CLIENT], check=True)
+    assert_validity(VALID, f"{URL}{box.CONNECTOR}?xsd=1", client.answers)
+
+
+def test_agent_service(tmp_path):
+    client = Client(AGENT, tmp_path)
+    agent, other = {"name": "VCI-Agent"}, {"name": "a <b> & c"}
+    bad_argument = "java.lang.IllegalArgumentException: "
+    bad_state = "com.tembra.lusora.statemachine.UnknownStateException: "
+    _, handle = box.reserve()
+    client.check(("stopService", agent, f"{bad_state}Cant lock a reserved device!"))
+    assert box.release(handle) == "0"
+    client.check(
+        ("getMonitoringStatus", {"groupId": "tavo"}, None),
+        ("isServiceRunning", other, f"{bad_argument}WRONG service name!: a <b> & c"),
+        ("startService", other, f"{bad_argument}No service a <b> & c found!"),
+        ("stopService", other, f"{bad_argument}No service a <b> & c found!"),
+        ("isServiceRunning", agent, True),
+        ("stopService", agent, None),
+        ("stopService", agent, f"{bad_state}Can't lock a already locked device!"),
+        ("isServiceRunning", agent, False),
+        ("startService", agent, None),
+        ("isServiceRunning", agent, True),
+        ("restartDevice", {}, None))
+    box.wait_until(pathlib.Path("/tmp/reboot.log").exists, "the box is restarted")
+    assert re.fullmatch(r"(\d\d-\w+: OK \(.*?\);){3}", client.call("doSelftest"))
+    item = client.call("getMonitoringStatus", groupId="TAVO")["MonitoringStatusItem"]
+    assert item["lastCheck"] > 1_500_000_000_000 and item["infoLabel"] == "status:LID~EVERYTHING_IS_OK"
+    schema = etree.fromstring(fetch(f"{AGENT}?wsdl")).find(".//{*}schema")
+    (tmp_path / "agent.xsd").write_bytes(etree.tostring(schema))
+    assert_validity(VALID, tmp_path / "agent.xsd", client.answers)
+
+
+# Operation and what a fault says of it; {} is where the two forms of a request differ.
+NOT_EXPECTED = "': This element is not expected."
+REQUESTS = {
+    box.CONNECTOR: (
+        ("<resetTrigger15Edge{}>\n</resetTrigger15Edge>", None),
+        ("<switchMode{}><mode>3</mode><deviceId>d</deviceId></switchMode>", None),
+        ("<reserveDevice{}><owner>o</owner></reserveDevice>",
+         "Element '{}reserveDevice': Missing child element(s). Expected is one of ( {}deviceId"),
+        ("<setHostLock{}><handle>1</handle><hostLock>0</hostLock><id/></setHostLock>",
+         "Element '{}id" + NOT_EXPECTED),
+        ("<switchMode{}><deviceId>d</deviceId><mode>fast</mode></switchMode>", "Element '{}mode': "),
+        ("<getDeviceInformation{}><id/></getDeviceInformation>", "Element '{}id" + NOT_EXPECTED)),
+    AGENT: (
+        ("<doSelftest{}>\n</doSelftest>", None),
+        ("<getMonitoringStatus{}><groupId>TAVO</groupId></getMonitoringStatus>", None),
+        ("<isServiceRunning{}><name>VCI-Agent</name></isServiceRunning>", None),
+        ("<startService{}><name>VCI-Agent</name></startService>", None),
+        ("<stopService{}>VCI-Agent</stopService>", "Element '{}stopService': "),
+        ("<stopService{}><id>VCI-Agent</id></stopService>", "Element '{}id" + NOT_EXPECTED),
+        ("<stopService{}><name>a</name><name>b</name></stopService>",
+         "Element '{}name" + NOT_EXPECTED),
+        ("<stopService{}><name><x/></name></stopService>", "Element '{}name': "),
+        ("<restartDevice{}><now/></restartDevice>", "Element '{}now" + NOT_EXPECTED))}
+
+
+@pytest.mark.parametrize("qualified", (False, True))
+@pytest.mark.parametrize("path", REQUESTS)
+def test_both_forms_of_a_request(path, qualified):
+    def ask(operation):
+        declaration = f' xmlns="{NAMESPACES[path]}"' if qualified else ""
+        return box.exchange(box.post(box.envelope(operation.format(declaration)), path)).decode()
+
+    before = ask("<dance><step/></dance>")
+    for operation, message in REQUESTS[path]:
+        answer = ask(operation)
+        if message is None:
+            assert "Response xmlns" in answer, answer
+        else:
+            message = message.replace("{}", f"{{{NAMESPACES[path]}}}" if qualified else "")
+            # The texts of earlier faults are kept and told again.
+            assert answer.count(message) > before.count(message), (operation, answer)
+            before = answer
