@@ -87,7 +87,7 @@ def start_manager(scenario, *settings):
     with MANAGER_OUTPUT.open("w") as output:
         manager = subprocess.Popen(
             ["nsenter", "--net=/run/netns/manager", sys.executable, str(PROJECT / "workshop/manager"),
-             "--scenario", scenario, *settings], stdout=output, stderr=subprocess.STDOUT)
+             "--scenario", scenario, "--record", "/tmp/manager", *settings], stdout=output, stderr=subprocess.STDOUT)
     wait_until(lambda: "READY" in MANAGER_OUTPUT.read_text(), "the manager is ready")
     return manager
 

@@ -138,7 +138,7 @@ def check_output(text):
 class Agent:
     """The agent as a process of the box."""
 
-    def __init__(self, configuration="opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\n"):
+    def __init__(self, configuration="opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n"):
         if configuration is not None:
             CONFIGURATION.write_text(configuration)
         self.output = pathlib.Path("/tmp/agent.out")
