@@ -88,9 +88,6 @@ def test_connector(tmp_path):
         ("setHostLock", {"handle": "", "hostLock": "0"}, 9),
         ("executeGenericCommand", {**wrong, **echo}, {"error": 9, "commandResultList": not_run}),
         ("reserveDevice", {**other, "owner": "o"}, {"error": 20, "handle": None}))
-    free = client.call("getDeviceInformation")
-    assert (free["error"], free["state"], free["id"]) == (0, 4, box.DEVICE_ID)
-
     right = {"handle": client.call("reserveDevice", **device, owner="<o>", hostLock="0")["handle"]}
     client.check(
         ("reserveDevice", {**device, "owner": "o"}, {"error": 10, "handle": None}),
@@ -105,13 +102,12 @@ def test_connector(tmp_path):
          {"error": 0,
           "commandResultList": {"key": "error", "value": "the vehicle does not answer\n"}}))
     reserved = client.call("getDeviceInformation")
-    assert (reserved["state"], reserved["sessionOwnerOrNull"]) == (5, "<o>")
-    assert reserved["channels"]["Channel"][2] == {"active": True, "ip": "-1062714326", "name": "MOST",
-                                                  "port": 6802, "type": 2}
+    assert (reserved["kl15Edge"], reserved["state"], reserved["sessionOwnerOrNull"]) == (False, 5, "<o>")
+    assert reserved["channels"]["Channel"][2] == {
+        "active": True, "ip": "-1062714326", "name": "MOST", "port": 6802, "type": 2}
     client.check(("releaseDevice", {**right, **other}, 20),
                  ("releaseDevice", {**wrong, **device}, 7),
                  ("releaseDevice", {**right, **device}, 0))
-
     # Too hot, no gateway, and a voltage that cannot be measured.
     temperature, voltage = pathlib.Path("/proc/sys/atmel/acttemp"), pathlib.Path("/proc/sys/kl30")
     kept = temperature.read_text(), voltage.read_text()
@@ -158,45 +154,42 @@ def test_agent_service(tmp_path):
     assert_validity(VALID, tmp_path / "agent.xsd", client.answers)
 
 
-# Operation and what a fault says of it; {} is where the two forms of a request differ.
-NOT_EXPECTED = "': This element is not expected."
 REQUESTS = {
-    box.CONNECTOR: (
-        ("<resetTrigger15Edge{}>\n</resetTrigger15Edge>", None),
-        ("<switchMode{}><mode>3</mode><deviceId>d</deviceId></switchMode>", None),
-        ("<reserveDevice{}><owner>o</owner></reserveDevice>",
-         "Element '{}reserveDevice': Missing child element(s). Expected is one of ( {}deviceId"),
-        ("<setHostLock{}><handle>1</handle><hostLock>0</hostLock><id/></setHostLock>",
-         "Element '{}id" + NOT_EXPECTED),
-        ("<switchMode{}><deviceId>d</deviceId><mode>fast</mode></switchMode>", "Element '{}mode': "),
-        ("<getDeviceInformation{}><id/></getDeviceInformation>", "Element '{}id" + NOT_EXPECTED)),
-    AGENT: (
-        ("<doSelftest{}>\n</doSelftest>", None),
-        ("<getMonitoringStatus{}><groupId>TAVO</groupId></getMonitoringStatus>", None),
-        ("<isServiceRunning{}><name>VCI-Agent</name></isServiceRunning>", None),
-        ("<startService{}><name>VCI-Agent</name></startService>", None),
-        ("<stopService{}>VCI-Agent</stopService>", "Element '{}stopService': "),
-        ("<stopService{}><id>VCI-Agent</id></stopService>", "Element '{}id" + NOT_EXPECTED),
-        ("<stopService{}><name>a</name><name>b</name></stopService>",
-         "Element '{}name" + NOT_EXPECTED),
-        ("<stopService{}><name><x/></name></stopService>", "Element '{}name': "),
-        ("<restartDevice{}><now/></restartDevice>", "Element '{}now" + NOT_EXPECTED))}
+    box.CONNECTOR: {"getDeviceInformation": "", "resetTrigger15Edge": "",
+                    "reserveDevice": "owner deviceId", "releaseDevice": "deviceId handle",
+                    "setHostLock": "hostLock handle", "switchMode": "mode deviceId",
+                    "executeGenericCommand": "pSubSystem pCommand handle"},
+    AGENT: {"doSelftest": "", "restartDevice": "", "getMonitoringStatus": "groupId",
+            "stopService": "name", "isServiceRunning": "name", "startService": "name"}}
+VALUES = {"mode": "3", "name": "VCI-Agent"}
+WRONG_TYPES = (("switchMode", {"mode": "fast", "deviceId": ""}, "mode"),
+               ("stopService", {"name": "<text/>"}, "name"))
 
 
 @pytest.mark.parametrize("qualified", (False, True))
 @pytest.mark.parametrize("path", REQUESTS)
 def test_both_forms_of_a_request(path, qualified):
-    def ask(operation):
-        declaration = f' xmlns="{NAMESPACES[path]}"' if qualified else ""
-        return box.exchange(box.post(box.envelope(operation.format(declaration)), path)).decode()
+    prefix = f"{{{NAMESPACES[path]}}}" if qualified else ""
+    declaration = f' xmlns="{NAMESPACES[path]}"' if qualified else ""
 
-    before = ask("<dance><step/></dance>")
-    for operation, message in REQUESTS[path]:
-        answer = ask(operation)
-        if message is None:
-            assert "Response xmlns" in answer, answer
-        else:
-            message = message.replace("{}", f"{{{NAMESPACES[path]}}}" if qualified else "")
-            # The texts of earlier faults are kept and told again.
-            assert answer.count(message) > before.count(message), (operation, answer)
-            before = answer
+    def ask(operation, children):
+        text = "".join(f"<{name}>{value}</{name}>\n" for name, value in children.items())
+        request = f"<{operation}{declaration}>\n{text}</{operation}>"
+        return box.exchange(box.post(box.envelope(request), path)).decode()
+
+    def assert_refused(operation, children, message):
+        # The texts of earlier faults are kept and told again.
+        before = ask("dance", {"step": ""})
+        fault = ask(operation, children)
+        assert fault.count(message) > before.count(message), (operation, children, message, fault)
+
+    for operation, names in REQUESTS[path].items():
+        children = {name: VALUES.get(name, "1") for name in names.split()}
+        assert f"{operation}Response xmlns" in ask(operation, children)
+        assert_refused(operation, {**children, "id": ""}, f"Element '{prefix}id': This element is not")
+        for missing in children:
+            others = {name: children[name] for name in children if name != missing}
+            assert_refused(operation, others, prefix + missing)
+    for operation, children, wrong in WRONG_TYPES:
+        if operation in REQUESTS[path]:
+            assert_refused(operation, children, f"Element '{prefix}{wrong}': ")
