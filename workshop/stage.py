@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shlex
 import signal
 import subprocess
 import sys
@@ -14,7 +15,8 @@ MANAGER_OUTPUT = pathlib.Path("/tmp/manager.out")
 AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
 AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
 CONFIGURATION = pathlib.Path("/config/agent.configuration")
-CLIENT = ["nsenter", "--net=/run/netns/client", sys.executable, str(PROJECT / "workshop/client.py")]
+IN_CLIENT_NETWORK = ["nsenter", "--net=/run/netns/client"]
+CLIENT = IN_CLIENT_NETWORK + [sys.executable, str(PROJECT / "workshop/client.py")]
 BOX = "192.168.68.42"
 START_LIMIT = 60
 STOP_LIMIT = 2 if "release" in AGENT else 20  # a sanitizer looks for leaks at the end
@@ -49,6 +51,14 @@ def wait_until(condition, what, seconds=START_LIMIT):
             raise Failed(f"{what}: not within {seconds} s")
         time.sleep(0.05)
     return result
+
+
+def in_client_network(*command):
+    """Runs a command there, shows it with what it prints, and returns that."""
+    done = subprocess.run(IN_CLIENT_NETWORK + list(command), capture_output=True, text=True, cwd=PROJECT)
+    print(f"  $ {shlex.join(command)}\n" + "".join(f"  {line}\n" for line in done.stdout.splitlines()), end="")
+    check(done.returncode == 0, f"done {done.stderr}".strip())
+    return done.stdout
 
 
 def client(*arguments, expect=0, only=""):
