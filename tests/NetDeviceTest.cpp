@@ -1,0 +1,200 @@
+#include <arpa/inet.h>
+#include <linux/sockios.h>
+#include <signal.h>
+
+#include <cerrno>
+#include <vector>
+
+#include "NetDevice.h"
+#include "NetworkBox.h"
+
+namespace {
+
+constexpr char kModeKey[] = "network.config.discover.mode";
+const std::string slpRoutes = "239.255.1.1 scope link \n239.255.255.253 scope link \n";
+const std::string arping = "/usr/bin/arping -b -c 1 -U -I t0 0.0.0.0\n";
+const std::string udhcpc =
+    "/sbin/udhcpc -s /etc/network/udhcpc.script -p /var/run/udhcpc_t0.pid -i t0 -n -t 3 -H TAVO -C "
+    "-Svv\n";
+const std::string zcip =
+    "/sbin/zcip -fq t0 /etc/network/zcip.script\n/usr/sbin/route add default dev t0\n";
+
+class NetDeviceTest : public NetworkBox {
+protected:
+    NetDeviceTest() {
+        Set("network.config.static.ip", "10.1.0.5");
+        Set("network.config.static.netmask", "255.255.0.0");
+        Set("network.config.static.gateway", "10.1.0.1");
+    }
+
+    static std::string Routes(const std::string& arguments = "dev t0") {
+        return Run("ip route show " + arguments);
+    }
+
+    NetDevice device_{"t0", context_};
+};
+
+TEST_F(NetDeviceTest, FlagsOfAnInterfaceWithALongName) {
+    std::vector<int> flags;
+    answerRequest = [&flags](unsigned long code, const ifreq& request) {
+        if (code == SIOCSIFFLAGS) {
+            flags.push_back(request.ifr_flags & (IFF_UP | IFF_RUNNING));
+        }
+        return Answer();
+    };
+    AddInterface("abcdefghijklmn0");
+    Ip("address add 10.1.0.5/16 dev abcdefghijklmn0");
+    NetDevice device("abcdefghijklmn0-and-more", context_);
+    EXPECT_EQ(device.DisableInterface(), 0);
+    EXPECT_FALSE(IsUp("abcdefghijklmn0"));
+    EXPECT_EQ(Addresses("abcdefghijklmn0"), "");
+    EXPECT_EQ(device.EnableInterface(), 0);
+    EXPECT_TRUE(IsUp("abcdefghijklmn0"));
+    EXPECT_EQ(flags, (std::vector<int>{IFF_RUNNING, IFF_UP | IFF_RUNNING}));
+    EXPECT_EQ(device.SetHostGateway(), 0);
+    EXPECT_EQ(Routes("239.255.1.1"), "239.255.1.1 dev abcdefghijklmn0 scope link \n");
+}
+
+TEST_F(NetDeviceTest, AddressesAndRoutes) {
+    const in_addr_t ip = inet_addr("10.1.0.5");
+    const in_addr_t gateway = inet_addr("10.1.0.1");
+    const std::string network = "10.1.0.0/16 proto kernel scope link src 10.1.0.5 \n";
+    Ip("route del default");
+    const std::string all = "default via 10.1.0.1 \n" + network + slpRoutes;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(device_.SetStatic(ip, inet_addr("255.255.0.0"), gateway), 0);
+        EXPECT_EQ(Addresses("t0"), "10.1.0.5/16 t0\n");
+        EXPECT_EQ(Routes(), all);
+        EXPECT_EQ(Recorded(), arping);
+    }
+    EXPECT_EQ(device_.SetGateway(gateway), 0);
+    EXPECT_EQ(device_.SetGateway(inet_addr("172.16.0.1")), -1);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(device_.DelHostGateway(), 0);
+        EXPECT_EQ(device_.DelDefaultGateway(), 0);
+        EXPECT_EQ(Routes(), network);
+    }
+}
+
+TEST_F(NetDeviceTest, TheGatewayIsThatOfTheInterfacesLastDefaultRoute) {
+    long long gateway = 1;
+    EXPECT_EQ(device_.GetGateway(gateway), 0);
+    EXPECT_EQ(gateway, 0);
+    Ip("address add 10.1.0.5/16 dev t0");
+    Ip("route del default");
+    Ip("route add 10.9.0.0/16 via 10.1.0.7");
+    Ip("route add default via 10.1.0.1 metric 5");
+    Ip("route add default via 10.1.255.2 metric 6");
+    Ip("route add default via 192.168.200.9 metric 7");
+    EXPECT_EQ(device_.GetGateway(gateway), 0);
+    EXPECT_EQ(gateway, inet_addr("10.1.255.2"));
+    EXPECT_EQ(device_.DelDefaultGateway(), 0);
+    EXPECT_EQ(Routes("default"),
+              "default via 10.1.0.1 dev t0 metric 5 \n"
+              "default via 192.168.200.9 dev eth0 metric 7 \n");
+}
+
+TEST_F(NetDeviceTest, StatusesOfRequests) {
+    NetDevice missing("t7", context_);
+    EXPECT_EQ(missing.EnableInterface(), -2);
+    EXPECT_EQ(missing.DisableInterface(), -1);
+    EXPECT_EQ(missing.SetHostGateway(), -1);
+    const std::pair<int, int> cases[] = {
+        {0, 0}, {ENODEV, -2}, {EOPNOTSUPP, -3}, {EADDRNOTAVAIL, -4}, {EPERM, -5}};
+    for (const auto& [error, status] : cases) {
+        answerRequest = [error = error](unsigned long, const ifreq&) { return Answer(error); };
+        EXPECT_EQ(device_.SetNetmask(INADDR_ANY), status) << error;
+        EXPECT_EQ(device_.EnableInterface(), status) << error;
+    }
+}
+
+TEST_F(NetDeviceTest, TheFirstConfigurationSettlesTheMode) {
+    const std::tuple<const char*, std::string, unsigned> cases[] = {
+        {"3", udhcpc, 3}, {"200", udhcpc, 3}, {"", udhcpc, 3},
+        {"2", zcip, 2},   {"201", zcip, 2},   {"202", "", 1}};
+    for (const auto& [first, commands, current] : cases) {
+        SCOPED_TRACE(first);
+        DiscoverModeCtrl mode(config_);
+        mode.Enable();
+        NetDevice device("t0", {config_, mode});
+        for (const char* stored : {first, "201", "3"}) {
+            Set(kModeKey, stored);
+            Ip("address flush dev t0");
+            Ip("address add 10.1.0.9/16 dev t0");
+            Ip("route replace default via 10.1.0.1");
+            EXPECT_EQ(device.ConfigureInterface(), 0);
+            EXPECT_EQ(Recorded(), commands + arping);
+            EXPECT_EQ(mode.CurrentMode(), current);
+            EXPECT_EQ(Addresses("t0"), commands.empty() ? "10.1.0.5/16 t0\n" : "10.1.0.9/16 t0\n");
+            EXPECT_EQ(Routes("default dev t0"), commands.empty() ? "default via 10.1.0.1 \n" : "");
+            EXPECT_TRUE(Routes().ends_with(slpRoutes));
+        }
+    }
+}
+
+TEST_F(NetDeviceTest, WithoutALeaseTheAddressIsLinkLocal) {
+    Record("/sbin/udhcpc", "echo started; echo 'No lease, failing'; exit 1");
+    EXPECT_EQ(device_.ConfigureInterface(), 0);
+    EXPECT_EQ(Recorded(), udhcpc + zcip + arping);
+    mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+    EXPECT_EQ(config_.Get(kModeKey), "2");
+    EXPECT_EQ(device_.SetDhcp(), -1);
+    EXPECT_EQ(Recorded(), udhcpc);
+    EXPECT_EQ(device_.SetApipa(), 0);
+    EXPECT_EQ(Recorded(), zcip + arping);
+}
+
+TEST_F(NetDeviceTest, BadStaticValuesChangeNoAddress) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"ip", " Ip"}, {"netmask", " Netmask"}, {"gateway", " Geteway"}};
+    for (const auto& [value, name] : cases) {
+        Set(kModeKey, "202");
+        Set("network.config.static." + value, "10.1.0.256");
+        DiscoverModeCtrl mode(config_);
+        mode.Enable();
+        EXPECT_EQ(NetDevice("t0", {config_, mode}).ConfigureInterface(), -1) << value;
+        EXPECT_EQ(Addresses("t0") + Recorded(), "") << value;
+        EXPECT_EQ(config_.Get(kModeKey), "3") << value;
+        EXPECT_NE(ReadFile(ZelLogging::kLogFile).find(name + " '10.1.0.256' is not correct\n"),
+                  std::string::npos);
+        Set("network.config.static." + value, "10.1.0.255");
+    }
+}
+
+TEST_F(NetDeviceTest, AnInterfaceThatGoesAwayIsAFailure) {
+    const std::pair<const char*, const char*> cases[] = {{"3", "/sbin/udhcpc"},
+                                                         {"201", "/sbin/zcip"}};
+    for (const auto& [mode, tool] : cases) {
+        Set(kModeKey, mode);
+        Record(tool, "ip link del t0");
+        EXPECT_LT(NetDevice("t0", context_).ConfigureInterface(), 0) << tool;
+        EXPECT_TRUE(Recorded().starts_with(tool));
+        AddInterface("t0");
+    }
+    Ip("link del t0");
+    EXPECT_LT(device_.ConfigureInterface(), 0);
+    EXPECT_EQ(Recorded(), "");
+}
+
+TEST_F(NetDeviceTest, AnAliasHasAPidFileOfItsOwn) {
+    const std::string id = Run("sleep 1000 >/dev/null 2>&1 & echo $!");
+    WriteFile("/var/run/udhcpc_eth0_1.pid", id);
+    NetDevice("eth0:1", context_).DisableInterface();
+    while (kill(std::stoi(id), 0) == 0) {
+    }
+}
+
+TEST_F(NetDeviceTest, TheVehicleEthernetIsStartedInTheBackground) {
+    Record("/app/w2v/start_kvad", "sleep 1000");
+    for (const char* isConnected : {"0", "1"}) {
+        Set("diag.connected.tavo_d", isConnected);
+        EXPECT_EQ(device_.ConfigureInterface(), 0);
+    }
+    std::string count = "0\n";
+    while (count == "0\n") {
+        count = Run("grep -c start_kvad /tmp/commands");
+    }
+    EXPECT_EQ(count, "1\n");
+}
+
+}  // namespace
