@@ -39,6 +39,9 @@ constexpr std::size_t kMaxSsid = 32;
 // The supplicant reads its file in pieces of 511 bytes: the rest of a longer line would count as a
 // setting of its own.
 constexpr std::size_t kMaxSecret = 256;
+// A longer path would cut the supplicant's command line, and without its last options the
+// supplicant stays in the foreground.
+constexpr std::size_t kMaxPath = 256;
 
 /// The number at the beginning of a text, 0 without one.
 int DecimalValue(const std::string& text) {
@@ -72,12 +75,14 @@ bool IsUsableSecret(const std::string& secret) {
     return secret.size() <= kMaxSecret && !HasControlCharacter(secret);
 }
 
-/// A path that the shell takes as one word.
+/// A path that the shell takes as one word and that fits into the command line.
 bool IsPlainPath(const std::string& path) {
     constexpr std::string_view kOthers = "/._-";
-    return !path.empty() && std::all_of(path.begin(), path.end(), [&kOthers](unsigned char c) {
-        return std::isalnum(c) != 0 || kOthers.find(static_cast<char>(c)) != std::string_view::npos;
-    });
+    return !path.empty() && path.size() <= kMaxPath &&
+           std::all_of(path.begin(), path.end(), [&kOthers](unsigned char c) {
+               return std::isalnum(c) != 0 ||
+                      kOthers.find(static_cast<char>(c)) != std::string_view::npos;
+           });
 }
 
 /// Writes the network with this SSID and these further settings.
@@ -249,8 +254,8 @@ int WlanDevice::StartSupplicant() {
     const std::string file = directory + "/wpa.conf";
     if (!IsPlainPath(file)) {
         ZEL_ERROR(
-            "The directory of the supplicant's file, '%s', may hold letters, digits and "
-            "\"/._-\" only",
+            "The directory of the supplicant's file, '%s', is too long or holds more than letters, "
+            "digits and \"/._-\"",
             directory.c_str());
         return -1;
     }

@@ -123,8 +123,9 @@ TEST_F(WlanDeviceTest, NoSettingBecomesTwo) {
 
 TEST_F(WlanDeviceTest, ADirectoryThatIsNoPlainPathIsRefused) {
     SetWlan("106");
-    for (const char* path :
-         {"/tmp/a;touch /tmp/x", "/a b", "$(id)", "/config\n", "/a'b", "/a\"b"}) {
+    const std::vector<std::string> paths{"/tmp/a;touch /tmp/x", "/a b", "$(id)",
+                                         "/config\n",           "/a'b", std::string(400, '/')};
+    for (const std::string& path : paths) {
         SetSecrets(path, "");
         EXPECT_EQ(device_.Connect(), -1) << path;
         EXPECT_EQ(Recorded(), "") << path;
