@@ -230,7 +230,7 @@ bool ProvideTimeStamp(const std::string& /*key*/, std::string& out) {
 }  // namespace
 
 bool AddDeviceAttributes(ZelConfig& config, const Trigger15& trigger15,
-                         const std::string& wlanInterface) {
+                         const NetworkAttributes::InterfaceName& wlanInterface) {
     bool complete = AddIdentity(config);
     complete &= AddMacAddresses(config);
     complete &= AddVersions(config);

@@ -26,10 +26,14 @@ int Refuse(HttpResponse& response) {
     return ZelServlet::kDone;
 }
 
-/// Opens a regular file; a negative descriptor otherwise. Never waits, as opening a pipe would.
+/// Opens a regular file; a negative descriptor otherwise. Others are not even opened: to open a
+/// device can set it going, and to open a pipe can wait.
 int OpenRegular(const std::string& path) {
-    SocketGuard file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return -1;
+    }
+    SocketGuard file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     const bool isRegular =
         file.Get() >= 0 && fstat(file.Get(), &status) == 0 && S_ISREG(status.st_mode);
     return isRegular ? file.Release() : -1;

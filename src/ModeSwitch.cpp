@@ -18,6 +18,8 @@ constexpr char kLinkLocalPrefix[] = "169.254.";
 // How long link and address are waited for.
 constexpr useconds_t kPollInterval = 100000;
 constexpr int kPolls = 50;
+// The WLAN is tried at every pass but the first three.
+constexpr int kRecoveryPasses = 10;
 
 bool PollUntil(const std::function<bool()>& condition) {
     for (int poll = 0; poll < kPolls; ++poll) {
@@ -62,10 +64,16 @@ ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr asked, FormerAddress& for
         Recover(lan);
     }
     former = Lend(asked, netmask);
+    onMoved_();
     return outcome;
 }
 
 ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, long mode) {
+    if (mode == kLinkLocal) {
+        ZEL_DEBUG("switchMode to apipa");
+    } else if (mode == kDhcp) {
+        ZEL_DEBUG("switchMode to dhcp");
+    }
     if (onWlan_) {
         if (setNet_.Wlan() != nullptr) {
             setNet_.Wlan()->DisableInterface();
@@ -78,10 +86,8 @@ ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, long mode) {
     NetworkType::Set(context_.config, NetworkType::kLan);
     int status = 0;
     if (mode == kLinkLocal) {
-        ZEL_DEBUG("switchMode to apipa");
         status = lan.SetApipa();
     } else if (mode == kDhcp) {
-        ZEL_DEBUG("switchMode to dhcp");
         status = lan.SetDhcp();
     } else {
         status = lan.ConfigureInterface();
@@ -100,11 +106,15 @@ bool ModeSwitch::HasAddress(long mode) const {
 }
 
 void ModeSwitch::Recover(LanDevice& lan) {
-    if (onWlan_ && setNet_.SetUpWlan() == 0) {
+    if (!onWlan_) {
+        lan.EnableInterface();
+        lan.SetApipa();
         return;
     }
-    lan.EnableInterface();
-    lan.SetApipa();
+    if (setNet_.SetUpWlan() != 0) {
+        int passes = 0;
+        setNet_.SetUpNetwork([&passes] { return ++passes == kRecoveryPasses; });
+    }
 }
 
 ModeSwitch::FormerAddress ModeSwitch::Lend(in_addr address, const std::string& netmask) {

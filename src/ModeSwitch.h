@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -27,13 +28,15 @@ public:
     /// While it lives the box still has the address that the client knows it by.
     using FormerAddress = std::shared_ptr<void>;
 
-    /// Both outlive the object.
-    ModeSwitch(const NetDevice::Context& context, SetNet& setNet)
-        : context_(context), setNet_(setNet) {}
+    /// Context and bring-up outlive the object. `onMoved` is called after every attempt: the box
+    /// may be on another interface.
+    ModeSwitch(const NetDevice::Context& context, SetNet& setNet, std::function<void()> onMoved)
+        : context_(context), setNet_(setNet), onMoved_(std::move(onMoved)) {}
 
     /// Switches; takes up to half a minute. `asked` is the address at which the box was asked; when
     /// the box has lost it by the switch, it is lent again and `former` holds it. A switch that
-    /// fails leaves the box with some address: that of the WLAN it came from, or a link-local one.
+    /// fails and has cost the box its address gives it a link-local one; one that came from the
+    /// WLAN returns there, for which it tries as the bring-up does, up to some minutes.
     Outcome Run(long mode, in_addr asked, FormerAddress& former);
 
 private:
@@ -44,6 +47,7 @@ private:
 
     NetDevice::Context context_;
     SetNet& setNet_;
+    std::function<void()> onMoved_;
     HeldMutex mutex_;
     bool onWlan_ = false;
     unsigned lent_ = 0;

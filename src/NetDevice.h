@@ -88,7 +88,8 @@ public:
     /// Routes the multicast groups of SLP to this interface.
     int SetHostGateway();
     int DelHostGateway();
-    /// Deletes the default route through this interface's gateway, if there is one.
+    /// Deletes the default route through this interface's gateway, or the first one there is when
+    /// this interface has none. No failure when there is none at all.
     int DelDefaultGateway();
     /// Sets `gateway` to that of the interface's default route, 0 when it has none.
     int GetGateway(long long& gateway) const;

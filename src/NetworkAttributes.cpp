@@ -95,11 +95,11 @@ std::string LinkQuality(const std::string& interface) {
 
 }  // namespace
 
-void Add(ZelConfig& config, const std::string& wlanInterface) {
-    const std::string lanInterface = kLanInterface;
+void Add(ZelConfig& config, const InterfaceName& wlanInterface) {
+    const InterfaceName lanInterface = [] { return kLanInterface; };
     const struct {
         const char* key;
-        const std::string& interface;
+        const InterfaceName& interface;
         unsigned long code;
     } addresses[] = {
         {"network.current.lan.ip", lanInterface, SIOCGIFADDR},
@@ -109,13 +109,13 @@ void Add(ZelConfig& config, const std::string& wlanInterface) {
     };
     for (const auto& [key, interface, code] : addresses) {
         config.Register(key, [name = interface, code = code](const std::string&, std::string& out) {
-            return ReadAddress(name, code, out);
+            return ReadAddress(name(), code, out);
         });
     }
     config.Register("network.current.defaultgateway", ProvideDefaultGateway);
     config.Register("network.current.wlan.quality",
                     [wlanInterface](const std::string&, std::string& out) {
-                        out = LinkQuality(wlanInterface);
+                        out = LinkQuality(wlanInterface());
                         return true;
                     });
 }

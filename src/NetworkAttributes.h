@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "ZelConfig.h"
@@ -9,10 +10,13 @@ namespace NetworkAttributes {
 
 inline constexpr char kLanInterface[] = "eth0";
 
-/// Registers "network.current.*". `wlanInterface` is empty on a box without WLAN. Addresses are
-/// dotted; an interface without address, or no default route, gives no value. The link quality is
-/// "0" when it is unknown.
-void Add(ZelConfig& config, const std::string& wlanInterface);
+/// Name of the WLAN interface, empty when there is none.
+using InterfaceName = std::function<std::string()>;
+
+/// Registers "network.current.*". `wlanInterface` is asked at every get of a WLAN value. Addresses
+/// are dotted; an interface without address, or no default route, gives no value. The link quality
+/// is "0" when it is unknown.
+void Add(ZelConfig& config, const InterfaceName& wlanInterface);
 
 /// Sets `out` to the hardware address, six two-digit hexadecimal bytes with colons between them.
 /// False when there is no such interface.

@@ -1,5 +1,6 @@
 #include "OrsAgentServlet.h"
 
+#include <atomic>
 #include <fstream>
 #include <mutex>
 
@@ -14,7 +15,7 @@ namespace {
 
 constexpr char kName[] = "OrsAgentServlet";
 constexpr char kPath[] = "/services/Agent";
-constexpr std::uint16_t kPort = 5302;
+constexpr std::uint16_t kEveryPort = 0;
 constexpr ServiceDescription::File kDescription[] = {{"wsdl", "zelOrsAgent.wsdl"}};
 
 constexpr char kServiceName[] = "VCI-Agent";
@@ -57,13 +58,21 @@ int RefuseName(HttpResponse& response, const std::string& name) {
 
 int DoSelftest(const xmlNode* /*method*/, const HttpRequest& request, HttpResponse& response,
                ZelWsdlServlet& /*servlet*/) {
-    // One test at a time: it works on the hardware, and its result is a file.
+    // One test at a time: it works on the hardware, and its result is a file. Who has waited takes
+    // the result of a test that began after he came, so that callers do not queue up.
     static HeldMutex mutex;
+    static std::atomic<unsigned> begun = 0;
+    static unsigned done = 0;
+    const unsigned begunBefore = begun;
     std::string lines;
     {
         const std::lock_guard lock(mutex);
         SelfTest selfTest;
-        selfTest.DoSelfTest();
+        if (done <= begunBefore) {
+            const unsigned test = ++begun;
+            selfTest.DoSelfTest();
+            done = test;
+        }
         std::ifstream file(selfTest.GetResultFileName());
         std::string line;
         while (std::getline(file, line)) {
@@ -121,6 +130,12 @@ int RestartDevice(const xmlNode* /*method*/, const HttpRequest& request, HttpRes
     return ZelWsdlServlet::Answer(request, response, EmptyResponse("restartDevice"));
 }
 
+/// Held while the service is stopped or started: state and reservation change together.
+HeldMutex& ServiceMutex() {
+    static HeldMutex mutex;
+    return mutex;
+}
+
 int StartService(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
                  ZelWsdlServlet& servlet) {
     const std::string name = XmlText::ChildText(method, "name");
@@ -128,6 +143,7 @@ int StartService(const xmlNode* method, const HttpRequest& request, HttpResponse
         return RefuseName(response, name);
     }
     const OrsAgentServlet::Device& device = DeviceOf(servlet);
+    const std::lock_guard lock(ServiceMutex());
     if (IsStopped(device.config)) {
         device.reservation.Release(device.config.Get("zel.state.handle"));
         device.config.Set(kStoppedKey, "0", ZelConfig::Kind::kFixed);
@@ -142,6 +158,7 @@ int StopService(const xmlNode* method, const HttpRequest& request, HttpResponse&
         return RefuseName(response, name);
     }
     const OrsAgentServlet::Device& device = DeviceOf(servlet);
+    const std::lock_guard lock(ServiceMutex());
     if (IsStopped(device.config)) {
         return ZelWsdlServlet::SendFault(response, kAlreadyLocked);
     }
@@ -168,7 +185,7 @@ const ZelWsdlServlet::MethodTable& Methods() {
 }  // namespace
 
 OrsAgentServlet::OrsAgentServlet(const Device& device)
-    : ZelWsdlServlet({kName, kPath, MatchMode::kPathPrefix, kPort},
+    : ZelWsdlServlet({kName, kPath, MatchMode::kPathPrefix, kEveryPort},
                      {Methods(), Namespaces::kAgentService, kDescription}),
       device_(device) {}
 

@@ -25,7 +25,8 @@ constexpr struct {
 
 }  // namespace
 
-void SetUpStore(ZelConfig& config, Trigger15& trigger15, const std::string& wlanInterface) {
+void SetUpStore(ZelConfig& config, Trigger15& trigger15,
+                const NetworkAttributes::InterfaceName& wlanInterface) {
     bool complete = AddDeviceAttributes(config, trigger15, wlanInterface);
     for (const auto& [key, value] : kInitialState) {
         complete &= config.Set(key, value, ZelConfig::Kind::kFixed);

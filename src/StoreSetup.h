@@ -1,12 +1,12 @@
 #pragma once
 
-#include <string>
-
+#include "NetworkAttributes.h"
 #include "Trigger15.h"
 #include "ZelConfig.h"
 
 /// Fills the store at start-up: live attributes, state of a free box, then the configuration file,
 /// whose values replace the defaults, and last what is computed. Opens the measurement device.
-/// `wlanInterface` is empty on a box without WLAN. Never fails; what could not be initialised is
-/// logged.
-void SetUpStore(ZelConfig& config, Trigger15& trigger15, const std::string& wlanInterface);
+/// `wlanInterface` answers empty on a box without WLAN. Never fails; what could not be initialised
+/// is logged.
+void SetUpStore(ZelConfig& config, Trigger15& trigger15,
+                const NetworkAttributes::InterfaceName& wlanInterface);

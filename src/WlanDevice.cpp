@@ -18,6 +18,7 @@
 namespace {
 
 constexpr char kNetworkFile[] = "/tmp/supplicant/wpa.conf";
+constexpr char kFileName[] = "/wpa.conf";
 constexpr char kControlDirectory[] = "/tmp/supplicant/ctrl";
 constexpr char kPidFile[] = "/var/run/wpa_supplicant.pid";
 constexpr unsigned long kDestroyRequest = SIOCDEVPRIVATE + 8;
@@ -71,8 +72,12 @@ std::string SsidValue(const std::string& ssid) {
     return digits;
 }
 
-bool IsUsableSecret(const std::string& secret) {
-    return secret.size() <= kMaxSecret && !HasControlCharacter(secret);
+/// Whether the supplicant reads the value as one: a comment begins with "#" unless quotes, of which
+/// there are no others, enclose it.
+bool IsUsableSecret(const std::string& secret, bool isQuoted) {
+    const bool hasComment = secret.find('#') != std::string::npos &&
+                            (!isQuoted || secret.find('"') != std::string::npos);
+    return secret.size() <= kMaxSecret && !HasControlCharacter(secret) && !hasComment;
 }
 
 /// A path that the shell takes as one word and that fits into the command line.
@@ -87,10 +92,6 @@ bool IsPlainPath(const std::string& path) {
 
 /// Writes the network with this SSID and these further settings.
 int WriteNetworkFile(const std::string& ssid, const std::string& settings) {
-    if (ssid.size() > kMaxSsid) {
-        ZEL_ERROR("SSID '%s' is longer than %zu bytes", ssid.c_str(), kMaxSsid);
-        return -1;
-    }
     const std::string text = "network={\n\tssid=" + SsidValue(ssid) + "\n" + settings + "}\n";
     if (!DurableFile::Replace(kNetworkFile, text, DurableFile::kSecret)) {
         ZEL_ERROR("Can't write %s", kNetworkFile);
@@ -191,7 +192,7 @@ int WlanDevice::DisableInterface() {
 
 int WlanDevice::Connect() {
     ZEL_INFO("Try to connect with an access point");
-    if (values_.Read(Config()) != 0) {
+    if (values_.Read(Config()) != 0 || !CanWriteNetworkFile()) {
         return -1;
     }
     KillSupplicant();
@@ -210,6 +211,42 @@ int WlanDevice::Connect() {
     }
     KillSupplicant();
     return -1;
+}
+
+/// Whether the supplicant would read the settings as they are meant, and only them.
+bool WlanDevice::CanWriteNetworkFile() const {
+    switch (values_.SecurityLevel()) {
+        case kEnterprise:
+            if (!IsPlainPath(values_.Credentials() + kFileName)) {
+                ZEL_ERROR(
+                    "The directory of the supplicant's file, '%s', is too long or holds more than "
+                    "letters, digits and \"/._-\"",
+                    values_.Credentials().c_str());
+                return false;
+            }
+            return true;
+        case kRsnPsk:
+        case kOtherRsnPsk:
+        case kThirdRsnPsk:
+        case kWpaPsk: {
+            const bool hasPassPhrase = !values_.Psk().empty();
+            if (!IsUsableSecret(hasPassPhrase ? values_.Psk() : values_.Credentials(),
+                                hasPassPhrase)) {
+                ZEL_ERROR(
+                    "The WLAN key is too long or has control characters or a comment mark, check "
+                    "wlan.conf.infra.psk and wlan.conf.infra.credentials");
+                return false;
+            }
+            break;
+        }
+        default:
+            break;
+    }
+    if (values_.Ssid().size() > kMaxSsid) {
+        ZEL_ERROR("SSID '%s' is longer than %zu bytes", values_.Ssid().c_str(), kMaxSsid);
+        return false;
+    }
+    return true;
 }
 
 int WlanDevice::PrepareChip() {
@@ -251,14 +288,7 @@ int WlanDevice::StartSupplicant() {
     if (status != 0) {
         return -1;
     }
-    const std::string file = directory + "/wpa.conf";
-    if (!IsPlainPath(file)) {
-        ZEL_ERROR(
-            "The directory of the supplicant's file, '%s', is too long or holds more than letters, "
-            "digits and \"/._-\"",
-            directory.c_str());
-        return -1;
-    }
+    const std::string file = directory + kFileName;
     std::string output;
     if (!Shell::RunSystemWithResult(
             output,
@@ -289,12 +319,6 @@ int WlanDevice::WritePskConfig() const {
     // A pass phrase, or else a raw key.
     const std::string secret =
         values_.Psk().empty() ? values_.Credentials() : "\"" + values_.Psk() + "\"";
-    if (!IsUsableSecret(secret)) {
-        ZEL_ERROR(
-            "The WLAN key is too long or has control characters, check wlan.conf.infra.psk "
-            "and wlan.conf.infra.credentials");
-        return -1;
-    }
     settings += "\tkey_mgmt=WPA-PSK\n\tpsk=" + secret + "\n";
     return WriteNetworkFile(values_.Ssid(), settings);
 }

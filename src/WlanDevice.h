@@ -78,6 +78,7 @@ protected:
     const WlanValues& Values() const { return values_; }
 
 private:
+    bool CanWriteNetworkFile() const;
     int PrepareChip();
     int StartSupplicant();
     int WriteOpenConfig() const;

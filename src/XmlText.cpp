@@ -3,6 +3,7 @@
 #include <libxml/parser.h>
 #include <libxml/xmlstring.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -65,7 +66,8 @@ std::string ChildText(const xmlNode* parent, std::string_view localName) {
 }
 
 std::string Escape(std::string_view text) {
-    const std::string terminated(text);
+    std::string terminated(text);
+    std::replace(terminated.begin(), terminated.end(), '\0', kUnprintable);
     const bool isUtf8 = xmlCheckUTF8(reinterpret_cast<const xmlChar*>(terminated.c_str())) == 1;
     std::string escaped;
     escaped.reserve(text.size());

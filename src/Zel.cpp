@@ -90,12 +90,16 @@ std::uint32_t ConfiguredCountry() {
 
 Zel::Zel() {
     EnsureWlanMacFile();
-    SetUpStore(config_, trigger15_, WlanDeviceDetectorEx().GetInterfaceName());
+    SetUpStore(config_, trigger15_, [this] {
+        const WlanDevice* wlan = setNet_ ? setNet_->Wlan() : nullptr;
+        return wlan == nullptr ? std::string() : wlan->Name();
+    });
 }
 
 void Zel::EnsureWlanMacFile() {
     WlanMacFile::Ensure([this]() -> std::optional<std::string> {
-        ZEL_DEBUG("Country code of the WLAN adapter: %u", ConfiguredCountry());
+        const std::uint32_t country = ConfiguredCountry();
+        ZEL_DEBUG("Country code of the WLAN adapter: %u", country);
         const std::unique_ptr<WlanDevice> adapter = WlanDeviceDetectorEx().CreateDevice(network_);
         if (!adapter) {
             return std::nullopt;
@@ -172,7 +176,7 @@ void Zel::SetDefaultHostName() {
 }
 
 void Zel::StartWebServer() {
-    modeSwitch_.emplace(network_, *setNet_);
+    modeSwitch_.emplace(network_, *setNet_, [this] { slpService_.JoinGroups(); });
     connectorServlet_.emplace(
         ZelConnectorServlet::Device{config_, reservation_, trigger15_, *modeSwitch_});
     webServer_.AddRegistration(*connectorServlet_);

@@ -241,9 +241,12 @@ int SwitchMode(const xmlNode* method, const HttpRequest& request, HttpResponse& 
         ZEL_DEBUG("Device state is free, change to reserve");
         std::string handle;
         if (device.reservation.Reserve("", "127.0.0.1", handle)) {
+            const auto release = [&](const std::string* reserved) {
+                ZEL_DEBUG("Change back to state free");
+                device.reservation.Release(*reserved);
+            };
+            const std::unique_ptr<const std::string, decltype(release)> guard(&handle, release);
             code = run();
-            ZEL_DEBUG("Change back to state free");
-            device.reservation.Release(handle);
         } else {
             code = kWrongHandle;  // somebody else was faster
         }

@@ -39,14 +39,15 @@ private:
     LogClientRollingFile file_;
 };
 
-// The source name of a log line: the unit's path without its extension ("src/Shell").
+// The source name of a log line: the unit's path ("src/NetDevice.cpp"). The two oldest units have
+// always been named without extension.
 constexpr std::string_view kZelSourceExtension = ".cpp";
 template <std::size_t N>
 struct ZelSourceName {
     char text[N]{};
     constexpr explicit ZelSourceName(const char (&path)[N]) {
         std::string_view name(path, N - 1);
-        if (name.ends_with(kZelSourceExtension)) {
+        if (name == "src/Zel.cpp" || name == "src/Shell.cpp") {
             name.remove_suffix(kZelSourceExtension.size());
         }
         for (std::size_t i = 0; i < name.size(); ++i) {

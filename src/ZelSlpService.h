@@ -32,6 +32,9 @@ public:
     /// false when a thread cannot be made. A socket that cannot be opened is only logged.
     bool Start(unsigned flags);
 
+    /// To be called when the box may be on another interface: multicasts are received there too.
+    void JoinGroups() const { socket_.JoinGroups(); }
+
     /// Stops the answering thread and, with kSignIn, the sign-in thread, and waits for them, for
     /// `signIn` less than a second. Returns false when a thread is still at work: what it uses must
     /// not be destroyed.

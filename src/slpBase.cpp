@@ -27,7 +27,7 @@ bool ToSocketAddress(const std::string& dotted, std::uint32_t port, sockaddr_in&
 }
 
 /// Receives what is sent to the groups over one interface; a second time is no harm.
-void JoinGroups(int descriptor, int interface) {
+void JoinGroupsAt(int descriptor, int interface) {
     for (const char* group : kGroups) {
         ip_mreqn membership{};
         inet_pton(AF_INET, group, &membership.imr_multiaddr);
@@ -76,15 +76,18 @@ bool SlpBase::Open(const std::string& address, std::uint16_t port) {
         bind(opened.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         return false;
     }
-    JoinGroups(opened.Get(), 0);  // the interface that the groups are routed to
-    // And the others: the box may be moved to another one.
+    socket_.Reset(opened.Release());
+    JoinGroups();
+    return true;
+}
+
+void SlpBase::JoinGroups() const {
+    JoinGroupsAt(socket_.Get(), 0);  // the interface that the groups are routed to
     const std::unique_ptr<struct if_nameindex, void (*)(struct if_nameindex*)> interfaces(
         if_nameindex(), if_freenameindex);
     for (const auto* entry = interfaces.get(); entry != nullptr && entry->if_index != 0; ++entry) {
-        JoinGroups(opened.Get(), static_cast<int>(entry->if_index));
+        JoinGroupsAt(socket_.Get(), static_cast<int>(entry->if_index));
     }
-    socket_.Reset(opened.Release());
-    return true;
 }
 
 void SlpBase::Close() {

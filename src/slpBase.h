@@ -21,10 +21,14 @@ public:
     SlpBase(const SlpBase&) = delete;
     SlpBase& operator=(const SlpBase&) = delete;
 
-    /// Opens the socket on a dotted address and joins kMulticastAddress and 239.255.1.1 there.
+    /// Opens the socket on a dotted address and joins kMulticastAddress and 239.255.1.1.
     /// False when the address is none or cannot be bound; no socket is open then.
     bool Open(const std::string& address, std::uint16_t port);
     void Close();
+
+    /// Joins the groups on every interface there is, as Open() does: to be called when there is a
+    /// new one.
+    void JoinGroups() const;
 
     /// Waits for a datagram and returns its message. Nothing when the receive fails, when the
     /// datagram is no message (its length field does not count the bytes received, or its function

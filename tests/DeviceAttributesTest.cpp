@@ -28,7 +28,7 @@ protected:
 };
 
 TEST_F(DeviceAttributesTest, TheBoxAsItStands) {
-    EXPECT_TRUE(AddDeviceAttributes(config_, trigger15_, ""));
+    EXPECT_TRUE(AddDeviceAttributes(config_, trigger15_, [] { return ""; }));
     AddLateAttributes(config_);
     trigger15_.Open();
     const struct {
@@ -82,7 +82,7 @@ TEST_F(DeviceAttributesTest, TheBoxAsItStands) {
 }
 
 TEST_F(DeviceAttributesTest, LiveValuesAreReadAtEachGet) {
-    AddDeviceAttributes(config_, trigger15_, "");
+    AddDeviceAttributes(config_, trigger15_, [] { return ""; });
     EXPECT_EQ(Get("system.voltage.kl15trig"), "-") << "not open yet";
     trigger15_.Open();
     WriteFile("/dev/measure/0", "1\n");
@@ -127,19 +127,19 @@ TEST_F(DeviceAttributesTest, Versions) {
     };
     for (const auto& c : cases) {
         WriteFile("/app/VERSION", c.text);
-        EXPECT_TRUE(AddDeviceAttributes(config_, trigger15_, ""));
+        EXPECT_TRUE(AddDeviceAttributes(config_, trigger15_, [] { return ""; }));
         EXPECT_EQ(Get("system.version.app"), c.app) << c.text;
     }
     WriteFile("/etc/PACKAGE_VERSION", "9\n");
-    AddDeviceAttributes(config_, trigger15_, "");
+    AddDeviceAttributes(config_, trigger15_, [] { return ""; });
     EXPECT_EQ(Get("system.version.pkg"), "9") << "bytes are compared, not numbers";
     std::filesystem::remove("/app/VERSION");
-    EXPECT_FALSE(AddDeviceAttributes(config_, trigger15_, ""));
+    EXPECT_FALSE(AddDeviceAttributes(config_, trigger15_, [] { return ""; }));
     EXPECT_EQ(Get("system.version.app"), "");
 }
 
 TEST_F(DeviceAttributesTest, Temperatures) {
-    AddDeviceAttributes(config_, trigger15_, "");
+    AddDeviceAttributes(config_, trigger15_, [] { return ""; });
     const struct {
         const char* line;
         const char* temperature;
@@ -162,7 +162,7 @@ TEST_F(DeviceAttributesTest, Temperatures) {
 }
 
 TEST_F(DeviceAttributesTest, VehicleDiagnosis) {
-    AddDeviceAttributes(config_, trigger15_, "");
+    AddDeviceAttributes(config_, trigger15_, [] { return ""; });
     const struct {
         std::string file;
         std::string vin;
@@ -189,7 +189,7 @@ TEST_F(DeviceAttributesTest, VehicleDiagnosis) {
 TEST_F(DeviceAttributesTest, TheStoreAtStartUp) {
     WriteFile("/config/agent.configuration",
               "opla.mode=OPLA-Next\nzel.version=9\nhardware.serial=fake\n");
-    SetUpStore(config_, trigger15_, "");
+    SetUpStore(config_, trigger15_, [] { return ""; });
     EXPECT_EQ(Get("zel.state.startup"), "1");
     EXPECT_EQ(Get("zel.state.current"), "4");
     EXPECT_EQ(Get("zel.version"), "9") << "the file replaces defaults";
@@ -197,7 +197,7 @@ TEST_F(DeviceAttributesTest, TheStoreAtStartUp) {
 
     WriteFile("/config/agent.configuration", "opla.mode=OPLA-next\n");
     ZelConfig other;
-    SetUpStore(other, trigger15_, "");
+    SetUpStore(other, trigger15_, [] { return ""; });
     EXPECT_EQ(other.Get("zel.state.startup"), "0");
     EXPECT_EQ(other.Get("zel.state.uuid"), "00000000-0000-0000-0000-000000000000");
     EXPECT_FALSE(other.Get("zel.svn.version").empty());

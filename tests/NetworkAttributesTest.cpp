@@ -48,7 +48,7 @@ void Ip(const std::string& arguments) {
 
 TEST(NetworkAttributesTest, WirelessValuesAreThoseOfTheNamedInterface) {
     ZelConfig config;
-    NetworkAttributes::Add(config, "wlan7");
+    NetworkAttributes::Add(config, [] { return "wlan7"; });
     EXPECT_EQ(config.Get("network.current.wlan.ip"), "");
     Ip("link add wlan7 type veth peer name other");
     Ip("address add 10.1.2.3/24 dev wlan7");
@@ -63,7 +63,7 @@ TEST(NetworkAttributesTest, WirelessValuesAreThoseOfTheNamedInterface) {
 
 TEST(NetworkAttributesTest, ChangesOfTheNetworkAreSeen) {
     ZelConfig config;
-    NetworkAttributes::Add(config, "");
+    NetworkAttributes::Add(config, [] { return ""; });
     std::string value;
     Ip("route del default");
     EXPECT_FALSE(config.Get("network.current.defaultgateway", value));

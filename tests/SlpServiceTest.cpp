@@ -51,7 +51,7 @@ bool Eventually(const std::function<bool()>& condition) {
 class SlpServiceTest : public testing::Test {
 protected:
     SlpServiceTest() {
-        SetUpStore(config_, trigger15_, "");
+        SetUpStore(config_, trigger15_, [] { return ""; });
         config_.Set("zel.state.startup", "1", Kind::kFixed);
         config_.Set("tavo.hostname", "TAVO0012345", Kind::kFixed);
     }
