@@ -180,21 +180,17 @@ TEST_F(NetDeviceTest, AnAliasHasAPidFileOfItsOwn) {
     const std::string id = Run("sleep 1000 >/dev/null 2>&1 & echo $!");
     WriteFile("/var/run/udhcpc_eth0_1.pid", id);
     NetDevice("eth0:1", context_).DisableInterface();
-    while (kill(std::stoi(id), 0) == 0) {
-    }
+    EXPECT_TRUE(Comes([&id] { return kill(std::stoi(id), 0) != 0; }));
 }
 
 TEST_F(NetDeviceTest, TheVehicleEthernetIsStartedInTheBackground) {
-    Record("/app/w2v/start_kvad", "sleep 1000");
+    Record("/app/w2v/start_kvad", "sleep 20; touch /tmp/waited");
     for (const char* isConnected : {"0", "1"}) {
         Set("diag.connected.tavo_d", isConnected);
         EXPECT_EQ(device_.ConfigureInterface(), 0);
     }
-    std::string count = "0\n";
-    while (count == "0\n") {
-        count = Run("grep -c start_kvad /tmp/commands");
-    }
-    EXPECT_EQ(count, "1\n");
+    EXPECT_FALSE(std::filesystem::exists("/tmp/waited"));
+    EXPECT_TRUE(Comes([] { return Run("grep -c start_kvad /tmp/commands") == "1\n"; }));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -82,6 +83,14 @@ protected:
     /// The command lines since the last call.
     static std::string Recorded() {
         return Run("cat /tmp/commands 2>/dev/null; rm -f /tmp/commands");
+    }
+
+    /// Waits for what happens beside the test; false when it does not.
+    static bool Comes(const std::function<bool()>& condition) {
+        for (int i = 0; i < 1000 && !condition(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return condition();
     }
 
     void Set(const std::string& key, const std::string& value) {
