@@ -10,7 +10,7 @@ namespace {
 class ModeSwitchTest : public NetworkBox {
 protected:
     ModeSwitchTest() {
-        NetworkAttributes::Add(config_, "");
+        NetworkAttributes::Add(config_, [] { return ""; });
         NetworkType::Set(config_, NetworkType::kLan);
     }
 
@@ -23,7 +23,7 @@ protected:
     }
 
     SetNet setNet_{context_};
-    ModeSwitch switch_{context_, setNet_};
+    ModeSwitch switch_{context_, setNet_, [] {}};
     ModeSwitch::FormerAddress former_;
 };
 
