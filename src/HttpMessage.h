@@ -10,12 +10,14 @@
 
 #include "SocketGuard.h"
 
-/// What is kept of one request. A field without a value was not in the request.
+/// What is kept of one request, or of a response. A field without a value was not in the request.
 struct HttpRequest {
     enum class Method : std::int32_t { kPost = 0, kGet = 1 };
 
     /// The request target, query included, as it stood in the request line.
     std::optional<std::string> url;
+    /// Status code of a response, 0 in a request.
+    std::int32_t status = 0;
     /// Local end of the connection; the port in host byte order, the address in network byte order.
     std::uint16_t localPort = 0;
     in_addr localAddress{};

@@ -53,6 +53,8 @@ void TakeHeaderLine(const std::string& line, HttpRequest& request) {
     } else if (is("GET ")) {
         request.method = HttpRequest::Method::kGet;
         request.url = rest;
+    } else if (is("HTTP/1.0 ") || is("HTTP/1.1 ")) {
+        request.status = ParseDecimal(rest);
     } else if (is("Content-Type: ")) {
         request.contentType = rest;
     } else if (is("Accept-Encoding: ")) {

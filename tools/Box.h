@@ -1,0 +1,36 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+/// A box that has answered a search: its address and what it says of itself. Nothing of that is
+/// fit to be shown as it is (SafeText).
+struct Box {
+    std::string address;
+    std::map<std::string, std::string> attributes;
+
+    /// Reads an attribute list (RFC 2608, section 5) as boxes write it: values are not escaped, and
+    /// end at the next ")" that ends the list or that a comma and the next attribute follow. The
+    /// first one of a name counts: who reserves a box chooses a part of the list.
+    static Box Read(const std::string& address, std::string_view attributeList);
+
+    /// Empty when the box does not say.
+    std::string Attribute(const std::string& name) const;
+    std::string DeviceId() const { return Attribute("Serial"); }
+    std::string HostName() const { return Attribute("DevId"); }
+    /// "free", "reserved", or what else the box says.
+    std::string State() const;
+    /// Name of its colour, or what else the box says.
+    std::string Color() const;
+    /// Supply in volts, as "12.3 V".
+    std::string Voltage() const;
+    /// "cable" or "WLAN" with the signal's strength, or what else the box says.
+    std::string Network() const;
+
+    /// Whether `serial` is its device id, or that without the letters before the number.
+    bool HasSerial(std::string_view serial) const;
+
+    /// An object of the columns that people see and of all attributes.
+    std::string ToJson() const;
+};

@@ -1,0 +1,113 @@
+#include "BoxName.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <memory>
+
+#include "BoxFinder.h"
+#include "SafeText.h"
+
+namespace BoxName {
+namespace {
+
+constexpr std::size_t kMaxListed = 8;
+constexpr std::size_t kListedWidth = 32;
+
+bool IsAddress(const std::string& text) {
+    in_addr address{};
+    return inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+/// The dotted address of a host name; empty when nobody knows it.
+std::string LookUp(const std::string& host) {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) {
+        return "";
+    }
+    const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
+    std::array<char, INET_ADDRSTRLEN> dotted{};
+    const auto* const address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    inet_ntop(AF_INET, &address->sin_addr, dotted.data(), dotted.size());
+    return dotted.data();
+}
+
+}  // namespace
+
+std::optional<Parts> Split(const std::string& name) {
+    const std::size_t colon = name.rfind(':');
+    if (colon == std::string::npos) {
+        return Parts{name, std::nullopt};
+    }
+    const char* const end = name.data() + name.size();
+    std::uint16_t port = 0;
+    const auto [rest, error] = std::from_chars(name.data() + colon + 1, end, port);
+    if (error != std::errc() || rest != end || port == 0 || colon == 0) {
+        return std::nullopt;
+    }
+    return Parts{name.substr(0, colon), port};
+}
+
+Outcome ChooseOnly(const std::vector<Box>& boxes, BoxAddress& address) {
+    if (boxes.empty()) {
+        return {ExitStatus::kUnreachable,
+                "no box answers on this network; name its address, or wait longer (--wait)"};
+    }
+    if (boxes.size() == 1) {
+        address.host = boxes.front().address;
+        return {};
+    }
+    std::string list;
+    for (std::size_t i = 0; i < std::min(boxes.size(), kMaxListed); ++i) {
+        list += (i == 0 ? " " : ", ") + boxes[i].address + " (" +
+                SafeText::Shorten(SafeText::Line(boxes[i].DeviceId()), kListedWidth) + ")";
+    }
+    return {ExitStatus::kUsage, std::to_string(boxes.size()) + " boxes answer, name one:" + list +
+                                    (boxes.size() > kMaxListed ? ", ..." : "")};
+}
+
+Outcome Resolve(const Options& options, BoxAddress& address) {
+    if (options.box.empty()) {
+        return ChooseOnly(BoxFinder::Find(options.wait), address);
+    }
+    const std::optional<Parts> parts = Split(options.box);
+    if (!parts) {
+        return {ExitStatus::kUsage, "'" + options.box + "' names no box: give address[:port], " +
+                                        "serial number or host name"};
+    }
+    address.port = parts->port.value_or(address.port);
+    address.host = parts->host;
+    if (IsAddress(parts->host)) {
+        return {};
+    }
+    if (parts->host.find('.') == std::string::npos) {
+        const auto hasSerial = [&](const Box& box) { return box.HasSerial(parts->host); };
+        std::vector<Box> boxes = BoxFinder::Find(options.wait, hasSerial);
+        const auto found = std::find_if(boxes.begin(), boxes.end(), hasSerial);
+        if (found != boxes.end()) {
+            address.host = found->address;
+            return {};
+        }
+        std::erase_if(boxes, [&](const Box& box) { return box.HostName() != parts->host; });
+        if (!boxes.empty()) {
+            return ChooseOnly(boxes, address);
+        }
+    }
+    address.host = LookUp(parts->host);
+    if (address.host.empty()) {
+        return {ExitStatus::kUnreachable,
+                "no box '" + parts->host +
+                    "' answers on this network, and no host has that name; " +
+                    "see which there are (zelctl find)"};
+    }
+    return {};
+}
+
+}  // namespace BoxName

@@ -1,0 +1,265 @@
+#include "CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+
+#include "AgentCommands.h"
+#include "BoxCommands.h"
+#include "ConnectorCommands.h"
+#include "FileCommands.h"
+#include "SafeText.h"
+
+namespace CommandLine {
+namespace {
+
+/// What a command takes besides --help and --wait.
+enum Taken : unsigned {
+    kBox = 1U << 0U,
+    kHandle = 1U << 1U,
+    kFilters = 1U << 2U,
+    kJson = 1U << 3U,
+    kOwnerAndLock = 1U << 4U,
+    kParameters = 1U << 5U,
+    kInterval = 1U << 6U,
+    kFollow = 1U << 7U,
+    kAgent = 1U << 8U,
+};
+
+struct Command {
+    const char* name;
+    const char* words;  ///< as the usage line shows them
+    const char* description;
+    const char* examples;
+    Run run;
+    unsigned taken;
+    std::size_t wordCount = 0;  ///< that it needs, besides the box
+    double timeout = 10;
+};
+
+constexpr double kModeTimeout = 60;  // the box may take half a minute
+
+constexpr Command kCommands[] = {
+    {"find", "", "Find the boxes on the network",
+     "zelctl find --state free\n"
+     "  zelctl find --color red --json",
+     BoxCommands::Find, kFilters | kJson},
+    {"watch", "", "Show the boxes on the network and what changes, until Ctrl-C",
+     "zelctl watch\n"
+     "  zelctl watch --interval 10 >> changes.txt",
+     BoxCommands::Watch, kInterval},
+    {"info", "[BOX]", "Show what a box is",
+     "zelctl info\n"
+     "  zelctl info 192.168.68.42 --json",
+     ConnectorCommands::Info, kBox | kJson},
+    {"reserve", "[BOX]", "Reserve a box; prints the handle, which is also kept",
+     "zelctl reserve --owner me\n"
+     "  zelctl reserve TAVO0012345 --owner me --lock 192.168.68.1",
+     ConnectorCommands::Reserve, kBox | kOwnerAndLock},
+    {"release", "[BOX]", "Release a reserved box",
+     "zelctl release\n"
+     "  zelctl release TAVO0012345 --handle 1234567890",
+     ConnectorCommands::Release, kBox | kHandle},
+    {"lock", "[BOX] HOST",
+     "Open the diagnostic ports of a reserved box to one host; 0 is every host",
+     "zelctl lock 192.168.68.7\n"
+     "  zelctl lock TAVO0012345 0",
+     ConnectorCommands::Lock, kBox | kHandle, 1},
+    {"mode", "[BOX] MODE", "Switch a box's addressing: dhcp, linklocal or configured",
+     "zelctl mode dhcp\n"
+     "  zelctl mode TAVO0012345 linklocal",
+     ConnectorCommands::Mode, kBox | kHandle, 1, kModeTimeout},
+    {"command", "[BOX] SUBSYSTEM COMMAND [KEY=VALUE...]",
+     "Run a command on the vehicle interface of a reserved box",
+     "zelctl command vehicle voltage unit=mV\n"
+     "  zelctl command TAVO0012345 vehicle voltage",
+     ConnectorCommands::Command, kBox | kHandle | kParameters, 2},
+    {"selftest", "[BOX]", "Run a box's self test", "zelctl selftest TAVO0012345",
+     AgentCommands::SelfTest, kBox, 0, kModeTimeout},
+    {"status", "[BOX]", "Show whether a box's service runs, and what it monitors",
+     "zelctl status TAVO0012345", AgentCommands::Status, kBox},
+    {"start", "[BOX]", "Start a box's service", "zelctl start TAVO0012345", AgentCommands::Start,
+     kBox},
+    {"stop", "[BOX]", "Stop a box's service: nobody can reserve it", "zelctl stop TAVO0012345",
+     AgentCommands::Stop, kBox},
+    {"restart", "[BOX]", "Restart a box", "zelctl restart TAVO0012345", AgentCommands::Restart,
+     kBox},
+    {"log", "[BOX]", "Print a box's log",
+     "zelctl log 192.168.68.42 | grep error\n"
+     "  zelctl log --follow",
+     FileCommands::Log, kBox | kFollow},
+    {"wsdl", "[BOX]", "Print the description of a box's connector service",
+     "zelctl wsdl > connector.wsdl\n"
+     "  zelctl wsdl --agent",
+     FileCommands::Wsdl, kBox | kAgent},
+};
+
+constexpr char kBoxHelp[] =
+    "BOX is an address or a host name (:PORT may follow), a serial number or a device\n"
+    "id. It may be left out when there is only one box on the network.\n\n";
+constexpr char kStatusHelp[] =
+    "Exit status: 0 done; 1 the box refuses; 2 wrong usage; 3 no such box, or it cannot\n"
+    "be reached; 4 the answer is a fault or is not understood.";
+
+class HelpFormatter : public CLI::Formatter {
+public:
+    explicit HelpFormatter(std::string usage) : usage_(std::move(usage)) {}
+    std::string make_usage(const CLI::App* /*app*/,  // NOLINT(readability-identifier-naming)
+                           std::string /*name*/) const override {
+        return "Usage: zelctl " + usage_ + "\n";
+    }
+
+private:
+    std::string usage_;
+};
+
+/// What the command line is read into.
+struct Reading {
+    Options options;
+    std::vector<std::string> words;
+    double timeout = 0;
+    double wait = 0;
+    double interval = 0;
+};
+
+std::chrono::milliseconds ToMilliseconds(double seconds) {
+    constexpr double kMilliseconds = 1000;
+    return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * kMilliseconds));
+}
+
+void AddSeconds(CLI::App& app, const std::string& name, double& value, double preset,
+                const std::string& description) {
+    constexpr double kLeast = 0.1;
+    constexpr double kMost = 3600;
+    app.add_option(name, value, description)
+        ->default_val(preset)
+        ->type_name("SECONDS")
+        ->check(CLI::Range(kLeast, kMost));
+}
+
+void AddFilters(CLI::App& app, Options& options) {
+    app.add_option("--color", options.color, "Only boxes of this color: a name, or #rrggbb")
+        ->type_name("COLOR");
+    app.add_option("--serial", options.serial, "Only the box with this serial number")
+        ->type_name("SERIAL");
+    app.add_option("--state", options.state, "Only boxes that are free, or reserved")
+        ->check(CLI::IsMember({"free", "reserved"}))
+        ->option_text("free|reserved");
+    app.add_option("--owner", options.owner, "Only boxes that this one has reserved")
+        ->type_name("NAME");
+}
+
+void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
+    Options& options = reading.options;
+    const auto takes = [&command](Taken what) { return (command.taken & what) != 0; };
+    CLI::App& added = *app.add_subcommand(command.name, command.description);
+    added.formatter(std::make_shared<HelpFormatter>(std::string(command.name) +
+                                                    (*command.words == '\0' ? "" : " ") +
+                                                    command.words + " [OPTIONS]"));
+    added.footer((takes(kBox) ? kBoxHelp : "") + std::string("Examples:\n  ") + command.examples);
+    if (takes(kFilters)) {
+        AddFilters(added, options);
+    }
+    if (takes(kOwnerAndLock)) {
+        added.add_option("--owner", options.owner, "Who reserves")->required()->type_name("NAME");
+        added.add_option("--lock", options.lock, "The only host that may use the diagnostic ports")
+            ->check(CLI::ValidIPV4)
+            ->option_text("HOST");
+    }
+    if (takes(kHandle)) {
+        added
+            .add_option("--handle", options.handle, "Of the reservation, in place of the one kept")
+            ->type_name("HANDLE");
+    }
+    if (takes(kJson)) {
+        added.add_flag("--json", options.json, "Print JSON");
+    }
+    if (takes(kFollow)) {
+        added.add_flag("--follow", options.follow, "Go on with what is new, until Ctrl-C");
+    }
+    if (takes(kAgent)) {
+        added.add_flag("--agent", options.agent, "That of the agent service instead");
+    }
+    if (takes(kInterval)) {
+        AddSeconds(added, "--interval", reading.interval, 5, "Time from one search to the next");
+    }
+    if (takes(kBox)) {
+        added.add_option("words", reading.words)->group("");  // the usage line shows them
+        AddSeconds(added, "--timeout", reading.timeout, command.timeout,
+                   "Longest wait for the box to accept, and for each part of its answer");
+    }
+    AddSeconds(added, "--wait", reading.wait, 2, "How long boxes have time to answer a search");
+}
+
+}  // namespace
+
+bool TakeWords(std::vector<std::string> words, std::size_t count, bool hasParameters,
+               Options& options) {
+    if (hasParameters) {
+        const auto first = std::find_if(words.begin(), words.end(), [](const std::string& word) {
+            return word.find('=') != std::string::npos;
+        });
+        options.parameters.assign(first, words.end());
+        words.erase(first, words.end());
+        if (!std::all_of(options.parameters.begin(), options.parameters.end(),
+                         [](const std::string& word) {
+                             return word.find('=') > 0 && word.find('=') != std::string::npos;
+                         })) {
+            return false;
+        }
+    }
+    if (words.size() == count + 1) {
+        options.box = words.front();
+        words.erase(words.begin());
+    }
+    options.arguments = std::move(words);
+    return options.arguments.size() == count;
+}
+
+Parsed Parse(int argc, const char* const* argv) {
+    Parsed parsed;
+    // Each command has defaults of its own: only the chosen one's reading counts.
+    std::vector<Reading> readings(std::size(kCommands));
+    CLI::App app("Finds, reserves and uses the boxes on the network.", "zelctl");
+    app.require_subcommand(1);
+    app.formatter(std::make_shared<HelpFormatter>("COMMAND [WORDS] [OPTIONS]"));
+    app.footer(std::string(kBoxHelp) + kStatusHelp +
+               "\n\nExamples:\n  zelctl find\n  zelctl reserve TAVO0012345 --owner me\n"
+               "  zelctl command TAVO0012345 vehicle voltage\n  zelctl release TAVO0012345\n\n"
+               "zelctl COMMAND --help tells more of a command.");
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
+        return "zelctl: " + SafeText::Line(error.what()) + " (zelctl --help)\n";
+    });
+    try {
+        for (std::size_t i = 0; i < std::size(kCommands); ++i) {
+            AddCommand(app, kCommands[i], readings[i]);
+        }
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        parsed.status = app.exit(error) == 0 ? ExitStatus::kDone : ExitStatus::kUsage;
+        return parsed;
+    }
+    for (std::size_t i = 0; i < std::size(kCommands); ++i) {
+        const Command& command = kCommands[i];
+        if (!app.got_subcommand(command.name)) {
+            continue;
+        }
+        parsed.options = std::move(readings[i].options);
+        parsed.options.timeout = ToMilliseconds(readings[i].timeout);
+        parsed.options.wait = ToMilliseconds(readings[i].wait);
+        parsed.options.interval = ToMilliseconds(readings[i].interval);
+        if (TakeWords(std::move(readings[i].words), command.wordCount,
+                      (command.taken & kParameters) != 0, parsed.options)) {
+            parsed.run = command.run;
+        } else {
+            std::fprintf(stderr, "zelctl: it is: zelctl %s %s (zelctl %s --help)\n", command.name,
+                         command.words, command.name);
+            parsed.status = ExitStatus::kUsage;
+        }
+    }
+    return parsed;
+}
+
+}  // namespace CommandLine

@@ -1,0 +1,331 @@
+#include "ConnectorCommands.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+#include "BoxName.h"
+#include "HandleStore.h"
+#include "SafeText.h"
+#include "SoapClient.h"
+
+namespace ConnectorCommands {
+namespace {
+
+using SoapClient::Answer;
+using SoapClient::Element;
+
+constexpr int kWrongHandle = 7;
+constexpr int kNotReserved = 9;
+constexpr int kReservedAlready = 10;
+
+/// A code of the service in words.
+std::string Meaning(int code) {
+    switch (code) {
+        case kWrongHandle:
+            return "the handle is not that of the reservation";
+        case kNotReserved:
+            return "it is not reserved";
+        case kReservedAlready:
+            return "reserved already";
+        case 17:
+            return "the mode could not be switched";
+        case 19:
+            return "the mode was switched, but link or address did not come in time";
+        case 20:
+            return "it has another device id";
+        case 21:
+            return "it is too hot";
+        default:
+            return "a code that is not known";
+    }
+}
+
+/// A box as a command sees it.
+struct Session {
+    BoxAddress address;
+    Answer information;
+
+    const xmlNode* Values() const { return XmlText::FindChild(information.response, "out"); }
+    std::string Value(const char* name) const { return XmlText::ChildText(Values(), name); }
+    std::string DeviceId() const { return Value("id"); }
+    std::string Name() const { return address.host + " (" + DeviceId() + ")"; }
+};
+
+/// Finds the box and asks who it is.
+Outcome Begin(const Options& options, Session& session) {
+    Outcome outcome = BoxName::Resolve(options, session.address);
+    if (!outcome.Failed()) {
+        outcome = SoapClient::Call(session.address, SoapClient::kConnector,
+                                   "<getDeviceInformation/>", options.timeout, session.information);
+    }
+    if (!outcome.Failed() && session.Values() == nullptr) {
+        outcome = {ExitStatus::kNotUnderstood,
+                   session.address.ToText() + " does not say what it is; is it a box?"};
+    }
+    return outcome;
+}
+
+/// The handle that goes with a call: as given, or as kept; it may be empty.
+std::string HandleOf(const Options& options, const Session& session) {
+    return options.handle.empty() ? HandleStore::Get(session.DeviceId()) : options.handle;
+}
+
+Outcome NeedHandle(const Options& options, const Session& session, std::string& handle) {
+    handle = HandleOf(options, session);
+    if (!handle.empty()) {
+        return {};
+    }
+    return {ExitStatus::kUsage,
+            "no handle of " + session.Name() +
+                " is kept here; reserve it first (zelctl reserve), or give --handle"};
+}
+
+/// Calls an operation; a code other than 0 is a refusal. `code` is that of an understood answer.
+Outcome Call(const Options& options, const Session& session, const std::string& operation,
+             Answer& answer, int* code = nullptr) {
+    const Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
+                                             options.timeout, answer);
+    if (outcome.Failed()) {
+        return outcome;
+    }
+    const std::optional<int> error = SoapClient::ErrorCode(answer);
+    if (!error) {
+        return {ExitStatus::kNotUnderstood, session.Name() + " answers without a code"};
+    }
+    if (code != nullptr) {
+        *code = *error;
+    }
+    if (*error == 0) {
+        return {};
+    }
+    std::string text =
+        session.Name() + " refuses, code " + std::to_string(*error) + ": " + Meaning(*error);
+    const std::string owner = session.Value("sessionOwnerOrNull");
+    if (*error == kReservedAlready && !owner.empty()) {
+        text += " by '" + owner + "'";
+    }
+    return {ExitStatus::kRefused, text};
+}
+
+/// A handle is a number; whatever a stranger calls one must fit on a line of a file.
+bool IsHandle(const std::string& text) {
+    constexpr std::size_t kMaxHandle = 128;
+    return !text.empty() && text.size() <= kMaxHandle &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
+/// People read addresses dotted, not as the signed number that the service gives.
+std::string Readable(std::string_view name, const std::string& value) {
+    constexpr std::string_view kAddresses[] = {"ip", "ip4Address", "gateway", "netmask"};
+    std::int32_t number = 0;
+    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    if (std::find(std::begin(kAddresses), std::end(kAddresses), name) == std::end(kAddresses) ||
+        error != std::errc() || end != value.data() + value.size()) {
+        return value;
+    }
+    const in_addr address{htonl(static_cast<std::uint32_t>(number))};
+    std::array<char, INET_ADDRSTRLEN> dotted{};
+    inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
+    return dotted.data();
+}
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+/// All values below `parent`, their names behind those of what holds them. Documents are not deep:
+/// the parser refuses those.
+void Flatten(const xmlNode* parent, const std::string& prefix, Pairs& pairs) {
+    int count = 0;
+    for (const xmlNode* child = parent->children; child != nullptr; child = child->next) {
+        if (child->type != XML_ELEMENT_NODE) {
+            continue;
+        }
+        const std::string_view name = XmlText::LocalName(child);
+        if (xmlFirstElementChild(const_cast<xmlNode*>(child)) == nullptr) {
+            pairs.emplace_back(prefix + std::string(name), Readable(name, XmlText::Content(child)));
+            continue;
+        }
+        const bool isListed = name == "Channel";
+        Flatten(child, prefix + (isListed ? std::to_string(count++) : std::string(name)) + ".",
+                pairs);
+    }
+}
+
+void PrintText(const Pairs& pairs) {
+    std::size_t width = 0;
+    for (const auto& pair : pairs) {
+        width = std::max(width, SafeText::Width(SafeText::Line(pair.first)));
+    }
+    for (const auto& [name, value] : pairs) {
+        std::string line = SafeText::Line(name);
+        line += std::string(width - SafeText::Width(line) + 2, ' ') + SafeText::Line(value);
+        line.erase(line.find_last_not_of(' ') + 1);
+        std::puts(line.c_str());
+    }
+}
+
+void PrintJson(const Pairs& pairs) {
+    std::string json;
+    for (const auto& [name, value] : pairs) {
+        json += (json.empty() ? "" : ",\n ") + SafeText::Json(name) + ": " + SafeText::Json(value);
+    }
+    std::printf("{%s}\n", json.c_str());
+}
+
+}  // namespace
+
+std::optional<std::string> ModeNumber(const std::string& name) {
+    return name == "configured"  ? std::optional("1")
+           : name == "linklocal" ? std::optional("2")
+           : name == "dhcp"      ? std::optional("3")
+                                 : std::nullopt;
+}
+
+std::string ParameterElements(const std::vector<std::string>& parameters) {
+    std::string elements;
+    for (const std::string& parameter : parameters) {
+        const std::size_t equals = parameter.find('=');
+        elements += "<pParameters>" + Element("key", parameter.substr(0, equals)) +
+                    Element("value", parameter.substr(equals + 1)) + "</pParameters>";
+    }
+    return elements;
+}
+
+Outcome Info(const Options& options) {
+    Session session;
+    Outcome outcome = Begin(options, session);
+    if (!outcome.Failed()) {
+        Pairs pairs;
+        Flatten(session.Values(), "", pairs);
+        options.json ? PrintJson(pairs) : PrintText(pairs);
+    }
+    return outcome;
+}
+
+Outcome Reserve(const Options& options) {
+    Session session;
+    Outcome outcome = Begin(options, session);
+    Answer answer;
+    if (!outcome.Failed()) {
+        outcome = Call(options, session,
+                       "<reserveDevice>" + Element("deviceId", session.DeviceId()) +
+                           Element("owner", options.owner) + Element("hostLock", options.lock) +
+                           "</reserveDevice>",
+                       answer);
+    }
+    if (outcome.Failed()) {
+        return outcome;
+    }
+    const std::string handle =
+        XmlText::ChildText(XmlText::FindChild(answer.response, "out"), "handle");
+    if (!IsHandle(handle)) {
+        return {ExitStatus::kNotUnderstood, session.Name() + " reserves without a handle"};
+    }
+    std::puts(handle.c_str());
+    if (!HandleStore::Put(session.DeviceId(), handle)) {
+        const std::string path = HandleStore::PathOf(session.DeviceId());
+        std::fprintf(stderr,
+                     "zelctl: the handle cannot be kept in '%s'; give --handle from now on\n",
+                     path.c_str());
+    }
+    return {};
+}
+
+Outcome Release(const Options& options) {
+    Session session;
+    std::string handle;
+    Outcome outcome = Begin(options, session);
+    if (!outcome.Failed()) {
+        outcome = NeedHandle(options, session, handle);
+    }
+    if (outcome.Failed()) {
+        return outcome;
+    }
+    Answer answer;
+    int code = -1;
+    outcome = Call(options, session,
+                   "<releaseDevice>" + Element("handle", handle) +
+                       Element("deviceId", session.DeviceId()) + "</releaseDevice>",
+                   answer, &code);
+    const bool isOver = code == 0 || code == kWrongHandle || code == kNotReserved;
+    if (isOver && handle == HandleStore::Get(session.DeviceId())) {
+        HandleStore::Forget(session.DeviceId());
+    }
+    return outcome;
+}
+
+Outcome Lock(const Options& options) {
+    const std::string& host = options.arguments.front();
+    in_addr address{};
+    if (inet_aton(host.c_str(), &address) == 0) {
+        // The box would lock its ports to nobody.
+        return {ExitStatus::kUsage, "'" + host + "' is no address; give one, or 0 for every host"};
+    }
+    Session session;
+    std::string handle;
+    Outcome outcome = Begin(options, session);
+    if (!outcome.Failed()) {
+        outcome = NeedHandle(options, session, handle);
+    }
+    Answer answer;
+    return outcome.Failed() ? outcome
+                            : Call(options, session,
+                                   "<setHostLock>" + Element("handle", handle) +
+                                       Element("hostLock", host) + "</setHostLock>",
+                                   answer);
+}
+
+Outcome Mode(const Options& options) {
+    const std::optional<std::string> number = ModeNumber(options.arguments.front());
+    if (!number) {
+        return {ExitStatus::kUsage, "'" + options.arguments.front() +
+                                        "' is no mode; give dhcp, linklocal or configured"};
+    }
+    Session session;
+    const Outcome outcome = Begin(options, session);
+    Answer answer;
+    // A free box needs no handle.
+    return outcome.Failed()
+               ? outcome
+               : Call(options, session,
+                      "<switchMode>" + Element("deviceId", session.DeviceId()) +
+                          Element("mode", *number) + Element("handle", HandleOf(options, session)) +
+                          "</switchMode>",
+                      answer);
+}
+
+Outcome Command(const Options& options) {
+    Session session;
+    std::string handle;
+    Outcome outcome = Begin(options, session);
+    if (!outcome.Failed()) {
+        outcome = NeedHandle(options, session, handle);
+    }
+    Answer answer;
+    if (!outcome.Failed()) {
+        outcome = Call(options, session,
+                       "<executeGenericCommand>" + Element("handle", handle) +
+                           Element("pSubSystem", options.arguments[0]) +
+                           Element("pCommand", options.arguments[1]) +
+                           ParameterElements(options.parameters) + "</executeGenericCommand>",
+                       answer);
+    }
+    if (outcome.Failed()) {
+        return outcome;
+    }
+    const xmlNode* const result =
+        XmlText::FindChild(XmlText::FindChild(answer.response, "out"), "commandResultList");
+    const std::string text = XmlText::ChildText(result, "value");
+    if (XmlText::ChildText(result, "key") != "result") {
+        return {ExitStatus::kRefused, session.Name() + ": the command fails: " + text};
+    }
+    std::puts(SafeText::Lines(text).c_str());
+    return {};
+}
+
+}  // namespace ConnectorCommands

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "Options.h"
+#include "Outcome.h"
+
+/// The commands that use a box's connector service.
+namespace ConnectorCommands {
+
+Outcome Info(const Options& options);
+Outcome Reserve(const Options& options);
+Outcome Release(const Options& options);
+Outcome Lock(const Options& options);
+Outcome Mode(const Options& options);
+Outcome Command(const Options& options);
+
+/// What the service calls a mode of addressing; nothing when it has none of that name.
+std::optional<std::string> ModeNumber(const std::string& name);
+
+/// The parameter elements of "key=value" texts.
+std::string ParameterElements(const std::vector<std::string>& parameters);
+
+}  // namespace ConnectorCommands

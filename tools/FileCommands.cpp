@@ -1,0 +1,79 @@
+#include "FileCommands.h"
+
+#include <cstdio>
+#include <thread>
+
+#include "BoxName.h"
+#include "LogFollower.h"
+#include "SafeText.h"
+#include "SoapClient.h"
+
+namespace FileCommands {
+namespace {
+
+constexpr char kLog[] = "/web/show.jsp?file=/tmp/log/nativezel.log";
+constexpr char kOlderLog[] = "/web/show.jsp?file=/tmp/log/nativezel.1.log";
+constexpr std::chrono::seconds kPollInterval{2};
+
+void Print(const std::string& text) {
+    std::fputs(SafeText::Lines(text).c_str(), stdout);
+    std::fflush(stdout);
+}
+
+/// Until the user ends it: a box that restarts comes back.
+[[noreturn]] void Follow(const Options& options, const BoxAddress& box, const std::string& first) {
+    const auto older = [&] {
+        std::string text;
+        const Outcome outcome = HttpClient::Get(box, kOlderLog, options.timeout, text);
+        return outcome.Failed() ? std::string() : text;
+    };
+    LogFollower follower;
+    Print(follower.Next(first, older));
+    bool isLost = false;
+    for (;;) {
+        std::this_thread::sleep_for(kPollInterval);
+        std::string text;
+        const Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text);
+        if (!outcome.Failed()) {
+            Print(follower.Next(text, older));
+        } else if (!isLost) {
+            std::fprintf(stderr, "zelctl: %s; waiting for it\n",
+                         SafeText::Line(outcome.text).c_str());
+        }
+        isLost = outcome.Failed();
+    }
+}
+
+}  // namespace
+
+Outcome Log(const Options& options) {
+    BoxAddress box;
+    Outcome outcome = BoxName::Resolve(options, box);
+    std::string text;
+    if (!outcome.Failed()) {
+        outcome = HttpClient::Get(box, kLog, options.timeout, text);
+    }
+    if (!outcome.Failed()) {
+        if (options.follow) {
+            Follow(options, box, text);
+        }
+        Print(text);
+    }
+    return outcome;
+}
+
+Outcome Wsdl(const Options& options) {
+    BoxAddress box;
+    Outcome outcome = BoxName::Resolve(options, box);
+    std::string text;
+    if (!outcome.Failed()) {
+        const std::string path = options.agent ? SoapClient::kAgent : SoapClient::kConnector;
+        outcome = HttpClient::Get(box, path + "?wsdl", options.timeout, text);
+    }
+    if (!outcome.Failed()) {
+        Print(text);
+    }
+    return outcome;
+}
+
+}  // namespace FileCommands

@@ -1,0 +1,113 @@
+#include "HttpClient.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "HttpMessageReader.h"
+#include "SocketGuard.h"
+
+namespace HttpClient {
+namespace {
+
+constexpr int kOk = 200;
+
+Outcome Unreachable(const BoxAddress& box, const std::string& why) {
+    return {ExitStatus::kUnreachable,
+            box.ToText() + " cannot be reached: " + why + "; is it on this network? (zelctl find)"};
+}
+
+Outcome Open(const BoxAddress& box, std::chrono::milliseconds timeout, SocketGuard& guard) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(box.port);
+    guard.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
+    // Also limits the time of the connect.
+    const timeval patience{seconds.count(), std::chrono::microseconds(timeout - seconds).count()};
+    setsockopt(guard.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    if (inet_pton(AF_INET, box.host.c_str(), &address.sin_addr) != 1) {
+        return Unreachable(box, "no address");
+    }
+    if (connect(guard.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        // The system's word for a connect that ran out of its time is misleading.
+        return Unreachable(box, std::strerror(errno == EINPROGRESS ? ETIMEDOUT : errno));
+    }
+    return {};
+}
+
+bool Send(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t sent = send(descriptor, text.data(), text.size(), MSG_NOSIGNAL);
+        if (sent < 0) {
+            return false;
+        }
+        text.remove_prefix(static_cast<std::size_t>(sent));
+    }
+    return true;
+}
+
+Outcome Exchange(const BoxAddress& box, const std::string& request,
+                 std::chrono::milliseconds timeout, HttpRequest& response) {
+    SocketGuard socket;
+    Outcome opened = Open(box, timeout, socket);
+    if (opened.Failed()) {
+        return opened;
+    }
+    if (!Send(socket.Get(), request)) {
+        return Unreachable(box, std::strerror(errno));
+    }
+    HttpMessageReader reader(socket.Get(), timeout);
+    if (!reader.ReadHead(response)) {
+        return Unreachable(box, "it does not answer");
+    }
+    const bool hasBody = response.chunked || response.contentLength != 0;
+    if (hasBody && !reader.ReadBody(response)) {
+        return {ExitStatus::kNotUnderstood,
+                box.ToText() + " gives an answer that is incomplete or too large; try again"};
+    }
+    return {};
+}
+
+std::string Head(const BoxAddress& box, const char* method, const std::string& path) {
+    return std::string(method) + " " + path + " HTTP/1.0\r\nHost: " + box.ToText() +
+           "\r\nConnection: close\r\n";
+}
+
+Outcome WrongStatus(const BoxAddress& box, const std::string& path, int status) {
+    return {ExitStatus::kNotUnderstood, box.ToText() + " answers " + std::to_string(status) +
+                                            " for " + path + "; is it a box?"};
+}
+
+}  // namespace
+
+Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
+            std::string& body) {
+    HttpRequest response;
+    Outcome outcome = Exchange(box, Head(box, "GET", path) + "\r\n", timeout, response);
+    if (!outcome.Failed() && response.status != kOk) {
+        outcome = WrongStatus(box, path, response.status);
+    }
+    body = response.body.value_or("");
+    return outcome;
+}
+
+Outcome Post(const BoxAddress& box, const std::string& path, const std::string& message,
+             std::chrono::milliseconds timeout, std::string& body) {
+    HttpRequest response;
+    const std::string request = Head(box, "POST", path) +
+                                "Content-Type: text/xml;charset=\"utf-8\"\r\nContent-Length: " +
+                                std::to_string(message.size()) + "\r\n\r\n" + message;
+    Outcome outcome = Exchange(box, request, timeout, response);
+    body = response.body.value_or("");
+    if (!outcome.Failed() && body.empty()) {
+        outcome = WrongStatus(box, path, response.status);
+    }
+    return outcome;
+}
+
+}  // namespace HttpClient

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "Outcome.h"
+
+/// Where a box is reached.
+struct BoxAddress {
+    std::string host;  ///< dotted
+    std::uint16_t port = 5302;
+
+    std::string ToText() const { return host + ":" + std::to_string(port); }
+};
+
+/// One HTTP/1.0 request at a time, each on a connection of its own. What comes back is limited by
+/// HttpMessageReader; `timeout` is the longest wait for the connection and for each next part of
+/// the answer.
+namespace HttpClient {
+
+/// Gets a document; any status but 200 is a failure.
+Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
+            std::string& body);
+
+/// Posts a SOAP message; the status does not matter when there is a body.
+Outcome Post(const BoxAddress& box, const std::string& path, const std::string& message,
+             std::chrono::milliseconds timeout, std::string& body);
+
+}  // namespace HttpClient

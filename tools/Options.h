@@ -1,0 +1,27 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+/// What the command line says. An option that was not given is empty.
+struct Options {
+    std::string box;
+    /// The words behind the box that the command needs; then those with an equals sign.
+    std::vector<std::string> arguments;
+    std::vector<std::string> parameters;
+
+    std::chrono::milliseconds timeout{10000};
+    std::chrono::milliseconds wait{2000};
+    std::chrono::milliseconds interval{5000};
+
+    std::string color;
+    std::string serial;
+    std::string state;
+    std::string owner;
+    std::string lock;
+    std::string handle;
+    bool json = false;
+    bool follow = false;
+    bool agent = false;
+};

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+/// What the tool's exit status says.
+enum class ExitStatus {
+    kDone = 0,
+    kRefused = 1,       ///< the box has understood and does not do it
+    kUsage = 2,         ///< the command line is wrong
+    kUnreachable = 3,   ///< no such box, or it cannot be reached
+    kNotUnderstood = 4  ///< the answer is a fault or makes no sense
+};
+
+/// How something ended, and if it failed, one line that says why.
+struct Outcome {
+    ExitStatus status = ExitStatus::kDone;
+    std::string text;
+
+    bool Failed() const { return status != ExitStatus::kDone; }
+};

@@ -1,0 +1,147 @@
+#include "SafeText.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
+
+namespace SafeText {
+namespace {
+
+constexpr char kReplacement = '?';
+
+struct Character {
+    std::uint32_t code = 0;
+    std::size_t size = 1;
+    bool isValid = false;
+};
+
+bool IsContinuation(char byte) {
+    return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
+}
+
+/// The first character of a text that is not empty (RFC 3629, section 4).
+Character First(std::string_view text) {
+    struct Form {
+        unsigned mask;
+        unsigned mark;
+        std::uint32_t least;
+    };
+    constexpr Form kForms[] = {
+        {0x80, 0x00, 0}, {0xe0, 0xc0, 0x80}, {0xf0, 0xe0, 0x800}, {0xf8, 0xf0, 0x10000}};
+    constexpr std::uint32_t kLast = 0x10ffff;
+    const auto lead = static_cast<unsigned char>(text.front());
+    std::size_t size = 0;
+    for (const Form& form : kForms) {
+        ++size;
+        if ((lead & form.mask) != form.mark) {
+            continue;
+        }
+        std::uint32_t code = lead & ~form.mask;
+        for (std::size_t i = 1; i < size; ++i) {
+            if (i >= text.size() || !IsContinuation(text[i])) {
+                return {};
+            }
+            code = code << 6U | (static_cast<unsigned char>(text[i]) & 0x3fU);
+        }
+        const bool isSurrogate = code >= 0xd800 && code <= 0xdfff;
+        if (code < form.least || code > kLast || isSurrogate) {
+            return {};
+        }
+        return {code, size, true};
+    }
+    return {};
+}
+
+/// Control characters, and those that are not seen but set directions and joins (Unicode's general
+/// category Cf, its common part, and the line separators).
+bool IsHarmful(std::uint32_t code) {
+    struct Range {
+        std::uint32_t first;
+        std::uint32_t last;
+    };
+    constexpr Range kHarmful[] = {
+        {0, 0x1f},        {0x7f, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},   {0x200b, 0x200f},
+        {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
+    return std::any_of(std::begin(kHarmful), std::end(kHarmful), [code](const Range& range) {
+        return code >= range.first && code <= range.last;
+    });
+}
+
+template <typename Handle>
+void ForEach(std::string_view text, const Handle& handle) {
+    while (!text.empty()) {
+        const Character character = First(text);
+        handle(character, text.substr(0, character.size));
+        text.remove_prefix(character.size);
+    }
+}
+
+std::string Clean(std::string_view text, std::string_view kept) {
+    std::string clean;
+    ForEach(text, [&](const Character& character, std::string_view bytes) {
+        if (kept.find(bytes) != std::string_view::npos ||
+            (character.isValid && !IsHarmful(character.code))) {
+            clean += bytes;
+        } else {
+            clean += kReplacement;
+        }
+    });
+    return clean;
+}
+
+}  // namespace
+
+std::string Line(std::string_view text) {
+    return Clean(text, "");
+}
+
+std::string Lines(std::string_view text) {
+    std::string withoutReturns;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (!text.substr(i).starts_with("\r\n")) {
+            withoutReturns += text[i];
+        }
+    }
+    return Clean(withoutReturns, "\n\t");
+}
+
+std::string Json(std::string_view text) {
+    std::string json = "\"";
+    ForEach(text, [&json](const Character& character, std::string_view bytes) {
+        if (bytes == "\"" || bytes == "\\") {
+            json += "\\";
+            json += bytes;
+        } else if (!character.isValid) {
+            json += "\\ufffd";
+        } else if (IsHarmful(character.code) && character.code <= 0xffff) {
+            std::array<char, 7> escape{};
+            std::snprintf(escape.data(), escape.size(), "\\u%04x", character.code & 0xffffU);
+            json += escape.data();
+        } else {
+            json += bytes;
+        }
+    });
+    return json + '"';
+}
+
+std::size_t Width(std::string_view text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char byte) { return !IsContinuation(byte); }));
+}
+
+std::string Shorten(std::string_view text, std::size_t width) {
+    if (Width(text) <= width) {
+        return std::string(text);
+    }
+    std::string shortened;
+    std::size_t count = 1;
+    ForEach(text, [&](const Character& /*character*/, std::string_view bytes) {
+        if (count++ < width) {
+            shortened += bytes;
+        }
+    });
+    return shortened + "\u2026";
+}
+
+}  // namespace SafeText

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+/// Texts from the network, made fit to be shown. Nothing in them is trusted: what is no UTF-8, and
+/// characters that steer a terminal or change the order of what stands around them, become question
+/// marks.
+namespace SafeText {
+
+/// One line: also line feeds and tabs are replaced.
+std::string Line(std::string_view text);
+
+/// Several lines: line feeds and tabs stay, carriage returns before a line feed vanish.
+std::string Lines(std::string_view text);
+
+/// A JSON string, quotes included (RFC 8259, section 7).
+std::string Json(std::string_view text);
+
+/// Number of characters of a safe text.
+std::size_t Width(std::string_view text);
+
+/// A safe text of no more than `width` characters; an ellipsis ends one that was longer.
+std::string Shorten(std::string_view text, std::size_t width);
+
+}  // namespace SafeText
