@@ -69,8 +69,7 @@ Outcome Status(const Options& options) {
         if (item->type == XML_ELEMENT_NODE) {
             const std::string text = XmlText::ChildText(item, "name") + ": " +
                                      XmlText::ChildText(item, "status") + " (" +
-                                     XmlText::ChildText(item, "infoLabel") + ", " +
-                                     XmlText::ChildText(item, "lastCheck") + ")";
+                                     XmlText::ChildText(item, "infoLabel") + ")";
             std::puts(SafeText::Line(text).c_str());
         }
     }

@@ -1,9 +1,11 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
-#include <iostream>
+#include <iterator>
 #include <memory>
+#include <utility>
 
 #include "AgentCommands.h"
 #include "BoxCommands.h"
@@ -132,9 +134,10 @@ void AddSeconds(CLI::App& app, const std::string& name, double& value, double pr
                 const std::string& description) {
     constexpr double kLeast = 0.1;
     constexpr double kMost = 3600;
+    const std::string text = "SECONDS (" + std::to_string(static_cast<int>(preset)) + ")";
     app.add_option(name, value, description)
         ->default_val(preset)
-        ->type_name("SECONDS")
+        ->option_text(text)
         ->check(CLI::Range(kLeast, kMost));
 }
 
@@ -154,6 +157,8 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
     Options& options = reading.options;
     const auto takes = [&command](Taken what) { return (command.taken & what) != 0; };
     CLI::App& added = *app.add_subcommand(command.name, command.description);
+    added.group("Commands");
+    added.set_help_flag("-h,--help", "Print this help");
     added.formatter(std::make_shared<HelpFormatter>(std::string(command.name) +
                                                     (*command.words == '\0' ? "" : " ") +
                                                     command.words + " [OPTIONS]"));
@@ -202,10 +207,11 @@ bool TakeWords(std::vector<std::string> words, std::size_t count, bool hasParame
         });
         options.parameters.assign(first, words.end());
         words.erase(first, words.end());
-        if (!std::all_of(options.parameters.begin(), options.parameters.end(),
-                         [](const std::string& word) {
-                             return word.find('=') > 0 && word.find('=') != std::string::npos;
-                         })) {
+        const auto isPair = [](const std::string& word) {
+            const std::size_t equals = word.find('=');
+            return equals != std::string::npos && equals > 0;
+        };
+        if (!std::all_of(options.parameters.begin(), options.parameters.end(), isPair)) {
             return false;
         }
     }
@@ -223,12 +229,12 @@ Parsed Parse(int argc, const char* const* argv) {
     std::vector<Reading> readings(std::size(kCommands));
     CLI::App app("Finds, reserves and uses the boxes on the network.", "zelctl");
     app.require_subcommand(1);
+    app.set_help_flag("-h,--help", "Print this help");
     app.formatter(std::make_shared<HelpFormatter>("COMMAND [WORDS] [OPTIONS]"));
     app.footer(std::string(kBoxHelp) + kStatusHelp +
                "\n\nExamples:\n  zelctl find\n  zelctl reserve TAVO0012345 --owner me\n"
                "  zelctl command TAVO0012345 vehicle voltage\n  zelctl release TAVO0012345\n\n"
                "zelctl COMMAND --help tells more of a command.");
-    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
     app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
         return "zelctl: " + SafeText::Line(error.what()) + " (zelctl --help)\n";
     });

@@ -27,17 +27,21 @@ LIBC = ctypes.CDLL(None, use_errno=True)
 
 
 @contextlib.contextmanager
-def client_namespace():
-    """The calling thread in the client's network; a socket made here stays there."""
+def namespace(name):
+    """The calling thread in that network; a socket made here stays there."""
     own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
-    client = os.open("/run/netns/client", os.O_RDONLY)
+    other = os.open(f"/run/netns/{name}", os.O_RDONLY)
     try:
-        assert LIBC.setns(client, CLONE_NEWNET) == 0, os.strerror(ctypes.get_errno())
+        assert LIBC.setns(other, CLONE_NEWNET) == 0, os.strerror(ctypes.get_errno())
         yield
     finally:
         assert LIBC.setns(own, CLONE_NEWNET) == 0
         os.close(own)
-        os.close(client)
+        os.close(other)
+
+
+def client_namespace():
+    return namespace("client")
 
 
 def connect(port=5302, timeout=30):

@@ -1,0 +1,207 @@
+"""zelctl from a person's and a script's side: in the client's network, against the agent and other boxes."""
+
+import contextlib
+import json
+import os
+import pathlib
+import pty
+import re
+import signal
+import socket
+import struct
+import subprocess
+import threading
+import time
+
+import pytest
+
+import box
+import workshop
+
+ZELCTL = os.path.join(os.path.dirname(box.AGENT), "zelctl")
+IN_CLIENT = ["nsenter", "--net=/run/netns/client"]
+TOOLS = pathlib.Path(__file__).parents[2] / "tools"
+HOSTILE = "\x1b]0;title\x07\x1b[2J\r\n\x9b31m\u202ea\"\\"
+
+pytestmark = pytest.mark.usefixtures("agent")
+
+
+def zelctl(*arguments, status=0, **environment):
+    """What the tool prints; what it prints on standard error is one line, and none when it succeeds."""
+    done = subprocess.run([*IN_CLIENT, ZELCTL, *arguments], capture_output=True, timeout=120,
+                          env={**os.environ, **environment})
+    output, error = done.stdout.decode(), done.stderr.decode()
+    box.check_output(error)
+    assert done.returncode == status, (arguments, output, error)
+    assert "\x1b" not in output + error and "\r" not in output
+    assert error.count("\n") == (status != 0)
+    return output if status == 0 else error
+
+
+@contextlib.contextmanager
+def other_boxes(*lists):
+    """Further boxes, on one address each from 192.168.70.1 on, that answer with these attributes."""
+    addresses = [f"192.168.70.{number}" for number in range(1, len(lists) + 1)]
+    in_manager = ["nsenter", "--net=/run/netns/manager", "ip", "address"]
+    sockets = []
+    with box.namespace("manager"):
+        for address in addresses:
+            subprocess.run([*in_manager, "add", f"{address}/16", "dev", "eth0"], check=True)
+        listener = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        listener.bind((workshop.MULTICAST, 427))
+        listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                            socket.inet_aton(workshop.MULTICAST) + socket.inet_aton(workshop.MANAGER))
+        for address in addresses:
+            sockets.append(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+            sockets[-1].bind((address, 427))
+
+    def answer():
+        while (request := listener.recvfrom(4096))[0] != b"end":
+            xid, client = struct.unpack(">H", request[0][10:12])[0], request[1]
+            for sender, attributes in zip(sockets, lists):
+                sender.sendto(b"noise", client)
+                sender.sendto(workshop.message(7, b"\0\0", workshop.text(attributes), b"\0\0", xid=xid ^ 1), client)
+                sender.sendto(workshop.message(7, b"\0\0", workshop.text(attributes), b"\0\0", xid=xid), client)
+
+    thread = threading.Thread(target=answer)
+    thread.start()
+    try:
+        yield addresses
+    finally:
+        sockets[0].sendto(b"end", (workshop.MULTICAST, 427))
+        thread.join()
+        for address in addresses:
+            subprocess.run([*in_manager, "delete", f"{address}/16", "dev", "eth0"], check=True)
+        for each in [listener, *sockets]:
+            each.close()
+
+
+def test_a_box_is_found():
+    lines = zelctl("find", "--color", "white", "--state", "free").splitlines()
+    assert lines[0].split() == "ADDRESS SERIAL NAME COLOR STATE OWNER VOLTAGE NETWORK".split()
+    assert lines[1].split() == [box.BOX, box.DEVICE_ID, lines[1].split()[2], "white", "free", "12.3", "V", "cable"]
+    found, = json.loads(zelctl("find", "--json", "--serial", "0012345"))
+    assert found["address"] == box.BOX and found["attributes"]["VIN"] == "TESTVIN0123456789"
+    assert zelctl("find", "--owner", "nobody", status=3)
+    assert json.loads(zelctl("info", "--json"))["currentNetworkConfig.ip4Address"] == box.BOX
+    assert re.search(rf"^id +{box.DEVICE_ID}$", zelctl("info", box.DEVICE_ID), re.M)
+
+
+def test_a_reservation_from_beginning_to_end(tmp_path):
+    call = lambda *arguments, status=0: zelctl(*arguments, status=status, XDG_STATE_HOME=str(tmp_path))
+    kept = tmp_path / "zelctl" / box.DEVICE_ID
+    assert "no handle" in call("lock", box.BOX, box.CLIENT, status=2)
+    handle = call("reserve", box.BOX, "--owner", "<me & you>", "--lock", "192.168.68.9").strip()
+    assert kept.read_text().strip() == handle and kept.stat().st_mode & 0o777 == 0o600
+    assert "-s 192.168.68.9/32" in box.rules()[0]
+    assert "reserved already by '<me & you>'" in call("reserve", box.BOX, "--owner", "you", status=1)
+    call("lock", box.BOX, box.CLIENT)
+    assert f"-s {box.CLIENT}/32" in box.rules()[0]
+    assert call("command", box.BOX, "vehicle", "voltage", "unit=mV") == "kl15=12040 kl30=12310\n"
+    assert "cannot be started" in call("command", box.BOX, "vehicle", "nothing", status=1)
+    call("mode", box.BOX, "dhcp")
+    assert "code 7" in call("mode", box.BOX, "dhcp", "--handle", "1", status=1)
+    assert "code 7" in call("release", box.BOX, "--handle", "1", status=1) and kept.exists()
+    call("release", box.BOX)
+    assert not kept.exists() and box.rules() == []
+    handle = call("reserve", box.BOX, "--owner", "me").strip()
+    assert box.release(handle) == "0"
+    assert "code 9" in call("release", box.BOX, status=1) and not kept.exists()
+
+
+def test_the_agent_service():
+    assert "10-voltage: OK" in zelctl("selftest", box.BOX)
+    zelctl("stop", box.BOX)
+    assert "service: stopped\nFan State: OK" in zelctl("status", box.BOX)
+    assert "already locked" in zelctl("stop", box.BOX, status=4)
+    zelctl("start", box.BOX)
+    assert "service: running" in zelctl("status", box.BOX)
+    zelctl("restart", box.BOX)
+    assert 'name="ConnectorService"' in zelctl("wsdl", box.BOX)
+    assert "restartDevice" in zelctl("wsdl", box.BOX, "--agent")
+
+
+def test_who_is_not_there_or_is_no_box():
+    assert "timed out" in zelctl("info", "192.168.68.99", "--timeout", "0.5", status=3)
+    assert "refused" in zelctl("info", f"{box.BOX}:81", status=3)
+    assert "no SOAP" in zelctl("info", f"{box.BOX}:80", status=4)
+    assert "no box 'nobody'" in zelctl("info", "nobody", "--wait", "0.3", status=3)
+    for wrong in (["info", ":80"], ["mode", box.BOX, "x"], ["lock", "x"], ["reserve"], ["find", "x"], ["x"], []):
+        zelctl(*wrong, status=2)
+
+
+def test_several_boxes_some_hostile():
+    one = "(Serial=TAVO7),(DevId=one),(State=5),(Owner=me),(State=4),(Color=#be1110),(NetworkType=1),(SignalStrength=7)"
+    with other_boxes(one, f"(Serial={HOSTILE}),(Owner={HOSTILE * 20}),({HOSTILE}=1),(Color=#zzzzzz)", "((((=),("):
+        addresses = [found["address"] for found in json.loads(zelctl("find", "--json"))]
+        assert addresses == [box.BOX, "192.168.70.1", "192.168.70.2", "192.168.70.3"]
+        assert re.search(r"^192.168.70.1 +TAVO7 +one +red +reserved +me +WLAN 7$", zelctl("find"), re.M)
+        hostile = json.loads(zelctl("find", "--json"))[2]["attributes"]
+        assert hostile["Serial"] == HOSTILE.replace("\x9b", "\x9b")
+        assert "4 boxes answer, name one: 192.168.68.42 (TAVO0012345), 192.168.70.1" in zelctl("info", status=2)
+        assert "192.168.70.1:5302 cannot be reached" in zelctl("info", "7", status=3)
+
+
+def follow(*arguments):
+    return subprocess.Popen([*IN_CLIENT, ZELCTL, *arguments], stdout=subprocess.PIPE, text=True)
+
+
+def end(process):
+    process.send_signal(signal.SIGINT)
+    return process.wait(20)
+
+
+def test_watch_tells_changes():
+    watch = follow("watch", "--interval", "0.5")
+    assert f"{box.BOX} ({box.DEVICE_ID}) is there, free" in watch.stdout.readline()
+    error, handle = box.reserve("somebody")
+    assert "STATE 'free' -> 'reserved'" in watch.stdout.readline()
+    assert "OWNER '' -> 'somebody'" in watch.stdout.readline()
+    assert box.release(handle) == "0"
+    assert "'reserved' -> 'free'" in watch.stdout.readline()
+    assert end(watch) == 0
+
+
+def test_a_terminal_shows_colors_and_gets_nothing_else():
+    with other_boxes(f"(Serial=TAVO7),(Owner={HOSTILE}),(Color=#be1110)"):
+        for no_color, is_colored in (("", True), ("1", False)):
+            main, other = pty.openpty()
+            subprocess.run([*IN_CLIENT, ZELCTL, "find"], stdout=other, check=True,
+                           env={**os.environ, "NO_COLOR": no_color})
+            output = os.read(main, 65536).decode()
+            escapes = re.findall("\x1b[^m]*m?", output)
+            assert ("\x1b[48;2;190;17;16m" in escapes) == is_colored
+            assert all(re.fullmatch(r"\x1b\[[0-9;]+m", escape) for escape in escapes)
+            os.close(main), os.close(other)
+
+
+def test_the_log_is_followed_through_rotation():
+    assert "SLP service started" in zelctl("log", box.BOX)
+    log = follow("log", box.BOX, "--follow")
+    add = lambda text: box.LOG.open("a").write(f"{text}\n")
+    read_until = lambda text: next(line for line in log.stdout if text in line)
+    add("first \x1b[2J line")
+    assert read_until("first") == "first ?[2J line\n"
+    add("last of the old")
+    box.LOG.rename(box.LOG.with_name("nativezel.1.log"))
+    add("first of the new")
+    assert read_until(" of the ") == "last of the old\n" and read_until(" of the ") == "first of the new\n"
+    log.terminate()
+    assert log.wait(20) == -signal.SIGTERM
+
+
+def test_manual_and_completion_know_everything():
+    manual = (TOOLS / "zelctl.1").read_text().replace("Fl -", "--").replace("Ic ", "")
+    completion = (TOOLS / "zelctl.bash-completion").read_text()
+    commands = re.findall(r"^  ([a-z]+) {2,}", zelctl("--help"), re.M)
+    assert len(commands) == 15
+    for command in commands:
+        text = zelctl(command, "--help")
+        assert "Examples:" in text
+        for word in [command, *re.findall(r"--[a-z]+", text)]:
+            assert re.search(rf"(^|[ \n]){word}\b", manual), f"{word} is in the manual page"
+            assert re.search(rf"(^|[ \n\"]){word}\b", completion), f"{word} is completed"
+    for check in (["man", "--warnings", "-l"], ["mandoc", "-Tlint", "-Wwarning"]):
+        if subprocess.run(["which", check[0]], capture_output=True).returncode == 0:
+            done = subprocess.run([*check, str(TOOLS / "zelctl.1")], capture_output=True, text=True)
+            assert done.returncode == 0 and done.stderr == ""
