@@ -16,7 +16,7 @@ constexpr char kList[] =
 std::string Show(const Box& box) {
     std::string shown;
     for (const auto& [name, value] : box.attributes) {
-        shown += name + "=" + value + ";";
+        shown.append(name).append("=").append(value).append(";");
     }
     return shown;
 }
@@ -46,7 +46,7 @@ TEST(BoxTest, AttributeListsAreReadWhateverTheyHold) {
 
 TEST(BoxTest, ColumnsSayWhatABoxIs) {
     struct Case {
-        const char* list;
+        const char* list = nullptr;
         BoxTable::Row row;
     };
     const Case kCases[] = {
@@ -56,7 +56,7 @@ TEST(BoxTest, ColumnsSayWhatABoxIs) {
         {"(State=x),(Color=\033[1m),(Kl30Voltage=-1),(NetworkType=2)",
          {kAddress, "", "", "?[1m", "x", "", "-1", "2"}},
         {"(Kl30Voltage=99999999999),(Owner=abcdefghijklmnopqrstuvwxyz0123456789)",
-         {kAddress, "", "", "", "", "abcdefghijklmnopqrstuvwxyz01234…", "99999999999", ""}},
+         {kAddress, "", "", "", "", "abcdefghijklmnopqrstuvw…", "99999999999", ""}},
     };
     for (const Case& each : kCases) {
         EXPECT_EQ(BoxTable::MakeLine(Box::Read(kAddress, each.list)).row, each.row) << each.list;
@@ -113,7 +113,7 @@ TEST(BoxTest, FiltersAndSerialNumbersMatchWholly) {
     const Box box = Box::Read(kAddress, kList);
     struct Case {
         Options options;
-        bool isWanted;
+        bool isWanted = false;
     };
     const auto with = [](std::string Options::*option, const char* value) {
         Options options;

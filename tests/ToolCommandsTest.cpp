@@ -59,19 +59,19 @@ TEST(ToolCommandsTest, CommandLinesAreReadOrRefused) {
     struct Case {
         Words line;
         ExitStatus status;
-        const char* handle;
         int timeout;
+        const char* handle;
     };
     const Case kCases[] = {
-        {{"release", "--handle", "-12"}, ExitStatus::kDone, "-12", 10000},
-        {{"release", "box", "--handle=-12", "--timeout", "0.5"}, ExitStatus::kDone, "-12", 500},
-        {{"mode", "dhcp"}, ExitStatus::kDone, "", 60000},
-        {{"info", "--timeout", "0"}, ExitStatus::kUsage, "", 0},
-        {{"info", "--timeout", "x"}, ExitStatus::kUsage, "", 0},
-        {{"info", "--handle", "1"}, ExitStatus::kUsage, "", 0},
-        {{"reserve", "box"}, ExitStatus::kUsage, "", 0},
-        {{"reserve", "box", "--owner", "me", "--lock", "x"}, ExitStatus::kUsage, "", 0},
-        {{"find", "--state", "x"}, ExitStatus::kUsage, "", 0},
+        {{"release", "--handle", "-12"}, ExitStatus::kDone, 10000, "-12"},
+        {{"release", "box", "--handle=-12", "--timeout", "0.5"}, ExitStatus::kDone, 500, "-12"},
+        {{"mode", "dhcp"}, ExitStatus::kDone, 60000, ""},
+        {{"info", "--timeout", "0"}, ExitStatus::kUsage, 0, ""},
+        {{"info", "--timeout", "x"}, ExitStatus::kUsage, 0, ""},
+        {{"info", "--handle", "1"}, ExitStatus::kUsage, 0, ""},
+        {{"reserve", "box"}, ExitStatus::kUsage, 0, ""},
+        {{"reserve", "box", "--owner", "me", "--lock", "x"}, ExitStatus::kUsage, 0, ""},
+        {{"find", "--state", "x"}, ExitStatus::kUsage, 0, ""},
     };
     for (const Case& each : kCases) {
         std::vector<const char*> arguments = {"zelctl"};

@@ -59,7 +59,7 @@ std::string Box::Color() const {
 }
 
 std::string Box::Voltage() const {
-    const std::string text = Attribute("Kl30Voltage");
+    std::string text = Attribute("Kl30Voltage");
     unsigned millivolts = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), millivolts);
     if (error != std::errc() || end != text.data() + text.size()) {

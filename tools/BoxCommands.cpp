@@ -33,9 +33,12 @@ std::string TimeOfDay() {
 /// scope.
 class Screen {
 public:
-    Screen() { std::fputs("\033[2J\033[?25l\033[?7l", stdout); }
+    Screen() {
+        std::fputs("\033[2J\033[H\033[?25l\033[?7lLooking for boxes; Ctrl-C ends\n", stdout);
+        std::fflush(stdout);
+    }
     ~Screen() {
-        std::fputs("\033[?25h\033[?7h", stdout);
+        std::fputs("\033[?25h\033[?7h\n", stdout);
         std::fflush(stdout);
     }
     Screen(const Screen&) = delete;
@@ -116,9 +119,8 @@ Outcome Watch(const Options& options) {
         BoxChanges::Texts texts;
         const std::vector<BoxTable::Line> lines = changes.Next(boxes, texts);
         if (isTerminal) {
-            Screen::Show(TimeOfDay() + "  " + std::to_string(boxes.size()) +
-                         " boxes; Ctrl-C ends\n\n" +
-                         BoxTable::Render(lines, BoxTable::ShowsColors()));
+            Screen::Show(TimeOfDay() + "  boxes: " + std::to_string(boxes.size()) +
+                         "; Ctrl-C ends\n\n" + BoxTable::Render(lines, BoxTable::ShowsColors()));
         } else {
             PrintChanges(texts);
         }

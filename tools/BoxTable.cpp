@@ -10,7 +10,7 @@
 namespace BoxTable {
 namespace {
 
-constexpr std::size_t kMaxWidth = 32;
+constexpr std::size_t kMaxWidth = 24;
 constexpr std::size_t kColorColumn = 3;
 constexpr char kGap[] = "  ";
 constexpr char kBold[] = "\033[1m";

@@ -30,12 +30,12 @@ enum Taken : unsigned {
 };
 
 struct Command {
-    const char* name;
-    const char* words;  ///< as the usage line shows them
-    const char* description;
-    const char* examples;
-    Run run;
-    unsigned taken;
+    const char* name = nullptr;
+    const char* words = nullptr;  ///< as the usage line shows them
+    const char* description = nullptr;
+    const char* examples = nullptr;
+    Run run = nullptr;
+    unsigned taken = 0;
     std::size_t wordCount = 0;  ///< that it needs, besides the box
     double timeout = 10;
 };

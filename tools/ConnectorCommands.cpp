@@ -24,6 +24,9 @@ constexpr int kWrongHandle = 7;
 constexpr int kNotReserved = 9;
 constexpr int kReservedAlready = 10;
 
+// What the device information holds several of.
+constexpr char kListed[] = "Channel";
+
 /// A code of the service in words.
 std::string Meaning(int code) {
     switch (code) {
@@ -89,8 +92,8 @@ Outcome NeedHandle(const Options& options, const Session& session, std::string& 
 /// Calls an operation; a code other than 0 is a refusal. `code` is that of an understood answer.
 Outcome Call(const Options& options, const Session& session, const std::string& operation,
              Answer& answer, int* code = nullptr) {
-    const Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
-                                             options.timeout, answer);
+    Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
+                                       options.timeout, answer);
     if (outcome.Failed()) {
         return outcome;
     }
@@ -137,22 +140,24 @@ std::string Readable(std::string_view name, const std::string& value) {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-/// All values below `parent`, their names behind those of what holds them. Documents are not deep:
-/// the parser refuses those.
-void Flatten(const xmlNode* parent, const std::string& prefix, Pairs& pairs) {
+/// All values below `parent`, their names behind those of what holds them; within limits, so that
+/// no stranger's answer becomes longer by that than it is.
+void Flatten(const xmlNode* parent, const std::string& prefix, Pairs& pairs, int depth = 0) {
+    constexpr std::size_t kMaxName = 40;
+    constexpr std::size_t kMaxPairs = 1000;
+    constexpr int kMaxDepth = 8;
     int count = 0;
-    for (const xmlNode* child = parent->children; child != nullptr; child = child->next) {
-        if (child->type != XML_ELEMENT_NODE) {
+    for (xmlNode* child = parent->children; child != nullptr; child = child->next) {
+        if (child->type != XML_ELEMENT_NODE || pairs.size() >= kMaxPairs) {
             continue;
         }
-        const std::string_view name = XmlText::LocalName(child);
-        if (xmlFirstElementChild(const_cast<xmlNode*>(child)) == nullptr) {
-            pairs.emplace_back(prefix + std::string(name), Readable(name, XmlText::Content(child)));
-            continue;
+        const std::string name = SafeText::Shorten(XmlText::LocalName(child), kMaxName);
+        if (xmlFirstElementChild(child) == nullptr || depth == kMaxDepth) {
+            pairs.emplace_back(prefix + name, Readable(name, XmlText::Content(child)));
+        } else {
+            const std::string number = std::to_string(count++);
+            Flatten(child, prefix + (name == kListed ? number : name) + ".", pairs, depth + 1);
         }
-        const bool isListed = name == "Channel";
-        Flatten(child, prefix + (isListed ? std::to_string(count++) : std::string(name)) + ".",
-                pairs);
     }
 }
 

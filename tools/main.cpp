@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "CommandLine.h"
 #include "SafeText.h"
@@ -11,7 +13,11 @@ int main(int argc, char** argv) {
     const Outcome outcome = parsed.run(parsed.options);
     std::fflush(stdout);
     if (outcome.Failed()) {
-        std::fprintf(stderr, "zelctl: %s\n", SafeText::Line(outcome.text).c_str());
+        constexpr std::size_t kMaxText = 1000;
+        std::string text = outcome.text;
+        std::replace(text.begin(), text.end(), '\n', ' ');
+        text = SafeText::Shorten(SafeText::Line(text), kMaxText);
+        std::fprintf(stderr, "zelctl: %s\n", text.c_str());
     }
     return static_cast<int>(outcome.status);
 }

@@ -184,7 +184,7 @@ def test_a_terminal_shows_colors_and_gets_nothing_else():
         assert "\x1b[48;2;190;17;16m  \x1b[0m red" in output and "?" in output
         assert "\x1b" not in re.sub(r"\x1b\[[0-9;]*m", "", output)
         output = on_terminal("watch", "--interval", "1", awaited="TAVO7")
-        assert output.endswith("\x1b[?25h\x1b[?7h")
+        assert output.endswith("\x1b[?25h\x1b[?7h\r\n")
         assert "\x1b" not in re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", "", output)
 
 
