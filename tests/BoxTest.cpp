@@ -98,6 +98,9 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
          {"10.0.0.1 (T1) STATE 'free' -> 'reserved'", "10.0.0.1 (T1) OWNER '' -> 'me'",
           "10.0.0.2 (T2) is there, free"},
          2},
+        {{other}, {}, 2},
+        {{reserved, other}, {}, 2},
+        {{other}, {}, 2},
         {{other}, {"10.0.0.1 (T1) is gone"}, 2},
         {{other}, {}, 1},
     };

@@ -70,7 +70,6 @@ TEST(ToolCommandsTest, CommandLinesAreReadOrRefused) {
         {{"info", "--timeout", "x"}, ExitStatus::kUsage, 0, ""},
         {{"info", "--handle", "1"}, ExitStatus::kUsage, 0, ""},
         {{"reserve", "box"}, ExitStatus::kUsage, 0, ""},
-        {{"reserve", "box", "--owner", "me", "--lock", "x"}, ExitStatus::kUsage, 0, ""},
         {{"find", "--state", "x"}, ExitStatus::kUsage, 0, ""},
     };
     for (const Case& each : kCases) {

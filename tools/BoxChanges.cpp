@@ -1,5 +1,11 @@
 #include "BoxChanges.h"
 
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
 namespace {
 
 constexpr std::size_t kStateColumn = 4;
@@ -23,29 +29,38 @@ void Compare(const BoxTable::Row& before, BoxTable::Line& line, BoxChanges::Text
 }  // namespace
 
 std::vector<BoxTable::Line> BoxChanges::Next(const std::vector<Box>& boxes, Texts& texts) {
-    std::map<std::string, BoxTable::Line> now;
-    std::vector<BoxTable::Line> lines;
+    std::map<std::uint32_t, BoxTable::Line> lines;
+    std::map<std::uint32_t, Known> now;
     for (const Box& box : boxes) {
+        const std::uint32_t key = ntohl(inet_addr(box.address.c_str()));
         BoxTable::Line line = BoxTable::MakeLine(box);
-        now.emplace(box.address, line);
-        const auto found = before_.find(box.address);
+        now.emplace(key, Known{line});
+        const auto found = before_.find(key);
         if (found != before_.end()) {
-            Compare(found->second.row, line, texts);
+            Compare(found->second.line.row, line, texts);
         } else {
             texts.push_back(NameOf(line.row) + " is there, " + line.row[kStateColumn]);
             line.changed.fill(!isFirst_);
         }
-        lines.push_back(line);
+        lines.emplace(key, line);
     }
-    for (auto& [address, line] : before_) {
-        if (!now.contains(address)) {
-            texts.push_back(NameOf(line.row) + " is gone");
-            line.row[kStateColumn] = kGone;
-            line.changed.fill(true);
-            lines.push_back(line);
+    for (auto& [key, known] : before_) {
+        if (now.contains(key)) {
+            continue;
         }
+        if (!known.isMissed) {
+            now.emplace(key, Known{known.line, true});
+        } else {
+            texts.push_back(NameOf(known.line.row) + " is gone");
+            known.line.row[kStateColumn] = kGone;
+            known.line.changed.fill(true);
+        }
+        lines.emplace(key, known.line);
     }
     before_ = std::move(now);
     isFirst_ = false;
-    return lines;
+    std::vector<BoxTable::Line> shown;
+    std::transform(lines.begin(), lines.end(), std::back_inserter(shown),
+                   [](const auto& entry) { return entry.second; });
+    return shown;
 }

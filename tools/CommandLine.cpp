@@ -169,8 +169,7 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
     if (takes(kOwnerAndLock)) {
         added.add_option("--owner", options.owner, "Who reserves")->required()->type_name("NAME");
         added.add_option("--lock", options.lock, "The only host that may use the diagnostic ports")
-            ->check(CLI::ValidIPV4)
-            ->option_text("HOST");
+            ->type_name("HOST");
     }
     if (takes(kHandle)) {
         added

@@ -116,6 +116,15 @@ Outcome Call(const Options& options, const Session& session, const std::string& 
     return {ExitStatus::kRefused, text};
 }
 
+/// What is no address to the box, it would open its ports to nobody for.
+Outcome CheckHost(const std::string& host) {
+    in_addr address{};
+    if (inet_aton(host.c_str(), &address) != 0) {
+        return {};
+    }
+    return {ExitStatus::kUsage, "'" + host + "' is no address; give one, or 0 for every host"};
+}
+
 /// A handle is a number; whatever a stranger calls one must fit on a line of a file.
 bool IsHandle(const std::string& text) {
     constexpr std::size_t kMaxHandle = 128;
@@ -214,7 +223,10 @@ Outcome Info(const Options& options) {
 
 Outcome Reserve(const Options& options) {
     Session session;
-    Outcome outcome = Begin(options, session);
+    Outcome outcome = options.lock.empty() ? Outcome() : CheckHost(options.lock);
+    if (!outcome.Failed()) {
+        outcome = Begin(options, session);
+    }
     Answer answer;
     if (!outcome.Failed()) {
         outcome = Call(options, session,
@@ -266,14 +278,13 @@ Outcome Release(const Options& options) {
 
 Outcome Lock(const Options& options) {
     const std::string& host = options.arguments.front();
-    in_addr address{};
-    if (inet_aton(host.c_str(), &address) == 0) {
-        // The box would lock its ports to nobody.
-        return {ExitStatus::kUsage, "'" + host + "' is no address; give one, or 0 for every host"};
+    Outcome outcome = CheckHost(host);
+    if (outcome.Failed()) {
+        return outcome;
     }
     Session session;
     std::string handle;
-    Outcome outcome = Begin(options, session);
+    outcome = Begin(options, session);
     if (!outcome.Failed()) {
         outcome = NeedHandle(options, session, handle);
     }

@@ -7,6 +7,7 @@ import socket
 import struct
 import subprocess
 import sys
+import threading
 
 import box
 
@@ -131,6 +132,46 @@ def attributes(answer):
     length = int.from_bytes(answer[18:20], "big")
     assert answer[20 + length:] == b"\0\0"
     return answer[20:20 + length].decode()
+
+
+@contextlib.contextmanager
+def other_boxes(*lists):
+    """Further boxes, on addresses from 192.168.70.1 on, that answer with these attributes."""
+    on_manager = ["nsenter", "--net=/run/netns/manager", "ip", "address"]
+    addresses = [f"192.168.70.{number}" for number in range(1, len(lists) + 1)]
+    for address in addresses:
+        subprocess.run([*on_manager, "add", f"{address}/16", "dev", "eth0"], check=True)
+    with contextlib.ExitStack() as stack, box.namespace("manager"):
+        listener, *senders = (stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+                              for _ in ["", *addresses])
+        for sender, address in zip(senders, addresses):
+            sender.bind((address, 427))
+        listener.bind((MULTICAST, 427))
+        listener.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                            socket.inet_aton(MULTICAST) + socket.inet_aton(MANAGER))
+        listener.settimeout(0.1)
+        ended = threading.Event()
+
+        def answer():
+            while not ended.is_set():
+                with contextlib.suppress(OSError):  # nobody asks, or from where no answer gets to
+                    request, client = listener.recvfrom(4096)
+                    xid = int.from_bytes(request[10:12], "big")
+                    for sender, attributes in zip(senders, lists):
+                        reply = b"\0\0" + text(attributes) + b"\0\0"
+                        for data in (b"", message(7, reply, xid=xid ^ 1),
+                                     message(7, reply, xid=xid)):
+                            sender.sendto(data, client)
+
+        thread = threading.Thread(target=answer)
+        thread.start()
+        try:
+            yield
+        finally:
+            ended.set()
+            thread.join()
+    for address in addresses:
+        subprocess.run([*on_manager, "delete", f"{address}/16", "dev", "eth0"], check=True)
 
 
 @contextlib.contextmanager
