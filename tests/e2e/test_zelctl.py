@@ -89,14 +89,14 @@ def test_who_is_not_there_or_is_no_box():
 
 def test_several_boxes_some_hostile():
     one = "(Serial=TAVO7),(DevId=one),(State=5),(Owner=me),(State=4),(Color=#be1110),(NetworkType=1),(SignalStrength=7)"
-    with workshop.other_boxes(one, f"(Serial={HOSTILE}),(Owner={HOSTILE * 20}),({HOSTILE}=1),(Color=#zzzzzz)", "((((=),("):
+    with workshop.other_boxes(one, f"(Serial={HOSTILE}),(Owner={HOSTILE * 20}),({HOSTILE}=1),(Color=#zzzzzz)", "((((=),(Serial=TAVO9),("):
         addresses = [found["address"] for found in json.loads(zelctl("find", "--json"))]
         assert addresses == [box.BOX, "192.168.70.1", "192.168.70.2", "192.168.70.3"]
         assert re.search(r"^192.168.70.1 +TAVO7 +one +red +reserved +me +WLAN 7$", zelctl("find"), re.M)
         hostile = json.loads(zelctl("find", "--json"))[2]["attributes"]
         assert hostile["Serial"] == HOSTILE and hostile[HOSTILE] == "1"
         assert "4 boxes answer, name one: 192.168.68.42 (TAVO0012345), 192.168.70.1" in zelctl("info", status=2)
-        assert "192.168.70.1:5302 cannot be reached" in zelctl("info", "7", status=3)
+        assert "192.168.70.3:5302 cannot be reached" in zelctl("info", "9", status=3)
 
 
 def follow(*arguments):
@@ -154,6 +154,7 @@ def test_the_log_is_followed_through_rotation():
     assert read_until("first") == "first ?[2J line\n"
     add("last of the old")
     box.LOG.rename(box.LOG.with_name("nativezel.1.log"))
+    assert "answers 404" in zelctl("log", box.BOX, status=4)
     add("first of the new")
     assert read_until(" of the ") == "last of the old\n" and read_until(" of the ") == "first of the new\n"
     log.terminate()

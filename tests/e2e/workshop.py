@@ -158,10 +158,10 @@ def other_boxes(*lists):
                     request, client = listener.recvfrom(4096)
                     xid = int.from_bytes(request[10:12], "big")
                     for sender, attributes in zip(senders, lists):
-                        reply = b"\0\0" + text(attributes) + b"\0\0"
-                        for data in (b"", message(7, reply, xid=xid ^ 1),
-                                     message(7, reply, xid=xid)):
-                            sender.sendto(data, client)
+                        sender.sendto(b"", client)
+                        sender.sendto(message(7, b"\0\0", text(attributes), b"\0\0", xid=xid), client)
+                        # To a question of somebody else's.
+                        sender.sendto(message(7, b"\0\0", text("(Serial=?)"), b"\0\0", xid=xid ^ 1), client)
 
         thread = threading.Thread(target=answer)
         thread.start()
