@@ -118,10 +118,10 @@ public:
                 shutdown(polled_[0].fd, SHUT_WR);
                 polled_[0].fd = -1;
             }
-            const auto left =
-                std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            const int ready =
-                poll(polled_.data(), polled_.size(), static_cast<int>(std::max(left.count(), 0L)));
+            using std::chrono::milliseconds;
+            const auto left = std::max(
+                std::chrono::duration_cast<milliseconds>(deadline - Clock::now()), milliseconds(0));
+            const int ready = poll(polled_.data(), polled_.size(), static_cast<int>(left.count()));
             if (ready == 0) {
                 return false;
             }
