@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -77,11 +78,11 @@ TEST_F(ShellTest, ToolsSeeACleanProcess) {
     EXPECT_TRUE(Shell::RunSystemWithResult(
         result_, "sed -n 's/SigIgn:\\|SigBlk:/0x/p' /proc/self/status | tr -d '\\t'"));
     std::istringstream masks(result_);
-    unsigned long blocked = 1;
-    unsigned long ignored = ~0UL;
+    std::uint64_t blocked = 1;
+    std::uint64_t ignored = ~0ULL;
     masks >> std::hex >> blocked >> ignored;
     EXPECT_EQ(blocked, 0U) << result_;
-    EXPECT_EQ(ignored & (1UL << (SIGPIPE - 1) | 1UL << (SIGCHLD - 1)), 0U) << result_;
+    EXPECT_EQ(ignored & (1U << (SIGPIPE - 1) | 1U << (SIGCHLD - 1)), 0U) << result_;
 }
 
 TEST_F(ShellTest, BackgroundWorkIsNotWaitedForBySystem) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iomanip>
+#include <sstream>
 
 #include "NetworkBox.h"
 #include "WlanAtherosDevice.h"
@@ -54,6 +55,14 @@ protected:
         }
     }
 
+    /// A number as it lies in memory.
+    static std::string Native(std::uint16_t number) {
+        std::ostringstream out;
+        out << std::hex;
+        Write(out, &number, sizeof number);
+        return out.str();
+    }
+
     int essidError_ = 0;
     WlanAtherosDevice device_{context_};
 };
@@ -69,7 +78,9 @@ TEST_F(WlanAtherosTest, Connect) {
             "89f8 ath0 \n"
             "/usr/sbin/insmod /app/velka/wlan/sta/ath_mimo_pci.ko myregdomain=55 countrycode=40 "
             "regulatory=1\n"
-            "89f7 wifi0 6174683000000000000000000000000001000100000000000000000000000000\n"
+            "89f7 wifi0 61746830000000000000000000000000" +
+            Native(1) + Native(1) +
+            "000000000000000000000000\n"
             "8b1a ath0 776f726b73686f7000 1\n";
         expected += mode + mode;
         for (const char* setting :
