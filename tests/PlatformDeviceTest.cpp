@@ -31,16 +31,25 @@ TEST(MeasureDeviceTest, TheEdgeStaysUntilItIsReset) {
     EXPECT_EQ(MeasureDevice::ResetTrigger15(-1), -1);
 }
 
-TEST(RebootTest, AsksTheSystem) {
+class RebootTest : public testing::Test {
+protected:
     // Never on the host itself: only where the tool is the box's recorder.
-    std::string tool(4096, '\0');
-    std::ifstream("/sbin/reboot").read(tool.data(), static_cast<std::streamsize>(tool.size()));
-    ASSERT_NE(tool.find("/tmp/reboot.log"), std::string::npos) << "run this in a simulated box";
+    void SetUp() override {
+        std::string tool(4096, '\0');
+        std::ifstream("/sbin/reboot").read(tool.data(), static_cast<std::streamsize>(tool.size()));
+        ASSERT_NE(tool.find("/tmp/reboot.log"), std::string::npos) << "run this in a simulated box";
+    }
+};
+
+TEST_F(RebootTest, AsksTheSystem) {
     EXPECT_EQ(Reboot().DoReboot(), 0);
     for (int i = 0; i < 1000 && !std::filesystem::exists("/tmp/reboot.log"); ++i) {
         usleep(10000);
     }
     EXPECT_TRUE(std::filesystem::exists("/tmp/reboot.log"));
+}
+
+TEST_F(RebootTest, TellsThatTheToolIsMissing) {
     std::filesystem::remove("/usr/sbin/reboot");
     EXPECT_EQ(Reboot().DoReboot(), -1);
 }

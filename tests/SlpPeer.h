@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "SocketGuard.h"
@@ -57,7 +58,11 @@ public:
         EXPECT_EQ(setsockopt(socket_.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
                              sizeof membership),
                   0);
-        EXPECT_EQ(setsockopt(socket_.Get(), IPPROTO_IP, IP_MULTICAST_IF, &card, sizeof card), 0);
+        // It has no route for groups.
+        const std::string_view interface = "eth0";
+        EXPECT_EQ(setsockopt(socket_.Get(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(),
+                             static_cast<socklen_t>(interface.size())),
+                  0);
         const unsigned char off = 0;
         setsockopt(socket_.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off);
     }
