@@ -8,6 +8,7 @@ import re
 import signal
 import socket
 import subprocess
+import sys
 import time
 
 BOX = "192.168.68.42"
@@ -18,6 +19,8 @@ LOG = pathlib.Path("/tmp/log/nativezel.log")
 CONFIGURATION = pathlib.Path("/config/agent.configuration")
 AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", "build/release/zel"))
 SANITIZED = "release" not in AGENT
+EMULATED = AGENT.endswith("tests/powerpc/agent")
+BYTE_ORDER = "big" if EMULATED else sys.byteorder  # of the agent
 
 SOAP = "http://schemas.xmlsoap.org/soap/envelope/"
 SERVICE = "http://lusora.tembra.com/services/zel/Connector/v1"

@@ -41,7 +41,7 @@ def test_start_up_tells_what_it_does():
     finally:
         state.write_text("clean\n")
     lines = [line for line in log_lines() if not line.startswith("debug")]
-    gateway = int.from_bytes(socket.inet_aton(box.CLIENT), sys.byteorder)
+    gateway = int.from_bytes(socket.inet_aton(box.CLIENT), box.BYTE_ORDER)
     assert lines[:2] == ["info Country: 'DE'", "error wlanDevice is NULL"]
     assert lines[2].startswith("info * ZEL 01.02.02 ")
     assert lines[2].endswith(" starting on TAVO 0012345...")
