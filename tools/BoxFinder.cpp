@@ -97,16 +97,16 @@ std::vector<Box> Find(std::chrono::milliseconds wait,
     const SocketGuard socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const auto xid = static_cast<std::uint16_t>(std::random_device()());
     const Clock::time_point end = Clock::now() + wait;
-    std::optional<Clock::time_point> secondTime = end - wait / 2;
+    Clock::time_point askAgain = end - wait / 2;
     Ask(socket.Get(), xid);
     while (Clock::now() < end) {
         std::array<pollfd, 2> polled{{{socket.Get(), POLLIN, 0}, {interruption, POLLIN, 0}}};
-        poll(polled.data(), polled.size(), MillisecondsUntil(secondTime.value_or(end)));
+        poll(polled.data(), polled.size(), MillisecondsUntil(std::min(askAgain, end)));
         if (polled[1].revents != 0) {
             break;
         }
-        if (secondTime && Clock::now() >= *secondTime) {
-            secondTime.reset();
+        if (Clock::now() >= askAgain) {
+            askAgain = Clock::time_point::max();
             Ask(socket.Get(), xid);
         }
         auto answer = polled[0].revents == 0 ? std::nullopt : Receive(socket.Get(), xid);
