@@ -1,11 +1,13 @@
 #include "XmlText.h"
 
+#include <libxml/chvalid.h>
 #include <libxml/parser.h>
 #include <libxml/xmlstring.h>
 
-#include <algorithm>
 #include <cstring>
 #include <utility>
+
+#include "Utf8.h"
 
 namespace XmlText {
 namespace {
@@ -68,14 +70,11 @@ std::string ChildText(const xmlNode* parent, std::string_view localName) {
 }
 
 std::string Escape(std::string_view text) {
-    std::string terminated(text);
-    std::replace(terminated.begin(), terminated.end(), '\0', kUnprintable);
-    const bool isUtf8 = xmlCheckUTF8(reinterpret_cast<const xmlChar*>(terminated.c_str())) == 1;
     std::string escaped;
     escaped.reserve(text.size());
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        switch (c) {
+    while (!text.empty()) {
+        const Utf8::Character character = Utf8::First(text);
+        switch (text.front()) {
             case '&':
                 escaped += "&amp;";
                 break;
@@ -91,13 +90,14 @@ std::string Escape(std::string_view text) {
             case '\r':
                 escaped += "&#13;";
                 break;
-            case '\t':
-            case '\n':
-                escaped += c;
-                break;
             default:
-                escaped += byte < ' ' || (byte >= 0x80 && !isUtf8) ? kUnprintable : c;
+                if (character.isValid && xmlIsCharQ(character.code)) {
+                    escaped += text.substr(0, character.size);
+                } else {
+                    escaped += kUnprintable;
+                }
         }
+        text.remove_prefix(character.size);
     }
     return escaped;
 }

@@ -39,8 +39,8 @@ std::string Attribute(const xmlNode* node, const char* name);
 
 std::string_view LocalName(const xmlNode* node);
 
-/// `text` as it may stand in element content or in a quoted attribute. Bytes that no XML document
-/// may hold (control characters, broken UTF-8) become question marks.
+/// `text` as it may stand in element content or in a quoted attribute. What no XML document may
+/// hold (control characters, broken UTF-8, U+FFFE and U+FFFF) becomes question marks.
 std::string Escape(std::string_view text);
 
 }  // namespace XmlText

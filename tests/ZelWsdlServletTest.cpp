@@ -261,7 +261,9 @@ TEST(XmlTextTest, EscapeLeavesOnlyWhatAParserTakes) {
         {"tab\tline\nreturn\r", "tab\tline\nreturn&#13;"},
         {std::string("nul\0bell\a", 9), "nul?bell?"},
         {"gr\xc3\xbc\xc3\x9f", "gr\xc3\xbc\xc3\x9f"},
-        {"gr\xfc\xdf", "gr??"},
+        {"gr\xfc\xdf \xc3\xbc", "gr?? \xc3\xbc"},
+        {"\xc0\x80 \xed\xa0\x80 \xef\xbf\xbf \xf0\x9f\x98", "?? ??? ? ???"},
+        {"\xf0\x9f\x98\x80\x7f", "\xf0\x9f\x98\x80\x7f"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(XmlText::Escape(c.text), c.escaped);

@@ -5,53 +5,12 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "Utf8.h"
+
 namespace SafeText {
 namespace {
 
 constexpr char kReplacement = '?';
-
-struct Character {
-    std::uint32_t code = 0;
-    std::size_t size = 1;
-    bool isValid = false;
-};
-
-bool IsContinuation(char byte) {
-    return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
-}
-
-/// The first character of a text that is not empty (RFC 3629, section 4).
-Character First(std::string_view text) {
-    struct Form {
-        unsigned mask;
-        unsigned mark;
-        std::uint32_t least;
-    };
-    constexpr Form kForms[] = {
-        {0x80, 0x00, 0}, {0xe0, 0xc0, 0x80}, {0xf0, 0xe0, 0x800}, {0xf8, 0xf0, 0x10000}};
-    constexpr std::uint32_t kLast = 0x10ffff;
-    const auto lead = static_cast<unsigned char>(text.front());
-    std::size_t size = 0;
-    for (const Form& form : kForms) {
-        ++size;
-        if ((lead & form.mask) != form.mark) {
-            continue;
-        }
-        std::uint32_t code = lead & ~form.mask;
-        for (std::size_t i = 1; i < size; ++i) {
-            if (i >= text.size() || !IsContinuation(text[i])) {
-                return {};
-            }
-            code = code << 6U | (static_cast<unsigned char>(text[i]) & 0x3fU);
-        }
-        const bool isSurrogate = code >= 0xd800 && code <= 0xdfff;
-        if (code < form.least || code > kLast || isSurrogate) {
-            return {};
-        }
-        return {code, size, true};
-    }
-    return {};
-}
 
 /// Control characters, and those that are not seen but set directions and joins (Unicode's general
 /// category Cf, its common part, and the line separators).
@@ -71,7 +30,7 @@ bool IsHarmful(std::uint32_t code) {
 template <typename Handle>
 void ForEach(std::string_view text, const Handle& handle) {
     while (!text.empty()) {
-        const Character character = First(text);
+        const Utf8::Character character = Utf8::First(text);
         handle(character, text.substr(0, character.size));
         text.remove_prefix(character.size);
     }
@@ -79,7 +38,7 @@ void ForEach(std::string_view text, const Handle& handle) {
 
 std::string Clean(std::string_view text, std::string_view kept) {
     std::string clean;
-    ForEach(text, [&](const Character& character, std::string_view bytes) {
+    ForEach(text, [&](const Utf8::Character& character, std::string_view bytes) {
         if (kept.find(bytes) != std::string_view::npos ||
             (character.isValid && !IsHarmful(character.code))) {
             clean += bytes;
@@ -108,7 +67,7 @@ std::string Lines(std::string_view text) {
 
 std::string Json(std::string_view text) {
     std::string json = "\"";
-    ForEach(text, [&json](const Character& character, std::string_view bytes) {
+    ForEach(text, [&json](const Utf8::Character& character, std::string_view bytes) {
         if (bytes == "\"" || bytes == "\\") {
             json += "\\";
             json += bytes;
@@ -126,8 +85,11 @@ std::string Json(std::string_view text) {
 }
 
 std::size_t Width(std::string_view text) {
-    return static_cast<std::size_t>(
-        std::count_if(text.begin(), text.end(), [](char byte) { return !IsContinuation(byte); }));
+    std::size_t width = 0;
+    ForEach(text, [&width](const Utf8::Character& /*character*/, std::string_view /*bytes*/) {
+        ++width;
+    });
+    return width;
 }
 
 std::string Shorten(std::string_view text, std::size_t width) {
@@ -136,7 +98,7 @@ std::string Shorten(std::string_view text, std::size_t width) {
     }
     std::string shortened;
     std::size_t count = 1;
-    ForEach(text, [&](const Character& /*character*/, std::string_view bytes) {
+    ForEach(text, [&](const Utf8::Character& /*character*/, std::string_view bytes) {
         if (count++ < width) {
             shortened += bytes;
         }
