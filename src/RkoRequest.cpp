@@ -34,7 +34,11 @@ struct Part {
 std::vector<Part> Parts(std::string_view body) {
     std::vector<Part> parts;
     std::string_view rest = body;
-    const std::string_view boundary = TakeLine(rest);
+    std::string_view boundary;
+    // Some clients write the line end that belongs to a boundary in front of the first one, too.
+    while (boundary.empty() && !rest.empty()) {
+        boundary = TakeLine(rest);
+    }
     if (!boundary.starts_with(kDashes) || boundary.size() == kDashes.size()) {
         return parts;
     }

@@ -197,7 +197,7 @@ INVALID, NO_DATA, UNKNOWN, INTERNAL = ("Invalid Argument given", "no request dat
 
 @pytest.mark.parametrize("body, answer", [
     (form(FIELD, ("packet", EMPTY), end="\n"), EMPTY),
-    (form(("packet", EMPTY), FIELD), EMPTY),
+    (b"\r\n" + form(("packet", EMPTY), FIELD), EMPTY),
     (form(("x", "rkoGetVersion"), ("y", EMPTY)), EMPTY),
     (form(FIELD, ("packet", EMPTY)).removesuffix(b"\r\n--frontier--\r\n"), EMPTY),
     (form(FIELD, ("packet", EMPTY.replace("<data>", "<data>" + " " * 9000))), EMPTY),
@@ -211,6 +211,7 @@ INVALID, NO_DATA, UNKNOWN, INTERNAL = ("Invalid Argument given", "no request dat
     (form(FIELD, ("packet", ENTITIES)), INTERNAL),
     (EMPTY.encode(), INVALID), (b"", INVALID), (b"--", INVALID), (b"--\r\n", INVALID), (b"--x\r\n", INVALID),
     (b"--x\r\nContent-", INVALID), (b"--x\r\nContent-Type: a\r\n\r\n", INVALID), (b"--x\n" * 2000, INVALID),
+    (b"\n" * 5000 + form(FIELD, ("packet", EMPTY)), INVALID),
 ])
 def test_forms_of_old_clients(body, answer):
     assert exchange(post(body, "/rKo")).decode().split("\r\n\r\n", 1)[1] == answer
