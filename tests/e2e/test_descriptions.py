@@ -1,8 +1,10 @@
 """The descriptions that the box publishes: a SOAP toolkit makes its clients from them, and every answer
 of the box keeps to them."""
 
+import contextlib
 import pathlib
 import re
+import socket
 import subprocess
 import warnings
 
@@ -73,6 +75,58 @@ def test_published_files_lead_back_to_the_box(tmp_path):
         assert found == [URL + reference for reference in references]
         if "xsd" in path:
             assert_validity(INVALID, URL + path, [tmp_path / "any.xml"])
+
+
+@contextlib.contextmanager
+def without_address():
+    try:
+        subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
+        yield
+    finally:
+        subprocess.run(["ip", "address", "add", f"{box.BOX}/16", "brd", "+", "dev", "eth0"], check=True)
+        subprocess.run(["ip", "route", "add", "default", "via", box.CLIENT], check=True)
+
+
+def test_rewriting():
+    """Only the first of each pattern, and only whole patterns."""
+    def ask(path):
+        with socket.create_connection(("127.0.0.1", 5302), 30) as connection:
+            connection.sendall(f"GET {path} HTTP/1.0\r\n\r\n".encode())
+            return box.read_all(connection).decode().split("\r\n\r\n", 1)
+
+    def text(host):
+        base = f"http://{host}:5302{box.CONNECTOR}?xsd=" if host is not None else ""
+        schemas = (("beans", 3), ("ZELConnector_v1", 1), ("pembAgentShared", 4), ("ZELDriver_v1", 2))
+        lines = [f'schemaLocation="{base}{number}"' if base else f'schemaLocation="{name}.xsd"'
+                 for name, number in schemas]
+        lines += ['schemaLocation="beans.xsd" schemaLocation="x/beans.xsd" Location="beans.xsd"',
+                  f'wsdlsoap:address location="http://{host if base else "localhost"}:1/x"',
+                  'wsdlsoap:address location="http://localhost:2"', 'location="http://localhost:3"']
+        return "\n".join(lines)
+
+    file = pathlib.Path("/app/zel/protocols/pembAgentShared.xsd")
+    kept = file.read_bytes()
+    file.write_text(text(None))
+    try:
+        assert ask(f"{box.CONNECTOR}?xsd=4")[1] == text(box.BOX) + "\n"
+        with without_address():
+            assert ask(f"{box.CONNECTOR}?xsd=4")[1] == text("") + "\n"
+        file.unlink()
+        assert ask(f"{box.CONNECTOR}?xsd=4")[0].startswith("HTTP/1.0 404 Not found\r\n")
+        assert f"Can't open {file}" in box.LOG.read_text()
+    finally:
+        file.write_bytes(kept)
+
+
+@pytest.mark.parametrize("path", NAMESPACES)
+def test_a_stricter_toolkit(path, tmp_path):
+    """gSOAP tells what it does not understand, and leaves it out."""
+    for command in (["wsdl2h", "-o", "service.h", f"{URL}{path}?wsdl"],
+                    ["soapcpp2", "-C", "-j", "-I/usr/share/gsoap/import", "service.h"]):
+        made = subprocess.run(["nsenter", "--net=/run/netns/client", *command], cwd=tmp_path,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        assert made.returncode == 0 and not re.search("(?i)warning|error", made.stdout), made.stdout
+    assert {file.name.split(".")[1] for file in tmp_path.glob("*.req.xml")} == set(REQUESTS[path])
 
 
 def test_connector(tmp_path):
