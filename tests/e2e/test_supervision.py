@@ -75,6 +75,20 @@ def test_signals():
                 assert idle.recv(1) == b""
 
 
+def test_the_restart_is_answered():
+    """Also when the first that a reboot does is to stop the agent."""
+    tool = pathlib.Path("/usr/sbin/reboot")
+    kept = tool.read_bytes()
+    with started() as agent:
+        tool.write_text(f"#!/bin/sh\nkill -TERM {agent.pid}\n")
+        try:
+            answer = exchange(box.post(box.envelope("<restartDevice/>"), "/services/Agent"))
+            assert b"restartDeviceResponse" in answer and answer.endswith(b"</S:Envelope>\n")
+            assert agent.process.wait(20) == 0
+        finally:
+            tool.write_bytes(kept)
+
+
 def test_children_leave_no_zombies():
     with started() as agent:
         for _ in range(5):
