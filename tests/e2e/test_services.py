@@ -94,6 +94,7 @@ def test_monitoring_self_test_and_restart():
     added.unlink()
     assert result.startswith(response("doSelftest", "\t\t\t<return>10-voltage: OK").partition("\t\t</ns2")[0])
     assert result.endswith(";40-markup: OK (a &lt; b &amp; c);</return>\n\t\t</ns2:doSelftestResponse>\n")
+    assert "Read line: '40-markup: OK (a < b & c)'\n" in box.LOG.read_text()
 
     reboots = pathlib.Path("/tmp/reboot.log")
     reboots.unlink(missing_ok=True)
@@ -227,6 +228,21 @@ def test_the_function_in_the_url():
                               ("/rKo?FunctionName=r", EMPTY, INVALID), ("/rKo?FunctionName=", EMPTY, INVALID),
                               ("/rKo", EMPTY, INVALID), ("/rKo?Name=rkoGetVersion", EMPTY, INVALID)):
         assert get(url, body.encode()).decode().split("\r\n\r\n", 1)[1] == answer
+
+
+def test_what_old_clients_do_is_logged():
+    data = rko("rkoGetDeviceStatus")[1].partition("<data>\n")[2].removesuffix("</data>\n</wddxPacket>\n")
+    for function, packet, answer, lines in (
+            ("rkoGetDeviceStatus", EMPTY, PACKET.format(data),
+             ["debug", "rKo::rkoGetDeviceStatus\n", f"\n\n{{{data}}} {{LEN={len(data)}}}\n\n\n"]),
+            ("rkoget", EMPTY, UNKNOWN, ["debug", "rKo::rkoget\n", "error", "rKo wddx method 'rkoget' not found\n"]),
+            ("rkoGetVersion", "<a", INTERNAL, ["error", "Can't create doc node\n"]),
+            ("rkoReleaseDevice", "<wddxPacket/>", EMPTY, ["error", "rKo wddx method failed\n"])):
+        assert rko(function, packet)[1] == answer
+        rest = box.LOG.read_text().rpartition("Passing request for '/rKo' to RkoServlet\n")[2]
+        for line in lines:
+            assert line in rest
+            rest = rest.partition(line)[2]
 
 
 def test_a_real_client_posts_a_form(tmp_path):
