@@ -30,6 +30,24 @@ class Failed(Exception):
     pass
 
 
+on_stage = []
+
+
+def enter(command, output):
+    """Starts a program that writes to that file."""
+    with output.open("w") as file:
+        on_stage.append(subprocess.Popen(command, stdout=file, stderr=subprocess.STDOUT))
+    return on_stage[-1]
+
+
+def clear():
+    """Ends what still runs, so that nothing of a failed story is in the way of the next."""
+    for process in on_stage:
+        process.kill()
+        process.wait()
+    on_stage.clear()
+
+
 def title(text):
     title.number += 1
     print(f"\n{BOLD}{title.number}. {text}{PLAIN}", flush=True)
@@ -94,10 +112,8 @@ def log():
 
 
 def start_manager(scenario, *settings):
-    with MANAGER_OUTPUT.open("w") as output:
-        manager = subprocess.Popen(
-            ["nsenter", "--net=/run/netns/manager", sys.executable, str(PROJECT / "workshop/manager"),
-             "--scenario", scenario, "--record", "/tmp/manager", *settings], stdout=output, stderr=subprocess.STDOUT)
+    manager = enter(["nsenter", "--net=/run/netns/manager", sys.executable, str(PROJECT / "workshop/manager"),
+                     "--scenario", scenario, "--record", "/tmp/manager", *settings], MANAGER_OUTPUT)
     wait_until(lambda: "READY" in MANAGER_OUTPUT.read_text(), "the manager is ready")
     return manager
 
@@ -107,8 +123,7 @@ def start_agent():
     subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
     subprocess.run(["ip", "link", "set", "eth0", "down"], check=True)
     start_agent.logged = len(log())
-    with AGENT_OUTPUT.open("w") as output:
-        return subprocess.Popen([AGENT], stdout=output, stderr=subprocess.STDOUT)
+    return enter([AGENT], AGENT_OUTPUT)
 
 
 start_agent.logged = 0

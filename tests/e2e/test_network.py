@@ -1,8 +1,8 @@
 """The box on its way onto the network, as the kernel, the tools and a client see it."""
 
+import contextlib
 import os
 import pathlib
-import signal
 import subprocess
 import sys
 import time
@@ -34,8 +34,9 @@ def network(*arguments):
 
 @pytest.fixture(autouse=True)
 def workshop_in_order():
-    """Every test begins and ends with the cable in, the DHCP server there and no adapter."""
+    """Every test begins and ends with the cable in, the DHCP server there, no adapter and no agent."""
     yield
+    subprocess.run(["pkill", "-KILL", "-x", "Zel::main"])
     for arguments in (("cable", "in"), ("dhcp", "start"), ("adapter", "none")):
         network(*arguments)
 
@@ -51,8 +52,10 @@ def routes():
 
 def processes():
     """Names of the programs of the box, without those that ask."""
-    names = [pathlib.Path(path, "comm").read_text().strip() for path in pathlib.Path("/proc").glob("[0-9]*")
-             if pathlib.Path(path, "comm").exists()]
+    names = []
+    for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
+            names.append(path.read_text().strip())
     return sorted(name for name in names if name not in ("tini", "python3", "bash", "sleep"))
 
 
@@ -100,16 +103,19 @@ def test_a_link_local_address_is_defended_against_another_box():
         box.wait_until(set_up, "the box is on the network")
         own, = [address.removesuffix("/16") for address in addresses()]
         assert own.startswith("169.254.")
-        other = subprocess.Popen(
-            ["nsenter", "--net=/run/netns/manager", "avahi-autoipd", "--no-drop-root", "--no-chroot",
-             f"--start={own}", "--script=/bin/true", "second"], stderr=subprocess.PIPE, text=True)
+        said = pathlib.Path("/tmp/second.out")
+        with said.open("w") as output:
+            other = subprocess.Popen(
+                ["nsenter", "--net=/run/netns/manager", "avahi-autoipd", "--no-drop-root", "--no-chroot",
+                 f"--start={own}", "--script=/bin/true", "second"], stderr=output)
         try:
-            said = [next(line for line in other.stderr if word in line)
-                    for word in ("Received conflicting", "Callout BIND")]
+            box.wait_until(lambda: "Callout BIND" in said.read_text(), "the other box has an address", 60)
         finally:
-            other.terminate()
+            other.kill()
             other.wait()
-        assert own not in said[1], "the other box takes another address"
+        refused, taken = said.read_text().split("Callout BIND")
+        assert "Received conflicting" in refused
+        assert own not in taken, "the other box takes another address"
         assert addresses() == [f"{own}/16"], "and this one keeps its own"
 
 
@@ -127,6 +133,7 @@ def test_refused_switches_change_nothing():
         assert box.rules() == []
 
 
+@pytest.mark.timeout(600 + 10 * SWITCHES)
 def test_many_switches_leave_nothing_behind():
     zcip = pathlib.Path("/sbin/zcip")
     original = zcip.read_text()
