@@ -69,9 +69,11 @@ bool MakeDirectory(const std::string& path, mode_t mode) {
     return stat(path.c_str(), &status) == 0 || mkdir(path.c_str(), mode) == 0;
 }
 
+/// Zero is none: "kill 0" would end the agent.
 bool IsProcessId(const std::string& text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(),
-                                        [](unsigned char c) { return std::isdigit(c) != 0; });
+    return text.find_first_not_of('0') != std::string::npos &&
+           std::all_of(text.begin(), text.end(),
+                       [](unsigned char c) { return std::isdigit(c) != 0; });
 }
 
 }  // namespace

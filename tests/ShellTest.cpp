@@ -120,10 +120,13 @@ TEST_F(ShellTest, KillByPidFile) {
     }
     EXPECT_FALSE(IsAlive(pid));
 
-    std::ofstream(kPidFile) << "1;touch /tmp/injected\n";
-    EXPECT_EQ(Shell::KillByPidFile(kPidFile), 0);
-    EXPECT_FALSE(std::filesystem::exists("/tmp/injected"));
-    EXPECT_FALSE(std::filesystem::exists(kPidFile));
+    // "kill 0" would be the end of this test.
+    for (const char* wrong : {"", "0", "-1", "1;touch /tmp/injected"}) {
+        std::ofstream(kPidFile) << wrong << "\n";
+        EXPECT_EQ(Shell::KillByPidFile(kPidFile), 0);
+        EXPECT_FALSE(std::filesystem::exists("/tmp/injected"));
+        EXPECT_FALSE(std::filesystem::exists(kPidFile)) << wrong;
+    }
 }
 
 TEST_F(ShellTest, AModuleIsLoadedUnlessALoadedNameContainsIts) {
