@@ -107,8 +107,9 @@ bool ModeSwitch::HasAddress(long mode) const {
 
 void ModeSwitch::Recover(LanDevice& lan) {
     if (!onWlan_) {
-        lan.EnableInterface();
-        lan.SetApipa();
+        if (lan.EnableInterface() == 0) {
+            lan.SetApipa();
+        }
         return;
     }
     if (setNet_.SetUpWlan() != 0) {

@@ -63,14 +63,28 @@ def set_up():
     return "* Network setup done." in workshop.log()
 
 
-def switch(mode, host=box.BOX, handle="", device=box.DEVICE_ID):
-    """The error code of a mode switch."""
-    done = subprocess.run(
+def start_switch(mode, host=box.BOX, handle="", device=box.DEVICE_ID):
+    return subprocess.Popen(
         ["nsenter", "--net=/run/netns/client", sys.executable, "workshop/client.py", "--quiet", "--host",
          host, "raw", box.fields("switchMode", deviceId=device, mode=mode, handle=handle)],
-        capture_output=True, text=True)
-    assert done.stderr == ""
-    return done.returncode
+        stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+
+def end_switch(client):
+    """The error code that the client is told."""
+    _, complaint = client.communicate()
+    assert complaint == ""
+    return client.returncode
+
+
+def switch(*arguments, **options):
+    return end_switch(start_switch(*arguments, **options))
+
+
+def insert_card():
+    run("ip", "link", "add", "eth0", "address", "02:00:00:12:34:56", "type", "veth", "peer", "name", "box",
+        "netns", "/run/netns/switch")
+    run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "box", "master", "bridge", "up")
 
 
 SCENARIOS = ("dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back", "mode-switch")
@@ -194,18 +208,36 @@ def test_a_loose_cable_leaves_nothing_behind():
         assert len(addresses()) == 1
 
 
-def test_a_card_that_disappears_is_reported_and_waited_for():
+@pytest.mark.parametrize("mode, tool", [("3", "busybox"), ("201", "avahi-autoipd")])
+def test_a_card_that_disappears_is_reported_and_waited_for(mode, tool):
     network("dhcp", "stop")
-    with workshop.agent(ALONE + "3\n") as agent:
-        box.wait_until(lambda: "udhcpc" in processes() or "busybox" in processes(), "it asks for a lease")
+    with workshop.agent(ALONE + mode + "\n") as agent:
+        box.wait_until(lambda: tool in processes(), "it asks for an address")
         run("ip", "link", "delete", "eth0")
         box.wait_until(lambda: "errno: ERR_NO_SUCH_DEVICE" in workshop.log(), "it says what is wrong", 60)
         assert not set_up()
         assert agent.stop() == 0, "it can be stopped without a network"
-    run("ip", "link", "add", "eth0", "address", "02:00:00:12:34:56", "type", "veth", "peer", "name", "box",
-        "netns", "/run/netns/switch")
-    run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "box", "master", "bridge", "up")
+    insert_card()
     network("dhcp", "start")
     with workshop.agent(ALONE + "3\n"):
         box.wait_until(set_up, "the box is on the network")
         assert addresses() == [f"{box.BOX}/16"]
+
+
+def test_a_card_that_disappears_during_a_switch_fails_it():
+    zcip = pathlib.Path("/sbin/zcip")
+    original = zcip.read_text()
+    zcip.write_text("#!/bin/sh\nip link delete eth0\n")
+    try:
+        with workshop.agent(ALONE + "3\n") as agent:
+            agent.wait_until_serving()
+            client = start_switch("2")
+            box.wait_until(lambda: "Change back to state free" in workshop.log(), "the switch is over")
+            insert_card()
+            run("ip", "address", "add", f"{box.BOX}/16", "dev", "eth0")
+            run("ip", "link", "set", "eth0", "up")
+            assert end_switch(client) == 17
+            assert switch("3") == 0 and addresses() == [f"{box.BOX}/16"]
+            assert box.rules() == []
+    finally:
+        zcip.write_text(original)
