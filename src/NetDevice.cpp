@@ -3,65 +3,21 @@
 #include <arpa/inet.h>
 #include <net/route.h>
 #include <sys/ioctl.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <string_view>
 
+#include "NetRequests.h"
 #include "Shell.h"
-#include "SocketGuard.h"
 #include "ZelLogging.h"
 
 namespace {
 
-constexpr char kRouteFile[] = "/proc/net/route";
 constexpr char kNoAddress[] = "0.0.0.0";
 constexpr char kHostMask[] = "255.255.255.255";
 constexpr const char* kSlpGroups[] = {"239.255.255.253", "239.255.1.1"};
 
 constexpr unsigned short kDeviceRoute = RTF_UP;
 constexpr unsigned short kGatewayRoute = RTF_UP | RTF_GATEWAY;
-constexpr unsigned short kHostRoute = RTF_UP | RTF_HOST;
-
-using InterfaceName = std::array<char, IFNAMSIZ>;
-
-InterfaceName CutName(const std::string& name) {
-    InterfaceName cut{};
-    name.copy(cut.data(), cut.size() - 1);
-    return cut;
-}
-
-/// A socket to send requests to the kernel through; the failure is logged.
-int OpenRequestSocket() {
-    const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (opened < 0) {
-        ZEL_ERROR("Can't create socket because of '%s'", std::strerror(errno));
-    }
-    return opened;
-}
-
-/// `address` in network byte order.
-sockaddr ToSocketAddress(in_addr_t address) {
-    sockaddr_in internet{};
-    internet.sin_family = AF_INET;
-    internet.sin_addr.s_addr = address;
-    sockaddr generic{};
-    std::memcpy(&generic, &internet, sizeof generic);
-    return generic;
-}
-
-rtentry MakeRoute(unsigned short flags, long long destination) {
-    rtentry route{};
-    route.rt_dst = ToSocketAddress(static_cast<in_addr_t>(destination));
-    route.rt_flags = flags;
-    return route;
-}
 
 bool ReadAddress(const ZelConfig& config, const char* key, const char* message, in_addr_t& out) {
     const std::string text = config.Get(key);
@@ -86,55 +42,16 @@ NetDevice::NetDevice(std::string interface, const Context& context, AddressMode 
     : name_(std::move(interface)), mode_(mode), context_(context) {}
 
 int NetDevice::InterfaceRequest(ifreq* request, unsigned long code) const {
-    return InterfaceRequest(name_, request, code);
-}
-
-int NetDevice::InterfaceRequest(const std::string& interface, ifreq* request, unsigned long code) {
-    if (request == nullptr) {
-        return kRequestFailed;
-    }
-    const InterfaceName name = CutName(interface);
-    std::memcpy(request->ifr_name, name.data(), name.size());
-    const SocketGuard socketGuard(OpenRequestSocket());
-    if (socketGuard.Get() < 0) {
-        return kNoSocket;
-    }
-    if (ioctl(socketGuard.Get(), code, request) != -1) {
-        return 0;
-    }
-    switch (errno) {
-        case ENODEV:
-            ZEL_ERROR("errno: ERR_NO_SUCH_DEVICE");
-            return kNoSuchDevice;
-        case EOPNOTSUPP:
-            ZEL_ERROR("errno: ERR_NOT_SUPPORTED");
-            return kNotSupported;
-        case EADDRNOTAVAIL:
-            ZEL_ERROR("errno: EADDRNOTAVAIL -> %s", std::strerror(errno));
-            return kAddressNotAvailable;
-        default:
-            ZEL_ERROR("errno: %d -> %s", errno, std::strerror(errno));
-            return kRequestFailed;
-    }
+    return NetRequests::Send(name_, request, code);
 }
 
 int NetDevice::HasLink() {
     return 1;
 }
 
-int NetDevice::ChangeFlags(short set, short cleared) {
-    ifreq request{};
-    const int status = InterfaceRequest(&request, SIOCGIFFLAGS);
-    if (status != 0) {
-        return status;
-    }
-    request.ifr_flags = static_cast<short>((request.ifr_flags | set) & ~cleared);
-    return InterfaceRequest(&request, SIOCSIFFLAGS);
-}
-
 int NetDevice::EnableInterface() {
     ZEL_INFO("Enable interface '%s'", name_.c_str());
-    return ChangeFlags(IFF_UP | IFF_RUNNING, 0);
+    return NetRequests::ChangeFlags(name_, IFF_UP | IFF_RUNNING, 0);
 }
 
 int NetDevice::DisableInterface() {
@@ -144,23 +61,17 @@ int NetDevice::DisableInterface() {
         return -1;
     }
     // Unlike on the way up, IFF_RUNNING stays as it is.
-    return ChangeFlags(0, IFF_UP);
-}
-
-int NetDevice::SetAddress(in_addr_t address, unsigned long code) {
-    ifreq request{};
-    request.ifr_addr = ToSocketAddress(address);
-    return InterfaceRequest(&request, code);
+    return NetRequests::ChangeFlags(name_, 0, IFF_UP);
 }
 
 int NetDevice::SetIp(in_addr_t address) {
     ZEL_INFO("Setting ip of interface '%s' to '%u'", name_.c_str(), address);
-    return SetAddress(address, SIOCSIFADDR);
+    return NetRequests::SetAddress(name_, address, SIOCSIFADDR);
 }
 
 int NetDevice::SetNetmask(in_addr_t address) {
     ZEL_INFO("Setting netmask of interface '%s' to '%u'", name_.c_str(), address);
-    return SetAddress(address, SIOCSIFNETMASK);
+    return NetRequests::SetAddress(name_, address, SIOCSIFNETMASK);
 }
 
 int NetDevice::SetNetmask(const StaticValues& values) {
@@ -183,41 +94,14 @@ int NetDevice::DoSetGateway(unsigned short flags, long long dst, long long gw, l
               "int NetDevice::DoSetGateway(short unsigned int, long long int, long long int, long "
               "long int)",
               dst, gw, mask);
-    const SocketGuard socketGuard(OpenRequestSocket());
-    if (socketGuard.Get() < 0) {
-        return -1;
-    }
-    InterfaceName name = CutName(name_);
-    rtentry route = MakeRoute(flags, dst);
-    route.rt_gateway = ToSocketAddress(static_cast<in_addr_t>(gw));
-    route.rt_genmask = ToSocketAddress(static_cast<in_addr_t>(mask));
-    route.rt_dev = name.data();
-    if (ioctl(socketGuard.Get(), SIOCADDRT, &route) == 0) {
-        return 0;
-    }
-    const int error = errno;
-    ZEL_ERROR("ioctl error: %d %s", error, std::strerror(error));
-    // The route that is wanted may stand from an earlier start.
-    return error == EEXIST ? 0 : -1;
+    return NetRequests::AddRoute(name_, flags, {dst, gw, mask});
 }
 
 int NetDevice::DoDelGateway(unsigned short flags, long long dst, long long gw) {
     ZEL_DEBUG("%s %d %llx %llx",
               "int NetDevice::DoDelGateway(short unsigned int, long long int, long long int)",
               flags, dst, gw);
-    const SocketGuard socketGuard(OpenRequestSocket());
-    if (socketGuard.Get() < 0) {
-        return -1;
-    }
-    // What is not there need not be deleted.
-    rtentry throughGateway = MakeRoute(flags, dst);
-    throughGateway.rt_gateway = ToSocketAddress(static_cast<in_addr_t>(gw));
-    static_cast<void>(ioctl(socketGuard.Get(), SIOCDELRT, &throughGateway));
-    InterfaceName name = CutName(name_);
-    rtentry throughDevice = MakeRoute(kHostRoute, dst);
-    throughDevice.rt_dev = name.data();
-    static_cast<void>(ioctl(socketGuard.Get(), SIOCDELRT, &throughDevice));
-    return 0;
+    return NetRequests::DeleteRoute(name_, flags, dst, gw);
 }
 
 int NetDevice::SetHostGateway() {
@@ -252,36 +136,7 @@ int NetDevice::DelDefaultGateway() {
 
 int NetDevice::GetGateway(long long& gateway) const {
     ZEL_DEBUG("%s %s", "int NetDevice::GetGateway(long long int&)", name_.c_str());
-    std::ifstream file(kRouteFile);
-    if (!file) {
-        ZEL_ERROR("Can't open file because of '%s'", std::strerror(errno));
-        return -1;
-    }
-    unsigned long long found = 0;
-    std::string line;
-    while (std::getline(file, line)) {
-        std::array<char, IFNAMSIZ> interface {};
-        std::array<char, 16> destination{};
-        std::array<char, 16> word{};
-        std::array<char, 16> flags{};
-        if (std::sscanf(line.c_str(), "%15s %15s %15s %15s", interface.data(), destination.data(),
-                        word.data(), flags.data()) != 4) {
-            continue;
-        }
-        ZEL_DEBUG("%s, %s, %s, %s", interface.data(), destination.data(), word.data(),
-                  flags.data());
-        // The flags are hexadecimal; their last decimal digit tells RTF_UP just as well.
-        if (name_ == interface.data() && std::string_view(destination.data()) == "00000000" &&
-            std::strtol(flags.data(), nullptr, 10) % 2 != 0) {
-            // The address word as it lies in memory, in eight digits.
-            constexpr int kHexadecimal = 16;
-            found = std::strtoull(std::string(word.data(), 8).c_str(), nullptr, kHexadecimal);
-            ZEL_DEBUG("set %s %llx", interface.data(), found);
-        }
-    }
-    ZEL_DEBUG("Gateway: %llx", found);
-    gateway = static_cast<long long>(found);
-    return 0;
+    return NetRequests::ReadGateway(name_, gateway);
 }
 
 std::string NetDevice::DhcpPidFile() const {

@@ -8,9 +8,9 @@
 #include "DiscoverModeCtrl.h"
 #include "ZelConfig.h"
 
-/// A network interface that the agent drives: its flags, its IPv4 address and its routes. Every
-/// request to the kernel about it is made here; DHCP (RFC 2131), link-local addresses (RFC 3927)
-/// and gratuitous ARP (RFC 5227) are the board's tools. Operations return 0 or a negative status.
+/// A network interface that the agent drives: its flags, its IPv4 address and its routes. DHCP (RFC
+/// 2131), link-local addresses (RFC 3927) and gratuitous ARP (RFC 5227) are the board's tools.
+/// Operations return 0 or a negative status (NetRequests).
 /// Takes no lock: one interface is configured by one thread at a time.
 class NetDevice {
 public:
@@ -22,13 +22,6 @@ public:
         /// As "network.config.discover.mode" says when the interface is configured first.
         kConfigured = 3
     };
-
-    // Statuses of requests to the kernel.
-    static constexpr int kNoSocket = -1;
-    static constexpr int kNoSuchDevice = -2;
-    static constexpr int kNotSupported = -3;
-    static constexpr int kAddressNotAvailable = -4;
-    static constexpr int kRequestFailed = -5;
 
     /// What every interface works on; it outlives the interface.
     struct Context {
@@ -101,16 +94,12 @@ public:
     const std::string& Name() const { return name_; }
 
 protected:
-    /// Sends a request whose structure begins with an interface name, as ifreq and iwreq do. The
-    /// name is filled in: this interface's, or `interface`.
+    /// Sends a request about this interface (NetRequests::Send).
     int InterfaceRequest(ifreq* request, unsigned long code) const;
-    static int InterfaceRequest(const std::string& interface, ifreq* request, unsigned long code);
 
     const ZelConfig& Config() const { return context_.config; }
 
 private:
-    int SetAddress(in_addr_t address, unsigned long code);
-    int ChangeFlags(short set, short cleared);
     int DoSetGateway(unsigned short flags, long long dst, long long gw, long long mask);
     int DoDelGateway(unsigned short flags, long long dst, long long gw);
     int StartDhcp();

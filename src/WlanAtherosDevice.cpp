@@ -10,6 +10,7 @@
 #include <linux/wireless.h>
 
 #include "BusDevices.h"
+#include "NetRequests.h"
 #include "NetworkAttributes.h"
 #include "Shell.h"
 #include "ZelLogging.h"
@@ -68,7 +69,7 @@ int WlanAtherosDevice::CreateInterface() {
     clone.flags = kParentBssid;
     ifreq request{};
     request.ifr_data = reinterpret_cast<char*>(&clone);
-    return InterfaceRequest(kParentDevice, &request, kCloneRequest);
+    return NetRequests::Send(kParentDevice, &request, kCloneRequest);
 }
 
 int WlanAtherosDevice::SetSsid() {
@@ -119,7 +120,7 @@ int WlanAtherosDevice::SetChainmaskAndBandwidth() {
 int WlanAtherosDevice::DoIo(ifreq* request, unsigned long code) {
     const int status = InterfaceRequest(request, code);
     ZEL_DEBUG("DoIo returned %d", status);
-    if (status != kNoSuchDevice) {
+    if (status != NetRequests::kNoSuchDevice) {
         return status;
     }
     if (BusDevices::HasAtherosCard()) {
