@@ -3,6 +3,8 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <iomanip>
+#include <sstream>
 #include <vector>
 
 #include "NetDevice.h"
@@ -130,6 +132,68 @@ TEST_F(NetDeviceTest, TheFirstConfigurationSettlesTheMode) {
             EXPECT_TRUE(Routes().ends_with(slpRoutes));
         }
     }
+}
+
+/// Fills in addresses as their words print: "[d 10.1.0.1]", "[x ...]" in hexadecimal, "[8 ...]" in
+/// eight digits of it.
+std::string WithWords(const std::string& text) {
+    std::ostringstream out;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] != '[') {
+            out << text[at];
+            continue;
+        }
+        const std::size_t end = text.find(']', at);
+        const char format = text[at + 1];
+        out << (format == 'd' ? std::dec : std::hex) << std::setw(format == '8' ? 8 : 0)
+            << std::setfill('0') << inet_addr(text.substr(at + 3, end - at - 3).c_str());
+        at = end;
+    }
+    return out.str();
+}
+
+TEST_F(NetDeviceTest, WhatIsLogged) {
+    const std::string expected = WithWords(R"(debug pid file '/var/run/udhcpc_t0.pid' dosn't exist
+info Network mode is static
+info Enable interface 't0'
+info Setting ip of interface 't0' to '[d 10.1.0.5]'
+info Setting netmask of interface 't0'
+info Setting netmask of interface 't0' to '[d 255.255.0.0]'
+info Setting gateway of interface 't0'
+info Setting gateway of interface 't0' to '[d 10.1.0.1]'
+debug int NetDevice::DoSetGateway(short unsigned int, long long int, long long int, long long int) 0 [x 10.1.0.1] 0
+debug int NetDevice::DelHostGateway()
+debug int NetDevice::DoDelGateway(short unsigned int, long long int, long long int) 1 [x 239.255.255.253] 0
+debug int NetDevice::DoDelGateway(short unsigned int, long long int, long long int) 1 [x 239.255.1.1] 0
+debug int NetDevice::SetHostGateway()
+debug int NetDevice::DoSetGateway(short unsigned int, long long int, long long int, long long int) [d 239.255.255.253] 0 ffffffff
+debug int NetDevice::DoSetGateway(short unsigned int, long long int, long long int, long long int) [d 239.255.1.1] 0 ffffffff
+debug Open pipe '/usr/bin/arping -b -c 1 -U -I t0 0.0.0.0'
+debug Read pipe ''
+info TAVOD: '0'
+debug int NetDevice::DelDefaultGateway()
+debug int NetDevice::GetGateway(long long int&) t0
+debug Iface, Destination, Gateway, Flags
+debug t0, 00000000, [8 10.1.0.1], 0003
+debug set t0 [x 10.1.0.1]
+debug t0, [8 10.1.0.0], 00000000, 0001
+debug t0, [8 239.255.1.1], 00000000, 0005
+debug t0, [8 239.255.255.253], 00000000, 0005
+debug Gateway: [x 10.1.0.1]
+info Current Gateway: [d 10.1.0.1]
+debug int NetDevice::DoDelGateway(short unsigned int, long long int, long long int) 3 0 [x 10.1.0.1]
+)");
+    Ip("link del eth0");
+    Set(kModeKey, "202");
+    Set("diag.connected.tavo_d", "0");
+    std::filesystem::resize_file(ZelLogging::kLogFile, 0);
+    EXPECT_EQ(device_.ConfigureInterface(), 0);
+    EXPECT_EQ(device_.DelDefaultGateway(), 0);
+    // The board's emulator lists routes in lower case.
+    EXPECT_EQ(Run(std::string("sed -E 's/^\\S+ \\S+ +(\\w+) +[0-9]+ +/\\1 /; "
+                              "/^debug t0,/s/.*/\\L&/' ") +
+                  ZelLogging::kLogFile + " | head -n -1"),
+              expected);
 }
 
 TEST_F(NetDeviceTest, WithoutALeaseTheAddressIsLinkLocal) {
