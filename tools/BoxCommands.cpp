@@ -83,6 +83,7 @@ Outcome Find(const Options& options) {
         return !options.serial.empty() && box.HasSerial(options.serial);
     };
     std::vector<Box> boxes = BoxFinder::Find(options.wait, isEnough);
+    const bool isAnyWanted = IsWanted(Box(), options);
     std::erase_if(boxes, [&options](const Box& box) { return !IsWanted(box, options); });
     if (options.json) {
         std::string list;
@@ -95,11 +96,12 @@ Outcome Find(const Options& options) {
         std::transform(boxes.begin(), boxes.end(), std::back_inserter(lines), BoxTable::MakeLine);
         std::fputs(BoxTable::Render(lines, BoxTable::ShowsColors()).c_str(), stdout);
     }
-    if (boxes.empty()) {
-        return {ExitStatus::kUnreachable,
-                "no such box answers on this network; wait longer (--wait), or ask for less"};
+    if (!boxes.empty()) {
+        return {};
     }
-    return {};
+    return {ExitStatus::kUnreachable, std::string(isAnyWanted ? "no box" : "no such box") +
+                                          " answers on this network; wait longer (--wait)" +
+                                          (isAnyWanted ? "" : ", or ask for less")};
 }
 
 Outcome Watch(const Options& options) {
@@ -126,7 +128,8 @@ Outcome Watch(const Options& options) {
         }
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
-        if (interruption.WithinTime(std::max(left, std::chrono::milliseconds(0)))) {
+        if (std::ferror(stdout) != 0 ||
+            interruption.WithinTime(std::max(left, std::chrono::milliseconds(0)))) {
             return {};
         }
     }

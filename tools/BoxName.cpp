@@ -73,9 +73,14 @@ Outcome ChooseOnly(const std::vector<Box>& boxes, BoxAddress& address) {
                                     (boxes.size() > kMaxListed ? ", ..." : "")};
 }
 
-Outcome Resolve(const Options& options, BoxAddress& address) {
+Outcome Resolve(const Options& options, BoxAddress& address,
+                const std::function<bool(const Box&)>& isPreferred) {
     if (options.box.empty()) {
-        return ChooseOnly(BoxFinder::Find(options.wait), address);
+        std::vector<Box> boxes = BoxFinder::Find(options.wait);
+        if (isPreferred && std::any_of(boxes.begin(), boxes.end(), isPreferred)) {
+            std::erase_if(boxes, std::not_fn(isPreferred));
+        }
+        return ChooseOnly(boxes, address);
     }
     const std::optional<Parts> parts = Split(options.box);
     if (!parts) {

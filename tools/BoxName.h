@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,7 +23,9 @@ struct Parts {
 std::optional<Parts> Split(const std::string& name);
 
 /// Searches the network where the name is no address. Fails with the choice when there is one.
-Outcome Resolve(const Options& options, BoxAddress& address);
+/// Where no name was given and `isPreferred` is true of a box, the others do not count.
+Outcome Resolve(const Options& options, BoxAddress& address,
+                const std::function<bool(const Box&)>& isPreferred = {});
 
 /// The only box; a failure lists them when there are more.
 Outcome ChooseOnly(const std::vector<Box>& boxes, BoxAddress& address);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string_view>
 
 #include "SafeText.h"
 
@@ -85,8 +86,11 @@ std::string Render(const std::vector<Line>& lines, bool colored) {
 }
 
 bool ShowsColors() {
-    const char* const refused = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
+    const auto variable = [](const char* name) -> std::string_view {
+        const char* const value = std::getenv(name);
+        return value == nullptr ? "" : value;
+    };
+    return isatty(STDOUT_FILENO) == 1 && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
 }
 
 }  // namespace BoxTable

@@ -30,7 +30,8 @@ Line MakeLine(const Box& box);
 /// colours and what has changed.
 std::string Render(const std::vector<Line>& lines, bool colored);
 
-/// Whether standard output shows colours: it is a terminal, and NO_COLOR is not set.
+/// Whether standard output shows colours: it is a terminal that knows them, and NO_COLOR is not
+/// set.
 bool ShowsColors();
 
 }  // namespace BoxTable

@@ -11,6 +11,7 @@
 #include "BoxCommands.h"
 #include "ConnectorCommands.h"
 #include "FileCommands.h"
+#include "Revision.h"
 #include "SafeText.h"
 
 namespace CommandLine {
@@ -99,10 +100,12 @@ constexpr Command kCommands[] = {
 
 constexpr char kBoxHelp[] =
     "BOX is an address or a host name (:PORT may follow), a serial number or a device\n"
-    "id. It may be left out when there is only one box on the network.\n\n";
+    "id. It may be left out when there is only one box on the network, or only one that\n"
+    "is reserved from here, if the command needs a reservation.\n\n";
 constexpr char kStatusHelp[] =
     "Exit status: 0 done; 1 the box refuses; 2 wrong usage; 3 no such box, or it cannot\n"
-    "be reached; 4 the answer is a fault or is not understood.";
+    "be reached; 4 the answer is a fault or is not understood; 5 the output cannot be\n"
+    "written.";
 
 class HelpFormatter : public CLI::Formatter {
 public:
@@ -224,18 +227,31 @@ bool TakeWords(std::vector<std::string> words, std::size_t count, bool hasParame
 
 Parsed Parse(int argc, const char* const* argv) {
     Parsed parsed;
+    const std::string first = argc > 1 ? argv[1] : "";
+    const bool isCommand =
+        std::any_of(std::begin(kCommands), std::end(kCommands),
+                    [&first](const Command& command) { return command.name == first; });
+    if (!isCommand && !first.starts_with('-')) {
+        std::fprintf(stderr, "zelctl: %s (zelctl --help)\n",
+                     first.empty() ? "tell it what to do"
+                                   : ("no command '" + SafeText::Line(first) + "'").c_str());
+        parsed.status = ExitStatus::kUsage;
+        return parsed;
+    }
     // Each command has defaults of its own: only the chosen one's reading counts.
     std::vector<Reading> readings(std::size(kCommands));
     CLI::App app("Finds, reserves and uses the boxes on the network.", "zelctl");
     app.require_subcommand(1);
     app.set_help_flag("-h,--help", "Print this help");
+    app.set_version_flag("--version", std::string("zelctl ") + kRevision, "Print the version");
     app.formatter(std::make_shared<HelpFormatter>("COMMAND [WORDS] [OPTIONS]"));
     app.footer(std::string(kBoxHelp) + kStatusHelp +
                "\n\nExamples:\n  zelctl find\n  zelctl reserve TAVO0012345 --owner me\n"
                "  zelctl command TAVO0012345 vehicle voltage\n  zelctl release TAVO0012345\n\n"
                "zelctl COMMAND --help tells more of a command.");
-    app.failure_message([](const CLI::App* /*app*/, const CLI::Error& error) {
-        return "zelctl: " + SafeText::Line(error.what()) + " (zelctl --help)\n";
+    app.failure_message([&](const CLI::App* /*app*/, const CLI::Error& error) {
+        return "zelctl: " + SafeText::Line(error.what()) + " (zelctl " +
+               (isCommand ? first + " " : "") + "--help)\n";
     });
     try {
         for (std::size_t i = 0; i < std::size(kCommands); ++i) {
@@ -259,7 +275,7 @@ Parsed Parse(int argc, const char* const* argv) {
                       (command.taken & kParameters) != 0, parsed.options)) {
             parsed.run = command.run;
         } else {
-            std::fprintf(stderr, "zelctl: it is: zelctl %s %s (zelctl %s --help)\n", command.name,
+            std::fprintf(stderr, "zelctl: usage: zelctl %s %s (zelctl %s --help)\n", command.name,
                          command.words, command.name);
             parsed.status = ExitStatus::kUsage;
         }

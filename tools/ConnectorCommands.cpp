@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <utility>
 
 #include "BoxName.h"
@@ -61,8 +62,9 @@ struct Session {
 };
 
 /// Finds the box and asks who it is.
-Outcome Begin(const Options& options, Session& session) {
-    Outcome outcome = BoxName::Resolve(options, session.address);
+Outcome Begin(const Options& options, Session& session,
+              const std::function<bool(const Box&)>& isPreferred = {}) {
+    Outcome outcome = BoxName::Resolve(options, session.address, isPreferred);
     if (!outcome.Failed()) {
         outcome = SoapClient::Call(session.address, SoapClient::kConnector,
                                    "<getDeviceInformation/>", options.timeout, session.information);
@@ -72,6 +74,14 @@ Outcome Begin(const Options& options, Session& session) {
                    session.address.ToText() + " does not say what it is; is it a box?"};
     }
     return outcome;
+}
+
+/// As Begin(); the box that is reserved from here need not be named.
+Outcome BeginWithReserved(const Options& options, Session& session) {
+    return Begin(options, session, [&options](const Box& box) {
+        return options.handle.empty() && box.State() == "reserved" &&
+               !HandleStore::Get(box.DeviceId()).empty();
+    });
 }
 
 /// The handle that goes with a call: as given, or as kept; it may be empty.
@@ -110,7 +120,7 @@ Outcome Call(const Options& options, const Session& session, const std::string& 
     std::string text =
         session.Name() + " refuses, code " + std::to_string(*error) + ": " + Meaning(*error);
     const std::string owner = session.Value("sessionOwnerOrNull");
-    if (*error == kReservedAlready && !owner.empty()) {
+    if ((*error == kReservedAlready || *error == kWrongHandle) && !owner.empty()) {
         text += " by '" + owner + "'";
     }
     return {ExitStatus::kRefused, text};
@@ -132,8 +142,12 @@ bool IsHandle(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
 }
 
-/// People read addresses dotted, not as the signed number that the service gives.
+/// The state in words, as zelctl find has it; addresses dotted, not as the signed number that the
+/// service gives.
 std::string Readable(std::string_view name, const std::string& value) {
+    if (name == "state") {
+        return Box{"", {{"State", value}}}.State();
+    }
     constexpr std::string_view kAddresses[] = {"ip", "ip4Address", "gateway", "netmask"};
     std::int32_t number = 0;
     const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
@@ -246,9 +260,9 @@ Outcome Reserve(const Options& options) {
     std::puts(handle.c_str());
     if (!HandleStore::Put(session.DeviceId(), handle)) {
         const std::string path = HandleStore::PathOf(session.DeviceId());
-        std::fprintf(stderr,
-                     "zelctl: the handle cannot be kept in '%s'; give --handle from now on\n",
-                     path.c_str());
+        const std::string why = path.empty() ? ", for HOME is not set" : " in '" + path + "'";
+        std::fprintf(stderr, "zelctl: the handle cannot be kept%s; give --handle from now on\n",
+                     why.c_str());
     }
     return {};
 }
@@ -256,7 +270,7 @@ Outcome Reserve(const Options& options) {
 Outcome Release(const Options& options) {
     Session session;
     std::string handle;
-    Outcome outcome = Begin(options, session);
+    Outcome outcome = BeginWithReserved(options, session);
     if (!outcome.Failed()) {
         outcome = NeedHandle(options, session, handle);
     }
@@ -284,7 +298,7 @@ Outcome Lock(const Options& options) {
     }
     Session session;
     std::string handle;
-    outcome = Begin(options, session);
+    outcome = BeginWithReserved(options, session);
     if (!outcome.Failed()) {
         outcome = NeedHandle(options, session, handle);
     }
@@ -303,7 +317,7 @@ Outcome Mode(const Options& options) {
                                         "' is no mode; give dhcp, linklocal or configured"};
     }
     Session session;
-    const Outcome outcome = Begin(options, session);
+    const Outcome outcome = BeginWithReserved(options, session);
     Answer answer;
     // A free box needs no handle.
     return outcome.Failed()
@@ -318,7 +332,7 @@ Outcome Mode(const Options& options) {
 Outcome Command(const Options& options) {
     Session session;
     std::string handle;
-    Outcome outcome = Begin(options, session);
+    Outcome outcome = BeginWithReserved(options, session);
     if (!outcome.Failed()) {
         outcome = NeedHandle(options, session, handle);
     }

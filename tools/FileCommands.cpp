@@ -20,8 +20,8 @@ void Print(const std::string& text) {
     std::fflush(stdout);
 }
 
-/// Until the user ends it: a box that restarts comes back.
-[[noreturn]] void Follow(const Options& options, const BoxAddress& box, const std::string& first) {
+/// Until the user ends it, or nothing can be written: a box that restarts comes back.
+void Follow(const Options& options, const BoxAddress& box, const std::string& first) {
     const auto older = [&] {
         std::string text;
         const Outcome outcome = HttpClient::Get(box, kOlderLog, options.timeout, text);
@@ -30,7 +30,7 @@ void Print(const std::string& text) {
     LogFollower follower;
     Print(follower.Next(first, older));
     bool isLost = false;
-    for (;;) {
+    while (std::ferror(stdout) == 0) {
         std::this_thread::sleep_for(kPollInterval);
         std::string text;
         const Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text);
@@ -56,8 +56,9 @@ Outcome Log(const Options& options) {
     if (!outcome.Failed()) {
         if (options.follow) {
             Follow(options, box, text);
+        } else {
+            Print(text);
         }
-        Print(text);
     }
     return outcome;
 }

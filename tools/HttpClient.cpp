@@ -63,7 +63,8 @@ Outcome Exchange(const BoxAddress& box, const std::string& request,
     }
     HttpMessageReader reader(socket.Get(), timeout);
     if (!reader.ReadHead(response)) {
-        return Unreachable(box, "it does not answer");
+        return {ExitStatus::kUnreachable,
+                box.ToText() + " is reached, but does not answer; is it a box?"};
     }
     const bool hasBody = response.chunked || response.contentLength != 0;
     if (hasBody && !reader.ReadBody(response)) {
@@ -78,9 +79,9 @@ std::string Head(const BoxAddress& box, const char* method, const std::string& p
            "\r\nConnection: close\r\n";
 }
 
-Outcome WrongStatus(const BoxAddress& box, const std::string& path, int status) {
+Outcome NoDocument(const BoxAddress& box, const std::string& path, int status) {
     return {ExitStatus::kNotUnderstood, box.ToText() + " answers " + std::to_string(status) +
-                                            " for " + path + "; is it a box?"};
+                                            ", and no document, for " + path + "; is it a box?"};
 }
 
 }  // namespace
@@ -89,10 +90,10 @@ Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::millise
             std::string& body) {
     HttpRequest response;
     Outcome outcome = Exchange(box, Head(box, "GET", path) + "\r\n", timeout, response);
-    if (!outcome.Failed() && response.status != kOk) {
-        outcome = WrongStatus(box, path, response.status);
-    }
     body = response.body.value_or("");
+    if (!outcome.Failed() && (response.status != kOk || body.empty())) {
+        outcome = NoDocument(box, path, response.status);
+    }
     return outcome;
 }
 
@@ -105,7 +106,7 @@ Outcome Post(const BoxAddress& box, const std::string& path, const std::string& 
     Outcome outcome = Exchange(box, request, timeout, response);
     body = response.body.value_or("");
     if (!outcome.Failed() && body.empty()) {
-        outcome = WrongStatus(box, path, response.status);
+        outcome = NoDocument(box, path, response.status);
     }
     return outcome;
 }

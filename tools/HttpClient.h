@@ -19,7 +19,7 @@ struct BoxAddress {
 /// the answer.
 namespace HttpClient {
 
-/// Gets a document; any status but 200 is a failure.
+/// Gets a document; any status but 200 is a failure, and so is an empty one.
 Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
             std::string& body);
 

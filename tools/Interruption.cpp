@@ -2,7 +2,9 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
+#include <array>
 #include <csignal>
 
 Interruption::Interruption() {
@@ -15,6 +17,6 @@ Interruption::Interruption() {
 }
 
 bool Interruption::WithinTime(std::chrono::milliseconds time) const {
-    pollfd polled{descriptor_.Get(), POLLIN, 0};
-    return poll(&polled, 1, static_cast<int>(time.count())) > 0;
+    std::array<pollfd, 2> polled{{{descriptor_.Get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
+    return poll(polled.data(), polled.size(), static_cast<int>(time.count())) > 0;
 }

@@ -4,14 +4,15 @@
 
 #include "SocketGuard.h"
 
-/// Turns SIGINT and SIGTERM, from its making on, into something that can be waited for.
+/// Turns SIGINT and SIGTERM, from its making on, into something that can be waited for. That nobody
+/// reads standard output any more counts as well.
 class Interruption {
 public:
     Interruption();
 
-    /// Can be read once there was a signal.
+    /// Can be read once there was a signal (not the rest).
     int Descriptor() const { return descriptor_.Get(); }
-    /// Whether there was a signal, or comes one in that time.
+    /// Whether it was, or is in that time.
     bool WithinTime(std::chrono::milliseconds time) const;
 
 private:

@@ -10,8 +10,11 @@ int main(int argc, char** argv) {
     if (parsed.run == nullptr) {
         return static_cast<int>(parsed.status);
     }
-    const Outcome outcome = parsed.run(parsed.options);
-    std::fflush(stdout);
+    Outcome outcome = parsed.run(parsed.options);
+    const bool isWritten = std::fflush(stdout) == 0 && std::ferror(stdout) == 0;
+    if (!isWritten && !outcome.Failed()) {
+        outcome = {ExitStatus::kNotWritten, "standard output cannot be written; is the disk full?"};
+    }
     if (outcome.Failed()) {
         constexpr std::size_t kMaxText = 1000;
         std::string text = outcome.text;

@@ -85,9 +85,12 @@ def test_who_is_not_there_or_is_no_box():
     for wrong in (["info", ":80"], ["mode", box.BOX, "x"], ["lock", "x"],
                   ["reserve", "--owner", "me", "--lock", "x"], ["reserve"], ["find", "x"], ["x"], []):
         zelctl(*wrong, status=2)
+    with open("/dev/full", "w") as full:
+        done = subprocess.run([*IN_CLIENT, ZELCTL, "wsdl", box.BOX], stdout=full, stderr=subprocess.PIPE, text=True)
+    assert done.returncode == 5 and "cannot be written" in done.stderr
 
 
-def test_several_boxes_some_hostile():
+def test_several_boxes_some_hostile(tmp_path):
     one = "(Serial=TAVO7),(DevId=one),(State=5),(Owner=me),(State=4),(Color=#be1110),(NetworkType=1),(SignalStrength=7)"
     with workshop.other_boxes(one, f"(Serial={HOSTILE}),(Owner={HOSTILE * 20}),({HOSTILE}=1),(Color=#zzzzzz)", "((((=),(Serial=TAVO9),("):
         addresses = [found["address"] for found in json.loads(zelctl("find", "--json"))]
@@ -97,6 +100,12 @@ def test_several_boxes_some_hostile():
         assert hostile["Serial"] == HOSTILE and hostile[HOSTILE] == "1"
         assert "4 boxes answer, name one: 192.168.68.42 (TAVO0012345), 192.168.70.1" in zelctl("info", status=2)
         assert "192.168.70.3:5302 cannot be reached" in zelctl("info", "9", status=3)
+        soon = lambda *arguments, status=0: zelctl(*arguments, "--wait", "0.5", status=status, XDG_STATE_HOME=str(tmp_path))
+        assert "name one" in soon("release", status=2)
+        soon("reserve", box.BOX, "--owner", "me")
+        assert "kl30" in soon("command", "vehicle", "voltage")
+        soon("release")
+        assert "name one" in soon("release", status=2)
 
 
 def follow(*arguments):
