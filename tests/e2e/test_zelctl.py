@@ -117,6 +117,24 @@ def end(process):
     return process.wait(20)
 
 
+def test_five_boxes_at_work(tmp_path):
+    boxes = subprocess.Popen(["workshop/boxes"], stdout=subprocess.PIPE, text=True)
+    assert any(line.startswith("Ctrl-C") for line in boxes.stdout)
+    found = {each["name"]: each for each in json.loads(zelctl("find", "--json"))}
+    assert [(name, found[name]["color"], found[name]["state"], found[name]["owner"]) for name in sorted(found)[1:]] == [
+        ("bay-1", "green", "free", ""), ("bay-2", "blue", "reserved", "alice"),
+        ("bay-3", "yellow", "free", ""), ("bay-4", "grey", "reserved", "bob")]
+    call = lambda *arguments, status=0: zelctl(*arguments, status=status, XDG_STATE_HOME=str(tmp_path))
+    call("reserve", "bay-3", "--owner", "me")
+    assert "no handle" in call("release", "bay-2", status=2)
+    assert call("command", "vehicle", "voltage").endswith("kl30=12300\n")
+    call("release")
+    assert json.loads(call("info", "0012348", "--json"))["state"] == "free"
+    boxes.send_signal(signal.SIGINT)
+    assert boxes.wait(30) == 0
+    assert len(json.loads(zelctl("find", "--json"))) == 1
+
+
 def test_watch_tells_changes():
     watch = follow("watch", "--interval", "1")
     assert f"{box.BOX} ({box.DEVICE_ID}) is there, free" in watch.stdout.readline()
