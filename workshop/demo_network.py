@@ -3,9 +3,9 @@
 import re
 import subprocess
 
-from stage import (BOLD, BOX, CONFIGURATION, PLAIN, PROJECT, check, client, field, log,
+from stage import (BOLD, BOX, CONFIGURATION, DEVICE_ID, PLAIN, PROJECT, REFUSED, check, log,
                    log_of_this_start, setting, start_agent, start_manager, stop, title,
-                   wait_until, wait_until_serving)
+                   wait_until, wait_until_serving, zelctl)
 
 NETWORK = PROJECT / "workshop/network"
 WLAN_BOX = "192.168.68.43"
@@ -79,9 +79,9 @@ def start(configuration):
 
 def find_box(expected):
     """The client finds the box by multicast and reads its information at that address."""
-    found = client("find", only="asks|answers|IpAddress|NetworkType")
-    check(f"{expected} answers" in found, f"it is found at {expected}")
-    client("--host", expected, "info", only="asks|gateway|ip4Address|lanDiscoverMode|netmask")
+    found = zelctl("find", "--serial", DEVICE_ID)
+    check(expected in found.split(), f"it is found at {expected}")
+    zelctl("info", expected, only="gateway|ip4Address|lanDiscoverMode|netmask")
 
 
 def dhcp():
@@ -219,7 +219,7 @@ def cable_back():
 
     title("The cable is plugged back; the client has the box move to it")
     network("cable", "in")
-    client("--host", WLAN_BOX, "mode", "dhcp")
+    zelctl("mode", WLAN_BOX, "dhcp")
     wait_until(lambda: address() == BOX, "the box has the wired address only", 10)
     show("ip", "-4", "-o", "address")
     check(address("ra0") == "", "its WLAN card has no address any more")
@@ -239,23 +239,24 @@ def mode_switch():
     wait_until_serving(agent)
 
     title("A client reserves the box and has it take a link-local address")
-    handle = field(client("reserve", "--owner", "demo client"), "handle")
-    client("mode", "linklocal", "--handle", handle)
+    zelctl("reserve", DEVICE_ID, "--owner", "demo client")
+    zelctl("mode", DEVICE_ID, "linklocal")
     own = wait_until(lambda: LINK_LOCAL.fullmatch(address()), "only the new address is left", 10)[0]
     check(True, f"the answer has reached the client; the box has only {own} now")
     find_box(own)
 
     title("It switches the box back to DHCP")
-    client("--host", own, "mode", "dhcp", "--handle", handle)
+    zelctl("mode", own, "dhcp")
     wait_until(lambda: address() == BOX, "the box has the leased address only", 10)
     find_box(BOX)
-    client("release", "--handle", handle)
+    zelctl("release", DEVICE_ID)
 
     title("A switch to DHCP that cannot be: there is no server")
     network("dhcp", "stop")
-    client("mode", "dhcp", expect=17)
+    refusal = zelctl("mode", DEVICE_ID, "dhcp", status=REFUSED)
+    check("code 17" in refusal, "the client is told")
     own = wait_until(lambda: LINK_LOCAL.fullmatch(address()), "only the new address is left", 10)[0]
-    check(True, f"the client is told, and the box stays within reach at {own}")
+    check(True, f"and the box stays within reach at {own}")
     find_box(own)
     stop(agent)
 
