@@ -38,36 +38,11 @@ def build_request(options):
                 + element("owner", options.owner) + element("hostLock", options.lock)
                 + "</reserveDevice>"
             )
-        case "release":
-            return (
-                "<releaseDevice>" + element("handle", options.handle)
-                + element("deviceId", options.device) + "</releaseDevice>"
-            )
-        case "lock":
-            return (
-                "<setHostLock>" + element("handle", options.handle)
-                + element("hostLock", options.lock) + "</setHostLock>"
-            )
         case "mode":
             return (
                 "<switchMode>" + element("deviceId", options.device)
                 + element("mode", MODES[options.mode]) + element("handle", options.handle)
                 + "</switchMode>"
-            )
-        case "reset":
-            return "<resetTrigger15Edge/>"
-        case "command":
-            parameters = ""
-            for pair in options.parameters:
-                key, _, value = pair.partition("=")
-                parameters += (
-                    "<pParameters>" + element("key", key) + element("value", value)
-                    + "</pParameters>"
-                )
-            return (
-                "<executeGenericCommand>" + element("handle", options.handle)
-                + element("pSubSystem", options.subsystem) + element("pCommand", options.command)
-                + parameters + "</executeGenericCommand>"
             )
     return options.xml  # "raw"
 
@@ -138,7 +113,7 @@ def parse_arguments():
     parser.add_argument("--host", default="192.168.68.42")
     parser.add_argument("--port", type=int, default=5302)
     parser.add_argument("--device", default="TAVO0012345", help="device identifier of the box")
-    parser.add_argument("--quiet", action="store_true", help="print only the handle or the result")
+    parser.add_argument("--quiet", action="store_true", help="print only the handle or the fault")
     operations = parser.add_subparsers(dest="operation", required=True)
     find = operations.add_parser("find", help="find a box and show its attributes")
     find.add_argument("--wait", type=float, default=5, help="seconds to wait for an answer")
@@ -146,20 +121,9 @@ def parse_arguments():
     reserve = operations.add_parser("reserve", help="reserve the box; prints the handle")
     reserve.add_argument("--owner", required=True)
     reserve.add_argument("--lock", default="", help="the only host that may use the ports")
-    release = operations.add_parser("release", help="release the box")
-    release.add_argument("--handle", required=True)
-    lock = operations.add_parser("lock", help="lock the box to another host")
-    lock.add_argument("--handle", required=True)
-    lock.add_argument("--lock", required=True)
     mode = operations.add_parser("mode", help="switch the box to another way of addressing")
     mode.add_argument("mode", choices=MODES)
     mode.add_argument("--handle", default="", help="of the reservation; a free box needs none")
-    operations.add_parser("reset", help="forget the terminal-15 edge")
-    command = operations.add_parser("command", help="run a command on the vehicle interface")
-    command.add_argument("--handle", required=True)
-    command.add_argument("subsystem")
-    command.add_argument("command")
-    command.add_argument("parameters", nargs="*", metavar="key=value")
     raw = operations.add_parser("raw", help="send an operation element as it stands")
     raw.add_argument("xml")
     return parser.parse_args()
@@ -179,7 +143,7 @@ def main():
         return UNREACHABLE
     answer = root[0][0]
     if options.quiet:
-        print(find(root, "handle") or find(root, "value") or find(root, "faultstring") or "")
+        print(find(root, "handle") or find(root, "faultstring") or "")
     else:
         print("  answer:")
         show(answer)
