@@ -11,6 +11,9 @@ import pytest
 
 import box
 import workshop
+from workshop import network
+
+pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
 SWITCHES = int(os.environ.get("ZEL_SWITCHES", "30"))
 WLAN_BOX = "192.168.68.43"
@@ -26,19 +29,6 @@ $3 init; $3 config
 
 def run(*command):
     return subprocess.run(command, capture_output=True, text=True, check=True).stdout
-
-
-def network(*arguments):
-    run("workshop/network", *arguments)
-
-
-@pytest.fixture(autouse=True)
-def workshop_in_order():
-    """Every test begins and ends with the cable in, the DHCP server there, no adapter and no agent."""
-    yield
-    subprocess.run(["pkill", "-KILL", "-x", "Zel::main"])
-    for arguments in (("cable", "in"), ("dhcp", "start"), ("adapter", "none")):
-        network(*arguments)
 
 
 def addresses(device="eth0"):
@@ -85,19 +75,6 @@ def insert_card():
     run("ip", "link", "add", "eth0", "address", "02:00:00:12:34:56", "type", "veth", "peer", "name", "box",
         "netns", "/run/netns/switch")
     run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "box", "master", "bridge", "up")
-
-
-SCENARIOS = ("dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back", "mode-switch")
-
-
-@pytest.mark.parametrize("scenario", SCENARIOS)
-def test_demo_scenario(scenario):
-    box.LOG.unlink(missing_ok=True)
-    done = subprocess.run([sys.executable, "workshop/demo", "--scenario", scenario],
-                          capture_output=True, text=True, env={**os.environ, "ZEL_AGENT": box.AGENT})
-    assert done.returncode == 0, done.stdout[-4000:] + done.stderr
-    assert "The demo is complete." in done.stdout
-    box.check_output(pathlib.Path("/tmp/agent.out").read_text(errors="replace"))
 
 
 def test_a_restart_finds_its_own_address_in_place():

@@ -19,6 +19,11 @@ PLAIN = ("network.config.discover.mode=3\ntavo.color=white\ntavo.hostname=TAVO\n
          f"{ADDRESS_KEY}={MANAGER}\n")
 
 
+def network(*arguments):
+    """Changes the network around the box (workshop/network --help)."""
+    subprocess.run(["workshop/network", *arguments], check=True)
+
+
 class Manager:
     """The simulated manager in its own network; ends with the block."""
 

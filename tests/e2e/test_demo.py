@@ -1,0 +1,23 @@
+"""The stories that script/demo tells come to their end; they check every step themselves."""
+
+import os
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+import box
+
+pytestmark = pytest.mark.usefixtures("workshop_in_order")
+SCENARIOS = ("dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back", "mode-switch")
+
+
+@pytest.mark.parametrize("options", [[], *(["--scenario", name] for name in SCENARIOS)])
+def test_story(options):
+    box.LOG.unlink(missing_ok=True)
+    done = subprocess.run([sys.executable, "workshop/demo", *options],
+                          capture_output=True, text=True, env={**os.environ, "ZEL_AGENT": box.AGENT})
+    assert done.returncode == 0, done.stdout[-4000:] + done.stderr
+    assert "The demo is complete." in done.stdout
+    box.check_output(pathlib.Path("/tmp/agent.out").read_text(errors="replace"))
