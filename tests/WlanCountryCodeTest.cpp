@@ -8,8 +8,8 @@ using WlanCountryCodeTest = NetworkBox;
 
 std::uint64_t Fnv1a(const std::string& text) {
     std::uint64_t hash = 0xcbf29ce484222325U;
-    for (const unsigned char byte : text) {
-        hash = (hash ^ byte) * 0x100000001b3U;
+    for (const char byte : text) {
+        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001b3U;
     }
     return hash;
 }
