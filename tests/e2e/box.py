@@ -52,6 +52,13 @@ def connect(port=5302, timeout=30):
         return socket.create_connection((BOX, port), timeout)
 
 
+def is_serving():
+    with contextlib.suppress(ConnectionRefusedError):
+        connect().close()
+        return True
+    return False
+
+
 def read_all(connection):
     data = b""
     with contextlib.suppress(ConnectionResetError):
@@ -156,8 +163,7 @@ class Agent:
     def wait_until_serving(self):
         def serving():
             assert self.process.poll() is None, self.read_output()
-            with contextlib.suppress(ConnectionRefusedError):
-                return connect().close() or True
+            return is_serving()
         wait_until(serving, "the agent serves")
         return self
 

@@ -33,15 +33,8 @@ def pid():
 
 
 def serves():
-    box.wait_until(connected, "the agent serves")
+    box.wait_until(box.is_serving, "the agent serves")
     assert "getDeviceInformationResponse" in box.call("getDeviceInformation")
-
-
-def connected():
-    try:
-        return box.connect().close() or True
-    except ConnectionRefusedError:
-        return False
 
 
 def ended(process):
@@ -92,7 +85,7 @@ def test_the_init_script(board, tools):
     assert "left /var/run/zel.pid" in init("status", 1, tools)
     init("start", 0, tools)
     assert init("stop", 0, tools) == "zel stopped\n"
-    assert not PID_FILE.exists() and not connected()
+    assert not PID_FILE.exists() and not box.is_serving()
     assert init("nonsense", 2, tools) == ""
 
 
@@ -195,5 +188,6 @@ def test_the_packages(packages, tmp_path):
 
     subprocess.run([*DPKG, "--remove", "zel"], check=True)
     assert box.CONFIGURATION.exists() and not os.path.exists("/app/zel/zel")
+    pathlib.Path("/config/keypass").write_text("secret\n")
     subprocess.run([*DPKG, "--purge", "zel", "zelctl"], check=True)
-    assert not os.path.exists("/config/agent.configuration") and not os.path.exists("/usr/bin/zelctl")
+    assert not os.path.exists("/config") and not os.path.exists("/usr/bin/zelctl")
