@@ -80,7 +80,10 @@ int HttpMessageReader::WaitForInput() {
     }
     const auto untilDeadline =
         std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now());
-    const auto wait = std::max(std::min(lineTimeout_, untilDeadline), std::chrono::milliseconds(0));
+    const auto wait = std::min(lineTimeout_, untilDeadline);
+    if (wait.count() <= 0) {
+        return 0;  // also when there is always something to be read
+    }
     pollfd input{descriptor_, POLLIN, 0};
     int ready = 0;
     do {
@@ -130,14 +133,14 @@ int HttpMessageReader::ReadLine(std::string& line) {
     }
 }
 
-bool HttpMessageReader::ReadHead(HttpRequest& request) {
+bool HttpMessageReader::ReadHead(HttpRequest& request, Clock::time_point deadline) {
     // The time limit of the message begins with its first byte; until then only the wait for that
     // byte counts.
-    deadline_ = Clock::time_point::max();
+    deadline_ = deadline;
     if (WaitForInput() < 1) {
         return false;
     }
-    deadline_ = Clock::now() + kMessageTimeLimit;
+    deadline_ = std::min(deadline, Clock::now() + kMessageTimeLimit);
     headSize_ = 0;
 
     std::string line;

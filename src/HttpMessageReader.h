@@ -33,9 +33,11 @@ public:
     explicit HttpMessageReader(int descriptor, std::chrono::milliseconds lineTimeout = kLineTimeout)
         : descriptor_(descriptor), lineTimeout_(lineTimeout) {}
 
-    /// Reads the header lines of the next message into `request`, which must be fresh. Returns
-    /// false when the peer was too slow, closed, or sent too much.
-    bool ReadHead(HttpRequest& request);
+    /// Reads the header lines of the next message into `request`, which must be fresh. The message
+    /// as a whole, its body included, must come by `deadline`. Returns false when the peer was too
+    /// slow, closed, or sent too much.
+    bool ReadHead(HttpRequest& request, std::chrono::steady_clock::time_point deadline =
+                                            std::chrono::steady_clock::time_point::max());
 
     /// Reads the body that the head announced into `request.body`. Returns false when it is not
     /// complete; a sized body then holds what was received, a chunked one stays without value.

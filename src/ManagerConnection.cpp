@@ -5,9 +5,11 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "LogText.h"
 #include "ZelLogging.h"
 
 namespace {
@@ -22,14 +24,15 @@ bool ToSocketAddress(const std::string& dotted, sockaddr_in& address) {
 
 void LogConnectFailure(const std::string& address, int error) {
     // The system's word for a connect that ran out of its time is misleading.
-    ZEL_ERROR("Can't connect to %s because of: %s", address.c_str(),
+    ZEL_ERROR("Can't connect to %s because of: %s", LogText::Of(address).c_str(),
               std::strerror(error == EINPROGRESS ? ETIMEDOUT : error));
 }
 
 }  // namespace
 
-bool ManagerConnection::Exchange(const std::string& message, HttpRequest& response) {
-    if (!Connect()) {
+bool ManagerConnection::Exchange(const std::string& message, HttpRequest& response,
+                                 Clock::time_point deadline) {
+    if (!Connect(deadline)) {
         return false;
     }
     const std::string request =
@@ -44,13 +47,13 @@ bool ManagerConnection::Exchange(const std::string& message, HttpRequest& respon
         "Connection: Keep-Alive\r\n"
         "Content-Length: " +
         std::to_string(message.size()) + "\r\n\r\n" + message;
-    if (!Send(request)) {
+    if (!Send(request, deadline)) {
         ZEL_ERROR("Send request failed: %s", std::strerror(errno));
         return false;
     }
     ZEL_DEBUG("Wait for response");
     response = {};
-    if (!reader_->ReadHead(response)) {
+    if (!reader_->ReadHead(response, deadline)) {
         return false;
     }
     reader_->ReadBody(response);
@@ -69,7 +72,7 @@ void ManagerConnection::Interrupt() {
     shutdown(socket_.Get(), SHUT_RDWR);
 }
 
-bool ManagerConnection::Connect() {
+bool ManagerConnection::Connect(Clock::time_point deadline) {
     ZEL_DEBUG("Initialize socket PreSignIn");
     if (socket_.Get() >= 0) {
         if (IsUsable()) {
@@ -78,7 +81,7 @@ bool ManagerConnection::Connect() {
         ZEL_DEBUG("Socket is closed by other side, reopen");
         Close();
     }
-    return Open();
+    return Open(deadline);
 }
 
 /// Not when there is something to be read: the end of the connection, or what nobody asked for.
@@ -87,7 +90,7 @@ bool ManagerConnection::IsUsable() const {
     return !reader_->HasUnread() && poll(&input, 1, 0) == 0;
 }
 
-bool ManagerConnection::Open() {
+bool ManagerConnection::Open(Clock::time_point deadline) {
     {
         const std::lock_guard lock(mutex_);
         socket_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -102,11 +105,10 @@ bool ManagerConnection::Open() {
     }
     const int on = 1;
     setsockopt(socket_.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    // Also limits the time of the connect.
-    const timeval patience{std::chrono::duration_cast<std::chrono::seconds>(kPatience).count(), 0};
-    setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     sockaddr_in address{};
-    int error = ToSocketAddress(address_, address) ? 0 : EINVAL;
+    int error = !ToSocketAddress(address_, address) ? EINVAL
+                : !LimitSending(deadline)           ? ETIMEDOUT
+                                                    : 0;
     if (error == 0 &&
         connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         error = errno;
@@ -120,10 +122,26 @@ bool ManagerConnection::Open() {
     return true;
 }
 
-bool ManagerConnection::Send(const std::string& text) const {
+bool ManagerConnection::Send(const std::string& text, Clock::time_point deadline) const {
+    if (!LimitSending(deadline)) {
+        errno = ETIMEDOUT;
+        return false;
+    }
     const ssize_t sent = send(socket_.Get(), text.data(), text.size(), MSG_NOSIGNAL);
     if (sent >= 0 && static_cast<std::size_t>(sent) < text.size()) {
         errno = ETIMEDOUT;
     }
     return sent == static_cast<ssize_t>(text.size());
+}
+
+/// Ends the next connect or send in time. False when there is no time left.
+bool ManagerConnection::LimitSending(Clock::time_point deadline) const {
+    using std::chrono::microseconds;
+    using std::chrono::seconds;
+    const auto left = std::min(std::chrono::duration_cast<microseconds>(deadline - Clock::now()),
+                               microseconds(kPatience));
+    const auto whole = std::chrono::floor<seconds>(left);
+    const timeval patience{whole.count(), (left - whole).count()};
+    return left.count() > 0 &&
+           setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,13 +18,15 @@ public:
     /// part of its answer.
     static constexpr std::chrono::milliseconds kPatience{5000};
 
+    using Clock = std::chrono::steady_clock;
+
     /// `address` is the manager's, dotted.
     explicit ManagerConnection(std::string address) : address_(std::move(address)) {}
 
     /// Sends a SOAP message as one HTTP/1.0 request and reads the response; connects first where no
-    /// usable connection is open. False when no head of a response came. The response's body may be
-    /// missing or incomplete.
-    bool Exchange(const std::string& message, HttpRequest& response);
+    /// usable connection is open. All of that ends by `deadline`. False when no head of a response
+    /// came. The response's body may be missing or incomplete.
+    bool Exchange(const std::string& message, HttpRequest& response, Clock::time_point deadline);
 
     void Close();
 
@@ -31,10 +34,11 @@ public:
     void Interrupt();
 
 private:
-    bool Connect();
+    bool Connect(Clock::time_point deadline);
     bool IsUsable() const;
-    bool Open();
-    bool Send(const std::string& text) const;
+    bool Open(Clock::time_point deadline);
+    bool Send(const std::string& text, Clock::time_point deadline) const;
+    bool LimitSending(Clock::time_point deadline) const;
 
     std::string address_;
     std::optional<HttpMessageReader> reader_;

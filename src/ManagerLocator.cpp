@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "LogText.h"
 #include "ZelLogging.h"
 
 namespace {
@@ -56,7 +57,7 @@ bool ManagerLocator::LocateManager() {
 bool ManagerLocator::TryUnicast() {
     const std::string remembered = config_.Get(kRememberedKey);
     for (int attempt = 0; attempt < kUnicastAttempts && !IsStopped(); ++attempt) {
-        ZEL_DEBUG("discover manager using unicast to %s", remembered.c_str());
+        ZEL_DEBUG("discover manager using unicast to %s", LogText::Of(remembered).c_str());
         {
             const std::lock_guard lock(mutex_);
             managerFound_ = false;
@@ -115,7 +116,7 @@ void ManagerLocator::AskManager(const std::string& address) {
 
 int ManagerLocator::OnAttributeReply(SlpReply& reply) {
     const std::lock_guard lock(mutex_);
-    if (!requestOutstanding_ || !reply.attrList ||
+    if (!requestOutstanding_ || managerFound_ || !reply.attrList ||
         reply.attrList->find(kServiceMark) == std::string::npos ||
         reply.attrList->find(kAddressMark) == std::string::npos) {
         return -1;
@@ -133,7 +134,7 @@ int ManagerLocator::OnAttributeReply(SlpReply& reply) {
     }
     managerFound_ = true;
     changed_.notify_all();
-    ZEL_DEBUG("Contained ClusterIP %s", managerAddress_.c_str());
+    ZEL_DEBUG("Contained ClusterIP %s", LogText::Of(managerAddress_).c_str());
     return 0;
 }
 

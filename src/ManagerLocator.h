@@ -39,7 +39,8 @@ public:
     void AskManager(const std::string& address);
 
     /// Judges a received AttrRply, whose list is cut into pieces on the way. Returns 0 when it
-    /// names a manager that can be used. Returns -1 when nothing was asked; when it is no manager's
+    /// names a manager that can be used. Returns -1 when nothing was asked, or a manager has been
+    /// found since LocateManager began: the first one counts; when the reply is no manager's
     /// or names no address: the address is what "ClusterIP" encloses in its first and last
     /// character, and is not empty and without control characters; or when the address is on
     /// another network than the box (DiscoverModeCtrl::SharesNetworkWith): it is then kept, but not

@@ -1,9 +1,10 @@
 #include "OrsSignIn.h"
 
-#include <chrono>
 #include <ctime>
+#include <new>
 #include <utility>
 
+#include "LogText.h"
 #include "PreSignInResponse.h"
 #include "Reboot.h"
 #include "SignInRequests.h"
@@ -15,15 +16,13 @@ namespace {
 
 constexpr char kOwner[] = "PreSignIn";
 constexpr char kAnyHost[] = "0";
+constexpr char kNoHandle[] = "0";
 constexpr char kAddressKey[] =
     "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
 constexpr char kRememberedAddressKey[] =
     "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips";
 constexpr std::chrono::seconds kReservePause{1};
 constexpr int kAttempts = 2;
-// An update is followed by another PreSignIn, and a manager that never stops to mandate one must
-// not keep the box busy for ever.
-constexpr int kMaxPreSignIns = 5;
 
 xmlNode* FindTag(const xmlNode* parent, const char* name) {
     xmlNode* found = XmlText::FindChild(parent, name);
@@ -41,10 +40,16 @@ bool OrsSignIn::Run() {
     if (!Reserve(handle)) {
         return false;
     }
-    const std::string address = config_.Get(kAddressKey);
-    const bool succeeded = !address.empty() && SignInWith(address);
+    bool succeeded = false;
+    try {
+        const std::string address = config_.Get(kAddressKey);
+        succeeded = !address.empty() && SignInWith(address);
+    } catch (const std::bad_alloc&) {
+        ZEL_ERROR("No memory for the sign-in");
+    }
+    Disconnect();
     schemas_.reset();
-    reservation_.Release(handle);
+    Release(handle);
     return succeeded;
 }
 
@@ -59,16 +64,41 @@ void OrsSignIn::Stop() {
 
 /// False when stopped.
 bool OrsSignIn::Reserve(std::string& handle) {
-    std::unique_lock lock(mutex_);
-    while (!stopped_) {
-        lock.unlock();
-        if (reservation_.Reserve(kOwner, kAnyHost, handle)) {
-            return true;
+    do {
+        handle = kNoHandle;
+        try {
+            if (reservation_.Reserve(kOwner, kAnyHost, handle)) {
+                return true;
+            }
+        } catch (const std::bad_alloc&) {
+            ZEL_ERROR("No memory to reserve the box for the sign-in");
+            Release(handle);
         }
-        lock.lock();
-        changed_.wait_for(lock, kReservePause, [this] { return stopped_; });
-    }
+    } while (Pause());
     return false;
+}
+
+/// Lasts until there is memory enough for it: nobody else can release the box.
+void OrsSignIn::Release(const std::string& handle) {
+    do {
+        try {
+            reservation_.Release(handle);
+            return;
+        } catch (const std::bad_alloc&) {
+            ZEL_ERROR("No memory to release the box after the sign-in");
+        }
+    } while (Pause());
+}
+
+/// False when stopped.
+bool OrsSignIn::Pause() {
+    std::unique_lock lock(mutex_);
+    return !changed_.wait_for(lock, kReservePause, [this] { return stopped_; });
+}
+
+void OrsSignIn::Disconnect() {
+    const std::lock_guard lock(mutex_);
+    connection_.reset();
 }
 
 bool OrsSignIn::SignInWith(const std::string& address) {
@@ -79,10 +109,7 @@ bool OrsSignIn::SignInWith(const std::string& address) {
             connection_->Interrupt();
         }
     }
-    const bool succeeded = PreSignInUntilUpdated() && Conclude(address);
-    const std::lock_guard lock(mutex_);
-    connection_.reset();
-    return succeeded;
+    return PreSignInUntilUpdated() && Conclude(address);
 }
 
 bool OrsSignIn::PreSignInUntilUpdated() {
@@ -126,8 +153,12 @@ bool OrsSignIn::Exchange(const char* name, const std::string& message, std::stri
     ZEL_DEBUG("Send %s request", name);
     HttpRequest response;
     bool answered = false;
+    const auto deadline = ManagerConnection::Clock::now() + kExchangeTimeLimit;
     for (int attempt = 0; attempt < kAttempts && !answered; ++attempt) {
-        answered = connection_->Exchange(message, response);
+        answered = connection_->Exchange(message, response, deadline);
+    }
+    if (ManagerConnection::Clock::now() >= deadline) {
+        ZEL_ERROR("No %s response within %d s", name, static_cast<int>(kExchangeTimeLimit.count()));
     }
     if (!answered) {
         return false;
@@ -138,7 +169,7 @@ bool OrsSignIn::Exchange(const char* name, const std::string& message, std::stri
         return false;
     }
     answer = std::move(*response.body);
-    ZEL_DEBUG("Received %s response\n%s", name, answer.c_str());
+    ZEL_DEBUG("Received %s response\n%s", name, LogText::Of(answer, LogText::kMaxAnswer).c_str());
     return true;
 }
 
@@ -156,7 +187,8 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
     }
     std::string errors;
     if (!SoapEnvelopeSchema().ValidateDocument(document.get(), errors)) {
-        ZEL_ERROR("OrsSignIn validate soap failed:\n%s", errors.c_str());
+        ZEL_ERROR("OrsSignIn validate soap failed:\n%s",
+                  LogText::Of(errors, LogText::kMaxAnswer).c_str());
         ZEL_ERROR("Response of PreSignIn not valid");
         return false;
     }
@@ -205,7 +237,8 @@ bool OrsSignIn::IsContentValid(const xmlNode* body) {
     for (xmlNode* content = body->children; content != nullptr; content = content->next) {
         std::string errors;
         if (content->type == XML_ELEMENT_NODE && !schemas_->Accept(content, errors)) {
-            ZEL_ERROR("OrsSignIn validate failed:\n%s", errors.c_str());
+            ZEL_ERROR("OrsSignIn validate failed:\n%s",
+                      LogText::Of(errors, LogText::kMaxAnswer).c_str());
             ZEL_ERROR("Response of PreSignIn not valid");
             return false;
         }

@@ -2,6 +2,7 @@
 
 #include <libxml/tree.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <optional>
@@ -14,9 +15,17 @@
 #include "ZelConfig.h"
 
 /// Signs the box in with the central manager: PreSignIn, which may bring new settings and software,
-/// then SignIn. The box is reserved meanwhile. Used once; another thread may stop it.
+/// then SignIn. The box is reserved meanwhile, and released however it ends. Used once; another
+/// thread may stop it.
 class OrsSignIn {
 public:
+    /// Longest time of one exchange with the manager, a second attempt included. There are up to
+    /// kMaxPreSignIns and the SignIn.
+    static constexpr std::chrono::seconds kExchangeTimeLimit{60};
+    /// An update is followed by another PreSignIn, and a manager that never stops to mandate one
+    /// must not keep the box busy for ever.
+    static constexpr int kMaxPreSignIns = 5;
+
     /// The manager's address is read from the store (ManagerLocator::kFoundKey) by Run().
     OrsSignIn(ZelConfig& config, DeviceReservation& reservation, DiscoverModeCtrl& mode)
         : config_(config), reservation_(reservation), mode_(mode) {}
@@ -33,13 +42,16 @@ public:
 
 private:
     bool Reserve(std::string& handle);
+    void Release(const std::string& handle);
+    bool Pause();
+    void Disconnect();
     bool SignInWith(const std::string& address);
     bool PreSignInUntilUpdated();
     bool Conclude(const std::string& address);
     bool PreSignIn();
     bool SignIn();
-    /// Sends `message`, up to twice. False when nothing that has a body was answered. `name` is for
-    /// the log.
+    /// Sends `message`, up to twice within kExchangeTimeLimit. False when nothing that has a body
+    /// was answered. `name` is for the log.
     bool Exchange(const char* name, const std::string& message, std::string& answer);
     bool ApplyPreSignIn(const std::string& body);
     bool CheckSignIn(const std::string& body);

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "ColorTable.h"
+#include "LogText.h"
 #include "WlanEnterprise.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
@@ -85,7 +86,7 @@ void ApplyHostName(ZelConfig& config, const xmlNode* device) {
 
 void ApplyColor(ZelConfig& config, const xmlNode* color) {
     const std::string code = XmlText::Content(color);
-    ZEL_DEBUG("PreSignIn response color: %s", code.c_str());
+    ZEL_DEBUG("PreSignIn response color: %s", LogText::Of(code).c_str());
     if (color == nullptr) {
         return;
     }
@@ -99,7 +100,7 @@ void ApplyColor(ZelConfig& config, const xmlNode* color) {
 
 void ApplyCountry(ZelConfig& config, const xmlNode* country) {
     const std::string code = XmlText::Content(country);
-    ZEL_DEBUG("PreSignIn response countryCode: %s", code.c_str());
+    ZEL_DEBUG("PreSignIn response countryCode: %s", LogText::Of(code).c_str());
     if (country == nullptr) {
         return;
     }
@@ -116,9 +117,9 @@ bool TakeCertificates(const xmlNode* wlan) {
     const std::string caCertificate = XmlText::ChildText(wlan, "cacertificate");
     const std::string clientCertificate = XmlText::ChildText(wlan, "clientcertificate");
     const std::string keyPass = XmlText::ChildText(wlan, "keypass");
-    ZEL_DEBUG("PreSignIn response cacertificate: %s", caCertificate.c_str());
-    ZEL_DEBUG("PreSignIn response clientcertificate: %s", clientCertificate.c_str());
-    ZEL_DEBUG("PreSignIn response keypass: %s", keyPass.c_str());
+    ZEL_DEBUG("PreSignIn response cacertificate: %s", LogText::Of(caCertificate).c_str());
+    ZEL_DEBUG("PreSignIn response clientcertificate: %s", LogText::Of(clientCertificate).c_str());
+    ZEL_DEBUG("PreSignIn response keypass: %s", LogText::Of(keyPass).c_str());
     if (caCertificate == kDummyCaCertificate && clientCertificate == kDummyClientCertificate &&
         keyPass == kDummyKeyPass) {
         ZEL_DEBUG("Wlan enterprise configuration not new");
@@ -158,7 +159,7 @@ bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
         }
         Store(config, "wlan.conf.infra.credentials", WlanEnterprise::kDirectory);
     } else if (level == kWpaPsk || level == kWpa2Psk) {
-        ZEL_DEBUG("PreSignIn response credentials: %s", credentials.c_str());
+        ZEL_DEBUG("PreSignIn response credentials: %s", LogText::Of(credentials).c_str());
         if (credentials == kDummyCredentials) {
             ZEL_DEBUG("Wlan psk configuration not new");
             return true;
@@ -177,12 +178,14 @@ bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
 }
 
 void LogDate(const xmlNode* date) {
-    if (date != nullptr) {
-        ZEL_DEBUG("Date of the manager: %s-%s-%s %s:%s", XmlText::ChildText(date, "year").c_str(),
-                  XmlText::ChildText(date, "month").c_str(),
-                  XmlText::ChildText(date, "day").c_str(), XmlText::ChildText(date, "hour").c_str(),
-                  XmlText::ChildText(date, "minute").c_str());
+    if (date == nullptr) {
+        return;
     }
+    const auto part = [date](const char* name) {
+        return LogText::Of(XmlText::ChildText(date, name));
+    };
+    ZEL_DEBUG("Date of the manager: %s-%s-%s %s:%s", part("year").c_str(), part("month").c_str(),
+              part("day").c_str(), part("hour").c_str(), part("minute").c_str());
 }
 
 }  // namespace

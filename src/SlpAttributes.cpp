@@ -4,11 +4,14 @@
 #include <array>
 #include <cstdlib>
 #include <limits>
+#include <string_view>
+#include <vector>
 
 #include "ColorTable.h"
 #include "DeviceReservation.h"
 #include "DiagnosticChannels.h"
 #include "NetworkType.h"
+#include "SlpEscapes.h"
 #include "ZelLogging.h"
 
 namespace SlpAttributes {
@@ -19,7 +22,8 @@ struct Source {
     std::int32_t counter;
 };
 
-/// Makes the value of a row; `argument` is what the row holds for it, most often a key.
+/// Makes the value of a row as it stands in the list: only what the agent itself has put together
+/// is not escaped. `argument` is what the row holds for it, most often a key.
 using Value = std::string (*)(const Source& source, const char* argument);
 
 struct Row {
@@ -68,11 +72,11 @@ std::string ToSignedDecimal(const AddressParts& parts) {
     return std::to_string(static_cast<std::int32_t>(address));
 }
 
-/// `argument` is the attribute's last word.
-std::string OfCurrentNetwork(const Source& source, const char* argument) {
+/// `attribute` is the last word of the key.
+std::string OfCurrentNetwork(const Source& source, const char* attribute) {
     const char* const prefix =
         NetworkType::IsLan(source.config) ? "network.current.lan." : "network.current.wlan.";
-    return source.config.Get(prefix + std::string(argument));
+    return source.config.Get(prefix + std::string(attribute));
 }
 
 std::string Text(const Source& /*source*/, const char* argument) {
@@ -80,20 +84,27 @@ std::string Text(const Source& /*source*/, const char* argument) {
 }
 
 std::string Stored(const Source& source, const char* argument) {
-    return source.config.Get(argument);
-}
-
-std::string StoredOr(const Source& source, const char* argument, const char* fallback) {
-    std::string value;
-    return source.config.Get(argument, value) ? value : fallback;
+    return SlpEscapes::Escape(source.config.Get(argument));
 }
 
 std::string StoredOrZero(const Source& source, const char* argument) {
-    return StoredOr(source, argument, "0");
+    std::string value;
+    return source.config.Get(argument, value) ? SlpEscapes::Escape(value) : "0";
 }
 
-std::string StoredOrEmptyList(const Source& source, const char* argument) {
-    return StoredOr(source, argument, "[]");
+/// "[a,b,c]"; what is escaped are its members.
+std::string StoredList(const Source& source, const char* argument) {
+    std::string value;
+    return source.config.Get(argument, value) ? SlpEscapes::Escape(value, ",") : "[]";
+}
+
+std::string Owner(const Source& source, const char* argument) {
+    const std::string owner = source.config.Get(argument);
+    return SlpEscapes::Escape(SlpEscapes::FirstCharacters(owner, kMaxOwner));
+}
+
+std::string CurrentAddress(const Source& source, const char* argument) {
+    return SlpEscapes::Escape(OfCurrentNetwork(source, argument));
 }
 
 std::string ColorValue(const Source& source, const char* argument) {
@@ -132,12 +143,14 @@ std::string NetMask(const Source& source, const char* argument) {
 std::string WithoutLastTwo(const Source& source, const char* argument) {
     constexpr std::size_t kCut = 2;
     const std::string value = source.config.Get(argument);
-    return value.size() > kCut ? value.substr(0, value.size() - kCut) : value;
+    return SlpEscapes::Escape(value.size() > kCut ? value.substr(0, value.size() - kCut) : value);
 }
 
 std::string IsReserved(const Source& source, const char* argument) {
     return source.config.Get(argument) == DeviceReservation::kReserved ? "1" : "0";
 }
+
+constexpr char kEnd[] = ")";
 
 constexpr Row kConnectorRows[] = {
     {"(DevId=", Stored, "tavo.hostname"},
@@ -151,14 +164,14 @@ constexpr Row kConnectorRows[] = {
     {"),(Color=", ColorValue, "tavo.color"},
     {"),(Counter=", Counter, nullptr},
     {"),(State=", Stored, "zel.state.current"},
-    {"),(Owner=", Stored, "zel.state.owner"},
+    {"),(Owner=", Owner, "zel.state.owner"},
     {"),(Kl15Voltage=", Stored, "system.voltage.kl15"},
     {"),(Kl30Voltage=", Stored, "system.voltage.kl30"},
     {"),(Kl15Trigger=", IsNotZero, "system.voltage.kl15trig"},
     {"),(SignalStrength=", StoredOrZero, "network.current.wlan.quality"},
     {"),(VIN=", Stored, "diag.kvad.vin"},
     {"),(Gateway=", Stored, "diag.kvad.gateway"},
-    {"),(Diag=", StoredOrEmptyList, "diag.kvad.sg_list"},
+    {"),(Diag=", StoredList, "diag.kvad.sg_list"},
     // The key is spelt as its provider spells it.
     {"),(AccuCapacity=", Stored, "hardware.batttery.capactiy"},
     {"),(VciChannels=", UsableChannels, nullptr},
@@ -175,18 +188,62 @@ constexpr Row kLegacyRows[] = {
     {":6801)(VciChannel2=TELMANO:", Stored, "tavo.hostname"},
     {":6802)(RkoUrl=//", Stored, "tavo.hostname"},
     {":5302/rKO)(description=TAVO, Velka, QK20417B)(IsAllocated=", IsReserved, "zel.state.current"},
-    {")(IpAddress=", OfCurrentNetwork, "ip"},
+    {")(IpAddress=", CurrentAddress, "ip"},
     {")(AssignedColor=", Stored, "tavo.color"},
     {")(VciChannels=2)(DevType=", Stored, "hardware.devtype"},
 };
 
+/// Bytes of a list without its values.
+template <std::size_t N>
+constexpr std::size_t FrameSize(const Row (&rows)[N]) {
+    std::size_t size = std::string_view(kEnd).size();
+    for (const Row& row : rows) {
+        size += std::string_view(row.label).size();
+    }
+    return size;
+}
+
+template <std::size_t N>
+constexpr bool HasRoom(const Row (&rows)[N]) {
+    return FrameSize(rows) + N * kAlwaysWhole <= kMaxList;
+}
+static_assert(HasRoom(kConnectorRows) && HasRoom(kLegacyRows));
+
+std::string Cut(const Row& row, const std::string& value, std::size_t size) {
+    if (value.size() <= size) {
+        return value;
+    }
+    std::string cut(SlpEscapes::CutEscaped(value, size));
+    if (row.value == StoredList) {
+        // Whole members, and the closing bracket where the next comma was.
+        const std::size_t comma = cut.rfind(',');
+        cut = (comma == std::string::npos ? "[" : cut.substr(0, comma)) + "]";
+    }
+    return cut;
+}
+
 template <std::size_t N>
 std::string MakeList(const Row (&rows)[N], const Source& source) {
-    std::string list;
+    std::vector<std::string> values;
     for (const Row& row : rows) {
-        list += row.label + row.value(source, row.argument);
+        values.push_back(row.value(source, row.argument));
     }
-    return list + ")";
+    const auto fits = [&](std::size_t longest) {
+        std::size_t size = FrameSize(rows);
+        for (const std::string& value : values) {
+            size += std::min(value.size(), longest);
+        }
+        return size <= kMaxList;
+    };
+    std::size_t longest = kMaxList;
+    while (!fits(longest)) {
+        --longest;
+    }
+    std::string list;
+    for (std::size_t i = 0; i < N; ++i) {
+        list += rows[i].label + Cut(rows[i], values[i], longest);
+    }
+    return list + kEnd;
 }
 
 int ReadVoltage(const ZelConfig& config, const char* key) {

@@ -34,11 +34,12 @@ constexpr std::size_t kCutLength = kMaxSize - 1;
 
 constexpr unsigned kByteBits = 8;
 
-/// Writes fields one behind the other; what does not fit is dropped.
+/// Writes fields one behind the other; what does not fit into `capacity` bytes is dropped.
 class Writer {
 public:
     /// Begins with the header.
-    Writer(Datagram& datagram, const SlpHead& head) : datagram_(datagram) {
+    Writer(Datagram& datagram, const SlpHead& head, std::size_t capacity)
+        : datagram_(datagram), capacity_(capacity) {
         datagram.fill(0);
         datagram[kVersionOffset] = kVersion;
         datagram[kFunctionOffset] = static_cast<std::uint8_t>(head.functionId);
@@ -48,7 +49,7 @@ public:
     }
 
     void Byte(std::uint8_t value) {
-        if (position_ < kMaxSize) {
+        if (position_ < capacity_) {
             datagram_[position_++] = value;
         }
     }
@@ -59,7 +60,7 @@ public:
     /// Length and text.
     void Text(std::string_view text) {
         constexpr std::size_t kLengthSize = 2;
-        text = text.substr(0, kMaxSize - std::min(kMaxSize, position_ + kLengthSize));
+        text = text.substr(0, capacity_ - std::min(capacity_, position_ + kLengthSize));
         Word(text.size());
         for (const char character : text) {
             Byte(static_cast<std::uint8_t>(character));
@@ -80,6 +81,7 @@ public:
 
 private:
     Datagram& datagram_;
+    std::size_t capacity_;
     std::size_t position_ = 0;
 };
 
@@ -221,7 +223,7 @@ std::size_t Encode(SlpRequest& request, Datagram& datagram) {
     if ((!isService && !isAttribute && !isType) || (isService && !request.serviceType)) {
         return 0;
     }
-    Writer writer(datagram, request);
+    Writer writer(datagram, request, kMaxSize);
     writer.OptionalText(request.prList);
     if (!isType) {
         writer.OptionalText(isService ? request.serviceType : request.url);
@@ -244,7 +246,7 @@ std::size_t Encode(const SlpReply& reply, Datagram& datagram) {
     if (!isService && !isAttribute && reply.functionId != SlpFunction::kSrvTypeRply) {
         return 0;
     }
-    Writer writer(datagram, reply);
+    Writer writer(datagram, reply, kMaxReply);
     writer.Word(reply.errorCode);
     if (isService) {
         writer.Word(reply.urlEntries.size());

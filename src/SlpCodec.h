@@ -14,12 +14,17 @@ namespace SlpCodec {
 /// Most bytes that a datagram may have, in either direction.
 inline constexpr std::size_t kMaxSize = 4096;
 
+/// Most bytes of a reply that is sent, so that nobody needs fragments for it, and to limit what a
+/// question with a forged sender makes of the box.
+inline constexpr std::size_t kMaxReply = 1400;
+
 using Datagram = std::array<std::uint8_t, kMaxSize>;
 
 /// Writes the message and zeros behind it. Returns the message's size in bytes, or 0 when there is
 /// nothing to send: a function id that the record's type has no message for, or a SrvRqst without
-/// service type. A text that does not fit is cut at the end of the datagram and its length field
-/// says so; what should follow is then missing. A request without scope list gets "default".
+/// service type. A text that does not fit is cut at the end of the datagram (of a reply: at
+/// kMaxReply) and its length field says so; what should follow is then missing. A request without
+/// scope list gets "default".
 std::size_t Encode(SlpRequest& request, Datagram& datagram);
 std::size_t Encode(const SlpReply& reply, Datagram& datagram);
 

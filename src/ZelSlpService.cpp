@@ -1,8 +1,11 @@
 #include "ZelSlpService.h"
 
+#include <arpa/inet.h>
 #include <strings.h>
 
+#include <array>
 #include <limits>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -22,6 +25,7 @@ constexpr char kTypeList[] = "service:zel.connector,service:hux-vci,";
 constexpr std::uint16_t kLifetimeSeconds = 65530;
 // A download or an installation may be under way, and the process is to end within a second.
 constexpr std::chrono::milliseconds kSignInStopTime{700};
+constexpr std::chrono::milliseconds kMemoryPause{1000};
 
 bool EqualsIgnoringCase(const std::string& left, const char* right) {
     return strcasecmp(left.c_str(), right) == 0;
@@ -77,9 +81,13 @@ bool ZelSlpService::Stop(unsigned flags) {
 
 void ZelSlpService::AnswerRequests() {
     while (!socket_.IsInterrupted()) {
-        std::optional<SlpMessage> message = socket_.Receive();
-        if (message) {
-            Handle(*message);
+        try {
+            std::optional<SlpMessage> message = socket_.Receive();
+            if (message) {
+                Handle(*message);
+            }
+        } catch (const std::bad_alloc&) {
+            ZEL_ERROR("No memory to answer an SLP message");
         }
     }
 }
@@ -95,52 +103,69 @@ void ZelSlpService::Handle(SlpMessage& message) {
     if (config_.Get(kStartupKey) == "0") {
         return;
     }
-    const std::optional<SlpReply> reply = Answer(std::get<SlpRequest>(message));
-    if (reply) {
-        socket_.Send(*reply);
+    const auto& request = std::get<SlpRequest>(message);
+    const Answer answer = Judge(request);
+    if (answer != Answer::kNone && IsWithinLimit(request)) {
+        socket_.Send(Make(answer, request));
     }
 }
 
-std::optional<SlpReply> ZelSlpService::Answer(const SlpRequest& request) {
+ZelSlpService::Answer ZelSlpService::Judge(const SlpRequest& request) {
     switch (request.functionId) {
         case SlpFunction::kAttrRqst:
-            return AnswerAttributes(request);
-        case SlpFunction::kSrvTypeRqst: {
-            SlpReply reply = ReplyTo(request, SlpFunction::kSrvTypeRply);
-            reply.serviceTypeList = kTypeList;
-            return reply;
-        }
-        case SlpFunction::kSrvRqst: {
-            if (request.serviceType && !Contains(*request.serviceType, kConnectorType) &&
-                !Contains(*request.serviceType, kLegacyType)) {
-                return std::nullopt;
+            if (!request.scopeList || !EqualsIgnoringCase(*request.scopeList, kDefaultScope)) {
+                return Answer::kNone;
             }
-            SlpReply reply = ReplyTo(request, SlpFunction::kSrvRply);
-            reply.urlEntries.push_back({kLifetimeSeconds, kTypeList});
-            return reply;
-        }
+            if (!request.url || EqualsIgnoringCase(*request.url, kConnectorType)) {
+                return Answer::kConnectorAttributes;
+            }
+            return EqualsIgnoringCase(*request.url, kLegacyType) ? Answer::kLegacyAttributes
+                                                                 : Answer::kNone;
+        case SlpFunction::kSrvTypeRqst:
+            return Answer::kTypes;
+        case SlpFunction::kSrvRqst:
+            return !request.serviceType || Contains(*request.serviceType, kConnectorType) ||
+                           Contains(*request.serviceType, kLegacyType)
+                       ? Answer::kServices
+                       : Answer::kNone;
         default:
-            return std::nullopt;
+            return Answer::kNone;
     }
 }
 
-std::optional<SlpReply> ZelSlpService::AnswerAttributes(const SlpRequest& request) {
-    if (!request.scopeList || !EqualsIgnoringCase(*request.scopeList, kDefaultScope)) {
-        return std::nullopt;
+bool ZelSlpService::IsWithinLimit(const SlpRequest& request) {
+    const auto now = SlpAnswerLimit::Clock::now();
+    const bool isAdmitted = limit_.Admit({inet_addr(request.peerAddress.c_str())}, now);
+    if (const auto report = limit_.TakeReport(now)) {
+        std::array<char, INET_ADDRSTRLEN> last{};
+        inet_ntop(AF_INET, &report->last, last.data(), last.size());
+        ZEL_ERROR("Too many SLP requests: %llu not answered, the last one of %s",
+                  static_cast<unsigned long long>(report->dropped), last.data());
     }
-    SlpReply reply = ReplyTo(request, SlpFunction::kAttrRply);
-    if (!request.url || EqualsIgnoringCase(*request.url, kConnectorType)) {
-        reply.attrList = SlpAttributes::ConnectorList(config_, NextCounter());
-        if (mode_.SharesNetworkWith(request.peerAddress)) {
-            mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
-        }
+    return isAdmitted;
+}
+
+SlpReply ZelSlpService::Make(Answer answer, const SlpRequest& request) {
+    if (answer == Answer::kServices) {
+        SlpReply reply = ReplyTo(request, SlpFunction::kSrvRply);
+        reply.urlEntries.push_back({kLifetimeSeconds, kTypeList});
         return reply;
     }
-    if (EqualsIgnoringCase(*request.url, kLegacyType)) {
+    if (answer == Answer::kTypes) {
+        SlpReply reply = ReplyTo(request, SlpFunction::kSrvTypeRply);
+        reply.serviceTypeList = kTypeList;
+        return reply;
+    }
+    SlpReply reply = ReplyTo(request, SlpFunction::kAttrRply);
+    if (answer == Answer::kLegacyAttributes) {
         reply.attrList = SlpAttributes::LegacyList(config_);
         return reply;
     }
-    return std::nullopt;
+    reply.attrList = SlpAttributes::ConnectorList(config_, NextCounter());
+    if (mode_.SharesNetworkWith(request.peerAddress)) {
+        mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+    }
+    return reply;
 }
 
 std::int32_t ZelSlpService::NextCounter() {
@@ -148,10 +173,31 @@ std::int32_t ZelSlpService::NextCounter() {
 }
 
 void ZelSlpService::SignIn() {
-    if (IsOplaNext(config_) || !locator_.LocateManager()) {
+    bool isLocated = false;
+    Persist([&] { isLocated = !IsOplaNext(config_) && locator_.LocateManager(); });
+    if (!isLocated) {
         return;
     }
-    signIn_();
-    ZEL_DEBUG("go to receive");
-    config_.Set(kStartupKey, "1", ZelConfig::Kind::kFixed);
+    try {
+        signIn_();
+    } catch (const std::bad_alloc&) {
+        ZEL_ERROR("No memory to sign in");
+    }
+    Persist([this] {
+        ZEL_DEBUG("go to receive");
+        config_.Set(kStartupKey, "1", ZelConfig::Kind::kFixed);
+    });
+}
+
+/// Does again what there was not enough memory for, until it is done or the service stops.
+template <typename Work>
+void ZelSlpService::Persist(const Work& work) {
+    do {
+        try {
+            work();
+            return;
+        } catch (const std::bad_alloc&) {
+            ZEL_ERROR("No memory on the way to the sign-in");
+        }
+    } while (!socket_.IsInterruptedWithin(kMemoryPause));
 }

@@ -2,11 +2,11 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 
 #include "DiscoverModeCtrl.h"
 #include "ManagerLocator.h"
 #include "ServiceThread.h"
+#include "SlpAnswerLimit.h"
 #include "SlpMessage.h"
 #include "ZelConfig.h"
 #include "slpBase.h"
@@ -14,6 +14,10 @@
 /// Makes the box findable by SLP (RFC 2608) under "service:zel.connector" and, for older clients,
 /// "service:hux-vci", on UDP port 427 of every interface; and signs it in with the manager once it
 /// has found one (ManagerLocator). It runs once: a stopped service is not started again.
+///
+/// Answers to one address are limited (SlpAnswerLimit). A datagram for which there is not enough
+/// memory is lost, and the next one handled; the sign-in then ends, or goes on looking for the
+/// manager, and the box opens to clients all the same.
 class ZelSlpService {
 public:
     // Bits of the flags of Start() and Stop(). The answering thread is meant in any case.
@@ -41,12 +45,18 @@ public:
     bool Stop(unsigned flags);
 
 private:
+    /// What a request is answered with.
+    enum class Answer { kNone, kServices, kTypes, kConnectorAttributes, kLegacyAttributes };
+
     void AnswerRequests();
     void Handle(SlpMessage& message);
-    std::optional<SlpReply> Answer(const SlpRequest& request);
-    std::optional<SlpReply> AnswerAttributes(const SlpRequest& request);
+    static Answer Judge(const SlpRequest& request);
+    bool IsWithinLimit(const SlpRequest& request);
+    SlpReply Make(Answer answer, const SlpRequest& request);
     std::int32_t NextCounter();
     void SignIn();
+    template <typename Work>
+    void Persist(const Work& work);
 
     ZelConfig& config_;
     DiscoverModeCtrl& mode_;
@@ -54,6 +64,7 @@ private:
     SlpBase socket_;
     ManagerLocator locator_;
     std::uint32_t counter_;  // of the answering thread
+    SlpAnswerLimit limit_;   // of the answering thread
     ServiceThread answering_;
     ServiceThread signingIn_;
 };

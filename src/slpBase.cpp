@@ -11,13 +11,14 @@
 #include <cstring>
 #include <memory>
 
+#include "LogText.h"
 #include "SlpCodec.h"
 #include "ZelLogging.h"
 
 namespace {
 
 constexpr const char* kGroups[] = {SlpBase::kMulticastAddress, "239.255.1.1"};
-constexpr int kFailurePauseMilliseconds = 1000;
+constexpr std::chrono::milliseconds kFailurePause{1000};
 
 bool ToSocketAddress(const std::string& dotted, std::uint32_t port, sockaddr_in& address) {
     address = {};
@@ -110,7 +111,7 @@ std::optional<SlpMessage> SlpBase::Receive() const {
     if (received <= 0) {
         ZEL_DEBUG("recvfrom() == %lu\n", static_cast<unsigned long>(received));
         if (received < 0) {
-            InterruptedWithin(kFailurePauseMilliseconds);
+            IsInterruptedWithin(kFailurePause);
         }
         return std::nullopt;
     }
@@ -135,17 +136,13 @@ bool SlpBase::WaitForDatagram(int milliseconds) const {
     return poll(polled.data(), polled.size(), milliseconds) > 0 && polled[1].revents == 0;
 }
 
-bool SlpBase::InterruptedWithin(int milliseconds) const {
+bool SlpBase::IsInterruptedWithin(std::chrono::milliseconds patience) const {
     pollfd polled{interruption_.Get(), POLLIN, 0};
-    return poll(&polled, 1, milliseconds) > 0;
+    return poll(&polled, 1, static_cast<int>(patience.count())) > 0;
 }
 
 void SlpBase::Interrupt() const {
     eventfd_write(interruption_.Get(), 1);
-}
-
-bool SlpBase::IsInterrupted() const {
-    return InterruptedWithin(0);
 }
 
 template <typename Record>
@@ -172,13 +169,16 @@ int SlpBase::FindAttribute(std::string& attrList, const std::string& name, std::
     constexpr char kSeparators[] = ",()";
     ZEL_DEBUG("Search for attribute %s", name.c_str());
     char* rest = nullptr;
+    int logged = 0;
     for (char* token = strtok_r(attrList.data(), kSeparators, &rest); token != nullptr;
          token = strtok_r(nullptr, kSeparators, &rest)) {
         char* const separator = std::strchr(token, '=');
         if (separator == nullptr) {
             continue;
         }
-        ZEL_DEBUG("Attribute: %s", token);
+        if (++logged <= kMaxLogged) {
+            ZEL_DEBUG("Attribute: %s", LogText::Of(token).c_str());
+        }
         *separator = '\0';
         if (name == token) {
             value = separator + 1;

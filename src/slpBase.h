@@ -17,6 +17,9 @@ public:
     /// The SLP multicast address (RFC 2608, section 6.1).
     static constexpr char kMulticastAddress[] = "239.255.255.253";
 
+    /// Attributes of a list searched that the log tells: whoever answers sends some 1,000 at once.
+    static constexpr int kMaxLogged = 64;
+
     SlpBase();
     SlpBase(const SlpBase&) = delete;
     SlpBase& operator=(const SlpBase&) = delete;
@@ -42,7 +45,9 @@ public:
 
     /// Ends every wait for a datagram, now and from now on.
     void Interrupt() const;
-    bool IsInterrupted() const;
+    bool IsInterrupted() const { return IsInterruptedWithin(std::chrono::milliseconds(0)); }
+    /// Waits for that up to `patience`.
+    bool IsInterruptedWithin(std::chrono::milliseconds patience) const;
 
     /// Sends a message to its peer. Sends nothing when the peer's address is not dotted or the
     /// record is no message (SlpCodec::Encode). Always 0: failures are not reported.
@@ -51,14 +56,13 @@ public:
 
     /// Searches an attribute list (RFC 2608, section 5) for the attribute with exactly this name.
     /// Returns 0 and the text behind its first "=", or -1. `attrList` is cut into pieces on the
-    /// way.
+    /// way, of which kMaxLogged are logged.
     static int FindAttribute(std::string& attrList, const std::string& name, std::string& value);
 
 private:
     template <typename Record>
     int SendRecord(Record& record) const;
     bool WaitForDatagram(int milliseconds) const;
-    bool InterruptedWithin(int milliseconds) const;
 
     SocketGuard socket_;
     SocketGuard interruption_;

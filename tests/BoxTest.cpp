@@ -33,6 +33,8 @@ TEST(BoxTest, AttributeListsAreReadWhateverTheyHold) {
         {"(A=1),(B=2)", "A=1;B=2;"},
         {"(A=),(B=[x,y])", "A=;B=[x,y];"},
         {"(A=x (y), z),(B==)", "A=x (y), z;B==;"},
+        {"(A=x\\29\\2C\\28B\\3d4),(B=\\5c29\\),(C=\\0\\zz\\c3\\b6\\2)",
+         "A=x),(B=4;B=\\29\\;C=\\0\\zz\xC3\xB6\\2;"},
         {"(A=1),(A=2)", "A=1;"},
         {"(A=1,(B=2", "A=1,(B=2;"},
         {"A=1", "A=1;"},

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -44,6 +45,9 @@ protected:
     void TearDown() override {
         locator_.Stop();
         socket_.Interrupt();
+        for (const char* suffix : {"", ".old"}) {
+            std::filesystem::remove(std::string(ZelConfig::kConfigurationFile) + suffix);
+        }
     }
 
     void Remember(const std::string& address) {
@@ -82,6 +86,7 @@ TEST_F(ManagerLocatorTest, TheRememberedManagerIsAskedFirst) {
     manager.Send(ReplyWith("'10.0.0.1\nopla.mode=OPLA-Next'"));
     EXPECT_EQ(manager.Receive(), kRequest);
     manager.Send(ReplyWith("'10.0.0.7'"));
+    manager.Send(ReplyWith("'10.0.0.8'"));
     EXPECT_TRUE(located.get());
     EXPECT_EQ(locator_.ManagerAddress(), "10.0.0.7");
     EXPECT_EQ(config_.Get("zel.state.startup"), "0") << "opened by the sign-in only";
@@ -172,6 +177,9 @@ TEST_F(ManagerLocatorTest, RepliesAreJudged) {
         SlpReply reply = Received(c.attributes);
         EXPECT_EQ(locator.OnAttributeReply(reply), c.result) << c.attributes;
         EXPECT_EQ(locator.ManagerAddress(), c.address) << c.attributes;
+        SlpReply second = Received(service + "(ClusterIP='10.0.0.99')");
+        EXPECT_EQ(locator.OnAttributeReply(second), c.result == 0 ? -1 : 0) << "the first counts";
+        EXPECT_EQ(locator.ManagerAddress(), c.result == 0 ? c.address : "10.0.0.99");
     }
     locator_.AskManager("127.0.0.1");
     SlpReply none;

@@ -226,6 +226,7 @@ TEST_F(PreSignInResponseTest, AnEnterpriseWlanThatCannotBeTaken) {
     EXPECT_FALSE(Apply(incomplete)) << "no client certificate";
     for (const char* path : {"/config/cacert", "/config/keypass", "/config/wpa.conf"}) {
         // A directory that holds something cannot be replaced by a file.
+        std::filesystem::remove(path);
         std::filesystem::create_directories(std::string(path) + "/in the way");
         EXPECT_FALSE(Apply(Wlan("106", "s", kCertificates))) << path;
         std::filesystem::remove_all(path);

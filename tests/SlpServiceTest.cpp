@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
+#include <new>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -98,6 +100,8 @@ TEST_F(SlpServiceTest, WhatIsAnsweredAndWhatIsNot) {
         {"a reply", SrvRply(7)},
         {"attributes nobody asked for", AttrRply("(Service=zel-manager),(ClusterIP='10.0.0.1')")},
         {"a registration", Message(3, 7, Zeros(10))},
+        {"an answer of another kind", Message(2, 7, Zeros(2) + Word(0xFFFF))},
+        {"lengths beyond the end", std::string("\2\6\0\20\0", 5) + std::string(4091, '\xFF')},
         {"a wrong length", announced},
         {"an empty datagram", ""},
         {"two bytes", std::string("\2\1")},
@@ -109,7 +113,7 @@ TEST_F(SlpServiceTest, WhatIsAnsweredAndWhatIsNot) {
 }
 
 TEST_F(SlpServiceTest, TheConnectorsAttributes) {
-    Set("zel.state.owner", "me (first), ok");
+    Set("zel.state.owner", "J\xC3\xB6rg (first)~, <o\\k>=!");
     Set("network.current.lan.netmask", "255.255.0.0");
     Set("network.current.defaultgateway", "192.168.68.1");
     ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering));
@@ -121,7 +125,8 @@ TEST_F(SlpServiceTest, TheConnectorsAttributes) {
                "(ImageVersionApplication=10202),(ImageVersionPackage=10600),(Color=#ede3d3),"
                "(Counter=" +
                counter +
-               "),(State=4),(Owner=me (first), ok),(Kl15Voltage=12040),(Kl30Voltage=12310),"
+               "),(State=4),(Owner=J\xC3\xB6rg \\28first\\29\\7e\\2c "
+               "\\3co\\5ck\\3e\\3d\\21),(Kl15Voltage=12040),(Kl30Voltage=12310),"
                "(Kl15Trigger=false),(SignalStrength=0),(VIN=TESTVIN0123456789),(Gateway=0x10),"
                "(Diag=[0x12,0x18]),(AccuCapacity=0),(VciChannels=" +
                channels + "),(Netmask=" + netmask + "),(NetGateway=" + gateway +
@@ -168,6 +173,51 @@ TEST_F(SlpServiceTest, AddressesThatCannotBeReadAndValuesThatAreMissing) {
     for (const char* part : {"(Kl30Voltage=99999999999999999999 V)", "(Kl15Voltage=)",
                              "(Kl15Trigger=true)", "(VIN=)", "(Diag=[])", "(Color=)"}) {
         EXPECT_NE(list.find(part), std::string::npos) << part << " in " << list;
+    }
+}
+
+TEST_F(SlpServiceTest, ValuesOfPeersStayValuesAndListsStayShort) {
+    const std::string car = "\xF0\x9F\x9A\x97";
+    const auto times = [](std::size_t count, const std::string& text) {
+        std::string all;
+        for (std::size_t i = 0; i < count; ++i) {
+            all += text;
+        }
+        return all;
+    };
+    const auto ownerIn = [this](const std::string& owner) {
+        config_.Set("zel.state.owner", owner, Kind::kFixed);
+        const std::string list = SlpAttributes::ConnectorList(config_, 0);
+        const std::size_t begin = list.find("(Owner=") + 7;
+        return list.substr(begin, list.find("),(Kl15Voltage=") - begin);
+    };
+    EXPECT_EQ(ownerIn("x),(State=4"), "x\\29\\2c\\28State\\3d4");
+    EXPECT_EQ(ownerIn("a\n\x7f\x1b[m"), "a\\0a\\7f\\1b[m");
+    EXPECT_EQ(ownerIn(times(5000, "b,")), times(32, "b\\2c")) << "64 characters";
+    EXPECT_EQ(ownerIn(times(65, car)), times(64, car));
+    EXPECT_EQ(ownerIn(times(65, "\xF0\x9F")), times(32, "\xF0\x9F")) << "broken ones are bytes";
+
+    std::ofstream kvadVin("/tmp/kvadvin");
+    kvadVin << "KVAD=TESTVIN0123456789\nDIAG_ADR=1),(State=4\n";
+    for (int i = 0; i < 300; ++i) {
+        kvadVin << "DIAG_ADR=0x10\n";
+    }
+    kvadVin.close();
+    for (const std::size_t size : {1U, 63U, 100U, 5000U}) {
+        for (const std::string& name : {std::string("n"), std::string(")"), car}) {
+            config_.Set("tavo.hostname", times(size, name), Kind::kFixed);
+            config_.Set("hardware.devtype", times(size, name), Kind::kFixed);
+            const std::string list = SlpAttributes::ConnectorList(config_, -2147483647);
+            const std::string legacy = SlpAttributes::LegacyList(config_);
+            EXPECT_LE(std::max(list.size(), legacy.size()), 1400U - 22) << size << name;
+            EXPECT_EQ(std::count(list.begin(), list.end(), '('), 25) << list;
+            EXPECT_EQ(std::count(legacy.begin(), legacy.end(), ')'), 12) << legacy;
+            for (const char* part :
+                 {"(Diag=[1\\29,\\28State\\3d4,0x10,", "0x10]),(AccuCapacity=0)",
+                  "(VIN=TESTVIN0123456789)", "(UUID=00000000-0000-0000-0000-000000000000)"}) {
+                EXPECT_NE(list.find(part), std::string::npos) << part << " in " << list;
+            }
+        }
     }
 }
 
@@ -231,6 +281,20 @@ TEST_F(SlpServiceTest, OpensWhenTheManagerHasSignedTheBoxIn) {
         << "the first answer is to the first request since";
 }
 
+TEST_F(SlpServiceTest, LackOfMemoryLosesADatagramAndNoThread) {
+    SlpPeer manager(ManagerLocator::kManagerPort);
+    Set("zel.state.startup", "0");
+    Set(ManagerLocator::kRememberedKey, SlpPeer::kAddress);
+    ZelSlpService service(config_, mode_, [] { throw std::bad_alloc(); });
+    ASSERT_TRUE(service.Start(3));
+    manager.Receive();
+    manager.Send(AttrRply("(Service=zel-manager),(ClusterIP='10.0.0.7')", 0));
+    ASSERT_TRUE(Eventually([this] { return config_.Get("zel.state.startup") == "1"; }));
+    config_.Register("diag.kvad.gateway",
+                     [](const std::string&, std::string&) -> bool { throw std::bad_alloc(); });
+    ExpectSilence(AttrRqst("", "default"), "no memory for it");
+}
+
 TEST_F(SlpServiceTest, StopsWhileItWaits) {
     for (const char* oplaMode : {"OPLA", "OPLA-Next"}) {
         Set("opla.mode", oplaMode);
@@ -244,6 +308,36 @@ TEST_F(SlpServiceTest, StopsWhileItWaits) {
     }
     EXPECT_EQ(signIns_, 0);
     EXPECT_EQ(config_.Get("zel.state.startup"), "0");
+}
+
+TEST(SlpAnswerLimitTest, EveryAddressHasItsOwnBurstAndRate) {
+    using Clock = SlpAnswerLimit::Clock;
+    SlpAnswerLimit limit;
+    Clock::time_point now{100h};
+    const auto admitted = [&](in_addr_t address, int asked) {
+        int count = 0;
+        for (int i = 0; i < asked; ++i) {
+            count += limit.Admit({address}, now) ? 1 : 0;
+        }
+        return count;
+    };
+    EXPECT_FALSE(limit.TakeReport(now));
+    EXPECT_EQ(admitted(1, 1200), 1000);
+    const auto report = limit.TakeReport(now);
+    ASSERT_TRUE(report);
+    EXPECT_EQ(report->dropped, 200U);
+    EXPECT_EQ(report->last.s_addr, 1U);
+    EXPECT_EQ(admitted(2, 1001), 1000);
+    EXPECT_FALSE(limit.TakeReport(now + 999ms));
+    EXPECT_EQ(limit.TakeReport(now + 1s)->dropped, 1U);
+    for (in_addr_t forged = 10; forged < 10000; ++forged) {
+        EXPECT_EQ(admitted(forged, 2), 2);
+    }
+    EXPECT_EQ(admitted(1, 1), 0) << "not forgotten over forged addresses";
+    now += 100ms;
+    EXPECT_EQ(admitted(1, 100), 50);
+    now += 1h;
+    EXPECT_EQ(admitted(1, 1200), 1000);
 }
 
 TEST(SlpBaseTest, RefusedDatagramsAreLogged) {

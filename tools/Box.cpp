@@ -6,6 +6,7 @@
 
 #include "ColorTable.h"
 #include "SafeText.h"
+#include "SlpEscapes.h"
 
 namespace {
 
@@ -36,7 +37,8 @@ Box Box::Read(const std::string& address, std::string_view attributeList) {
         }
         const std::size_t equals = attribute.find('=');
         if (equals != std::string_view::npos && equals > 0) {
-            box.attributes.emplace(attribute.substr(0, equals), attribute.substr(equals + 1));
+            box.attributes.emplace(attribute.substr(0, equals),
+                                   SlpEscapes::Unescape(attribute.substr(equals + 1)));
         }
     }
     return box;

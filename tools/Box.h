@@ -10,9 +10,10 @@ struct Box {
     std::string address;
     std::map<std::string, std::string> attributes;
 
-    /// Reads an attribute list (RFC 2608, section 5) as boxes write it: values are not escaped, and
-    /// end at the next ")" that ends the list or that a comma and the next attribute follow. The
-    /// first one of a name counts: who reserves a box chooses a part of the list.
+    /// Reads an attribute list (RFC 2608, section 5) and takes the escapes out of its values. Older
+    /// boxes do not escape: a value ends at the next ")" that ends the list or that a comma and the
+    /// next attribute follow, and the first one of a name counts, since who reserves such a box
+    /// chooses a part of the list.
     static Box Read(const std::string& address, std::string_view attributeList);
 
     /// Empty when the box does not say.

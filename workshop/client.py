@@ -71,11 +71,20 @@ def find_box(options):
             return UNREACHABLE
     tag = 14 + int.from_bytes(answer[12:14], "big")  # behind the language tag: error and length
     length = int.from_bytes(answer[tag + 2:tag + 4], "big")
-    attributes = answer[tag + 4:tag + 4 + length].decode()
     print(f"  {sender[0]} answers:")
-    for name, value in re.findall(r"\(([^=()]+)=([^()]*)\)", attributes):
-        print(f"    {name:<24} {value}")
+    for name, value in re.findall(rb"\(([^=()]+)=([^()]*)\)", answer[tag + 4:tag + 4 + length]):
+        print(f"    {printable(name):<24} {printable(unescape(value))}")
     return 0
+
+
+def unescape(value):
+    """A value of an attribute list without the escapes of its reserved characters (RFC 2608, section 5)."""
+    return re.sub(rb"\\([0-9A-Fa-f]{2})", lambda digits: bytes.fromhex(digits[1].decode()), value)
+
+
+def printable(value):
+    """Nothing that steers a terminal."""
+    return "".join(c if c.isprintable() else "?" for c in value.decode(errors="replace"))
 
 
 def send(host, port, operation):

@@ -1,0 +1,87 @@
+#include "SlpEscapes.h"
+
+#include <charconv>
+
+#include "Utf8.h"
+
+namespace SlpEscapes {
+namespace {
+
+constexpr char kMark = '\\';
+constexpr std::size_t kDigits = 2;
+constexpr std::size_t kEscapeSize = 1 + kDigits;
+
+bool IsReserved(char character) {
+    constexpr std::string_view kReserved("(),\\!<=>~");
+    constexpr unsigned char kFirstPrintable = 0x20;
+    constexpr unsigned char kDelete = 0x7f;
+    const auto code = static_cast<unsigned char>(character);
+    return code < kFirstPrintable || code == kDelete ||
+           kReserved.find(character) != std::string_view::npos;
+}
+
+/// Whether `text` begins with an escape, and the byte that it stands for.
+bool ReadEscape(std::string_view text, char& byte) {
+    constexpr int kHexadecimal = 16;
+    if (text.size() < kEscapeSize || text.front() != kMark) {
+        return false;
+    }
+    unsigned char code = 0;
+    const char* const end = text.data() + kEscapeSize;
+    const auto [rest, error] = std::from_chars(text.data() + 1, end, code, kHexadecimal);
+    byte = static_cast<char>(code);
+    return error == std::errc() && rest == end;
+}
+
+}  // namespace
+
+std::string Escape(std::string_view value, std::string_view kept) {
+    constexpr char kHexDigits[] = "0123456789abcdef";
+    constexpr unsigned kDigitBits = 4;
+    constexpr unsigned kDigitMask = 0xf;
+    std::string escaped;
+    for (const char character : value) {
+        if (!IsReserved(character) || kept.find(character) != std::string_view::npos) {
+            escaped += character;
+            continue;
+        }
+        const auto code = static_cast<unsigned char>(character);
+        escaped += {kMark, kHexDigits[code >> kDigitBits], kHexDigits[code & kDigitMask]};
+    }
+    return escaped;
+}
+
+std::string Unescape(std::string_view value) {
+    std::string text;
+    while (!value.empty()) {
+        char byte = value.front();
+        const bool isEscape = ReadEscape(value, byte);
+        text += isEscape ? byte : value.front();
+        value.remove_prefix(isEscape ? kEscapeSize : 1);
+    }
+    return text;
+}
+
+std::string_view FirstCharacters(std::string_view value, std::size_t count) {
+    std::size_t size = 0;
+    for (; count > 0 && size < value.size(); --count) {
+        size += Utf8::First(value.substr(size)).size;
+    }
+    return value.substr(0, size);
+}
+
+std::string_view CutEscaped(std::string_view value, std::size_t size) {
+    std::size_t end = 0;
+    while (end < value.size()) {
+        const std::string_view rest = value.substr(end);
+        char byte = 0;
+        const std::size_t next = ReadEscape(rest, byte) ? kEscapeSize : Utf8::First(rest).size;
+        if (end + next > size) {
+            break;
+        }
+        end += next;
+    }
+    return value.substr(0, end);
+}
+
+}  // namespace SlpEscapes
