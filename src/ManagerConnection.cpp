@@ -141,7 +141,8 @@ bool ManagerConnection::LimitSending(Clock::time_point deadline) const {
     const auto left = std::min(std::chrono::duration_cast<microseconds>(deadline - Clock::now()),
                                microseconds(kPatience));
     const auto whole = std::chrono::floor<seconds>(left);
-    const timeval patience{whole.count(), (left - whole).count()};
+    const timeval patience{static_cast<time_t>(whole.count()),
+                           static_cast<suseconds_t>((left - whole).count())};
     return left.count() > 0 &&
            setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0;
 }

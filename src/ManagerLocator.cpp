@@ -1,6 +1,7 @@
 #include "ManagerLocator.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "LogText.h"
 #include "ZelLogging.h"
@@ -128,7 +129,7 @@ int ManagerLocator::OnAttributeReply(SlpReply& reply) {
         ZEL_ERROR("ClusterIP from %s holds no address", reply.peerAddress.c_str());
         return -1;
     }
-    managerAddress_ = address;
+    managerAddress_ = std::move(address);
     if (!mode_.SharesNetworkWith(managerAddress_)) {
         return -1;
     }

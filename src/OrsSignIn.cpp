@@ -64,7 +64,7 @@ void OrsSignIn::Stop() {
 
 /// False when stopped.
 bool OrsSignIn::Reserve(std::string& handle) {
-    do {
+    for (std::chrono::seconds pause{0}; Pause(pause); pause = kReservePause) {
         handle = kNoHandle;
         try {
             if (reservation_.Reserve(kOwner, kAnyHost, handle)) {
@@ -74,7 +74,7 @@ bool OrsSignIn::Reserve(std::string& handle) {
             ZEL_ERROR("No memory to reserve the box for the sign-in");
             Release(handle);
         }
-    } while (Pause());
+    }
     return false;
 }
 
@@ -87,13 +87,13 @@ void OrsSignIn::Release(const std::string& handle) {
         } catch (const std::bad_alloc&) {
             ZEL_ERROR("No memory to release the box after the sign-in");
         }
-    } while (Pause());
+    } while (Pause(kReservePause));
 }
 
 /// False when stopped.
-bool OrsSignIn::Pause() {
+bool OrsSignIn::Pause(std::chrono::seconds time) {
     std::unique_lock lock(mutex_);
-    return !changed_.wait_for(lock, kReservePause, [this] { return stopped_; });
+    return !changed_.wait_for(lock, time, [this] { return stopped_; });
 }
 
 void OrsSignIn::Disconnect() {

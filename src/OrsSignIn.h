@@ -43,7 +43,7 @@ public:
 private:
     bool Reserve(std::string& handle);
     void Release(const std::string& handle);
-    bool Pause();
+    bool Pause(std::chrono::seconds time);
     void Disconnect();
     bool SignInWith(const std::string& address);
     bool PreSignInUntilUpdated();

@@ -4,10 +4,12 @@
 
 #include <chrono>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 
 #include "ManagerConnection.h"
+#include "OrsSignIn.h"
 
 namespace {
 
@@ -61,6 +63,22 @@ TEST(ManagerConnectionTest, AnExchangeEndsInTimeWhateverTheManagerSends) {
         EXPECT_LT(taken, 60s) << manager.name;
         EXPECT_FALSE(connection.Exchange("<again/>", response, begin + 1s)) << "no time is left";
     }
+}
+
+TEST(OrsSignInTest, LackOfMemoryLeavesTheBoxFree) {
+    ZelConfig config;
+    config.Set("zel.state.current", DeviceReservation::kFree, ZelConfig::Kind::kFixed);
+    DeviceReservation reservation(config);
+    DiscoverModeCtrl mode(config);
+    bool wasReserved = false;
+    config.Register("com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp",
+                    [&](const std::string&, std::string&) -> bool {
+                        wasReserved = reservation.IsReserved();
+                        throw std::bad_alloc();
+                    });
+    EXPECT_FALSE(OrsSignIn(config, reservation, mode).Run());
+    EXPECT_TRUE(wasReserved);
+    EXPECT_FALSE(reservation.IsReserved());
 }
 
 }  // namespace
