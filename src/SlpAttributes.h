@@ -18,7 +18,7 @@ namespace SlpAttributes {
 inline constexpr std::size_t kMaxOwner = 64;
 /// Most bytes of a list: what an answer has room for.
 inline constexpr std::size_t kMaxList = SlpCodec::kMaxReply - 22;
-/// Bytes up to which an escaped value is never cut; the UUID and a VIN have less.
+/// Bytes up to which an escaped value is never cut; the UUID and a VIN have no more.
 inline constexpr std::size_t kAlwaysWhole = 36;
 
 /// The list of "service:zel.connector": the box's identity, versions, state, supply, vehicle and
