@@ -117,15 +117,3 @@ def test_another_decoder_reads_every_answer(served):
     assert answers[1][6] == LEGACY_LIST
     assert answers[2][7:9] == [TYPES.decode(), "65530"]
     assert answers[3][9] == TYPES.decode()
-
-
-def test_the_gate_opens_when_no_manager_is_found():
-    with workshop.agent("tavo.hostname=TAVO\nopla.mode=OPLA\n") as agent:
-        workshop.wait_for_log("discover manager using unicast to \n")
-        assert ask(service_request(), patience=1) is None
-        workshop.wait_for_log("go to receive")
-        answer = box.wait_until(lambda: ask(service_request(), patience=1), "it answers")
-        assert answer[1] == 2
-        assert workshop.log().count("discover manager using unicast to \n") == 3
-        assert workshop.log().count("discover manager using multicast\n") == 1
-        assert {"ZelSlpService", "OrsSignInServic"} <= set(agent.threads().values())
