@@ -65,7 +65,8 @@ std::string SsidValue(const std::string& ssid) {
     }
     constexpr char kDigits[] = "0123456789abcdef";
     std::string digits;
-    for (const unsigned char byte : ssid) {
+    for (const char c : ssid) {
+        const auto byte = static_cast<unsigned char>(c);
         digits += kDigits[byte / 16];
         digits += kDigits[byte % 16];
     }
