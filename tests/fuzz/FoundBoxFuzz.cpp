@@ -1,0 +1,60 @@
+// Any bytes as what answers a search for boxes: nothing that steers a terminal is shown.
+
+#include "Box.h"
+#include "BoxChanges.h"
+#include "BoxName.h"
+#include "BoxTable.h"
+#include "Fuzzing.h"
+#include "SafeText.h"
+#include "SlpCodec.h"
+
+using Fuzzing::Require;
+
+namespace {
+
+void CheckBox(const Box& box) {
+    const std::string json = box.ToJson();
+    Require(!Fuzzing::HasControls(json) && Fuzzing::IsObject(json), "JSON is a safe object");
+
+    const BoxTable::Line line = BoxTable::MakeLine(box);
+    const std::string table = BoxTable::Render({line, line}, false);
+    Require(!Fuzzing::HasControls(table, "\n"), "a table holds no control characters");
+    Require(std::count(table.begin(), table.end(), '\n') == 3, "a box is a line of the table");
+    std::string colored = BoxTable::Render({line}, true);
+    // The escapes are the table's own: to the end of the colour, or of the heading, that is, "m".
+    for (std::size_t at = 0; (at = colored.find("\033[", at)) != std::string::npos;) {
+        const std::size_t end = colored.find_first_not_of("0123456789;", at + 2);
+        Require(end != std::string::npos && colored[end] == 'm', "colours are the only escapes");
+        colored.erase(at, end + 1 - at);
+    }
+    Require(!Fuzzing::HasControls(colored, "\n"), "a coloured table holds only colours");
+
+    BoxAddress address;
+    const Outcome outcome = BoxName::ChooseOnly({box, box}, address);
+    Require(!Fuzzing::HasControls(outcome.text), "a choice is safe to show");
+    BoxChanges changes;
+    BoxChanges::Texts texts;
+    for (const auto& boxes : {std::vector<Box>{}, {box}, {Box{box.address, {}}}, {}, {}}) {
+        changes.Next(boxes, texts);
+        for (const std::string& text : texts) {
+            Require(!Fuzzing::HasControls(text), "a change is safe to show");
+        }
+    }
+    static_cast<void>(box.HasSerial("12345"));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size > SlpCodec::kMaxSize) {
+        return 0;
+    }
+    SlpCodec::Datagram datagram{};
+    std::copy_n(data, size, datagram.begin());
+    const std::optional<SlpMessage> message = SlpCodec::Decode(datagram);
+    const auto* const reply = message ? std::get_if<SlpReply>(&*message) : nullptr;
+    if (reply != nullptr && reply->attrList) {
+        CheckBox(Box::Read("192.168.68.42", *reply->attrList));
+    }
+    return 0;
+}

@@ -1,0 +1,107 @@
+#include "ServiceBox.h"
+
+#include <spawn.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <set>
+
+#include "Fuzzing.h"
+#include "StoreSetup.h"
+#include "ZelLogging.h"
+
+using Fuzzing::Require;
+
+namespace {
+
+constexpr char kOwner[] = "owner";
+
+// What is run while the box is made may be run.
+bool isLearning = true;
+std::set<std::string>& KnownCommands() {
+    static std::set<std::string> known;
+    return known;
+}
+
+/// The text with "A" in the place of every dotted address.
+std::string WithoutAddresses(std::string_view text) {
+    constexpr std::string_view kDigitsAndDots = "0123456789.";
+    std::string result;
+    while (!text.empty()) {
+        const std::size_t size = std::min(text.find_first_not_of(kDigitsAndDots), text.size());
+        const std::string_view number = text.substr(0, size);
+        result += std::count(number.begin(), number.end(), '.') == 3 ? "A" : number;
+        text.remove_prefix(size);
+        const std::size_t other = std::min(text.find_first_of(kDigitsAndDots), text.size());
+        result += text.substr(0, other);
+        text.remove_prefix(other);
+    }
+    return result;
+}
+
+}  // namespace
+
+extern "C" int posix_spawn(pid_t*, const char* path, const posix_spawn_file_actions_t*,
+                           const posix_spawnattr_t*, char* const arguments[], char* const[]) {
+    std::string command = path;
+    for (int i = 1; arguments[0] != nullptr && arguments[i] != nullptr; ++i) {
+        command += std::string(" ") + arguments[i];
+    }
+    command = WithoutAddresses(command);
+    if (isLearning) {
+        KnownCommands().insert(command);
+    } else if (!KnownCommands().contains(command)) {
+        dprintf(Fuzzing::console, "%s\n", command.c_str());
+        Require(false, "a command holds nothing of a peer's but an address");
+    }
+    return EAGAIN;
+}
+
+extern "C" pid_t fork() noexcept {
+    errno = EAGAIN;
+    return -1;
+}
+
+ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr, FormerAddress&) {
+    return mode == kDhcp ? Outcome::kDone : Outcome::kFailed;
+}
+
+ServiceBox::Log::Log() {
+    ZelLogging::Handler().AddClient(*this);
+}
+
+void ServiceBox::Log::Write(const std::string& line) {
+    Require(!Fuzzing::HasControls(line, "\n"), "a log line holds no control characters");
+}
+
+ServiceBox::ServiceBox() {
+    SetUpStore(config, trigger15, [] { return std::string(); });
+    for (const char* host : {"192.0.2.1", "0"}) {
+        std::string handle;
+        reservation.Reserve(kOwner, host, handle);
+        reservation.ChangeHostLock(handle, host);
+        reservation.Release(handle);
+    }
+    isLearning = false;
+    // The agent service's own, which is no shell's.
+    KnownCommands().insert("/sbin/reboot");
+}
+
+void ServiceBox::Set(bool isReserved, bool isStopped) {
+    const auto set = [this](const char* key, const char* value) {
+        config.Set(key, value, ZelConfig::Kind::kFixed);
+    };
+    set("zel.state.current", isReserved ? DeviceReservation::kReserved : DeviceReservation::kFree);
+    set("zel.state.owner", isReserved ? kOwner : "");
+    set("zel.state.handle", isReserved ? kHandle : "");
+    set("zel.state.hostlock", "0.0.0.0");
+    set("zel.state.is_stopped", isStopped ? "1" : "0");
+}
+
+void ServiceBox::Check() const {
+    const std::string state = config.Get("zel.state.current");
+    const bool isFree = state == DeviceReservation::kFree;
+    Require(isFree || state == DeviceReservation::kReserved, "the box is free or reserved");
+    Require(config.Get("zel.state.handle").empty() == isFree, "who reserves has a handle");
+    Require(!isFree || config.Get("zel.state.owner").empty(), "a free box has no owner");
+}
