@@ -6,6 +6,8 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -144,7 +146,7 @@ int ReadGateway(const std::string& interface, long long& gateway) {
         ZEL_ERROR("Can't open file because of '%s'", std::strerror(errno));
         return -1;
     }
-    unsigned long long found = 0;
+    std::uint32_t found = 0;
     std::string line;
     while (std::getline(file, line)) {
         InterfaceName name{};
@@ -160,13 +162,15 @@ int ReadGateway(const std::string& interface, long long& gateway) {
         if (interface == name.data() && std::string_view(destination.data()) == "00000000" &&
             std::strtol(flags.data(), nullptr, 10) % 2 != 0) {
             // The address word as it lies in memory, in eight digits.
+            constexpr std::size_t kDigits = 8;
             constexpr int kHexadecimal = 16;
-            found = std::strtoull(std::string(word.data(), 8).c_str(), nullptr, kHexadecimal);
-            ZEL_DEBUG("set %s %llx", name.data(), found);
+            found = 0;
+            std::from_chars(word.data(), word.data() + kDigits, found, kHexadecimal);
+            ZEL_DEBUG("set %s %x", name.data(), found);
         }
     }
-    ZEL_DEBUG("Gateway: %llx", found);
-    gateway = static_cast<long long>(found);
+    ZEL_DEBUG("Gateway: %x", found);
+    gateway = found;
     return 0;
 }
 

@@ -59,7 +59,7 @@ Outcome HttpClient::Post(const BoxAddress&, const std::string&, const std::strin
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr struct {
-        Outcome (*run)(const Options& options);
+        Outcome (*run)(const Options& options) = nullptr;
         bool json = false;
         const char* allowed = "\n";
     } kCommands[] = {

@@ -6,7 +6,10 @@
 using Fuzzing::Require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string_view text = Fuzzing::ToText(data, size);
+    // White space in front of the first line alone belongs to a key, which loses it as soon as
+    // another one stands before it.
+    std::string_view text = Fuzzing::ToText(data, size);
+    text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
     Fuzzing::WriteFile(ZelConfig::kConfigurationFile, text);
     ZelConfig config;
     Require(config.Load(), "a file that is there is read");

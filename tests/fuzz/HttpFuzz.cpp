@@ -1,7 +1,7 @@
 // Any bytes as HTTP messages on one connection: heads, sized and chunked bodies.
 //
-// What stands between two bytes 0xff is sent many times, so that small inputs reach the limits; the
-// byte in front of it tells how often.
+// What stands between two bytes 0xff is sent as many times as the byte in front of it says: some
+// times, or from 0xf0 on two to the power of its last digit, so that small inputs reach the limits.
 
 #include <sys/socket.h>
 
@@ -15,14 +15,18 @@ using Fuzzing::Require;
 
 namespace {
 
-constexpr std::size_t kMaxStream = std::size_t{3} << 20;
+constexpr std::size_t kMaxStream = 0x120000;
+constexpr unsigned kManyTimes = 0xf0;
+constexpr unsigned kFewTimes = 8;
 constexpr std::size_t kSentAtOnce = 60000;  // what a socket takes without a reader
 
 std::string Expand(std::string_view text) {
     std::string stream;
     while (!text.empty()) {
         stream += Fuzzing::Take(text, '\xff');
-        std::size_t count = std::size_t{1} << Fuzzing::TakeByte(text) % 16;
+        const unsigned byte = Fuzzing::TakeByte(text);
+        std::size_t count =
+            byte < kManyTimes ? byte % kFewTimes : std::size_t{1} << (byte - kManyTimes);
         const std::string_view repeated = Fuzzing::Take(text, '\xff');
         for (; count > 0 && stream.size() + repeated.size() <= kMaxStream; --count) {
             stream += repeated;

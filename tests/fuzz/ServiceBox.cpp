@@ -15,6 +15,8 @@ using Fuzzing::Require;
 namespace {
 
 constexpr char kOwner[] = "owner";
+// In front of each command line in the log.
+constexpr char kCommandMark[] = "Open pipe '";
 
 // What is run while the box is made may be run.
 bool isLearning = true;
@@ -41,19 +43,8 @@ std::string WithoutAddresses(std::string_view text) {
 
 }  // namespace
 
-extern "C" int posix_spawn(pid_t*, const char* path, const posix_spawn_file_actions_t*,
-                           const posix_spawnattr_t*, char* const arguments[], char* const[]) {
-    std::string command = path;
-    for (int i = 1; arguments[0] != nullptr && arguments[i] != nullptr; ++i) {
-        command += std::string(" ") + arguments[i];
-    }
-    command = WithoutAddresses(command);
-    if (isLearning) {
-        KnownCommands().insert(command);
-    } else if (!KnownCommands().contains(command)) {
-        dprintf(Fuzzing::console, "%s\n", command.c_str());
-        Require(false, "a command holds nothing of a peer's but an address");
-    }
+extern "C" int posix_spawn(pid_t*, const char*, const posix_spawn_file_actions_t*,
+                           const posix_spawnattr_t*, char* const[], char* const[]) {
     return EAGAIN;
 }
 
@@ -72,6 +63,16 @@ ServiceBox::Log::Log() {
 
 void ServiceBox::Log::Write(const std::string& line) {
     Require(!Fuzzing::HasControls(line, "\n"), "a log line holds no control characters");
+    const std::size_t start = line.find(kCommandMark);
+    if (start == std::string::npos) {
+        return;
+    }
+    const std::string command = WithoutAddresses(std::string_view(line).substr(start));
+    if (isLearning) {
+        KnownCommands().insert(command);
+    }
+    Require(KnownCommands().contains(command),
+            "a command holds nothing of a peer's but an address");
 }
 
 ServiceBox::ServiceBox() {
@@ -83,8 +84,6 @@ ServiceBox::ServiceBox() {
         reservation.Release(handle);
     }
     isLearning = false;
-    // The agent service's own, which is no shell's.
-    KnownCommands().insert("/sbin/reboot");
 }
 
 void ServiceBox::Set(bool isReserved, bool isStopped) {
