@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
+#include <ostream>
 #include <set>
 
 #include "Fuzzing.h"
@@ -15,7 +17,7 @@ using Fuzzing::Require;
 namespace {
 
 constexpr char kOwner[] = "owner";
-// In front of each command line in the log.
+// What the log line of a command begins with.
 constexpr char kCommandMark[] = "Open pipe '";
 
 // What is run while the box is made may be run.
@@ -58,16 +60,22 @@ ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr, FormerAddress&) {
 }
 
 ServiceBox::Log::Log() {
+    struct MessageOnly : LogLayout {
+        void Format(std::ostream& out, const LogEvent& event) const override {
+            out << event.GetLogMessage() << '\n';
+        }
+    };
+    SetLayout(std::make_unique<MessageOnly>());
     ZelLogging::Handler().AddClient(*this);
 }
 
 void ServiceBox::Log::Write(const std::string& line) {
     Require(!Fuzzing::HasControls(line, "\n"), "a log line holds no control characters");
-    const std::size_t start = line.find(kCommandMark);
-    if (start == std::string::npos) {
+    // Elsewhere in a line the mark may be what a peer has sent.
+    if (!line.starts_with(kCommandMark)) {
         return;
     }
-    const std::string command = WithoutAddresses(std::string_view(line).substr(start));
+    const std::string command = WithoutAddresses(line);
     if (isLearning) {
         KnownCommands().insert(command);
     }
