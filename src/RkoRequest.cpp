@@ -66,7 +66,7 @@ std::vector<Part> Parts(std::string_view body) {
 }  // namespace
 
 std::optional<RkoRequest> RkoRequest::Read(const HttpRequest& request) {
-    const std::string body = request.body.value_or("");
+    const std::string_view body = request.body ? *request.body : std::string_view();
     if (request.method == HttpRequest::Method::kGet) {
         const std::string url = request.url.value_or("");
         const std::size_t mark = url.find(kMark);

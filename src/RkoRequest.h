@@ -2,13 +2,14 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "HttpMessage.h"
 
 /// A request of the WDDX service: the function's name and the packet that goes with it.
 struct RkoRequest {
     std::string function;
-    std::string packet;  ///< empty when there is none
+    std::string_view packet;  ///< part of the request's body; empty when there is none
 
     /// Takes a request apart. Of a GET request the function is what stands behind
     /// "?FunctionName=" in the URL and the packet the body. Of a POST request the body is a form

@@ -4,6 +4,8 @@
 #include <map>
 #include <string_view>
 
+#include "LargeText.h"
+#include "LogText.h"
 #include "RkoRequest.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
@@ -84,11 +86,21 @@ struct SlpAttribute {
     bool isPersistent;
 };
 
-std::string SlpAttributes(const std::string& macAddress, const std::string& ipAddress,
-                          const std::string& isAllocated, const std::string& color) {
+/// What the device status tells of the box.
+struct DeviceValues {
+    std::string macAddress;
+    std::string ipAddress;
+    std::string netmask;
+    std::string gateway;
+    std::string isAllocated;
+    std::string owner;
+    std::string color;
+};
+
+std::string SlpAttributes(const DeviceValues& values) {
     const SlpAttribute attributes[] = {
         {"FirmwareRev", "121", true},
-        {"MacAddress", macAddress, true},
+        {"MacAddress", values.macAddress, true},
         {"VciChannel1", "TELMANO:TAVO:6801", true},
         {"VciChannel2", "TELMANO:TAVO:6802", true},
         {"RkoUrl", "//TAVO:5302/rKO", true},
@@ -96,9 +108,9 @@ std::string SlpAttributes(const std::string& macAddress, const std::string& ipAd
         {"VciChannels", "2", true},
         {"DevClass", "HUX-VCI", true},
         {"description", "TAVO, Velka, QK20417B", true},
-        {"IsAllocated", isAllocated, true},
-        {"IpAddress", ipAddress, false},
-        {"AssignedColor", color, true},
+        {"IsAllocated", values.isAllocated, true},
+        {"IpAddress", values.ipAddress, false},
+        {"AssignedColor", values.color, true},
     };
     std::string array = "<array length=\"" + std::to_string(std::size(attributes)) + "\">\n";
     for (const auto& [name, value, isPersistent] : attributes) {
@@ -117,27 +129,36 @@ struct Reply {
     const char* contentType = kXml;
 };
 
+std::string DeviceStatus(const DeviceValues& values) {
+    return Struct(Var("DeviceType", Number(40018)) + Var("UpTime", Number(60)) +
+                  Var("SelftestStatus", Status(42502, 9061)) + Var("Hostname", String("TAVO")) +
+                  Var("MacAddress", String(values.macAddress)) + Var("DhcpMode", Number(41203)) +
+                  Var("IpAddress", String(values.ipAddress)) +
+                  Var("Netmask", String(values.netmask)) +
+                  Var("DefaultGateway", String(values.gateway)) + Var("FirmwareRev", Number(121)) +
+                  Var("IsAllocated", String(values.isAllocated)) +
+                  Var("DeviceOwner", String(values.owner)) + Var("IfUsage", Channels()) +
+                  Var("SlpAttributes", SlpAttributes(values)) + Var("Status", Status(0, 0))) +
+           "\n";
+}
+
 int GetDeviceStatus(const xmlNode* /*data*/, const Device& device, Reply& reply) {
     const ZelConfig& config = device.config;
-    const std::string macAddress = config.Get("network.mac.lan");
-    const std::string ipAddress = config.Get("network.current.lan.ip");
-    // No attribute has this name: clients have always got an empty net mask.
-    const std::string netmask = config.Get("network.current.lan.netmasl");
-    const std::string isAllocated = device.reservation.IsReserved() ? "1" : "0";
-    reply.data =
-        Struct(Var("DeviceType", Number(40018)) + Var("UpTime", Number(60)) +
-               Var("SelftestStatus", Status(42502, 9061)) + Var("Hostname", String("TAVO")) +
-               Var("MacAddress", String(macAddress)) + Var("DhcpMode", Number(41203)) +
-               Var("IpAddress", String(ipAddress)) + Var("Netmask", String(netmask)) +
-               Var("DefaultGateway", String(config.Get("network.current.defaultgateway"))) +
-               Var("FirmwareRev", Number(121)) + Var("IsAllocated", String(isAllocated)) +
-               Var("DeviceOwner", String(config.Get("zel.state.owner"))) +
-               Var("IfUsage", Channels()) +
-               Var("SlpAttributes",
-                   SlpAttributes(macAddress, ipAddress, isAllocated, config.Get("tavo.color"))) +
-               Var("Status", Status(0, 0))) +
-        "\n";
-    ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", reply.data.c_str(), static_cast<int>(reply.data.size()));
+    DeviceValues values{
+        .macAddress = config.Get("network.mac.lan"),
+        .ipAddress = config.Get("network.current.lan.ip"),
+        // No attribute has this name: clients have always got an empty net mask.
+        .netmask = config.Get("network.current.lan.netmasl"),
+        .gateway = config.Get("network.current.defaultgateway"),
+        .isAllocated = device.reservation.IsReserved() ? "1" : "0",
+        .owner = config.Get("zel.state.owner"),
+        .color = config.Get("tavo.color"),
+    };
+    reply.data = DeviceStatus(values);
+    // The log holds the whole text, but no line that the owner has written.
+    values.owner = LogText::Of(values.owner, std::string::npos);
+    ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", DeviceStatus(values).c_str(),
+              static_cast<int>(reply.data.size()));
     return 0;
 }
 
@@ -188,17 +209,19 @@ Reply Answer(const std::optional<RkoRequest>& request, const Device& device) {
     if (!request || request->function.size() < kMinNameLength) {
         return {"Invalid Argument given"};
     }
-    ZEL_DEBUG("rKo::%s", request->function.c_str());
+    ZEL_DEBUG("rKo::%s", LogText::Of(request->function).c_str());
     if (request->packet.empty()) {
         return {"no request data"};
     }
     const auto method = Methods().find(request->function);
     if (method == Methods().end()) {
-        ZEL_ERROR("rKo wddx method '%s' not found", request->function.c_str());
+        ZEL_ERROR("rKo wddx method '%s' not found", LogText::Of(request->function).c_str());
         return {"rKo wddx method not found"};
     }
+    const LargeText place(request->packet.size());
     const XmlText::Document document =
-        XmlText::Parse(request->packet, XmlText::DocumentType::kNameOnly);
+        place.MayBeRead() ? XmlText::Parse(request->packet, XmlText::DocumentType::kNameOnly)
+                          : nullptr;
     if (!document) {
         ZEL_ERROR("Can't create doc node");
         return {"Internal error"};

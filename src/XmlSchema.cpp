@@ -5,12 +5,13 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <vector>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+#include "Console.h"
 
 namespace {
-
-// Messages are cut here when they are printed; one that reaches the size is not collected.
-constexpr std::size_t kMessageSize = 32769;
 
 thread_local bool loadingSchema = false;
 xmlExternalEntityLoader libraryLoader = nullptr;
@@ -38,33 +39,74 @@ public:
 
 }  // namespace
 
-XmlSchema::XmlSchema(const std::string& path) {
+void LatestMessages::Add(std::string message) {
+    messages_.push_back(std::move(message));
+    size_ += messages_.back().size();
+    while (size_ > kMaxText) {
+        size_ -= messages_.front().size();
+        messages_.pop_front();
+    }
+}
+
+void LatestMessages::Take(LatestMessages& others) {
+    for (std::string& message : others.messages_) {
+        Add(std::move(message));
+    }
+    others = {};
+}
+
+std::string LatestMessages::Text() const {
+    std::string text;
+    text.reserve(size_);
+    for (const std::string& message : messages_) {
+        text += message;
+    }
+    return text;
+}
+
+/// Also where it has failed before: it may have been for want of memory or of a descriptor.
+bool XmlSchema::Load(Findings& findings) {
+    if (schema_) {
+        return true;
+    }
     xmlInitParser();
-    const std::lock_guard lock(mutex_);
     const SchemaLoading loading;
-    parserContext_.reset(xmlSchemaNewParserCtxt(path.c_str()));
-    if (!parserContext_) {
-        return;
+    const std::unique_ptr<xmlSchemaParserCtxt, Free> parser(xmlSchemaNewParserCtxt(path_.c_str()));
+    if (parser) {
+        xmlSchemaSetParserErrors(parser.get(), AddMessage, AddMessage, &findings);
+        schema_.reset(xmlSchemaParse(parser.get()));
     }
-    xmlSchemaSetParserErrors(parserContext_.get(), CollectMessage, CollectMessage, this);
-    schema_.reset(xmlSchemaParse(parserContext_.get()));
-    if (!schema_) {
-        return;
-    }
-    validationContext_.reset(xmlSchemaNewValidCtxt(schema_.get()));
-    if (validationContext_) {
-        xmlSchemaSetValidErrors(validationContext_.get(), CollectMessage, CollectMessage, this);
-    }
+    return schema_ != nullptr;
 }
 
 template <typename Validate>
 bool XmlSchema::RunValidation(Validate validate, std::string& errors) {
-    const std::lock_guard lock(mutex_);
-    if (validationContext_ && validate(validationContext_.get()) == 0) {
-        return true;
+    Findings findings;
+    bool isLoaded = false;
+    bool isValid = false;
+    {
+        const std::lock_guard lock(mutex_);
+        isLoaded = Load(findings);
     }
-    errors = errorText_;
-    return false;
+    if (isLoaded) {
+        // A context of its own for each: it keeps what it has seen of the documents.
+        const std::unique_ptr<xmlSchemaValidCtxt, Free> context(
+            xmlSchemaNewValidCtxt(schema_.get()));
+        if (context) {
+            xmlSchemaSetValidErrors(context.get(), AddMessage, AddMessage, &findings);
+            isValid = validate(context.get()) == 0;
+        }
+    }
+    const std::string printed = findings.printed.Text();
+    if (!isValid || !printed.empty()) {
+        const std::lock_guard lock(mutex_);
+        messages_.Take(findings.collected);
+        errors = isValid ? "" : messages_.Text();
+    }
+    if (!printed.empty()) {
+        Console::PrintError(printed);
+    }
+    return isValid;
 }
 
 bool XmlSchema::ValidateDocument(xmlDoc* document, std::string& errors) {
@@ -81,18 +123,24 @@ bool XmlSchema::ValidateElement(xmlNode* element, std::string& errors) {
         errors);
 }
 
-void XmlSchema::CollectMessage(void* schema, const char* format, ...) {
-    std::vector<char> message(kMessageSize);
+void XmlSchema::AddMessage(void* findings, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(message.data(), message.size(), format, arguments);
+    char* formatted = nullptr;
+    const int length = vasprintf(&formatted, format, arguments);
     va_end(arguments);
-    std::fprintf(stderr, "%s", message.data());
-    if (schema == nullptr || length < 0 || static_cast<std::size_t>(length) >= kMessageSize - 1) {
+    if (length < 0) {
         return;
     }
-    std::string& text = static_cast<XmlSchema*>(schema)->errorText_;
-    if (text.size() + static_cast<std::size_t>(length) <= kMaxErrorText) {
-        text.append(message.data(), static_cast<std::size_t>(length));
+    const std::unique_ptr<char, decltype(&std::free)> owned(formatted, std::free);
+    const std::string_view message(formatted, static_cast<std::size_t>(length));
+    try {
+        auto& found = *static_cast<Findings*>(findings);
+        found.printed.Add(std::string(message.substr(0, kMaxMessage)));
+        if (message.size() < kMaxMessage) {
+            found.collected.Add(std::string(message));
+        }
+    } catch (const std::bad_alloc&) {
+        // The caller is a function of C: what is not valid stays so without the message.
     }
 }

@@ -3,38 +3,63 @@
 #include <libxml/tree.h>
 #include <libxml/xmlschemas.h>
 
+#include <cstddef>
+#include <deque>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "HeldMutex.h"
 
-/// One W3C XML Schema with every message that loading it and validating against it has produced.
-/// Thread-safe: a validation and the reading of its messages are one critical section.
+/// The newest of a sequence of messages: where they would be longer than the limit, the oldest go.
+class LatestMessages {
+public:
+    /// Most bytes of all messages.
+    static constexpr std::size_t kMaxText = std::size_t{64} * 1024;
+
+    void Add(std::string message);
+    /// Adds the messages of `others`, in their order.
+    void Take(LatestMessages& others);
+    std::string Text() const;
+
+private:
+    std::deque<std::string> messages_;
+    std::size_t size_ = 0;
+};
+
+/// One W3C XML Schema with the newest of the messages that loading it and validating against it
+/// have produced. Thread-safe; validations do not wait for each other.
 class XmlSchema {
 public:
-    /// The collected text stops growing here; further messages only go to standard error.
-    static constexpr std::size_t kMaxErrorText = 1024 * 1024;
+    /// A message of so many bytes is not collected, and cut when it is printed.
+    static constexpr std::size_t kMaxMessage = 32 * 1024;
 
-    /// Loads the schema file. A missing or broken file is no error here: every validation then
-    /// fails.
-    explicit XmlSchema(const std::string& path);
+    /// The schema file is loaded by the first validation. Validations with a missing or broken file
+    /// fail, until it can be loaded.
+    explicit XmlSchema(std::string path) : path_(std::move(path)) {}
     XmlSchema(const XmlSchema&) = delete;
     XmlSchema& operator=(const XmlSchema&) = delete;
     virtual ~XmlSchema() = default;
 
-    /// True when the document is valid. Otherwise `errors` is the whole collected text, which is
-    /// never cleared: it repeats what earlier validations found.
+    /// True when the document is valid. Otherwise `errors` is the whole collected text, at most
+    /// LatestMessages::kMaxText, which is never cleared: it repeats what earlier validations found.
     bool ValidateDocument(xmlDoc* document, std::string& errors);
 
     /// The same for one element and what is below it.
     bool ValidateElement(xmlNode* element, std::string& errors);
 
 private:
-    static void CollectMessage(void* schema, const char* format, ...)
+    /// What one loading or validation has to say: to standard error, and for the collected text.
+    struct Findings {
+        LatestMessages printed;
+        LatestMessages collected;
+    };
+    static void AddMessage(void* findings, const char* format, ...)
         __attribute__((format(printf, 2, 3)));
 
     template <typename Validate>
     bool RunValidation(Validate validate, std::string& errors);
+    bool Load(Findings& findings);
 
     struct Free {
         void operator()(xmlSchemaParserCtxt* p) const { xmlSchemaFreeParserCtxt(p); }
@@ -42,10 +67,8 @@ private:
         void operator()(::xmlSchema* p) const { xmlSchemaFree(p); }
     };
 
+    const std::string path_;
     HeldMutex mutex_;
-    // Destroyed in reverse order: the contexts refer to what stands above them.
-    std::unique_ptr<xmlSchemaParserCtxt, Free> parserContext_;
-    std::unique_ptr<::xmlSchema, Free> schema_;
-    std::unique_ptr<xmlSchemaValidCtxt, Free> validationContext_;
-    std::string errorText_;
+    std::unique_ptr<::xmlSchema, Free> schema_;  // only read, once it is loaded
+    LatestMessages messages_;
 };

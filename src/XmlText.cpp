@@ -1,10 +1,12 @@
 #include "XmlText.h"
 
+#include <libxml/SAX2.h>
 #include <libxml/chvalid.h>
 #include <libxml/parser.h>
 #include <libxml/xmlstring.h>
 
-#include <cstring>
+#include <cstddef>
+#include <new>
 #include <utility>
 
 #include "Utf8.h"
@@ -12,7 +14,6 @@
 namespace XmlText {
 namespace {
 
-constexpr char kDocumentName[] = "noname.xml";
 constexpr char kUnprintable = '?';
 
 const char* ToChars(const xmlChar* text) {
@@ -28,20 +29,150 @@ std::string TakeText(xmlChar* text) {
     return owned ? ToChars(owned.get()) : "";
 }
 
+struct FreeParser {
+    void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
+};
+
+void Ignore(void* /*context*/, const char* /*format*/, ...) {}
+
+std::size_t NameSize(const xmlChar* name, const xmlChar* uri) {
+    return static_cast<std::size_t>(xmlStrlen(name)) + static_cast<std::size_t>(xmlStrlen(uri));
+}
+
+/// One text on its way through the library's parser, which fetches it piece by piece and tells what
+/// it finds. Nothing here throws or allocates: the callers are functions of C.
+class Reading {
+public:
+    Reading(std::string_view text, DocumentType type)
+        : rest_(text), type_(type), parser_(xmlNewParserCtxt()) {}
+    Reading(const Reading&) = delete;
+    Reading& operator=(const Reading&) = delete;
+
+    Document Run() {
+        if (!parser_) {
+            return nullptr;
+        }
+        parser_->_private = this;
+        parser_->sax->internalSubset = TakeDocumentType;
+        parser_->sax->startElementNs = TakeElement;
+        parser_->sax->comment = TakeComment;
+        parser_->sax->processingInstruction = TakeInstruction;
+        // What the library has to say of a stranger's text would go to the console as it came; what
+        // it says of a broken encoding heeds the options not.
+        xmlSetGenericErrorFunc(nullptr, Ignore);
+        constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+        // The document gets no name: with one, every message of a validator looks through all the
+        // nodes before its own.
+        Document document(
+            xmlCtxtReadIO(parser_.get(), GivePiece, nullptr, this, nullptr, nullptr, kOptions));
+        // Where memory was lacking, the library stops and returns what it has.
+        return refused_ || parser_->disableSAX != 0 ? nullptr : std::move(document);
+    }
+
+private:
+    static Reading& Of(void* parser) {
+        return *static_cast<Reading*>(static_cast<xmlParserCtxt*>(parser)->_private);
+    }
+
+    /// The parser compares each attribute of a start tag with all before it, and each declaration,
+    /// before it tells of the element; how many they are shows in its tables. It also reads on to
+    /// the end when it has found an error. So a text that is refused anyway ends early for it.
+    bool IsLost() const {
+        // Five entries an attribute, and the table has up to twice the size that is needed.
+        constexpr int kMaxTable = 2 * 5 * (kMaxAttributesOfElement + 2);
+        return refused_ || parser_->wellFormed == 0 || parser_->maxatts > kMaxTable ||
+               HasTooManyNamespaces();
+    }
+
+    bool HasTooManyNamespaces() const {
+        return parser_->nsNr > 2 * kMaxNamespacesInScope;  // prefix and name of each
+    }
+
+    static int GivePiece(void* reading, char* buffer, int size) {
+        auto& self = *static_cast<Reading*>(reading);
+        self.refused_ = self.refused_ || self.IsLost();
+        if (self.refused_) {
+            return 0;
+        }
+        const std::size_t count = self.rest_.copy(buffer, static_cast<std::size_t>(size));
+        self.rest_.remove_prefix(count);
+        return static_cast<int>(count);
+    }
+
+    void Refuse() {
+        refused_ = true;
+        xmlStopParser(parser_.get());
+    }
+
+    static void TakeDocumentType(void* parser, const xmlChar* name, const xmlChar* externalId,
+                                 const xmlChar* systemId) {
+        Reading& self = Of(parser);
+        xmlSAX2InternalSubset(parser, name, externalId, systemId);
+        // A SOAP message may hold no document type declaration (SOAP 1.1, section 3): with its
+        // entities a few bytes could stand for gigabytes of text.
+        if (self.type_ == DocumentType::kRefused || *self.parser_->input->cur == '[') {
+            self.Refuse();
+        }
+    }
+
+    static void TakeElement(void* parser, const xmlChar* name, const xmlChar* prefix,
+                            const xmlChar* uri, int declarations, const xmlChar** declared,
+                            int attributes, int defaulted, const xmlChar** values) {
+        Reading& self = Of(parser);
+        xmlSAX2StartElementNs(parser, name, prefix, uri, declarations, declared, attributes,
+                              defaulted, values);
+        self.elements_ += 1;
+        self.attributes_ += attributes + declarations;
+        self.nameText_ += NameSize(name, uri) * (1 + static_cast<std::size_t>(attributes));
+        for (int i = 0; i < attributes && self.nameText_ <= kMaxNameText; ++i) {
+            constexpr int kFields = 5;  // name, prefix, namespace, and where the value is
+            const xmlChar** attribute = values + static_cast<std::ptrdiff_t>(i) * kFields;
+            self.nameText_ += NameSize(attribute[0], attribute[2]);
+        }
+        if (attributes + declarations > kMaxAttributesOfElement || self.elements_ > kMaxElements ||
+            self.attributes_ > kMaxAttributes || self.nameText_ > kMaxNameText ||
+            self.HasTooManyNamespaces()) {
+            self.Refuse();
+        }
+    }
+
+    /// True behind two nodes that are no elements. What else stands there says nothing more to who
+    /// looks for elements, and text that it would part stays in one piece.
+    bool IsAmongOthers() const {
+        const xmlNode* parent = parser_->node;
+        if (parent == nullptr) {
+            parent = reinterpret_cast<const xmlNode*>(parser_->myDoc);
+        }
+        const xmlNode* last = parent == nullptr ? nullptr : parent->last;
+        return last != nullptr && last->type != XML_ELEMENT_NODE && last->prev != nullptr &&
+               last->prev->type != XML_ELEMENT_NODE;
+    }
+
+    static void TakeComment(void* parser, const xmlChar* text) {
+        if (!Of(parser).IsAmongOthers()) {
+            xmlSAX2Comment(parser, text);
+        }
+    }
+
+    static void TakeInstruction(void* parser, const xmlChar* target, const xmlChar* data) {
+        if (!Of(parser).IsAmongOthers()) {
+            xmlSAX2ProcessingInstruction(parser, target, data);
+        }
+    }
+
+    std::string_view rest_;
+    DocumentType type_;
+    std::unique_ptr<xmlParserCtxt, FreeParser> parser_;
+    bool refused_ = false;
+    int elements_ = 0;
+    int attributes_ = 0;
+    std::size_t nameText_ = 0;
+};
+
 }  // namespace
 
-Document Parse(const std::string& text, DocumentType type) {
-    const int length = static_cast<int>(std::strlen(text.c_str()));
-    // What the library has to say of a stranger's text would go to the console as it came.
-    constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
-    Document document(xmlReadMemory(text.c_str(), length, kDocumentName, nullptr, kOptions));
-    if (!document || document->intSubset == nullptr) {
-        return document;
-    }
-    // A SOAP message may hold no document type declaration (SOAP 1.1, section 3): with its entities
-    // a few bytes could stand for gigabytes of text.
-    const bool isNameOnly = document->intSubset->children == nullptr;
-    return type == DocumentType::kNameOnly && isNameOnly ? std::move(document) : nullptr;
+Document Parse(std::string_view text, DocumentType type) {
+    return Reading(text.substr(0, text.find('\0')), type).Run();
 }
 
 std::string_view LocalName(const xmlNode* node) {
@@ -58,7 +189,11 @@ xmlNode* FindChild(const xmlNode* parent, std::string_view localName) {
 }
 
 std::string Content(const xmlNode* node) {
-    return TakeText(xmlNodeGetContent(node));
+    xmlChar* content = xmlNodeGetContent(node);
+    if (node != nullptr && content == nullptr) {
+        throw std::bad_alloc();
+    }
+    return TakeText(content);
 }
 
 std::string Attribute(const xmlNode* node, const char* name) {

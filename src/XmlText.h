@@ -2,6 +2,7 @@
 
 #include <libxml/tree.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -17,13 +18,27 @@ using Document = std::unique_ptr<xmlDoc, FreeDocument>;
 /// What a text may say of its document type.
 enum class DocumentType {
     kRefused,  ///< nothing
-    kNameOnly  ///< name and DTD (which is not read), but no declarations of its own
+    kNameOnly  ///< name and DTD (which is not read), but no subset of its own
 };
 
+/// What a text may hold, besides the 257 levels of elements that the library allows. Time and
+/// memory that the library takes grow faster than the text where these do. Attributes and namespace
+/// declarations of one element.
+inline constexpr int kMaxAttributesOfElement = 256;
+/// Attributes and namespace declarations of all elements.
+inline constexpr int kMaxAttributes = 40'000;
+inline constexpr int kMaxElements = 10'000;
+/// Namespace declarations in force at one place: every prefix is looked for among them.
+inline constexpr int kMaxNamespacesInScope = 512;
+/// Bytes of all names, each with its namespace, those of attributes with their element's: what a
+/// validator may have to print.
+inline constexpr std::size_t kMaxNameText = std::size_t{16} * 1024 * 1024;
+
 /// Parses `text` up to its first zero byte. Nothing but the text itself is read: no DTD, no
-/// external entity, nothing from the network. Null when it is not well-formed or says more of its
-/// document type than it may.
-Document Parse(const std::string& text, DocumentType type = DocumentType::kRefused);
+/// external entity, nothing from the network. Null when it is not well-formed, holds more than it
+/// may, or says more of its document type than it may. Of comments and processing instructions only
+/// the first of several that no element parts are in the document.
+Document Parse(std::string_view text, DocumentType type = DocumentType::kRefused);
 
 /// First child element of `parent` with that local name, or null. `parent` may be null.
 xmlNode* FindChild(const xmlNode* parent, std::string_view localName);
@@ -31,7 +46,7 @@ xmlNode* FindChild(const xmlNode* parent, std::string_view localName);
 /// Text of the first child element with that local name; empty when there is none.
 std::string ChildText(const xmlNode* parent, std::string_view localName);
 
-/// All text below `node`, which may be null.
+/// All text below `node`, which may be null. Throws std::bad_alloc.
 std::string Content(const xmlNode* node);
 
 /// Value of the attribute without namespace; empty when there is none.

@@ -8,6 +8,7 @@
 
 #include "DiagnosticChannels.h"
 #include "Dispatcher.h"
+#include "LogText.h"
 #include "Namespaces.h"
 #include "NetworkType.h"
 #include "XmlText.h"
@@ -99,7 +100,7 @@ bool IsOtherDevice(const ZelConfig& config, const std::string& deviceId) {
     if (ownId == deviceId) {
         return false;
     }
-    ZEL_DEBUG("devid('%s') != device_id('%s')", ownId.c_str(), deviceId.c_str());
+    ZEL_DEBUG("devid('%s') != device_id('%s')", ownId.c_str(), LogText::Of(deviceId).c_str());
     return true;
 }
 
@@ -273,7 +274,8 @@ std::map<std::string, std::string> CommandParameters(const xmlNode* method) {
             kParameters.find(XmlText::LocalName(child)) != std::string_view::npos) {
             const std::string key = ChildTextByPartialName(child, "key");
             const std::string value = ChildTextByPartialName(child, "value");
-            ZEL_DEBUG("executeGenericCommand key '%s' value '%s'", key.c_str(), value.c_str());
+            ZEL_DEBUG("executeGenericCommand key '%s' value '%s'", LogText::Of(key).c_str(),
+                      LogText::Of(value).c_str());
             parameters[key] = value;
         }
     }
@@ -291,7 +293,7 @@ int ExecuteGenericCommand(const xmlNode* method, const HttpRequest& request, Htt
         const int failed = Dispatcher::CommandExecution(XmlText::ChildText(method, "pSubSystem"),
                                                         XmlText::ChildText(method, "pCommand"),
                                                         CommandParameters(method), value);
-        ZEL_DEBUG("executeGenericCommand returned '%s'", value.c_str());
+        ZEL_DEBUG("executeGenericCommand returned '%s'", LogText::Of(value).c_str());
         key = failed != 0 ? "error" : "result";
     }
     return ZelWsdlServlet::Answer(

@@ -1,11 +1,14 @@
 #include "ZelWsdlServlet.h"
 
-#include <cstdio>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
+#include "Console.h"
 #include "HeldMutex.h"
+#include "LargeText.h"
+#include "LogText.h"
 #include "Namespaces.h"
 #include "ServiceSchemas.h"
 #include "XmlText.h"
@@ -29,7 +32,7 @@ ServiceSchemas& SchemasOf(const std::string& servletName) {
     const std::lock_guard lock(mutex);
     std::unique_ptr<ServiceSchemas>& schemas = table[servletName];
     if (!schemas) {
-        std::printf("Initializing schema context for %s\n", servletName.c_str());
+        Console::Print("Initializing schema context for " + servletName + "\n");
         schemas = std::make_unique<ServiceSchemas>(servletName);
     }
     return *schemas;
@@ -93,7 +96,9 @@ int ZelWsdlServlet::SendFault(HttpResponse& response, const std::string& message
 }
 
 int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response) {
-    const XmlText::Document document = XmlText::Parse(request.body.value_or(""));
+    const std::string_view body = request.body ? *request.body : std::string_view();
+    const LargeText place(body.size());
+    const XmlText::Document document = place.MayBeRead() ? XmlText::Parse(body) : nullptr;
     if (!skipEnvelopeCheck_ && !CheckEnvelope(document.get(), response)) {
         return kNotDone;
     }
@@ -108,16 +113,17 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response)
         return kNotDone;
     }
     const std::string name(XmlText::LocalName(method));
+    const std::string shownName = LogText::Of(name);
     if (!CheckMethod(method, response)) {
-        ZEL_ERROR("ZEL soap method '%s' not valid", name.c_str());
+        ZEL_ERROR("ZEL soap method '%s' not valid", shownName.c_str());
         return kNotDone;
     }
-    ZEL_DEBUG("ZEL soap method: %s", name.c_str());
+    ZEL_DEBUG("ZEL soap method: %s", shownName.c_str());
     const auto found = definition_.methods.find(name);
     if (found == definition_.methods.end()) {
         SendFault(response, std::string("Cannot find dispatch method for {") +
                                 definition_.namespaceUri + "}" + name);
-        ZEL_ERROR("ZEL soap method '%s' not found", name.c_str());
+        ZEL_ERROR("ZEL soap method '%s' not found", shownName.c_str());
         return kNotDone;
     }
     const int result = found->second(method, request, response, *this);

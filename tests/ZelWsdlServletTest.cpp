@@ -209,26 +209,72 @@ TEST_F(ZelWsdlServletTest, EntityBombsAndDeepNestingAreRefused) {
     EXPECT_EQ(result_, 0);
 }
 
-TEST(XmlSchemaTest, CollectedTextIsBounded) {
+/// What `make` returns for 0 to `count` - 1, one after the other.
+template <typename Make>
+std::string Repeat(int count, Make make) {
+    std::string text;
+    for (int i = 0; i < count; ++i) {
+        text += make(std::to_string(i));
+    }
+    return text;
+}
+
+TEST(XmlSchemaTest, CollectedTextIsBoundedAndTellsTheNewest) {
     WriteSchema("Bounded.xsd", "");
     XmlSchema schema(std::string(ServiceSchemas::kDirectory) + "Bounded.xsd");
+    const auto refuse = [&schema](const std::string& name) {
+        const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
+        std::string errors;
+        EXPECT_FALSE(document == nullptr || schema.ValidateDocument(document.get(), errors));
+        return errors;
+    };
     const std::string longName(10000, 'n');
-    const XmlText::Document document = XmlText::Parse("<echo><" + longName + "/></echo>");
-    ASSERT_TRUE(document);
-    std::string errors;
-    for (int i = 0; i < 300; ++i) {
-        EXPECT_FALSE(schema.ValidateDocument(document.get(), errors));
+    for (int i = 0; i < 20; ++i) {
+        const std::string errors = refuse(longName + std::to_string(i) + ".");
+        EXPECT_LE(errors.size(), LatestMessages::kMaxText);
+        EXPECT_TRUE(errors.starts_with("Element '" + longName)) << "a whole message";
+        EXPECT_NE(errors.find("n" + std::to_string(i) + ".'"), std::string::npos);
+        EXPECT_EQ(errors.find("n" + std::to_string(i - 7) + ".'"), std::string::npos);
     }
-    EXPECT_LE(errors.size(), XmlSchema::kMaxErrorText);
-    EXPECT_GT(errors.size(), XmlSchema::kMaxErrorText - 2 * longName.size());
-
     // A message of 32768 bytes or more is not collected at all.
-    XmlSchema fresh(std::string(ServiceSchemas::kDirectory) + "Bounded.xsd");
-    const XmlText::Document huge =
-        XmlText::Parse("<echo><" + std::string(40000, 'n') + "/></echo>");
-    ASSERT_TRUE(huge);
-    EXPECT_FALSE(fresh.ValidateDocument(huge.get(), errors));
-    EXPECT_EQ(errors, "");
+    EXPECT_EQ(refuse(std::string(40000, 'n')).find(std::string(20000, 'n')), std::string::npos);
+}
+
+TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
+    using S = const std::string&;
+    const auto attributes = [](int count) {
+        return Repeat(count, [](S i) { return " a" + i + "=''"; });
+    };
+    const auto namespaces = [](int count, S prefix) {
+        return Repeat(count, [prefix](S i) { return " xmlns:" + prefix + i + "='u'"; });
+    };
+    const auto elements = [](int count, S element) {
+        return Repeat(count, [element](S) { return element; });
+    };
+    const struct {
+        std::string start, limit, above, end;
+    } cases[] = {
+        {"<a" + attributes(256), "", " b=''", "/>"},
+        {"<a" + namespaces(256, "p"), "", " b=''", "/>"},
+        {"<a" + namespaces(255, "p") + " b='", "", "' c='", "'/>"},
+        {"<?xml version='1.0' encoding='UTF-7'?><a" + attributes(256), "", " b=''", "/>"},
+        {"<a>" + elements(9999, "<b/>"), "<!-- <b/> --><![CDATA[<b/>]]>", "<b/>", "</a>"},
+        {"<a>" + elements(250, "<b" + attributes(160) + "/>"), "", "<b c=''/>", "</a>"},
+        {"<a" + namespaces(256, "p") + "><b" + namespaces(256, "q"), "><c", "><c xmlns='u'",
+         "/></b></a>"},
+        {elements(256, "<a>"), "<a/>", "<a><a/></a>", elements(256, "</a>")},
+        // A name in a namespace may be told with each attribute of its element.
+        {"<a xmlns='" + std::string(100000, 'u') + "'><b" + attributes(160), "",
+         " b='' c=''  d='' "
+         "e='' f='' g='' h='' i=''",
+         "/></a>"},
+        {"<!DOCTYPE a SYSTEM 'x'", ">", "[]>", "<a/>"},
+    };
+    for (const auto& c : cases) {
+        const auto type = XmlText::DocumentType::kNameOnly;
+        EXPECT_TRUE(XmlText::Parse(c.start + c.limit + c.end, type)) << c.start.substr(0, 60);
+        EXPECT_FALSE(XmlText::Parse(c.start + c.above + c.end, type)) << c.start.substr(0, 60);
+    }
 }
 
 TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
