@@ -39,29 +39,36 @@ public:
 
 }  // namespace
 
-void LatestMessages::Add(std::string message) {
-    messages_.push_back(std::move(message));
-    size_ += messages_.back().size();
-    while (size_ > kMaxText) {
-        size_ -= messages_.front().size();
-        messages_.pop_front();
+void LatestMessages::Add(std::string_view message) {
+    text_.reserve(text_.size() + message.size());
+    sizes_.push_back(message.size());
+    text_ += message;
+    if (text_.size() > 2 * kMaxText) {
+        DropOldest();
     }
 }
 
-void LatestMessages::Take(LatestMessages& others) {
-    for (std::string& message : others.messages_) {
-        Add(std::move(message));
+void LatestMessages::Add(const LatestMessages& others) {
+    std::string_view rest = others.text_;
+    for (const std::size_t size : others.sizes_) {
+        Add(rest.substr(0, size));
+        rest.remove_prefix(size);
     }
-    others = {};
+    DropOldest();
 }
 
-std::string LatestMessages::Text() const {
-    std::string text;
-    text.reserve(size_);
-    for (const std::string& message : messages_) {
-        text += message;
+const std::string& LatestMessages::Text() {
+    DropOldest();
+    return text_;
+}
+
+void LatestMessages::DropOldest() {
+    std::size_t dropped = 0;
+    while (text_.size() - dropped > kMaxText) {
+        dropped += sizes_.front();
+        sizes_.pop_front();
     }
-    return text;
+    text_.erase(0, dropped);
 }
 
 /// Also where it has failed before: it may have been for want of memory or of a descriptor.
@@ -97,10 +104,10 @@ bool XmlSchema::RunValidation(Validate validate, std::string& errors) {
             isValid = validate(context.get()) == 0;
         }
     }
-    const std::string printed = findings.printed.Text();
+    const std::string& printed = findings.printed.Text();
     if (!isValid || !printed.empty()) {
         const std::lock_guard lock(mutex_);
-        messages_.Take(findings.collected);
+        messages_.Add(findings.collected);
         errors = isValid ? "" : messages_.Text();
     }
     if (!printed.empty()) {
@@ -136,9 +143,9 @@ void XmlSchema::AddMessage(void* findings, const char* format, ...) {
     const std::string_view message(formatted, static_cast<std::size_t>(length));
     try {
         auto& found = *static_cast<Findings*>(findings);
-        found.printed.Add(std::string(message.substr(0, kMaxMessage)));
+        found.printed.Add(message.substr(0, kMaxMessage));
         if (message.size() < kMaxMessage) {
-            found.collected.Add(std::string(message));
+            found.collected.Add(message);
         }
     } catch (const std::bad_alloc&) {
         // The caller is a function of C: what is not valid stays so without the message.

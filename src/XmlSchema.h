@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "HeldMutex.h"
@@ -17,14 +18,17 @@ public:
     /// Most bytes of all messages.
     static constexpr std::size_t kMaxText = std::size_t{64} * 1024;
 
-    void Add(std::string message);
+    void Add(std::string_view message);
     /// Adds the messages of `others`, in their order.
-    void Take(LatestMessages& others);
-    std::string Text() const;
+    void Add(const LatestMessages& others);
+    /// All that is kept, message by message.
+    const std::string& Text();
 
 private:
-    std::deque<std::string> messages_;
-    std::size_t size_ = 0;
+    void DropOldest();
+
+    std::string text_;  // in one piece: many small ones would lie between the nodes of a document
+    std::deque<std::size_t> sizes_;
 };
 
 /// One W3C XML Schema with the newest of the messages that loading it and validating against it

@@ -57,6 +57,7 @@ public:
         parser_->sax->startElementNs = TakeElement;
         parser_->sax->comment = TakeComment;
         parser_->sax->processingInstruction = TakeInstruction;
+        parser_->sax->cdataBlock = TakeSection;
         // What the library has to say of a stranger's text would go to the console as it came; what
         // it says of a broken encoding heeds the options not.
         xmlSetGenericErrorFunc(nullptr, Ignore);
@@ -152,6 +153,10 @@ private:
         if (!Of(parser).IsAmongOthers()) {
             xmlSAX2Comment(parser, text);
         }
+    }
+
+    static void TakeSection(void* parser, const xmlChar* text, int size) {
+        (Of(parser).IsAmongOthers() ? xmlSAX2Characters : xmlSAX2CDataBlock)(parser, text, size);
     }
 
     static void TakeInstruction(void* parser, const xmlChar* target, const xmlChar* data) {

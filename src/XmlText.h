@@ -26,7 +26,7 @@ enum class DocumentType {
 /// declarations of one element.
 inline constexpr int kMaxAttributesOfElement = 256;
 /// Attributes and namespace declarations of all elements.
-inline constexpr int kMaxAttributes = 40'000;
+inline constexpr int kMaxAttributes = 65'536;
 inline constexpr int kMaxElements = 10'000;
 /// Namespace declarations in force at one place: every prefix is looked for among them.
 inline constexpr int kMaxNamespacesInScope = 512;
@@ -36,8 +36,8 @@ inline constexpr std::size_t kMaxNameText = std::size_t{16} * 1024 * 1024;
 
 /// Parses `text` up to its first zero byte. Nothing but the text itself is read: no DTD, no
 /// external entity, nothing from the network. Null when it is not well-formed, holds more than it
-/// may, or says more of its document type than it may. Of comments and processing instructions only
-/// the first of several that no element parts are in the document.
+/// may, or says more of its document type than it may. Behind two nodes that are no elements,
+/// comments and processing instructions are left out, and CDATA sections are text.
 Document Parse(std::string_view text, DocumentType type = DocumentType::kRefused);
 
 /// First child element of `parent` with that local name, or null. `parent` may be null.

@@ -27,7 +27,7 @@ def network(*arguments):
 class Manager:
     """The simulated manager in its own network; ends with the block."""
 
-    def __init__(self, scenario, *settings):
+    def __init__(self, scenario, *settings, options=()):
         for old in RECORD.glob("*"):
             old.unlink()
         self.path = pathlib.Path("/tmp/manager.out")
@@ -35,7 +35,7 @@ class Manager:
         with self.path.open("w") as output:
             self.process = subprocess.Popen(
                 ["nsenter", "--net=/run/netns/manager", sys.executable, "workshop/manager",
-                 "--scenario", scenario, "--record", str(RECORD), *arguments],
+                 "--scenario", scenario, "--record", str(RECORD), *arguments, *options],
                 stdout=output, stderr=subprocess.STDOUT)
         box.wait_until(lambda: "READY" in self.output(), "the manager is ready")
 

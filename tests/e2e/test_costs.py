@@ -1,0 +1,178 @@
+"""What the dearest texts cost the box, whichever way they come in: processor time and memory."""
+
+import concurrent.futures
+import itertools
+import os
+import pathlib
+import socket
+import string
+
+import pytest
+
+import box
+import workshop
+from box import envelope, exchange, post
+
+SIZE = 1 << 20
+ROOM = SIZE - 1000  # of a body, for what is repeated in it
+MOST_ELEMENTS = 9900
+MEASURED = not box.SANITIZED and not box.EMULATED
+NAMES = ["".join(letters) for count in (1, 2, 3)
+         for letters in itertools.product(string.ascii_letters, repeat=count)]
+
+
+def attributes(count, value="", prefix=""):
+    return "".join(f" {prefix}{name}='{value}'" for name in NAMES[:count])
+
+
+def filled(piece, most=SIZE):
+    return piece * min(most, ROOM // len(piece))
+
+
+def nested(declared, inner):
+    """`inner` where so many namespaces are declared, 256 by each element, filling a body."""
+    start = end = ""
+    for first in range(0, declared, 256):
+        start += "<n" + "".join(f" xmlns:{'p' * 37}{name}='u'" for name in NAMES[first:min(first + 256, declared)]) + ">"
+        end += "</n>"
+    return start + inner * min(MOST_ELEMENTS, (ROOM - len(start + end)) // len(inner)) + end
+
+
+# What stands in the Body of an envelope or in the data of a packet.
+CONTENTS = {
+    "attributes of one": f"<reserveDevice{attributes(130000)[:ROOM - 20]}'/>",
+    "attributes of a child": f"<reserveDevice><owner{attributes(130000)[:ROOM - 50]}'/></reserveDevice>",
+    "prefixed attributes": f"<a xmlns:p='u'{attributes(100000, prefix='p:')[:ROOM - 50]}'/>",
+    "namespaces of one": f"<reserveDevice{attributes(70000, 'u', 'xmlns:')[:ROOM - 20]}'/>",
+    "namespaces in scope": nested(500, f"<{'p' * 37}a:a/>"),
+    "many more in scope": nested(20000, f"<{'p' * 37}a:a/>"),
+    "attributes of each": "<executeGenericCommand><pSubSystem/><pCommand/>" + filled(f"<pParameters{attributes(250)}/>", 260) +
+                          "</executeGenericCommand>",
+    "messages": "<executeGenericCommand><pSubSystem/><pCommand/>" + filled("<pParameters a='' b='' c=''>x</pParameters>", 9900) +
+                "</executeGenericCommand>",
+    "elements": "<reserveDevice>" + filled("<a/>") + "</reserveDevice>",
+    "unknown names": filled("<a:a/>", MOST_ELEMENTS),
+    "long names": filled(f"<{'n' * 40000}{attributes(250, prefix='p:')}/>"),
+    "types": filled("<a xmlns:i='http://www.w3.org/2001/XMLSchema-instance' i:type='i:x'/>", MOST_ELEMENTS),
+    "long namespace": f"<a xmlns='{'u' * (ROOM // 2)}'>" + f"<e:Body e:mustUnderstand='x'/>" * 8000 + "</a>",
+    "comments": "<reserveDevice>" + filled("a<!---->") + "</reserveDevice>",
+    "instructions": "<reserveDevice>" + filled("<?a?>") + "</reserveDevice>",
+    "sections": "<reserveDevice><owner>" + filled("a<![CDATA[b]]>") + "</owner></reserveDevice>",
+    "references": "<reserveDevice><owner>" + filled("&#9;&lt;") + "</owner></reserveDevice>",
+    "value": f"<reserveDevice owner='{filled('&#9;&lt;')}'/>",
+    "long value": "<switchMode><mode>" + filled(" ") + "x</mode></switchMode>",
+    "markup to escape": "<isServiceRunning><name>" + filled('"') + "</name></isServiceRunning>",
+    "depth": filled("<a>"),
+    "allowed depth": "<a>" * 250 + filled("<a/>", MOST_ELEMENTS - 300) + "</a>" * 250,
+    "variables": filled(f"<var{attributes(100)} name='DeviceOwner'><string/></var>", 380),
+}
+HEADER = "".join(f"<{name}:a xmlns:{name}='{'u' * 40}' e:mustUnderstand='{'v' * 30}'/>" for name in NAMES[:8000])
+# Whole texts.
+BODIES = {name: envelope(content) for name, content in CONTENTS.items()} | {
+    "attributes of the envelope": envelope("<a/>").replace(" xmlns", attributes(130000)[:ROOM - 200] + "' xmlns", 1),
+    "headers": envelope("<getDeviceInformation/>").replace("<e:Body>", f"<e:Header>{HEADER}</e:Header><e:Body>"),
+    "tokens": f"<!DOCTYPE a [<!ATTLIST a b ({'|'.join(NAMES)}) #IMPLIED>]><a/>",
+    "defaults": f"<!DOCTYPE a [<!ATTLIST a {' '.join(f'{name} CDATA {chr(34) * 2}' for name in NAMES[:60000])}>]><a/>",
+    "encoding": f"<?xml version='1.0' encoding='UTF-7'?><a{attributes(130000)[:ROOM - 60]}'/>",
+    "broken encoding": "<?xml version='1.0' encoding='UTF-7'?>" + filled("<a/>+"),
+    "not closed": filled("<a b=''>x</b>"),
+}
+
+
+def processor_time(agent):
+    """Seconds that the agent's own threads have worked."""
+    fields = pathlib.Path(f"/proc/{agent.pid}/stat").read_text().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def chunked(body, path):
+    head = f"POST {path} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
+    chunks = [body[i:i + 65536] for i in range(0, len(body), 65536)]
+    return head + b"".join(b"%x\r\n%s\r\n" % (len(chunk), chunk) for chunk in chunks) + b"0\r\n\r\n"
+
+
+WAYS = {
+    "connector": lambda text: post(text),
+    "in chunks": lambda text: chunked(text.encode() + b" " * max(SIZE + 65000 - len(text), 0), box.CONNECTOR),
+    "agent service": lambda text: post(text, "/services/Agent"),
+    "packet": lambda text: post(text.replace("<e:Body>", "<data>").replace("</e:Body>", "</data>"),
+                                "/rKo?FunctionName=rkoReleaseDevice").replace(b"POST", b"GET", 1),
+}
+
+
+@pytest.mark.parametrize("way", WAYS)
+@pytest.mark.usefixtures("agent")
+def test_no_body_costs_a_second(agent, way):
+    assert exchange(WAYS[way](envelope("<getDeviceInformation/>"))).startswith(b"HTTP/1.0 200 OK")
+    for name, text in BODIES.items():
+        assert len(text) <= SIZE, name
+        before = processor_time(agent)
+        answer = exchange(WAYS[way](text))
+        box.wait_until(lambda: not agent.connections(), "it is at rest")
+        cost = processor_time(agent) - before
+        assert answer.startswith(b"HTTP/1.0 200 OK"), name
+        assert len(answer) < 200000 or name == "markup to escape", (name, len(answer))
+        assert not MEASURED or cost < 1, f"{name}: {cost} s"
+        print(f"{way}, {name}: {cost:.2f} s, {answer.partition(b'faultstring>')[2][:60]}")
+
+
+RETURN = "<preSignInTavoResponse><preSignInTavoReturn>{}</preSignInTavoReturn></preSignInTavoResponse>"
+ANSWERS = {name: BODIES[name] for name in ("attributes of the envelope", "namespaces of one", "headers", "tokens")} | {
+    "blanks": envelope(RETURN.format(f"<infrastructureConfig><band>{filled(' ')}x</band></infrastructureConfig>")),
+    "messages": envelope(RETURN.format(filled("<device a='' b=''>x</device>", MOST_ELEMENTS))),
+    "items": envelope(RETURN.format("<updateConfigurationExt><attributes>" + filled("<item><key>a</key></item>", 4900) +
+                                    "</attributes></updateConfigurationExt>")),
+}
+
+
+def serve(listener, bodies):
+    """Answers with the next body whatever the box asks its manager."""
+    for body in bodies:
+        with listener.accept()[0] as connection:
+            while b"Envelope>" not in connection.recv(65536):
+                pass
+            connection.sendall(f"HTTP/1.0 200 OK\r\nContent-Length: {len(body)}\r\n\r\n".encode() + body.encode())
+
+
+def test_no_answer_of_a_manager_costs_a_second():
+    with box.namespace("manager"):
+        listener = socket.create_server((workshop.MANAGER, 23005))
+        listener.settimeout(60)
+    with workshop.Manager("plain", options=("--soap-port", "23006")), listener:
+        with concurrent.futures.ThreadPoolExecutor(1) as pool:
+            served = pool.submit(serve, listener, ANSWERS.values())
+            for name in ANSWERS:
+                with workshop.agent() as running:
+                    box.wait_until(workshop.sign_in_ended, "the sign-in has ended", 120)
+                    cost = processor_time(running)
+                    assert "PreSignIn failed" in workshop.log()
+                assert not MEASURED or cost < 1, f"{name}: {cost} s"
+                print(f"manager, {name}: {cost:.2f} s")
+            served.result()
+
+
+def ask(request):
+    """The answer, for which one of many may have to ask again: the box lets one connection wait."""
+    return next(filter(None, (exchange(request) for _ in range(10))), b"")
+
+
+def resting_memory(agent):
+    box.wait_until(lambda: not agent.connections(), "it is at rest")
+    return agent.status("VmRSS")
+
+
+@pytest.mark.skipif(not MEASURED, reason="other memory than the agent's own")
+@pytest.mark.parametrize("name", ("elements", "attributes of each", "messages", "sections", "value"))
+def test_large_bodies_at_once_take_little_memory_and_give_it_back(agent, name):
+    body = BODIES[name].encode()
+    request = post(body + b" " * (SIZE - len(body)))
+    exchange(request)
+    before = resting_memory(agent)
+    pathlib.Path(f"/proc/{agent.pid}/clear_refs").write_text("5")  # the peak begins anew
+    with concurrent.futures.ThreadPoolExecutor(20) as pool:
+        answers = list(pool.map(ask, [request] * 60))
+    assert {answer[:15] for answer in answers} == {b"HTTP/1.0 200 OK"}
+    peak = agent.status("VmHWM")
+    box.wait_until(lambda: resting_memory(agent) < before + 4096, "the memory is given back", 5)
+    print(f"{name}: peak {peak} kB, before {before} kB, after {resting_memory(agent)} kB")
+    assert peak < 96 * 1024
