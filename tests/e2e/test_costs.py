@@ -1,11 +1,13 @@
 """What the dearest texts cost the box, whichever way they come in: processor time and memory."""
 
 import concurrent.futures
+import contextlib
 import itertools
 import os
 import pathlib
 import socket
 import string
+import threading
 
 import pytest
 
@@ -117,7 +119,8 @@ def test_no_body_costs_a_second(agent, way):
 
 
 RETURN = "<preSignInTavoResponse><preSignInTavoReturn>{}</preSignInTavoReturn></preSignInTavoResponse>"
-ANSWERS = {name: BODIES[name] for name in ("attributes of the envelope", "namespaces of one", "headers", "tokens")} | {
+ANSWERS = {
+    "attributes": BODIES["attributes of the envelope"],
     "blanks": envelope(RETURN.format(f"<infrastructureConfig><band>{filled(' ')}x</band></infrastructureConfig>")),
     "messages": envelope(RETURN.format(filled("<device a='' b=''>x</device>", MOST_ELEMENTS))),
     "items": envelope(RETURN.format("<updateConfigurationExt><attributes>" + filled("<item><key>a</key></item>", 4900) +
@@ -125,30 +128,32 @@ ANSWERS = {name: BODIES[name] for name in ("attributes of the envelope", "namesp
 }
 
 
-def serve(listener, bodies):
-    """Answers with the next body whatever the box asks its manager."""
-    for body in bodies:
-        with listener.accept()[0] as connection:
-            while b"Envelope>" not in connection.recv(65536):
-                pass
-            connection.sendall(f"HTTP/1.0 200 OK\r\nContent-Length: {len(body)}\r\n\r\n".encode() + body.encode())
+def serve(listener, answers):
+    """Answers with the latest body whatever the box asks its manager, until the listener is closed."""
+    with contextlib.suppress(OSError):
+        while True:
+            with listener.accept()[0] as connection:
+                while b"Envelope>" not in connection.recv(65536):
+                    pass
+                head = f"HTTP/1.0 200 OK\r\nContent-Length: {len(answers[-1])}\r\n\r\n"
+                connection.sendall((head + answers[-1]).encode())
 
 
 def test_no_answer_of_a_manager_costs_a_second():
     with box.namespace("manager"):
         listener = socket.create_server((workshop.MANAGER, 23005))
-        listener.settimeout(60)
+    listener.settimeout(60)
+    answers = []
+    thread = threading.Thread(target=serve, args=(listener, answers), daemon=True)
+    thread.start()
     with workshop.Manager("plain", options=("--soap-port", "23006")), listener:
-        with concurrent.futures.ThreadPoolExecutor(1) as pool:
-            served = pool.submit(serve, listener, ANSWERS.values())
-            for name in ANSWERS:
-                with workshop.agent() as running:
-                    box.wait_until(workshop.sign_in_ended, "the sign-in has ended", 120)
-                    cost = processor_time(running)
-                    assert "PreSignIn failed" in workshop.log()
-                assert not MEASURED or cost < 1, f"{name}: {cost} s"
-                print(f"manager, {name}: {cost:.2f} s")
-            served.result()
+        for name, answer in ANSWERS.items():
+            answers.append(answer)
+            with workshop.agent() as running:
+                box.wait_until(workshop.sign_in_ended, "the sign-in has ended", 120)
+                cost = processor_time(running)
+            assert not MEASURED or cost < 1, f"{name}: {cost} s"
+            print(f"manager, {name}: {cost:.2f} s")
 
 
 def ask(request):
