@@ -231,11 +231,15 @@ def test_the_function_in_the_url():
 
 
 def test_what_old_clients_do_is_logged():
+    _, handle = reserve("Tom\nJerry")
     data = rko("rkoGetDeviceStatus")[1].partition("<data>\n")[2].removesuffix("</data>\n</wddxPacket>\n")
+    assert "<string>Tom\nJerry</string>" in data
+    shown = data.replace("Tom\n", "Tom\\n")  # no line of the log is the owner's
     for function, packet, answer, lines in (
             ("rkoGetDeviceStatus", EMPTY, PACKET.format(data),
-             ["debug", "rKo::rkoGetDeviceStatus\n", f"\n\n{{{data}}} {{LEN={len(data)}}}\n\n\n"]),
-            ("rkoget", EMPTY, UNKNOWN, ["debug", "rKo::rkoget\n", "error", "rKo wddx method 'rkoget' not found\n"]),
+             ["debug", "rKo::rkoGetDeviceStatus\n", f"\n\n{{{shown}}} {{LEN={len(data)}}}\n\n\n"]),
+            ("rko\tget" + "x" * 300, EMPTY, UNKNOWN,
+             ["debug", "rKo::rko\\tgetxxx", "x... (307 bytes)\n", "error", "rKo wddx method 'rko\\tgetx", "x... (307 bytes)' not found\n"]),
             ("rkoGetVersion", "<a", INTERNAL, ["error", "Can't create doc node\n"]),
             ("rkoReleaseDevice", "<wddxPacket/>", EMPTY, ["error", "rKo wddx method failed\n"])):
         assert rko(function, packet)[1] == answer
@@ -243,6 +247,7 @@ def test_what_old_clients_do_is_logged():
         for line in lines:
             assert line in rest
             rest = rest.partition(line)[2]
+    assert release(handle) == "0"
 
 
 def test_a_real_client_posts_a_form(tmp_path):
