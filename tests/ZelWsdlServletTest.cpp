@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <fstream>
 #include <memory>
@@ -6,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "CrashGuard.h"
+#include "LargeText.h"
 #include "ServiceSchemas.h"
 #include "XmlSchema.h"
 #include "XmlText.h"
@@ -295,6 +298,17 @@ TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
     }
     for (std::thread& thread : threads) {
         thread.join();
+    }
+}
+
+TEST(LargeTextTest, AThreadThatFaultsGivesItsPlaceBack) {
+    CrashGuard::Install();
+    for (int i = 0; i <= LargeText::kPlaces; ++i) {
+        EXPECT_FALSE(CrashGuard::Run([] {
+            const LargeText place(LargeText::kSize + 1);
+            EXPECT_TRUE(place.MayBeRead());
+            raise(SIGSEGV);
+        }));
     }
 }
 
