@@ -76,7 +76,6 @@ bool XmlSchema::Load(Findings& findings) {
     if (schema_) {
         return true;
     }
-    xmlInitParser();
     const SchemaLoading loading;
     const std::unique_ptr<xmlSchemaParserCtxt, Free> parser(xmlSchemaNewParserCtxt(path_.c_str()));
     if (parser) {
