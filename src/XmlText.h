@@ -21,9 +21,10 @@ enum class DocumentType {
     kNameOnly  ///< name and DTD (which is not read), but no subset of its own
 };
 
-/// What a text may hold, besides the 257 levels of elements that the library allows. Time and
-/// memory that the library takes grow faster than the text where these do. Attributes and namespace
-/// declarations of one element.
+// What a text may hold, besides the 257 levels of elements that the library allows: time or memory
+// that the library takes would grow faster than the text.
+
+/// Attributes and namespace declarations of one element.
 inline constexpr int kMaxAttributesOfElement = 256;
 /// Attributes and namespace declarations of all elements.
 inline constexpr int kMaxAttributes = 65'536;
