@@ -155,8 +155,8 @@ int GetDeviceStatus(const xmlNode* /*data*/, const Device& device, Reply& reply)
         .color = config.Get("tavo.color"),
     };
     reply.data = DeviceStatus(values);
-    // The log holds the whole text, but no line that the owner has written.
-    values.owner = LogText::Of(values.owner, std::string::npos);
+    // The log holds the whole text, but of the owner no line, and no more than of other values.
+    values.owner = LogText::Of(values.owner);
     ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", DeviceStatus(values).c_str(),
               static_cast<int>(reply.data.size()));
     return 0;
