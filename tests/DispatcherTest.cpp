@@ -108,7 +108,7 @@ TEST_F(DispatcherTest, BackgroundWorkIsNotWaitedFor) {
 TEST_F(DispatcherTest, TheTimeLimitEndsTheWholeGroup) {
     const std::string program = Install("hang", "sleep 1000 & sleep 1000");
     const ChildProcess::Result result =
-        ChildProcess::Run(program, "", std::chrono::milliseconds(500));
+        ChildProcess::Run({.path = program, .timeLimit = std::chrono::milliseconds(500)});
     EXPECT_EQ(result.exitStatus, -1);
     EXPECT_NE(result.failure.find("500 ms"), std::string::npos) << result.failure;
     int left = 0;
