@@ -51,8 +51,7 @@ public:
     static Result Run(const Order& order);
 
     /// Ends what is waited for, and has nothing started any more, but for what runs in the stop.
-    /// Returns at once; the callers of Run() come back right after. Safe in a signal handler once
-    /// something was run.
+    /// Returns at once; the callers of Run() come back right after.
     static void EndAll();
 
     /// Starts the executable `path` and does not wait for its end. False when it cannot be started.
