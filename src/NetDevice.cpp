@@ -158,11 +158,12 @@ int NetDevice::StartDhcp() {
                          "/sbin/udhcpc -s /etc/network/udhcpc.script -p %s -i %s -n -t 3 -H "
                          "`hostname` -C -Svv",
                          DhcpPidFile().c_str(), name_.c_str());
-    if (fate != Shell::Fate::kEnded) {
+    const bool isCutShort = fate < Shell::Fate::kEnded;
+    if (isCutShort) {
         // Else a later process that has got its number would be taken for it.
         unlink(DhcpPidFile().c_str());
     }
-    if (fate != Shell::Fate::kEnded || output.find("No lease, failing") != std::string::npos) {
+    if (isCutShort || output.find("No lease, failing") != std::string::npos) {
         ZEL_INFO("Got no lease");
         return -1;
     }

@@ -85,7 +85,10 @@ Shell::Fate Shell::RunFormatted(const Limits& limits, std::string& result, const
     result = std::move(run.output);
     const bool isCut = result.size() > kMaxLogged;
     ZEL_DEBUG("Read pipe '%s%s'", result.substr(0, kMaxLogged).c_str(), isCut ? "..." : "");
-    return run.failure.empty() ? Fate::kEnded : Fate::kCutShort;
+    if (!run.failure.empty()) {
+        return Fate::kCutShort;
+    }
+    return run.exitStatus == 0 ? Fate::kSucceeded : Fate::kEnded;
 }
 
 void Shell::RunSystem(const std::string& command) {

@@ -32,11 +32,12 @@ public:
         bool runsInStop = false;          ///< runs although everything is ended
     };
 
-    /// How a command went.
+    /// How far a command came.
     enum class Fate {
         kNotStarted,
-        kCutShort,  ///< it was ended, or it crashed
-        kEnded
+        kCutShort,  ///< it was ended, or its shell crashed
+        kEnded,     ///< with an exit status other than 0, which not every tool means
+        kSucceeded
     };
 
     /// Runs the command line made from `format` through the system shell, waits for the shell's end

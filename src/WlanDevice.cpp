@@ -296,7 +296,7 @@ int WlanDevice::StartSupplicant() {
             {}, output,
             "/app/velka/wlan/sta/wpa_supplicant -i %s -D %s -c %s -B -C /tmp/supplicant/ctrl "
             "-tddf /tmp/log/wpa_supplicant -P /var/run/wpa_supplicant.pid",
-            Name().c_str(), supplicantDriver_.c_str(), file.c_str()) != Shell::Fate::kEnded) {
+            Name().c_str(), supplicantDriver_.c_str(), file.c_str()) < Shell::Fate::kEnded) {
         return -1;
     }
     sleep(1);

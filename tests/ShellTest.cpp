@@ -98,7 +98,7 @@ TEST_F(ShellTest, NoToolHoldsItsCaller) {
         int left = 0;  // that the end of the shell does not end
         std::string logged = {};
     } cases[] = {
-        {"echo a; sleep 4321 &", {}, Fate::kEnded, "a\n", 1},
+        {"echo a; sleep 4321 &", {}, Fate::kSucceeded, "a\n", 1},
         {"echo a; sleep 4321 & sleep 4321",
          {milliseconds(300)},
          Fate::kCutShort,
@@ -109,14 +109,15 @@ TEST_F(ShellTest, NoToolHoldsItsCaller) {
         {"yes | tr -d '\n' | tr y x", {milliseconds(2000)}, Fate::kCutShort, flood},
         {"head -c 2000000 /dev/zero | tr '\\0' x",
          {},
-         Fate::kEnded,
+         Fate::kSucceeded,
          flood,
          0,
          "wrote more than 1048576 bytes, the last 951424 are dropped"},
+        {"echo a; exit 3", {}, Fate::kEnded, "a\n"},
         {"echo a; kill -9 $$", {}, Fate::kCutShort, "a\n", 0, "' was ended by signal 9"},
         {"head -c 9000 /dev/zero > /tmp/f; wc -c < /tmp/f",
          {.fileSize = 5000},
-         Fate::kEnded,
+         Fate::kSucceeded,
          "5000\n"},
     };
     const auto sleeping = [this] {
