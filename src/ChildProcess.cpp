@@ -155,7 +155,9 @@ void KeepOnly(const Task& task) {
         if (read(errorPipe[0], &report.startError, sizeof report.startError) < 0) {
             report.startError = errno;
         }
-        waitpid(program, &report.waitStatus, 0);
+        if (waitpid(program, &report.waitStatus, 0) < 0) {
+            EndOwnGroup(SIGTERM);  // where a handler runs only behind the call that is interrupted
+        }
     }
     static_cast<void>(!write(kReportDescriptor, &report, sizeof report));
     // As long as this process is there nobody else's group can have its number.
