@@ -3,9 +3,11 @@
 #include <arpa/inet.h>
 #include <net/route.h>
 #include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 
+#include "LogText.h"
 #include "NetRequests.h"
 #include "Shell.h"
 #include "ZelLogging.h"
@@ -23,7 +25,7 @@ bool ReadAddress(const ZelConfig& config, const char* key, const char* message, 
     const std::string text = config.Get(key);
     in_addr address{};
     if (inet_aton(text.c_str(), &address) == 0) {
-        ZEL_ERROR("%s '%s' is not correct", message, text.c_str());
+        ZEL_ERROR("%s '%s' is not correct", message, LogText::Of(text).c_str());
         return false;
     }
     out = address.s_addr;
@@ -151,11 +153,17 @@ int NetDevice::StopDhcpClient() {
 
 int NetDevice::StartDhcp() {
     std::string output;
-    Shell::RunSystemWithResult(output,
-                               "/sbin/udhcpc -s /etc/network/udhcpc.script -p %s -i %s -n -t 3 -H "
-                               "`hostname` -C -Svv",
-                               DhcpPidFile().c_str(), name_.c_str());
-    if (output.find("No lease, failing") != std::string::npos) {
+    const Shell::Fate fate =
+        Shell::RunWithin({}, output,
+                         "/sbin/udhcpc -s /etc/network/udhcpc.script -p %s -i %s -n -t 3 -H "
+                         "`hostname` -C -Svv",
+                         DhcpPidFile().c_str(), name_.c_str());
+    const bool isCutShort = fate < Shell::Fate::kEnded;
+    if (isCutShort) {
+        // Else a later process that has got its number would be taken for it.
+        unlink(DhcpPidFile().c_str());
+    }
+    if (isCutShort || output.find("No lease, failing") != std::string::npos) {
         ZEL_INFO("Got no lease");
         return -1;
     }

@@ -1,67 +1,43 @@
 #include "Shell.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <utility>
 
-#include "SocketGuard.h"
 #include "ZelLogging.h"
 
 namespace {
 
-constexpr std::size_t kPieceSize = 1024;
 constexpr timespec kKillPause{0, 500000000};
 
-/// Starts "/bin/sh -c command". Its standard output goes to `output` unless that is negative. The
-/// agent ignores signals that tools expect at their defaults. Returns 0 or an error number.
-int StartShell(const char* command, int output, pid_t& child) {
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    if (output >= 0) {
-        posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
+/// Runs "/bin/sh -c command" and logs what went wrong.
+ChildProcess::Result RunShell(const char* command, const Shell::Limits& limits, bool keepsOutput) {
+    ChildProcess::Result run = ChildProcess::Run({.path = "/bin/sh",
+                                                  .arguments = {"-c", command},
+                                                  .timeLimit = limits.time,
+                                                  .name = std::string("'") + command + "'",
+                                                  .maxFileSize = limits.fileSize,
+                                                  .keepsOutput = keepsOutput,
+                                                  .runsInStop = limits.runsInStop});
+    if (run.startError != 0) {
+        ZEL_ERROR("'%s' finished with number '%d': '%s'", command, run.startError,
+                  std::strerror(run.startError));
+    } else if (!run.failure.empty()) {
+        ZEL_ERROR("%s", run.failure.c_str());
     }
-    sigset_t defaults;
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGCHLD);
-    sigaddset(&defaults, SIGPIPE);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-
-    const char* const arguments[] = {"sh", "-c", command, nullptr};
-    const int error = posix_spawn(&child, "/bin/sh", &files, &attributes,
-                                  const_cast<char* const*>(arguments), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&files);
-    return error;
-}
-
-/// Waits until the shell is gone. Where the system reaps children itself the status is lost, which
-/// nobody looks at.
-void WaitForShell(pid_t child) {
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    if (run.dropped > 0) {
+        ZEL_ERROR("'%s' wrote more than %zu bytes, the last %zu are dropped", command,
+                  Shell::kMaxOutput, run.dropped);
     }
-}
-
-void LogStartFailure(const char* command, int error) {
-    ZEL_ERROR("'%s' finished with number '%d': '%s'", command, error, std::strerror(error));
+    return run;
 }
 
 bool MakeDirectory(const std::string& path, mode_t mode) {
@@ -79,53 +55,44 @@ bool IsProcessId(const std::string& text) {
 }  // namespace
 
 bool Shell::RunSystemWithResult(std::string& result, const char* format, ...) {
-    result.clear();
-    std::array<char, kCommandSize> command{};
     va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(command.data(), command.size(), format, arguments);
+    const Fate fate = RunFormatted({}, result, format, arguments);
     va_end(arguments);
-    if (length < 0) {
-        return false;
+    return fate != Fate::kNotStarted;
+}
+
+Shell::Fate Shell::RunWithin(const Limits& limits, std::string& result, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    const Fate fate = RunFormatted(limits, result, format, arguments);
+    va_end(arguments);
+    return fate;
+}
+
+Shell::Fate Shell::RunFormatted(const Limits& limits, std::string& result, const char* format,
+                                va_list arguments) {
+    result.clear();
+    std::array<char, kCommandSize> command{};
+    if (std::vsnprintf(command.data(), command.size(), format, arguments) < 0) {
+        return Fate::kNotStarted;
     }
     ZEL_DEBUG("Open pipe '%s'", command.data());
-    std::array<int, 2> ends{};
-    if (pipe2(ends.data(), O_CLOEXEC) != 0) {
-        LogStartFailure(command.data(), errno);
-        return false;
+    ChildProcess::Result run = RunShell(command.data(), limits, true);
+    if (run.startError != 0) {
+        return Fate::kNotStarted;
     }
-    const SocketGuard reading(ends[0]);
-    SocketGuard writing(ends[1]);
-    pid_t child = 0;
-    const int error = StartShell(command.data(), writing.Get(), child);
-    writing.Reset();
-    if (error != 0) {
-        LogStartFailure(command.data(), error);
-        return false;
+    result = std::move(run.output);
+    const bool isCut = result.size() > kMaxLogged;
+    ZEL_DEBUG("Read pipe '%s%s'", result.substr(0, kMaxLogged).c_str(), isCut ? "..." : "");
+    if (!run.failure.empty()) {
+        return Fate::kCutShort;
     }
-    std::array<char, kPieceSize> piece{};
-    for (;;) {
-        const ssize_t count = read(reading.Get(), piece.data(), piece.size());
-        if (count > 0) {
-            const std::size_t room = kMaxOutput - result.size();
-            result.append(piece.data(), std::min(static_cast<std::size_t>(count), room));
-        } else if (count == 0 || errno != EINTR) {
-            break;
-        }
-    }
-    ZEL_DEBUG("Read pipe '%s'", result.c_str());
-    WaitForShell(child);
-    return true;
+    return run.exitStatus == 0 ? Fate::kSucceeded : Fate::kEnded;
 }
 
 void Shell::RunSystem(const std::string& command) {
-    pid_t child = 0;
-    const int error = StartShell(command.c_str(), -1, child);
-    if (error != 0) {
-        LogStartFailure(command.c_str(), error);
-        return;
-    }
-    WaitForShell(child);
+    RunShell(command.c_str(), {}, false);
 }
 
 int Shell::KillByPidFile(const std::string& path) {

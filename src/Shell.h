@@ -1,27 +1,57 @@
 #pragma once
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
+#include <chrono>
+#include <cstdarg>
 #include <string>
 #include <string_view>
 
+#include "ChildProcess.h"
+
 /// Runs the board's tools. Keeps no state; any thread may call it. Descriptors of the agent never
-/// reach a tool.
+/// reach a tool. A tool that reaches a limit, or is at work when everything is ended
+/// (ChildProcess::EndAll), is ended with all that it has started, and a line in the log says so.
+/// What a tool has left in the background when its shell ends stays.
 class Shell {
 public:
     /// Command lines are cut at this many bytes, the terminating zero included.
     static constexpr std::size_t kCommandSize = 512;
-    /// Output beyond this is read and dropped.
-    static constexpr std::size_t kMaxOutput = 4 * 1024 * 1024;
+    /// Output beyond this is read and dropped, with a line in the log.
+    static constexpr std::size_t kMaxOutput = ChildProcess::kMaxOutput;
+    /// Bytes of a tool's output in the log; the rest is cut there.
+    static constexpr std::size_t kMaxLogged = std::size_t{64} * 1024;
+    /// What a command may take until its shell has ended.
+    static constexpr std::chrono::seconds kTimeLimit{60};
 
-    /// Runs the command line made from `format` through the system shell, waits for the end of its
-    /// standard output and sets `result` to it. Returns false when the command could not be
-    /// started; the command's exit status is not looked at.
+    /// Limits of one command.
+    struct Limits {
+        std::chrono::milliseconds time = kTimeLimit;
+        rlim_t fileSize = RLIM_INFINITY;  ///< bytes that it may write into one file
+        bool runsInStop = false;          ///< runs although everything is ended
+    };
+
+    /// How far a command came.
+    enum class Fate {
+        kNotStarted,
+        kCutShort,  ///< it was ended, or its shell crashed
+        kEnded,     ///< with an exit status other than 0, which not every tool means
+        kSucceeded
+    };
+
+    /// Runs the command line made from `format` through the system shell, waits for the shell's end
+    /// (not for what it left in the background) and sets `result` to its standard output. Returns
+    /// false when the command could not be started; how it went otherwise is not looked at.
     static bool RunSystemWithResult(std::string& result, const char* format, ...)
         __attribute__((format(printf, 2, 3)));
 
-    /// Runs a command line through the system shell and waits for the shell's end (not for what it
-    /// left in the background). Its output goes where the agent's goes.
+    /// The same within other limits.
+    static Fate RunWithin(const Limits& limits, std::string& result, const char* format, ...)
+        __attribute__((format(printf, 3, 4)));
+
+    /// Runs a command line through the system shell and waits for the shell's end. Its output goes
+    /// where the agent's goes.
     static void RunSystem(const std::string& command);
 
     /// Ends the process named in a pid file: "kill", half a second, then "kill -9" and removal of
@@ -38,4 +68,8 @@ public:
 
     /// Whether `text` begins with `prefix`, upper and lower case being the same (ASCII).
     static bool HasPrefixIgnoringCase(std::string_view text, std::string_view prefix);
+
+private:
+    static Fate RunFormatted(const Limits& limits, std::string& result, const char* format,
+                             va_list arguments) __attribute__((format(printf, 3, 0)));
 };

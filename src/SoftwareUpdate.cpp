@@ -1,5 +1,7 @@
 #include "SoftwareUpdate.h"
 
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +9,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "LogText.h"
 #include "Shell.h"
 #include "UpdateFirmware.h"
 #include "XmlText.h"
@@ -64,6 +67,16 @@ std::string Attribute(const xmlNode* attributes, std::string_view key) {
     return "";
 }
 
+/// Bytes that a file in the directory of images may have; none when that cannot be told.
+rlim_t RoomForImage() {
+    struct statvfs disk {};
+    if (statvfs(kDirectory, &disk) != 0) {
+        return 0;
+    }
+    const rlim_t available = rlim_t{disk.f_bavail} * disk.f_frsize;
+    return available - std::min(available, SoftwareUpdate::kFreeReserve);
+}
+
 }  // namespace
 
 SoftwareUpdate::SoftwareUpdate(const xmlNode* preSignInReturn) {
@@ -94,13 +107,14 @@ bool SoftwareUpdate::Run(ZelConfig& config) const {
         ZEL_INFO("ZEL master signals firmware is up-to-date!");
         return false;
     }
-    ZEL_INFO("======== UPDATE TYPE: '%s'", type_.c_str());
+    ZEL_INFO("======== UPDATE TYPE: '%s'", LogText::Of(type_).c_str());
     if (!HasUsableAddress()) {
         ZEL_ERROR("ZEL Master mandates update but address supplied is not valid");
         return false;
     }
-    ZEL_INFO("ZEL Master mandates software update of %s from %s", type_.c_str(), url_.c_str());
-    ZEL_INFO("   md5: %s, filename: %s", digest_.c_str(), fileName_.c_str());
+    ZEL_INFO("ZEL Master mandates software update of %s from %s", LogText::Of(type_).c_str(),
+             url_.c_str());
+    ZEL_INFO("   md5: %s, filename: %s", LogText::Of(digest_).c_str(), fileName_.c_str());
     const bool installed = Fetch() && Install();
     if (installed) {
         RecordVersion(config);
@@ -124,8 +138,16 @@ bool SoftwareUpdate::HasUsableAddress() const {
 bool SoftwareUpdate::Fetch() const {
     ZEL_INFO("Downloading update file %s...", fileName_.c_str());
     RemoveFile();  // what an earlier download has left must not pass for this one
+    const rlim_t room = RoomForImage();
     std::string output;
-    Shell::RunSystemWithResult(output, kFetchCommand, fileName_.c_str(), url_.c_str());
+    Shell::RunWithin({.time = kDownloadTime, .fileSize = room}, output, kFetchCommand,
+                     fileName_.c_str(), url_.c_str());
+    struct stat status {};
+    if (stat((kDirectory + fileName_).c_str(), &status) == 0 &&
+        static_cast<rlim_t>(status.st_size) >= room) {
+        ZEL_ERROR("The update file is larger than the %llu bytes that there is room for",
+                  static_cast<unsigned long long>(room));
+    }
 
     std::string digest;
     Shell::RunSystemWithResult(digest, "md5sum /tmp/%s | awk '{print $1}'", fileName_.c_str());
@@ -138,7 +160,8 @@ bool SoftwareUpdate::Fetch() const {
         return false;
     }
     if (digest != digest_) {
-        ZEL_ERROR("Checksum mismatch! Expected '%s', got '%s'", digest_.c_str(), digest.c_str());
+        ZEL_ERROR("Checksum mismatch! Expected '%s', got '%s'", LogText::Of(digest_).c_str(),
+                  digest.c_str());
         return false;
     }
     return true;
@@ -160,7 +183,7 @@ bool SoftwareUpdate::Install() const {
 
 /// "01.02.03" is recorded as "10203", the form in which the box reads its versions at start.
 void SoftwareUpdate::RecordVersion(ZelConfig& config) const {
-    ZEL_INFO("New version: %s", version_.c_str());
+    ZEL_INFO("New version: %s", LogText::Of(version_).c_str());
     std::array<int, 3> parts{};
     constexpr int kMaxPart = 99;
     // NOLINTNEXTLINE(cert-err34-c): checked below; five digits cannot overflow
@@ -169,7 +192,7 @@ void SoftwareUpdate::RecordVersion(ZelConfig& config) const {
         std::any_of(parts.begin(), parts.end(),
                     [](int part) { return part < 0 || part > kMaxPart; })) {
         ZEL_ERROR("The new version '%s' is not of the form 1.2.3, it is known after the next start",
-                  version_.c_str());
+                  LogText::Of(version_).c_str());
         return;
     }
     std::array<char, 16> text{};

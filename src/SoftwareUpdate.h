@@ -1,16 +1,24 @@
 #pragma once
 
 #include <libxml/tree.h>
+#include <sys/resource.h>
 
+#include <chrono>
 #include <string>
 
 #include "ZelConfig.h"
 
 /// A software update that the manager mandates: fetched with the board's download tool, checked
 /// against its MD5 sum, installed by the platform's update library. Whatever goes wrong is logged,
-/// and the box keeps the software it has.
+/// and the box keeps the software it has. A download is given up when it takes too long or would
+/// fill the disk.
 class SoftwareUpdate {
 public:
+    /// What a download may take.
+    static constexpr std::chrono::minutes kDownloadTime{15};
+    /// Bytes of the disk under /tmp, which the log is on, that a download leaves free.
+    static constexpr rlim_t kFreeReserve = rlim_t{2} * 1024 * 1024;
+
     /// Reads the order from the element preSignInTavoReturn.
     explicit SoftwareUpdate(const xmlNode* preSignInReturn);
 

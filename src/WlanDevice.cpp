@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "DurableFile.h"
+#include "LogText.h"
 #include "Shell.h"
 #include "WpaCliInterface.h"
 #include "ZelLogging.h"
@@ -111,7 +112,7 @@ int WlanDevice::WlanValues::Read(const ZelConfig& config) {
     channel_ = DecimalValue(config.Get("wlan.conf.infra.channel"));
     band_ = config.Get("wlan.conf.infra.band");
     if (band_ != "0" && band_ != "1") {
-        ZEL_ERROR("Band '%s' is not correct", band_.c_str());
+        ZEL_ERROR("Band '%s' is not correct", LogText::Of(band_).c_str());
         return -1;
     }
     ssid_ = config.Get("wlan.conf.infra.ssid");
@@ -126,9 +127,9 @@ int WlanDevice::WlanValues::Read(const ZelConfig& config) {
         return code;
     }
     encryptionType_ = config.Get("wlan.conf.infra.encryption.type");
-    ZEL_DEBUG("Enc Type: %s", encryptionType_.c_str());
+    ZEL_DEBUG("Enc Type: %s", LogText::Of(encryptionType_).c_str());
     if (!encryptionType_.empty() && encryptionType_ != "AES" && encryptionType_ != "TKIP") {
-        ZEL_ERROR("encryption.type '%s' is not correct", encryptionType_.c_str());
+        ZEL_ERROR("encryption.type '%s' is not correct", LogText::Of(encryptionType_).c_str());
         return -7;
     }
     psk_ = config.Get("wlan.conf.infra.psk");
@@ -139,7 +140,7 @@ int WlanDevice::WlanValues::ReadSecurity(const ZelConfig& config) {
     const std::string level = config.Get("wlan.conf.infra.security.level");
     securityLevel_ = DecimalValue(level);
     if (securityLevel_ < kFirstLevel || securityLevel_ > kLastLevel) {
-        ZEL_ERROR("security.level '%s' is not correct", level.c_str());
+        ZEL_ERROR("security.level '%s' is not correct", LogText::Of(level).c_str());
         return -3;
     }
     credentials_ = config.Get("wlan.conf.infra.credentials");
@@ -157,10 +158,10 @@ int WlanDevice::WlanValues::ReadCountry(const ZelConfig& config) {
         ZEL_ERROR("CountryCode '%s' is empty", code.c_str());
         return -5;
     }
-    ZEL_DEBUG("Country code: %s", code.c_str());
+    ZEL_DEBUG("Country code: %s", LogText::Of(code).c_str());
     country_ = WlanCountryCode::FindCountry(code.c_str());
     if (country_ == nullptr) {
-        ZEL_ERROR("CountryCode '%s' is not correct", code.c_str());
+        ZEL_ERROR("CountryCode '%s' is not correct", LogText::Of(code).c_str());
         return -6;
     }
     ZEL_DEBUG("Country code: %d Regdomain %d", static_cast<int>(country_->countryCode),
@@ -222,7 +223,7 @@ bool WlanDevice::CanWriteNetworkFile() const {
                 ZEL_ERROR(
                     "The directory of the supplicant's file, '%s', is too long or holds more than "
                     "letters, digits and \"/._-\"",
-                    values_.Credentials().c_str());
+                    LogText::Of(values_.Credentials()).c_str());
                 return false;
             }
             return true;
@@ -244,7 +245,8 @@ bool WlanDevice::CanWriteNetworkFile() const {
             break;
     }
     if (values_.Ssid().size() > kMaxSsid) {
-        ZEL_ERROR("SSID '%s' is longer than %zu bytes", values_.Ssid().c_str(), kMaxSsid);
+        ZEL_ERROR("SSID '%s' is longer than %zu bytes", LogText::Of(values_.Ssid()).c_str(),
+                  kMaxSsid);
         return false;
     }
     return true;
@@ -291,11 +293,11 @@ int WlanDevice::StartSupplicant() {
     }
     const std::string file = directory + kFileName;
     std::string output;
-    if (!Shell::RunSystemWithResult(
-            output,
+    if (Shell::RunWithin(
+            {}, output,
             "/app/velka/wlan/sta/wpa_supplicant -i %s -D %s -c %s -B -C /tmp/supplicant/ctrl "
             "-tddf /tmp/log/wpa_supplicant -P /var/run/wpa_supplicant.pid",
-            Name().c_str(), supplicantDriver_.c_str(), file.c_str())) {
+            Name().c_str(), supplicantDriver_.c_str(), file.c_str()) < Shell::Fate::kEnded) {
         return -1;
     }
     sleep(1);

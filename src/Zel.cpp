@@ -12,7 +12,9 @@
 #include <memory>
 #include <string>
 
+#include "ChildProcess.h"
 #include "CrashGuard.h"
+#include "LogText.h"
 #include "OplaMode.h"
 #include "SetDateTime.h"
 #include "StoreSetup.h"
@@ -79,7 +81,7 @@ std::uint32_t ConfiguredCountry() {
         }
         const std::size_t separator = line.find('=');
         const std::string code = separator == std::string::npos ? "" : line.substr(separator + 1);
-        ZEL_INFO("Country: '%s'", code.c_str());
+        ZEL_INFO("Country: '%s'", LogText::Of(code).c_str());
         const WlanCountryCode::Country* country = WlanCountryCode::FindCountry(code.c_str());
         return country == nullptr ? 0 : country->countryCode;
     }
@@ -139,6 +141,8 @@ int Zel::Main() {
 }
 
 bool Zel::Stop() {
+    // Who waits for a tool goes on, and none is started any more.
+    ChildProcess::EndAll();
     reservation_.Stop();
     const bool stopped = webServer_.Stop();
     signIn_.Stop();

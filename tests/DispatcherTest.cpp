@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -95,36 +94,6 @@ TEST_F(DispatcherTest, LargeInputAndOutputDoNotBlock) {
     const std::string value(900000, 'z');
     EXPECT_EQ(Run("wide", {{"v", value}}), 0);
     EXPECT_EQ(result_, "v=" + value + "\n");
-}
-
-TEST_F(DispatcherTest, BackgroundWorkIsNotWaitedFor) {
-    Install("daemon", "sleep 20 & echo started");
-    const auto begin = std::chrono::steady_clock::now();
-    EXPECT_EQ(Run("daemon"), 0);
-    EXPECT_EQ(result_, "started\n");
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
-}
-
-TEST_F(DispatcherTest, TheTimeLimitEndsTheWholeGroup) {
-    const std::string program = Install("hang", "sleep 1000 & sleep 1000");
-    const ChildProcess::Result result =
-        ChildProcess::Run(program, "", std::chrono::milliseconds(500));
-    EXPECT_EQ(result.exitStatus, -1);
-    EXPECT_NE(result.failure.find("500 ms"), std::string::npos) << result.failure;
-    int left = 0;
-    for (int i = 0; i < 500; ++i) {
-        left = 0;
-        for (const auto& process : std::filesystem::directory_iterator("/proc")) {
-            std::string name;
-            std::ifstream(process.path() / "comm") >> name;
-            left += name == "sleep" ? 1 : 0;
-        }
-        if (left == 0) {
-            break;
-        }
-        usleep(10000);
-    }
-    EXPECT_EQ(left, 0);
 }
 
 TEST_F(DispatcherTest, ManyCommandsAtOnce) {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -85,11 +86,75 @@ TEST_F(ShellTest, ToolsSeeACleanProcess) {
     EXPECT_EQ(ignored & (1U << (SIGPIPE - 1) | 1U << (SIGCHLD - 1)), 0U) << result_;
 }
 
-TEST_F(ShellTest, BackgroundWorkIsNotWaitedForBySystem) {
-    const auto begin = std::chrono::steady_clock::now();
-    Shell::RunSystem("sleep 20 & echo started > /tmp/started");
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(15));
+TEST_F(ShellTest, NoToolHoldsItsCaller) {
+    using std::chrono::milliseconds;
+    using Fate = Shell::Fate;
+    const std::string flood(Shell::kMaxOutput, 'x');
+    const struct {
+        std::string command;
+        Shell::Limits limits;
+        Fate fate;
+        std::string output;
+        int left = 0;  // that the end of the shell does not end
+        std::string logged = {};
+    } cases[] = {
+        {"echo a; sleep 4321 &", {}, Fate::kSucceeded, "a\n", 1},
+        {"echo a; sleep 4321 & sleep 4321",
+         {milliseconds(300)},
+         Fate::kCutShort,
+         "a\n",
+         0,
+         "'echo a; sleep 4321 & sleep 4321' was ended after 300 ms"},
+        {"trap '' TERM INT; sleep 4321 | sleep 4321", {milliseconds(300)}, Fate::kCutShort, ""},
+        {"yes | tr -d '\n' | tr y x", {milliseconds(2000)}, Fate::kCutShort, flood},
+        {"head -c 2000000 /dev/zero | tr '\\0' x",
+         {},
+         Fate::kSucceeded,
+         flood,
+         0,
+         "wrote more than 1048576 bytes, the last 951424 are dropped"},
+        {"echo a; exit 3", {}, Fate::kEnded, "a\n"},
+        {"echo a; kill -9 $$", {}, Fate::kCutShort, "a\n", 0, "' was ended by signal 9"},
+        {"head -c 9000 /dev/zero > /tmp/f; wc -c < /tmp/f",
+         {.fileSize = 5000},
+         Fate::kSucceeded,
+         "5000\n"},
+    };
+    const auto sleeping = [this] {
+        Shell::RunSystemWithResult(result_, "pgrep -x sleep | wc -l");
+        return std::stoi(result_);
+    };
+    for (const auto& each : cases) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(Shell::RunWithin(each.limits, result_, "%s", each.command.c_str()), each.fate)
+            << each.command;
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+        EXPECT_EQ(result_, each.output) << each.command;
+        for (int i = 0; i < 500 && sleeping() != each.left; ++i) {
+            usleep(10000);
+        }
+        EXPECT_EQ(sleeping(), each.left) << each.command;
+        Shell::RunSystem("pkill -KILL -x sleep");
+        EXPECT_NE(ReadFile(ZelLogging::kLogFile).find(each.logged), std::string::npos)
+            << each.logged;
+    }
+    Shell::RunSystem("sleep 4321 & echo started > /tmp/started");
     EXPECT_EQ(ReadFile("/tmp/started"), "started\n");
+    EXPECT_EQ(sleeping(), 1);
+    Shell::RunSystem("pkill -KILL -x sleep");
+}
+
+TEST_F(ShellTest, AfterTheEndOfAllOnlyWhatTheStopNeedsIsStarted) {
+    const auto run = [this] {
+        ChildProcess::EndAll();
+        const bool isRefused = !Shell::RunSystemWithResult(result_, "echo a") && result_.empty();
+        Shell::RunWithin({.runsInStop = true}, result_, "echo b");
+        std::exit(isRefused && result_ == "b\n" ? 0 : 1);
+    };
+    signal(SIGCHLD, SIG_DFL);  // it waits for the process that does it
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+    EXPECT_NE(ReadFile(ZelLogging::kLogFile).find("'echo a' finished with number '125': '"),
+              std::string::npos);
 }
 
 TEST_F(ShellTest, KillByPidFile) {

@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <string_view>
+#include <utility>
 
 #include "ChildProcess.h"
 #include "LogHandler.h"
+#include "LogText.h"
 
 namespace Dispatcher {
 namespace {
@@ -55,19 +57,25 @@ int CommandExecution(const std::string& subsystem, const std::string& command,
                      const std::map<std::string, std::string>& parameters, std::string& result) {
     result = Refusal(subsystem, command, parameters);
     if (!result.empty()) {
-        Log().Log(kError, "Dispatcher", __LINE__, "Refused: %s", result.c_str());
+        Log().Log(kError, "Dispatcher", __LINE__, "Refused: %s", LogText::Of(result).c_str());
         return kRefused;
     }
     std::string input;
     for (const auto& [key, value] : parameters) {
         input.append(key).append("=").append(value).append("\n");
     }
-    Log().Log(kInfo, "Dispatcher", __LINE__, "Run command %s/%s", subsystem.c_str(),
-              command.c_str());
+    Log().Log(kInfo, "Dispatcher", __LINE__, "Run command %s/%s", LogText::Of(subsystem).c_str(),
+              LogText::Of(command).c_str());
     ChildProcess::Result run =
-        ChildProcess::Run(kCommandDirectory + subsystem + "/" + command, input, kCommandTimeLimit);
+        ChildProcess::Run({.path = kCommandDirectory + subsystem + "/" + command,
+                           .input = std::move(input),
+                           .timeLimit = kCommandTimeLimit});
+    if (run.dropped > 0) {
+        Log().Log(kError, "Dispatcher", __LINE__, "%zu bytes of the output are dropped",
+                  run.dropped);
+    }
     if (!run.failure.empty()) {
-        Log().Log(kError, "Dispatcher", __LINE__, "%s", run.failure.c_str());
+        Log().Log(kError, "Dispatcher", __LINE__, "%s", LogText::Of(run.failure).c_str());
         result = run.failure;
         return kFailed;
     }

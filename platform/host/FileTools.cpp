@@ -8,7 +8,7 @@
 #include <fstream>
 #include <vector>
 
-#include "Descriptor.h"
+#include "SocketGuard.h"
 
 namespace FileTools {
 namespace {
@@ -20,8 +20,8 @@ std::string TemporaryName(const std::string& path) {
     return path + ".tmp";
 }
 
-Descriptor OpenTemporary(const std::string& path) {
-    return Descriptor(
+SocketGuard OpenTemporary(const std::string& path) {
+    return SocketGuard(
         open(TemporaryName(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
 }
 
@@ -49,27 +49,27 @@ bool Conclude(const std::string& path, bool complete) {
 }  // namespace
 
 bool SyncDirectory(const std::string& directory) {
-    const Descriptor descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const SocketGuard descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return descriptor.Get() >= 0 && fsync(descriptor.Get()) == 0;
 }
 
 bool Replace(const std::string& path, std::string_view text) {
     bool complete = false;
     {
-        const Descriptor out = OpenTemporary(path);
+        const SocketGuard out = OpenTemporary(path);
         complete = out.Get() >= 0 && WriteAll(out.Get(), text) && fsync(out.Get()) == 0;
     }
     return Conclude(path, complete);
 }
 
 bool ReplaceByCopy(const std::string& path, const std::string& source) {
-    const Descriptor in(open(source.c_str(), O_RDONLY | O_CLOEXEC));
+    const SocketGuard in(open(source.c_str(), O_RDONLY | O_CLOEXEC));
     if (in.Get() < 0) {
         return false;
     }
     bool complete = false;
     {
-        const Descriptor out = OpenTemporary(path);
+        const SocketGuard out = OpenTemporary(path);
         std::vector<char> block(kBlockSize);  // not on the small stack of a service thread
         ssize_t count = -1;
         complete = out.Get() >= 0;

@@ -9,6 +9,7 @@
 #include "ChildProcess.h"
 #include "FileTools.h"
 #include "LogHandler.h"
+#include "LogText.h"
 
 namespace {
 
@@ -48,14 +49,15 @@ int SelfTest::DoSelfTest() {
     bool allPassed = true;
     std::string report;
     for (const std::filesystem::path& test : FindTests()) {
-        const ChildProcess::Result run = ChildProcess::Run(test.string(), "", kTestTimeLimit);
+        const ChildProcess::Result run =
+            ChildProcess::Run({.path = test.string(), .timeLimit = kTestTimeLimit});
         const bool passed = run.exitStatus == 0;
         allPassed &= passed;
         const std::string detail =
             run.failure.empty() ? run.output.substr(0, run.output.find('\n')) : run.failure;
         const std::string line = test.filename().string() + (passed ? ": OK" : ": FAILED") +
                                  (detail.empty() ? "" : " (" + detail + ")");
-        Log().Log(passed ? kInfo : kError, "SelfTest", __LINE__, "%s", line.c_str());
+        Log().Log(passed ? kInfo : kError, "SelfTest", __LINE__, "%s", LogText::Of(line).c_str());
         report += line + "\n";
     }
     std::error_code error;
