@@ -2,12 +2,15 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/random.h>
+#include <unistd.h>
 
 #include <ctime>
+#include <new>
 #include <random>
 
-#include "Shell.h"
 #include "SocketGuard.h"
+#include "ZelLogging.h"
 
 namespace {
 
@@ -17,10 +20,9 @@ constexpr char kHandleKey[] = "zel.state.handle";
 constexpr char kUuidKey[] = "zel.state.uuid";
 constexpr char kHostLockKey[] = "zel.state.hostlock";
 
-constexpr char kAnyHost[] = "0.0.0.0";
 constexpr char kMarkerFile[] = "/tmp/forceconnect";
 constexpr mode_t kMarkerMode = 0644;
-constexpr int kDiagnosticPorts[] = {6801, 6802, 52410, 52411};
+constexpr char kRandomDevice[] = "/dev/urandom";
 
 std::string ToDottedAddress(const std::string& text) {
     in_addr address{};
@@ -31,42 +33,73 @@ std::string ToDottedAddress(const std::string& text) {
     return inet_ntop(AF_INET, &address, dotted, sizeof dotted);
 }
 
-/// `action` is the packet filter's option: "-A" adds the rules, "-D" deletes them.
-void FilterPorts(const char* action, const std::string& host, int forwarding) {
-    const std::string source = host == kAnyHost ? "" : "-s " + host;
-    std::string output;
-    for (const int port : kDiagnosticPorts) {
-        Shell::RunSystemWithResult(output, "/sbin/iptables %s INPUT -p tcp %s --dport %d -j ACCEPT",
-                                   action, source.c_str(), port);
+std::uint64_t DrawFromKernel() {
+    std::uint64_t number = 0;
+    if (getrandom(&number, sizeof number, GRND_NONBLOCK) == sizeof number) {
+        return number;
     }
-    Shell::RunSystemWithResult(output, "/bin/echo %d > /proc/sys/net/ipv4/ip_forward", forwarding);
+    // An old kernel, or one that was started a moment ago: the device answers all the same.
+    const SocketGuard device(open(kRandomDevice, O_RDONLY | O_CLOEXEC));
+    if (read(device.Get(), &number, sizeof number) != sizeof number) {
+        ZEL_ERROR("The kernel gives no random bytes, handles can be guessed");
+    }
+    return number;
 }
 
 }  // namespace
 
+void DeviceReservation::CloseLeftPorts() {
+    DiagnosticPorts::CloseAll({.time = kStartLimit});
+}
+
+void DeviceReservation::Stop() {
+    ports_.Shut();
+    // Whoever is at work may be adding a rule.
+    const std::unique_lock lock(mutex_, kStopPatience);
+    DiagnosticPorts::CloseAll({.time = kStopLimit, .runsInStop = true});
+}
+
 bool DeviceReservation::Reserve(const std::string& owner, const std::string& hostLock,
                                 std::string& handle) {
-    const std::lock_guard lock(mutex_);
-    const std::string drawn = DrawHandle();
     handle = "0";
+    const std::unique_lock lock = Lock();
+    if (!lock) {
+        return false;
+    }
+    const std::string drawn = DrawHandle();
     std::string state;
-    if (!config_.Get(kStateKey, state) || state == kReserved) {
+    if (ports_.IsShut() || !config_.Get(kStateKey, state) || state == kReserved) {
         return false;
     }
     handle = drawn;
     config_.Set(kHandleKey, handle, ZelConfig::Kind::kFixed);
     config_.Set(kOwnerKey, owner, ZelConfig::Kind::kFixed);
-    SetHostLock(hostLock.empty() ? "0" : hostLock);
-    config_.Set(kUuidKey, kReservedUuid, ZelConfig::Kind::kFixed);
-    config_.Set(kStateKey, kReserved, ZelConfig::Kind::kFixed);
+    try {
+        SetHostLock(hostLock.empty() ? "0" : hostLock);
+        config_.Set(kUuidKey, kReservedUuid, ZelConfig::Kind::kFixed);
+        config_.Set(kStateKey, kReserved, ZelConfig::Kind::kFixed);
+    } catch (const std::bad_alloc&) {
+        // The box has stayed free.
+        DiagnosticPorts::CloseAll({.time = DiagnosticPorts::kRetryLimit});
+        throw;
+    }
     const SocketGuard marker(
         open(kMarkerFile, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kMarkerMode));
     return true;
 }
 
 bool DeviceReservation::Release(const std::string& handle) {
-    const std::lock_guard lock(mutex_);
-    if (config_.Get(kHandleKey) != handle) {
+    const std::unique_lock lock = Lock();
+    return lock && !handle.empty() && ReleaseWhere(kHandleKey, handle);
+}
+
+bool DeviceReservation::ReleaseOwnedBy(const std::string& owner) {
+    const std::unique_lock lock = Lock();
+    return lock && ReleaseWhere(kOwnerKey, owner);
+}
+
+bool DeviceReservation::ReleaseWhere(const char* key, const std::string& value) {
+    if (!IsReserved() || config_.Get(key) != value) {
         return false;
     }
     ClearHostLock();
@@ -79,8 +112,8 @@ bool DeviceReservation::Release(const std::string& handle) {
 
 DeviceReservation::Session DeviceReservation::ChangeHostLock(const std::string& handle,
                                                              const std::string& hostLock) {
-    const std::lock_guard lock(mutex_);
-    if (config_.Get(kHandleKey) != handle) {
+    const std::unique_lock lock = Lock();
+    if (!lock || config_.Get(kHandleKey) != handle) {
         return Session::kWrongHandle;
     }
     if (!IsReserved()) {
@@ -92,7 +125,10 @@ DeviceReservation::Session DeviceReservation::ChangeHostLock(const std::string& 
 }
 
 DeviceReservation::Session DeviceReservation::CheckSession(const std::string& handle) const {
-    const std::lock_guard lock(mutex_);
+    const std::unique_lock lock = Lock();
+    if (!lock) {
+        return Session::kWrongHandle;
+    }
     if (!IsReserved()) {
         return Session::kNotReserved;
     }
@@ -103,22 +139,38 @@ bool DeviceReservation::IsReserved() const {
     return config_.Get(kStateKey) == kReserved;
 }
 
+std::unique_lock<HeldMutex> DeviceReservation::Lock() const {
+    std::unique_lock lock(mutex_, kPatience);
+    if (!lock) {
+        ZEL_ERROR("The reservation is being changed, request refused");
+    }
+    return lock;
+}
+
 void DeviceReservation::SetHostLock(const std::string& hostLock) {
     const std::string host = ToDottedAddress(hostLock);
     config_.Set(kHostLockKey, host, ZelConfig::Kind::kFixed);
-    FilterPorts("-A", host, 1);
+    ports_.Open(host);
 }
 
 void DeviceReservation::ClearHostLock() {
-    FilterPorts("-D", config_.Get(kHostLockKey), 0);
+    const std::string host = config_.Get(kHostLockKey);
+    if (!host.empty()) {
+        ports_.Close(host);
+    }
 }
 
 std::string DeviceReservation::DrawHandle() {
-    // The counter makes two handles of the same second differ.
+    // The counter makes two handles of the same second differ. Both can be guessed, what the kernel
+    // adds cannot.
     const std::uint64_t seed = static_cast<std::uint64_t>(std::time(nullptr)) + ++reservations_;
     std::seed_seq seeds{static_cast<std::uint32_t>(seed), static_cast<std::uint32_t>(seed >> 32)};
     std::mt19937 random(seeds);
-    const std::uint64_t high = random();
-    const std::uint64_t low = random();
-    return std::to_string(static_cast<std::int64_t>(high << 32 | low));
+    std::uint64_t handle = 0;
+    while (handle == 0) {
+        const std::uint64_t high = random();
+        const std::uint64_t low = random();
+        handle = (high << 32 | low) ^ DrawFromKernel();
+    }
+    return std::to_string(static_cast<std::int64_t>(handle));
 }

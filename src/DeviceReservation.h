@@ -1,14 +1,19 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
+#include "DiagnosticPorts.h"
 #include "HeldMutex.h"
 #include "ZelConfig.h"
 
 /// The reservation of the box: who may use it, under which handle, and to which host its
 /// diagnostic ports are open. The state lives in the store ("zel.state.*"), where every service
-/// reads it; it changes only here. Thread-safe: each operation is one critical section.
+/// reads it; it changes only here. Thread-safe: each operation is one critical section. An
+/// operation waits for the one at work, which may have to wait for a tool of the board, for at most
+/// kPatience and is then refused.
 class DeviceReservation {
 public:
     // Values of "zel.state.current".
@@ -21,27 +26,51 @@ public:
     /// What a request's handle is worth; the values are the error codes that clients know.
     enum class Session { kValid = 0, kWrongHandle = 7, kNotReserved = 9 };
 
+    static constexpr std::chrono::seconds kPatience{4};
+    /// Time in which rules are removed at the start, whose number is not known.
+    static constexpr std::chrono::seconds kStartLimit{60};
+    /// What a stop waits for the operation at work, and the time in which it then removes rules.
+    static constexpr std::chrono::milliseconds kStopPatience{500};
+    static constexpr std::chrono::milliseconds kStopLimit{1500};
+
     explicit DeviceReservation(ZelConfig& config) : config_(config) {}
 
+    /// Closes the ports that an earlier run of the agent has left open, however it ended. For the
+    /// start, before anything is served.
+    static void CloseLeftPorts();
+
+    /// Closes the ports for good: the box cannot be reserved any more.
+    void Stop();
+
     /// Reserves the free box for `owner` and opens its diagnostic ports to `hostLock` (see
-    /// SetHostLock; empty means any host). Returns true with the new handle, a decimal number; or
-    /// false with "0" when the box is reserved.
+    /// SetHostLock; empty means any host). Returns true with the new handle, a decimal number that
+    /// cannot be guessed and is never 0; or false with "0" when the box is reserved or the agent is
+    /// being stopped.
     bool Reserve(const std::string& owner, const std::string& hostLock, std::string& handle);
 
-    /// Releases the box and closes its ports. Returns false, changing nothing, when `handle` is not
-    /// the stored one.
+    /// Releases the reserved box and closes its ports. Returns false, changing nothing, when it is
+    /// free or `handle` is not the stored one.
     bool Release(const std::string& handle);
 
+    /// The same for whoever names the stored owner.
+    bool ReleaseOwnedBy(const std::string& owner);
+
     /// Moves the diagnostic ports of the reserved box to another host. The handle is checked
-    /// first, then the state.
+    /// first, then the state. A refusal for want of time is told as a wrong handle.
     Session ChangeHostLock(const std::string& handle, const std::string& hostLock);
 
-    /// The state is checked first, then the handle.
+    /// The state is checked first, then the handle. A refusal for want of time is told as a wrong
+    /// handle.
     Session CheckSession(const std::string& handle) const;
 
+    /// Waits for nobody.
     bool IsReserved() const;
 
 private:
+    /// Holds nothing when the operation at work outlasts kPatience.
+    std::unique_lock<HeldMutex> Lock() const;
+    /// Releases the reserved box if that entry of the store has that value.
+    bool ReleaseWhere(const char* key, const std::string& value);
     /// `hostLock` is what inet_aton accepts ("0" means any host); other text opens the ports to
     /// 255.255.255.255, that is, to nobody.
     void SetHostLock(const std::string& hostLock);
@@ -50,5 +79,6 @@ private:
 
     ZelConfig& config_;
     mutable HeldMutex mutex_;
+    DiagnosticPorts ports_;
     std::uint64_t reservations_ = 0;
 };

@@ -46,8 +46,14 @@ bool Write(const std::string& path, std::string_view text, mode_t mode) {
 
 bool Replace(const std::string& path, std::string_view text, mode_t mode) {
     const std::string newPath = path + ".new";
-    return Write(newPath, text, mode) && std::rename(newPath.c_str(), path.c_str()) == 0 &&
-           SyncDirectoryOf(path);
+    if (!Write(newPath, text, mode)) {
+        return false;
+    }
+    if (std::rename(newPath.c_str(), path.c_str()) != 0) {
+        std::remove(newPath.c_str());
+        return false;
+    }
+    return SyncDirectoryOf(path);
 }
 
 }  // namespace DurableFile

@@ -18,7 +18,7 @@ inline constexpr mode_t kSecret = 0600;
 bool Write(const std::string& path, std::string_view text, mode_t mode);
 
 /// Puts a file that holds `text` in the place of the one at `path`, which is there as a whole until
-/// the new one is. Returns false when that fails.
+/// the new one is. Returns false when that fails; the old one is there then, and nothing else.
 bool Replace(const std::string& path, std::string_view text, mode_t mode);
 
 /// Waits until what was renamed in the file's directory is on the disk.

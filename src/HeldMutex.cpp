@@ -5,23 +5,37 @@ thread_local HeldMutex* latestHeld = nullptr;
 }
 
 void HeldMutex::lock() {
-    mutex_.lock();
-    previous_ = latestHeld;
-    latestHeld = this;
+    std::unique_lock lock(mutex_);
+    released_.wait(lock, [this] { return !isHeld_; });
+    Take();
 }
 
 bool HeldMutex::try_lock() {
-    if (!mutex_.try_lock()) {
+    return try_lock_for(std::chrono::milliseconds::zero());
+}
+
+bool HeldMutex::try_lock_for(std::chrono::milliseconds patience) {
+    std::unique_lock lock(mutex_);
+    if (!released_.wait_for(lock, patience, [this] { return !isHeld_; })) {
         return false;
     }
+    Take();
+    return true;
+}
+
+void HeldMutex::Take() {
+    isHeld_ = true;
     previous_ = latestHeld;
     latestHeld = this;
-    return true;
 }
 
 void HeldMutex::unlock() {
     latestHeld = previous_;
-    mutex_.unlock();
+    {
+        const std::lock_guard lock(mutex_);
+        isHeld_ = false;
+    }
+    released_.notify_one();
 }
 
 void HeldMutex::ReleaseAll() {

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 /// A mutex that knows its holder: locks held by a thread that crashes can be released for it.
-/// Works with the standard library's locks. Not recursive. Locks are released in the reverse order
-/// of locking.
+/// Works with the standard library's locks, those with a time limit included; the limit is kept
+/// whatever the clock of the day does. Not recursive. Locks are released in the reverse order of
+/// locking.
 class HeldMutex {
 public:
     HeldMutex() = default;
@@ -13,12 +16,19 @@ public:
 
     void lock();
     bool try_lock();
+    /// Waits for at most `patience`. Returns false when the mutex is still held then.
+    bool try_lock_for(std::chrono::milliseconds patience);
     void unlock();
 
     /// Releases every HeldMutex that the calling thread holds.
     static void ReleaseAll();
 
 private:
+    void Take();
+
+    // Not a timed mutex: the thread sanitizer does not see how that is locked.
     std::mutex mutex_;
+    std::condition_variable released_;
+    bool isHeld_ = false;
     HeldMutex* previous_ = nullptr;
 };

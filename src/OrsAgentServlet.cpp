@@ -65,8 +65,9 @@ int DoSelftest(const xmlNode* /*method*/, const HttpRequest& request, HttpRespon
     static unsigned done = 0;
     const unsigned begunBefore = begun;
     std::string lines;
-    {
-        const std::lock_guard lock(mutex);
+    if (const std::unique_lock lock(mutex, OrsAgentServlet::kSelfTestPatience); !lock) {
+        ZEL_ERROR("The self test at work takes too long, no result is told");
+    } else {
         SelfTest selfTest;
         if (done <= begunBefore) {
             const unsigned test = ++begun;
@@ -130,11 +131,17 @@ int RestartDevice(const xmlNode* /*method*/, const HttpRequest& request, HttpRes
     return ZelWsdlServlet::Answer(request, response, EmptyResponse("restartDevice"));
 }
 
-/// Held while the service is stopped or started: state and reservation change together.
-HeldMutex& ServiceMutex() {
-    static HeldMutex mutex;
-    return mutex;
-}
+/// What the stopped service holds. The mutex is held while the service is stopped or started: state
+/// and reservation change together.
+struct OwnReservation {
+    HeldMutex mutex;
+    std::string handle;
+
+    static OwnReservation& Get() {
+        static OwnReservation reservation;
+        return reservation;
+    }
+};
 
 int StartService(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
                  ZelWsdlServlet& servlet) {
@@ -143,9 +150,14 @@ int StartService(const xmlNode* method, const HttpRequest& request, HttpResponse
         return RefuseName(response, name);
     }
     const OrsAgentServlet::Device& device = DeviceOf(servlet);
-    const std::lock_guard lock(ServiceMutex());
+    OwnReservation& own = OwnReservation::Get();
+    const std::unique_lock lock(own.mutex, OrsAgentServlet::kServicePatience);
+    if (!lock) {
+        return ZelWsdlServlet::SendFault(response, kReserved);
+    }
     if (IsStopped(device.config)) {
-        device.reservation.Release(device.config.Get("zel.state.handle"));
+        // Somebody may have released it already, and a client may have come since.
+        device.reservation.Release(own.handle);
         device.config.Set(kStoppedKey, "0", ZelConfig::Kind::kFixed);
     }
     return ZelWsdlServlet::Answer(request, response, EmptyResponse("startService"));
@@ -158,12 +170,12 @@ int StopService(const xmlNode* method, const HttpRequest& request, HttpResponse&
         return RefuseName(response, name);
     }
     const OrsAgentServlet::Device& device = DeviceOf(servlet);
-    const std::lock_guard lock(ServiceMutex());
-    if (IsStopped(device.config)) {
+    OwnReservation& own = OwnReservation::Get();
+    const std::unique_lock lock(own.mutex, OrsAgentServlet::kServicePatience);
+    if (lock && IsStopped(device.config)) {
         return ZelWsdlServlet::SendFault(response, kAlreadyLocked);
     }
-    std::string handle;
-    if (!device.reservation.Reserve(name, kOwnHost, handle)) {
+    if (!lock || !device.reservation.Reserve(name, kOwnHost, own.handle)) {
         return ZelWsdlServlet::SendFault(response, kReserved);
     }
     device.config.Set(kStoppedKey, "1", ZelConfig::Kind::kFixed);

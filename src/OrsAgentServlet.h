@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include "DeviceReservation.h"
 #include "ZelConfig.h"
 #include "ZelWsdlServlet.h"
@@ -13,6 +15,12 @@ public:
         ZelConfig& config;
         DeviceReservation& reservation;
     };
+
+    /// What a request waits for a self test at work; then it is answered without a result.
+    static constexpr std::chrono::seconds kSelfTestPatience{10};
+    /// What a request to stop or start the service waits for another one at work; then it is
+    /// answered as while a client has the box.
+    static constexpr std::chrono::seconds kServicePatience{4};
 
     explicit OrsAgentServlet(const Device& device);
 

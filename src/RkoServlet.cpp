@@ -180,10 +180,7 @@ int AllocateDevice(const xmlNode* data, const Device& device, Reply& reply) {
 }
 
 int ReleaseDevice(const xmlNode* data, const Device& device, Reply& /*reply*/) {
-    const std::string handle = device.config.Get("zel.state.handle");
-    if (StringVariable(data, "DeviceOwner") == device.config.Get("zel.state.owner")) {
-        device.reservation.Release(handle);
-    }
+    device.reservation.ReleaseOwnedBy(StringVariable(data, "DeviceOwner"));
     return 0;
 }
 

@@ -2,8 +2,8 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
 
+#include "DurableFile.h"
 #include "ZelConfig.h"
 #include "ZelLogging.h"
 
@@ -39,13 +39,9 @@ void Ensure(const FindAdapter& findAdapter) {
         ZEL_ERROR("wlanDevice is NULL");
     }
     const std::string address = found && !found->empty() ? *found : kNoAddress;
-    std::FILE* file = std::fopen(kPath, "we");
-    if (file == nullptr) {
+    if (!DurableFile::Replace(kPath, address, DurableFile::kPublic)) {
         ZEL_ERROR("Can't write %s", kPath);
-        return;
     }
-    std::fputs(address.c_str(), file);
-    std::fclose(file);
 }
 
 }  // namespace WlanMacFile

@@ -15,7 +15,8 @@ inline constexpr char kPath[] = "/config/wlan.mac";
 using FindAdapter = std::function<std::optional<std::string>()>;
 
 /// Keeps a file that holds an address other than zero. Otherwise asks for the adapter and writes
-/// its address, or the zero address so that the next start asks again.
+/// its address, or the zero address so that the next start asks again. The file appears whole or
+/// stays as it was.
 void Ensure(const FindAdapter& findAdapter);
 
 }  // namespace WlanMacFile

@@ -2,7 +2,11 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <system_error>
 
 #include "NetworkAttributes.h"
 #include "Shell.h"
@@ -13,13 +17,53 @@ namespace {
 constexpr char kDriver[] = "wext";
 constexpr char kSettingsDirectory[] = "/etc/Wireless/RT2870STA";
 constexpr char kSettingsFile[] = "/etc/Wireless/RT2870STA/RT2870STA.dat";
+constexpr char kTemplate[] = "/app/velka/wlan/ra/RT2870STA.dat";
 
+/// False when the file cannot be opened.
+bool ReadFile(const char* path, std::string& text) {
+    std::ifstream file(path, std::ios::binary);
+    text.assign(std::istreambuf_iterator<char>(file), {});
+    return file.is_open();
+}
+
+/// A settings file that ends within the template is a copy that was cut off: by a full disk, or by
+/// the end of the agent or of the power.
+int EnsureSettingsFile() {
+    std::string whole;
+    std::string settings;
+    const bool haveTemplate = ReadFile(kTemplate, whole);
+    const auto isCut = [&] {
+        return settings.size() < whole.size() && whole.starts_with(settings);
+    };
+    if (ReadFile(kSettingsFile, settings) && !isCut()) {
+        return 0;
+    }
+    unlink(kSettingsFile);
+    std::string output;
+    if (!Shell::RunSystemWithResult(
+            output, "cp /app/velka/wlan/ra/RT2870STA.dat /etc/Wireless/RT2870STA/.")) {
+        return -1;
+    }
+    if (!haveTemplate || !ReadFile(kSettingsFile, settings) || isCut()) {
+        unlink(kSettingsFile);
+        ZEL_ERROR("Can't copy %s", kTemplate);
+        return -1;
+    }
+    return 0;
+}
+
+/// The line is in the file as a whole or not at all.
 int AppendSetting(const std::string& setting) {
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(kSettingsFile, error);
     std::ofstream file(kSettingsFile, std::ios::app);
     file << setting << '\n';
-    file.flush();
+    file.close();
     if (!file) {
         ZEL_ERROR("Can't write %s", kSettingsFile);
+        if (!error) {
+            std::filesystem::resize_file(kSettingsFile, size, error);
+        }
         return -1;
     }
     return 0;
@@ -40,12 +84,8 @@ int WlanRalinkDevice::InitializeDriver(const WlanCountryCode::Country* country) 
         ZEL_ERROR("Can't create %s", kSettingsDirectory);
         return -1;
     }
-    if (access(kSettingsFile, R_OK) != 0) {
-        std::string output;
-        if (!Shell::RunSystemWithResult(
-                output, "cp /app/velka/wlan/ra/RT2870STA.dat /etc/Wireless/RT2870STA/.")) {
-            return -1;
-        }
+    if (EnsureSettingsFile() != 0) {
+        return -1;
     }
     if (country == nullptr) {
         ZEL_ERROR("CountryDefinition is null");

@@ -118,6 +118,7 @@ int Zel::Main() {
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     InstallSignalHandling();
 
+    DeviceReservation::CloseLeftPorts();
     ZEL_INFO("* ZEL %s %s starting on TAVO %s...", config_.Get("zel.version").c_str(),
              config_.Get("zel.svn.version").c_str(), config_.Get("hardware.serial").c_str());
     ZEL_INFO("* OPLA-Mode: %s", config_.Get(kOplaModeKey).c_str());
@@ -142,6 +143,7 @@ int Zel::Main() {
 bool Zel::Stop() {
     // Who waits for a tool goes on, and none is started any more.
     ChildProcess::EndAll();
+    reservation_.Stop();
     const bool stopped = webServer_.Stop();
     signIn_.Stop();
     return slpService_.Stop(kAllSlpThreads) && stopped;

@@ -160,10 +160,15 @@ bool ZelConfig::Save() const {
     if (!DurableFile::Write(kNewFile, text, DurableFile::kSecret)) {
         return false;
     }
-    std::rename(kFile.c_str(), kOldFile.c_str());
-    std::rename(kNewFile.c_str(), kFile.c_str());
-    DurableFile::SyncDirectoryOf(kFile);
-    return true;
+    const bool isKept = std::rename(kFile.c_str(), kOldFile.c_str()) == 0;
+    if (std::rename(kNewFile.c_str(), kFile.c_str()) != 0) {
+        if (isKept) {
+            std::rename(kOldFile.c_str(), kFile.c_str());
+        }
+        std::remove(kNewFile.c_str());
+        return false;
+    }
+    return DurableFile::SyncDirectoryOf(kFile);
 }
 
 bool ZelConfig::WriteDefaults() const {

@@ -50,9 +50,9 @@ public:
 
     /// Writes all persistent entries to the configuration file, replacing it as a whole; the
     /// previous file is kept with the suffix ".old". False when the new file could not be written
-    /// completely; the old one is then untouched. A line break in a key or value is written as a
-    /// blank, and a line is cut at the 8191 bytes that Load() reads, so that one entry never
-    /// becomes two. The file holds passwords and is its owner's alone.
+    /// completely or not be given its name; the old one then has it. A line break in a key or value
+    /// is written as a blank, and a line is cut at the 8191 bytes that Load() reads, so that one
+    /// entry never becomes two. The file holds passwords and is its owner's alone.
     bool Save() const;
 
     /// Replaces the configuration file by the built-in default text.

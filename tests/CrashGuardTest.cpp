@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <future>
@@ -8,6 +9,7 @@
 #include <mutex>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "CrashGuard.h"
@@ -16,6 +18,8 @@
 #include "ZelLogging.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // Nothing is mapped there, which the compiler must not know.
 volatile std::uintptr_t nowhere = 0x10;
@@ -99,6 +103,7 @@ TEST_F(CrashGuardTest, ReleasesTheLocksOfTheFaultingThread) {
     ASSERT_TRUE(thread.Start("locker", [&] {
         const std::lock_guard first(outer);
         const std::lock_guard second(inner);
+        std::thread([&outer] { EXPECT_FALSE(outer.try_lock_for(20ms)); }).join();
         Fault();
     }));
     thread.Join();

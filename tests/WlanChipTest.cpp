@@ -1,7 +1,9 @@
 #include <linux/sockios.h>
+#include <sys/mount.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iomanip>
 #include <sstream>
 
@@ -124,6 +126,18 @@ TEST_F(WlanRalinkTest, TheLastSettingsOfTheFileAreThoseOfTheConnection) {
     WriteFile("/run/modules", "rtnet5572sta\n");
     WriteFile("/app/velka/wlan/ra/RT2870STA.dat", "Default\nWirelessMode=5\n");
     SetWlan("104");
+
+    // No room for the copy, and then what a copy that was cut off has left.
+    const std::string directory = "/etc/Wireless/RT2870STA/";
+    std::filesystem::create_directories(directory);
+    ASSERT_EQ(mount("full", directory.c_str(), "tmpfs", 0, "size=4k"), 0);
+    WriteFile(directory + "filler", std::string(4096, 'x'));
+    EXPECT_NE(device.Connect(), 0);
+    EXPECT_FALSE(std::filesystem::exists(directory + "RT2870STA.dat"));
+    EXPECT_EQ(umount(directory.c_str()), 0);
+    EXPECT_EQ(Recorded(), "");
+    WriteFile(directory + "RT2870STA.dat", "Default\nWire");
+
     EXPECT_EQ(device.Connect(), 0);
     EXPECT_EQ(Recorded(), insmod + "rtutil5572sta.ko\n" + insmod + "rt5572sta.ko\n" +
                               SupplicantCommand("-i ra0 -D wext"));

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "DefaultConfiguration.h"
+#include "WlanMacFile.h"
 #include "ZelConfig.h"
 
 namespace {
@@ -156,6 +158,29 @@ TEST_F(ZelConfigTest, SaveThatCannotBeWrittenLeavesTheFile) {
     std::filesystem::create_directory(kFile + ".new");
     EXPECT_FALSE(config_.Save());
     EXPECT_EQ(ReadFile(kFile), "before=1\n");
+
+    // A file that is mounted is neither renamed nor replaced.
+    std::filesystem::remove(kFile + ".new");
+    ASSERT_EQ(mount(kFile.c_str(), kFile.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_FALSE(config_.Save());
+    EXPECT_FALSE(config_.WriteDefaults());
+    EXPECT_EQ(umount(kFile.c_str()), 0);
+    EXPECT_EQ(ReadFile(kFile), "before=1\n");
+    EXPECT_FALSE(std::filesystem::exists(kFile + ".new"));
+}
+
+TEST(WlanMacFileTest, AppearsAsAWholeOrNotAtAll) {
+    const auto find = [] { return "02:00:00:00:00:01"; };
+    ASSERT_EQ(mount("full", "/config", "tmpfs", 0, "size=8k"), 0);
+    WriteFile("/config/filler", std::string(8192, 'x'));
+    WlanMacFile::Ensure(find);
+    std::filesystem::remove("/config/filler");
+    EXPECT_TRUE(std::filesystem::is_empty("/config"));
+    WlanMacFile::Ensure(find);
+    EXPECT_EQ(ReadFile(WlanMacFile::kPath), "02:00:00:00:00:01");
+    EXPECT_EQ(std::filesystem::status(WlanMacFile::kPath).permissions(),
+              std::filesystem::perms(0644));
+    EXPECT_EQ(umount("/config"), 0);
 }
 
 // A process that saves without pause is killed at a random moment, a thousand times: whatever is

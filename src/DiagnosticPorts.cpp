@@ -1,0 +1,147 @@
+#include "DiagnosticPorts.h"
+
+#include <arpa/inet.h>
+
+#include <chrono>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string_view>
+#include <vector>
+
+#include "ZelLogging.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kPorts[] = {6801, 6802, 52410, 52411};
+constexpr char kForwarding[] = "/proc/sys/net/ipv4/ip_forward";
+
+struct Rule {
+    std::string host;
+    int port;
+};
+
+/// `action` is the packet filter's option: "-A" adds the rule, "-D" deletes it.
+Shell::Fate Filter(const char* action, const Rule& rule, const Shell::Limits& limits = {}) {
+    const std::string source = rule.host == DiagnosticPorts::kAnyHost ? "" : "-s " + rule.host;
+    std::string output;
+    return Shell::RunWithin(limits, output,
+                            "/sbin/iptables %s INPUT -p tcp %s --dport %d -j ACCEPT", action,
+                            source.c_str(), rule.port);
+}
+
+void SetForwarding(int on) {
+    std::string output;
+    Shell::RunSystemWithResult(output, "/bin/echo %d > %s", on, kForwarding);
+}
+
+/// The rule that the packet filter lists in that line, if it is one of Open().
+std::optional<Rule> ParseRule(std::string_view line) {
+    constexpr std::string_view kChain = "-A INPUT ";
+    constexpr std::string_view kSource = "-s ";
+    constexpr std::string_view kOneHost = "/32 ";
+    // Some versions of the tool end their lines with a blank.
+    line = line.substr(0, line.find_last_not_of(' ') + 1);
+    for (const int port : kPorts) {
+        const std::string match = "-p tcp -m tcp --dport " + std::to_string(port) + " -j ACCEPT";
+        if (!line.starts_with(kChain) || !line.ends_with(match)) {
+            continue;
+        }
+        std::string_view source = line.substr(kChain.size());
+        source.remove_suffix(match.size());
+        if (source.empty()) {
+            return Rule{DiagnosticPorts::kAnyHost, port};
+        }
+        if (!source.starts_with(kSource) || !source.ends_with(kOneHost)) {
+            return std::nullopt;
+        }
+        source.remove_prefix(kSource.size());
+        source.remove_suffix(kOneHost.size());
+        in_addr address{};
+        std::string host(source);
+        if (inet_pton(AF_INET, host.c_str(), &address) != 1) {
+            return std::nullopt;
+        }
+        return Rule{std::move(host), port};
+    }
+    return std::nullopt;
+}
+
+/// No value when the packet filter does not tell.
+std::optional<std::vector<Rule>> FindRules(const Shell::Limits& limits) {
+    std::string listed;
+    Shell::RunWithin(limits, listed, "/sbin/iptables -S INPUT");
+    // The policy of the chain stands first.
+    if (!listed.starts_with("-P INPUT ")) {
+        ZEL_ERROR("Can't read the packet filter, rules of the agent may stand in it");
+        return std::nullopt;
+    }
+    std::vector<Rule> rules;
+    std::istringstream lines(listed);
+    for (std::string line; std::getline(lines, line);) {
+        if (std::optional<Rule> rule = ParseRule(line)) {
+            rules.push_back(std::move(*rule));
+        }
+    }
+    return rules;
+}
+
+}  // namespace
+
+void DiagnosticPorts::Open(const std::string& host) {
+    if (isLeftOpen_) {
+        isLeftOpen_ = !CloseAll({.time = kRetryLimit});
+    }
+    for (const int port : kPorts) {
+        // A tool that hangs would do so for each.
+        if (isShut_ || Filter("-A", {host, port}) < Shell::Fate::kEnded) {
+            break;
+        }
+    }
+    if (!isShut_) {
+        SetForwarding(1);
+    }
+}
+
+void DiagnosticPorts::Close(const std::string& host) {
+    for (const int port : kPorts) {
+        const Shell::Fate fate = Filter("-D", {host, port});
+        isLeftOpen_ = isLeftOpen_ || fate != Shell::Fate::kSucceeded;
+        if (fate < Shell::Fate::kEnded) {
+            break;
+        }
+    }
+    SetForwarding(0);
+    if (isLeftOpen_) {
+        isLeftOpen_ = !CloseAll({.time = kRetryLimit});
+    }
+}
+
+bool DiagnosticPorts::CloseAll(const Shell::Limits& limits) {
+    const Clock::time_point end = Clock::now() + limits.time;
+    const auto rest = [&] {
+        Shell::Limits left = limits;
+        left.time = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        return left;
+    };
+    std::ofstream(kForwarding) << "0\n";
+    std::optional<std::vector<Rule>> rules = FindRules(limits);
+    if (!rules || rules->empty()) {
+        return rules.has_value();
+    }
+    const std::size_t found = rules->size();
+    for (const Rule& rule : *rules) {
+        if (Clock::now() >= end) {
+            break;
+        }
+        Filter("-D", rule, rest());
+    }
+    rules = FindRules(rest());
+    if (!rules) {
+        return false;
+    }
+    ZEL_INFO("Rules of the agent in the packet filter: %zu found, %zu left", found, rules->size());
+    return rules->empty();
+}

@@ -1,0 +1,183 @@
+"""What a reservation leaves behind, and whose it is: stops, races, and a packet filter that hangs."""
+
+import contextlib
+import pathlib
+import signal
+import subprocess
+import threading
+import time
+
+import box
+import workshop
+from box import call, envelope, exchange, fields, post, release, reserve, value
+
+FILTER = pathlib.Path("/usr/sbin/iptables")
+FILTER_AS_IT_IS = FILTER.readlink()
+HANGING = pathlib.Path("/run/tools.hang")
+HANG = f"#!/bin/sh\nwhile [ -e {HANGING} ]; do sleep 0.1; done\n"
+FORWARDING = pathlib.Path("/proc/sys/net/ipv4/ip_forward")
+PORTS = (6801, 6802, 52410, 52411)
+PATIENCE = 4  # of the agent, in seconds
+
+# An administrator's: each differs in one thing from the agent's own.
+NEIGHBOURS = [f"-A INPUT {rule}" for rule in (
+    "-p tcp -m tcp --dport 6803 -j ACCEPT", "-p udp -m udp --dport 6801 -j ACCEPT",
+    "-p tcp -m tcp --dport 6801 -j DROP", "-p tcp -m tcp --sport 6801 -j ACCEPT",
+    "-p tcp -m tcp --dport 6801:6802 -j ACCEPT", "-i eth0 -p tcp -m tcp --dport 6801 -j ACCEPT",
+    "-s 10.0.0.0/24 -p tcp -m tcp --dport 52410 -j ACCEPT",
+    "! -s 10.0.0.1/32 -p tcp -m tcp --dport 52410 -j ACCEPT",
+    "-s 10.0.0.1/32 -d 10.0.0.1/32 -p tcp -m tcp --dport 6802 -j ACCEPT",
+    "-s 10.0.0.1/32 -p tcp -m tcp --sport 99 --dport 6802 -j ACCEPT")]
+
+
+@contextlib.contextmanager
+def serving():
+    with workshop.agent("opla.mode=OPLA-Next\n") as agent:
+        yield agent.wait_until_serving()
+
+
+def ask_agent(operation):
+    service = {"name": "VCI-Agent"} if operation.endswith("Service") else {}
+    return exchange(post(envelope(fields(operation, **service)), "/services/Agent")).decode()
+
+
+def legacy(function, owner):
+    body = f"<p><data><var name='DeviceOwner'><string>{owner}</string></var></data></p>"
+    head = f"GET /rKo?FunctionName={function} HTTP/1.0\r\nContent-Length: {len(body)}\r\n\r\n"
+    return exchange((head + body).encode()).decode()
+
+
+@contextlib.contextmanager
+def in_background(work):
+    thread = threading.Thread(target=work)
+    thread.start()
+    try:
+        yield
+    finally:
+        thread.join()
+
+
+@contextlib.contextmanager
+def filter_tool(script):
+    """The tool of the packet filter is that script in the block."""
+    FILTER.unlink()
+    FILTER.write_text(script + f'exec {FILTER_AS_IT_IS} "$@"\n')
+    FILTER.chmod(0o755)
+    try:
+        yield
+    finally:
+        FILTER.unlink()
+        FILTER.symlink_to(FILTER_AS_IT_IS)
+
+
+@contextlib.contextmanager
+def hanging_filter(victim):
+    """The tool of the packet filter hangs, while `victim` waits for it, until the block ends."""
+    HANGING.touch()
+    with filter_tool(HANG), in_background(victim):
+        try:
+            box.wait_until(lambda: "/sbin/iptables -A" in workshop.log(), "the filter is at work")
+            yield
+        finally:
+            HANGING.unlink()
+
+
+def test_no_rule_outlives_the_agent():
+    left = [f"-A INPUT {source}-p tcp -m tcp --dport {port} -j ACCEPT"
+            for source in ("", f"-s {box.CLIENT}/32 ", "-s 255.255.255.255/32 ") for port in PORTS]
+    for rule in left + NEIGHBOURS + left:
+        subprocess.run([FILTER, *rule.split()], check=True)
+    FORWARDING.write_text("1\n")
+    for end in (signal.SIGTERM, signal.SIGKILL, signal.SIGABRT, signal.SIGINT):
+        with serving() as agent:
+            assert box.rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n", end
+            assert reserve(host_lock=box.CLIENT)[0] == "0"
+            assert len(box.rules()) == len(NEIGHBOURS) + len(PORTS)
+            agent.process.send_signal(end)
+            agent.process.wait(20)
+    assert box.rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n"
+    subprocess.run([FILTER, "-F", "INPUT"], check=True)
+
+
+def test_only_ones_own_reservation_is_released():
+    done = threading.Event()
+    codes = set()
+
+    def release_without_handle():
+        while not done.is_set():
+            codes.add(release(""))
+    with serving():
+        with in_background(release_without_handle), in_background(release_without_handle):
+            end = time.monotonic() + 4
+            while time.monotonic() < end:
+                code, handle = reserve()
+                assert code == "0" and release(handle) == "0"
+            done.set()
+        assert codes <= {"7", "9"}
+
+        # The service does not end the reservation of a client who came in between.
+        ask_agent("stopService")
+        legacy("rkoReleaseDevice", "VCI-Agent")
+        code, handle = reserve()
+        assert code == "0" and "startServiceResponse" in ask_agent("startService")
+        assert len(box.rules()) == len(PORTS) and release(handle) == "0"
+        ask_agent("stopService")
+        assert reserve()[0] == "10" and "startServiceResponse" in ask_agent("startService")
+        assert box.rules() == []
+
+
+def test_nobody_waits_long_for_a_tool_that_hangs():
+    test = pathlib.Path("/app/zel/selftest.d/99-hangs")
+    begun = pathlib.Path("/run/selftest.begun")
+    test.write_text(HANG.replace("while", f"touch {begun}\nwhile"))
+    test.chmod(0o755)
+    command = {"handle": "1", "pSubSystem": "a", "pCommand": "b"}
+    refused = {
+        "<error>10</error>": lambda: call("reserveDevice", deviceId=box.DEVICE_ID, owner="o"),
+        "<error>7</error>\n": lambda: call("setHostLock", handle="1", hostLock="0"),
+        "<error>7</error><commandResultList>": lambda: call("executeGenericCommand", **command),
+        "<error>7</error>": lambda: call("switchMode", deviceId=box.DEVICE_ID, mode="1"),
+        ">42030/number>": lambda: legacy("rkoAllocateDevice", "o"),
+        "Cant lock a reserved device!": lambda: ask_agent("stopService"),
+        "<return></return>": lambda: ask_agent("doSelftest"),
+    }
+    answers = {}
+    first = []
+    with serving(), contextlib.ExitStack() as afterwards:
+        with hanging_filter(lambda: first.append(reserve())):
+            afterwards.enter_context(in_background(lambda: ask_agent("doSelftest")))
+            box.wait_until(begun.exists, "a self test is at work")
+            with contextlib.ExitStack() as waiting:
+                for expected, work in refused.items():
+                    waiting.enter_context(in_background(
+                        lambda e=expected, w=work: answers.update({e: w()})))
+                begin = time.monotonic()
+                assert call("getDeviceInformation") and release("1") == "9"
+                assert workshop.ask(workshop.attribute_request())
+                assert time.monotonic() - begin < PATIENCE
+            assert first == [], "all are answered before the tool is"
+        assert [expected for expected in refused if expected not in answers[expected]] == []
+        assert first[0][0] == "0" and release(first[0][1]) == "0" and box.rules() == []
+    test.unlink()
+
+
+def test_a_rule_that_was_not_deleted_does_not_meet_the_next_owner():
+    with serving():
+        _, handle = reserve()
+        with filter_tool("#!/bin/sh\n[ ! -e /run/once ] && touch /run/once && exit 4\n"):
+            assert release(handle) == "0" and box.rules() == []
+        _, handle = reserve()
+        with filter_tool("#!/bin/sh\nkill -9 $$\n"):
+            assert release(handle) == "0"
+        assert reserve(host_lock=box.CLIENT)[0] == "0"
+        assert len(box.rules()) == len(PORTS) and all(box.CLIENT in rule for rule in box.rules())
+
+
+def test_a_stop_while_the_packet_filter_hangs():
+    def reserve_in_vain():
+        with contextlib.suppress(OSError, ValueError, AssertionError):
+            reserve()
+    with serving() as agent, hanging_filter(reserve_in_vain):
+        begin = time.monotonic()
+        assert agent.stop(10) == 0 and (time.monotonic() - begin < 3 or box.SANITIZED)
+    assert box.rules() == []
