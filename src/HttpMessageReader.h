@@ -33,6 +33,11 @@ public:
     explicit HttpMessageReader(int descriptor, std::chrono::milliseconds lineTimeout = kLineTimeout)
         : descriptor_(descriptor), lineTimeout_(lineTimeout) {}
 
+    /// Waits for the first byte of the next message, or the end of the connection, for as long as
+    /// for a byte of a line and not beyond `deadline`. Returns false when there is neither.
+    bool WaitForMessage(std::chrono::steady_clock::time_point deadline =
+                            std::chrono::steady_clock::time_point::max());
+
     /// Reads the header lines of the next message into `request`, which must be fresh. The message
     /// as a whole, its body included, must come by `deadline`. Returns false when the peer was too
     /// slow, closed, or sent too much.
@@ -56,6 +61,8 @@ private:
     bool ReadSizedBody(HttpRequest& request);
     bool ReadChunkedBody(HttpRequest& request);
     bool ReadChunk(std::string& body, std::size_t size);
+    long Append(std::string& body, std::size_t most);
+    std::size_t Available() const;
     std::size_t Buffered() const { return end_ - begin_; }
 
     int descriptor_;

@@ -1,7 +1,6 @@
 #include <malloc.h>
 #include <pthread.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 
@@ -18,7 +17,6 @@ constexpr int kMaxPools = 2;
 }  // namespace
 
 int main() {
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
     mallopt(M_MMAP_THRESHOLD, kLargeBlock);
     mallopt(M_TRIM_THRESHOLD, kLargeBlock);
     mallopt(M_ARENA_MAX, kMaxPools);

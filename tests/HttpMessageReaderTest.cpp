@@ -159,6 +159,7 @@ TEST(HttpMessageReaderTest, SizedBodies) {
     } cases[] = {
         {"5", 5, true, 5},
         {"5", 3, false, 3},
+        {std::to_string(kMax), 500, false, 500},
         {"0", 0, false, std::nullopt},
         {"-1", 3, false, std::nullopt},
         {"99999999999999999999", 3, false, std::nullopt},
@@ -179,6 +180,7 @@ TEST(HttpMessageReaderTest, SizedBodies) {
         sender.join();
         EXPECT_EQ(request.body.has_value(), c.size.has_value()) << c.length;
         EXPECT_EQ(request.body.value_or("").size(), c.size.value_or(0)) << c.length;
+        EXPECT_LE(request.body.value_or("").capacity(), 2 * c.sent + 100) << "what was announced";
     }
 }
 
