@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
+#include <span>
 
 #include "HeldMutex.h"
 
@@ -27,8 +29,21 @@ public:
     void Write(std::string_view line) noexcept {
         const std::lock_guard lock(mutex_);
         FollowRedirection();
-        if (!TellLost() || !Put(line)) {
+        std::array<char, 48> told{};
+        std::size_t toldSize = 0;
+        if (lost_ > 0) {
+            toldSize = static_cast<std::size_t>(std::snprintf(
+                told.data(), told.size(), "%s%lu lines lost\n", cut_ ? "...\n" : "", lost_));
+        }
+        // In one go: the short text alone would go on fitting where no line does.
+        const std::size_t written = Put({iovec{told.data(), toldSize},
+                                         iovec{const_cast<char*>(line.data()), line.size()}});
+        if (written >= toldSize) {
+            lost_ = 0;
+        }
+        if (written < toldSize + line.size()) {
             ++lost_;
+            cut_ = written == 0 ? cut_ : written != toldSize;
         }
     }
 
@@ -64,52 +79,54 @@ private:
         }
     }
 
-    ssize_t PutSome(std::string_view text) const {
+    ssize_t PutSome(std::span<iovec> parts) const {
+        const int count = static_cast<int>(parts.size());
         switch (way_) {
             case Way::kPlain:
-                return write(descriptor_, text.data(), text.size());
+                return writev(descriptor_, parts.data(), count);
             case Way::kOwn:
-                return write(own_, text.data(), text.size());
-            case Way::kSocket:
-                return send(descriptor_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+                return writev(own_, parts.data(), count);
+            case Way::kSocket: {
+                msghdr message{};
+                message.msg_iov = parts.data();
+                message.msg_iovlen = parts.size();
+                return sendmsg(descriptor_, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+            }
             case Way::kWhenReady: {
                 pollfd output{descriptor_, POLLOUT, 0};
+                const iovec& part = parts[0].iov_len > 0 ? parts[0] : parts[1];
                 if (poll(&output, 1, 0) == 1 && output.revents == POLLOUT) {
-                    return write(descriptor_, text.data(), std::min(text.size(), kReadyBytes));
+                    return write(descriptor_, part.iov_base, std::min(part.iov_len, kReadyBytes));
                 }
-                return -1;
+                return 0;
             }
             case Way::kNone:
                 break;
         }
-        return -1;
+        return 0;
     }
 
-    bool Put(std::string_view text) {
-        while (!text.empty()) {
-            const ssize_t written = PutSome(text);
-            if (written > 0) {
-                text.remove_prefix(static_cast<std::size_t>(written));
-                cut_ = !text.empty();
-            } else if (written == 0 || errno != EINTR) {
-                return false;
+    /// Number of bytes that could be written.
+    std::size_t Put(std::array<iovec, 2> parts) const {
+        std::size_t total = 0;
+        while (parts[0].iov_len + parts[1].iov_len > 0) {
+            const ssize_t written = PutSome(parts);
+            if (written < 0 && errno == EINTR) {
+                continue;
+            }
+            if (written <= 0) {
+                break;
+            }
+            total += static_cast<std::size_t>(written);
+            auto taken = static_cast<std::size_t>(written);
+            for (iovec& part : parts) {
+                const std::size_t step = std::min(taken, part.iov_len);
+                part.iov_base = static_cast<char*>(part.iov_base) + step;
+                part.iov_len -= step;
+                taken -= step;
             }
         }
-        return true;
-    }
-
-    bool TellLost() {
-        if (lost_ == 0) {
-            return true;
-        }
-        std::array<char, 48> text{};
-        const int length = std::snprintf(text.data(), text.size(), "%s%lu lines lost\n",
-                                         cut_ ? "...\n" : "", lost_);
-        const bool told = Put({text.data(), static_cast<std::size_t>(length)});
-        if (told) {
-            lost_ = 0;
-        }
-        return told;
+        return total;
     }
 
     HeldMutex mutex_;

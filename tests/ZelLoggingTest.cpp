@@ -105,14 +105,20 @@ TEST(ZelLoggingTest, AConsoleThatNobodyDrainsLosesWholeLinesAndTellsHowMany) {
         for (const int descriptor : {normal, ends[0], ends[1]}) {
             close(descriptor);
         }
-        int whole = 0;
-        while (text.starts_with(line)) {
-            text.erase(0, line.size());
-            ++whole;
+        // A terminal takes a little more now and then.
+        int found = 0;
+        std::istringstream lines(text);
+        for (std::string got; std::getline(lines, got);) {
+            if (std::regex_match(got, std::regex("\\d+ lines lost"))) {
+                found += std::stoi(got);
+            } else if (got + "\n" == line) {
+                ++found;
+            } else {
+                EXPECT_TRUE(got == "again" || got.ends_with("...")) << got;
+            }
         }
-        EXPECT_GT(whole, 0) << kind;
-        const std::string told = std::to_string(2000 - whole) + " lines lost\nagain\n";
-        EXPECT_TRUE(std::regex_match(text, std::regex("(x*\\.\\.\\.\n)?" + told))) << kind << text;
+        EXPECT_EQ(found, 2000) << kind;
+        EXPECT_TRUE(text.starts_with(line) && text.ends_with(" lost\nagain\n")) << kind;
     }
 }
 
