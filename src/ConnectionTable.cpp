@@ -92,8 +92,7 @@ bool ConnectionTable::Enter(Place& place) {
     const auto threads = std::count_if(places_.begin(), places_.end(),
                                        [&](const Place* other) { return isOfPeer(*other); });
     if (closed_ || places_.size() >= kMaxThreads ||
-        static_cast<std::size_t>(threads) >= kMaxThreads / 2 ||
-        !HasRoom(kMaxOfAddress, isOfPeer) ||
+        static_cast<std::size_t>(threads) >= kMaxThreads / 2 || !HasRoom(kMaxOfAddress, isOfPeer) ||
         !HasRoom(kMaxConnections, [](const Place&) { return true; })) {
         return false;
     }

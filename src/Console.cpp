@@ -36,8 +36,8 @@ public:
                 told.data(), told.size(), "%s%lu lines lost\n", cut_ ? "...\n" : "", lost_));
         }
         // In one go: the short text alone would go on fitting where no line does.
-        const std::size_t written = Put({iovec{told.data(), toldSize},
-                                         iovec{const_cast<char*>(line.data()), line.size()}});
+        const std::size_t written =
+            Put({iovec{told.data(), toldSize}, iovec{const_cast<char*>(line.data()), line.size()}});
         if (written >= toldSize) {
             lost_ = 0;
         }

@@ -7,8 +7,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string_view>
@@ -19,6 +22,39 @@
 namespace {
 
 constexpr int kHexadecimal = 16;
+
+/// Counts the large bodies that are read, or have been and are still held.
+class LargeBodies {
+public:
+    /// A share that ends with its last owner; null when there is none within `patience`.
+    std::shared_ptr<void> Take(std::chrono::milliseconds patience) {
+        std::unique_lock lock(mutex_);
+        const auto isFree = [this] { return taken_ < HttpMessageReader::kMaxLargeBodies; };
+        if (!changed_.wait_for(lock, patience, isFree)) {
+            return nullptr;
+        }
+        ++taken_;
+        lock.unlock();
+        return {this, [](LargeBodies* all) { all->GiveBack(); }};
+    }
+
+private:
+    void GiveBack() {
+        const std::lock_guard lock(mutex_);
+        --taken_;
+        changed_.notify_one();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int taken_ = 0;
+};
+
+LargeBodies& AllLargeBodies() {
+    // Connections may outlive what the process destroys at its end.
+    static auto& all = *new LargeBodies;
+    return all;
+}
 
 /// As strtol reads it: leading blanks, a sign, digits up to the first other character.
 std::int32_t ParseDecimal(const std::string& text) {
@@ -187,7 +223,7 @@ bool HttpMessageReader::ReadSizedBody(HttpRequest& request) {
             ZEL_ERROR("Waiting on http frame timed out or faild");
             break;
         }
-        const long received = Append(body, length);
+        const long received = Append(request, body, length);
         ZEL_DEBUG("Received %d bytes should %d", ToInt(body.size()), request.contentLength);
         if (received < 1) {
             break;
@@ -206,10 +242,18 @@ std::size_t HttpMessageReader::Available() const {
 
 /// As Receive(), at the end of `body`, which grows by what has come in: an announced length alone
 /// takes no memory.
-long HttpMessageReader::Append(std::string& body, std::size_t most) {
+long HttpMessageReader::Append(HttpRequest& request, std::string& body, std::size_t most) {
     const std::size_t count = body.size();
     // One byte even where there is none: only a receive tells the end from a failure.
     const std::size_t size = std::clamp<std::size_t>(Available(), 1, most);
+    // Only requests have a URL: an answer that the agent itself has asked for is not counted.
+    if (count + size > kSmallBody && request.url && !request.largeBody) {
+        request.largeBody = AllLargeBodies().Take(lineTimeout_);
+        if (!request.largeBody) {
+            ZEL_ERROR("Too many large bodies at a time, giving up one");
+            return -1;
+        }
+    }
     body.resize(count + size);
     const long received = Receive(body.data() + count, size);
     body.resize(count + static_cast<std::size_t>(std::max(received, 0L)));
@@ -243,7 +287,7 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
             ZEL_ERROR("Chunked-Encoding: Error: Total transfer length exceeds 1024 KBytes");
             return false;
         }
-        if (!ReadChunk(body, *size)) {
+        if (!ReadChunk(request, body, *size)) {
             return false;
         }
         headSize_ = 0;
@@ -253,11 +297,12 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
     }
 }
 
-bool HttpMessageReader::ReadChunk(std::string& body, std::size_t size) {
+bool HttpMessageReader::ReadChunk(HttpRequest& request, std::string& body, std::size_t size) {
     const std::size_t end = body.size() + size;
     try {
         while (body.size() < end) {
-            const long received = WaitForInput() < 1 ? -1 : Append(body, end - body.size());
+            const long received =
+                WaitForInput() < 1 ? -1 : Append(request, body, end - body.size());
             if (received < 1) {
                 ZEL_ERROR("Chunked-Encoding: read failed with %d\n", static_cast<int>(received));
                 return false;

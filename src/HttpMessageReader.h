@@ -24,6 +24,11 @@ public:
     static constexpr std::size_t kMaxBody = 0x100000;
     /// Most bytes of one chunk.
     static constexpr std::size_t kMaxChunk = 65536;
+    /// Most requests at a time, of all connections, whose bodies have more than kSmallBody bytes. A
+    /// further one waits for its turn for as long as for a byte of a line, and then stays
+    /// incomplete.
+    static constexpr int kMaxLargeBodies = 32;
+    static constexpr std::size_t kSmallBody = std::size_t{64} * 1024;
 
     // Results of ReadLine().
     static constexpr int kTimedOut = -1;
@@ -60,8 +65,8 @@ private:
     long Receive(char* out, std::size_t size);
     bool ReadSizedBody(HttpRequest& request);
     bool ReadChunkedBody(HttpRequest& request);
-    bool ReadChunk(std::string& body, std::size_t size);
-    long Append(std::string& body, std::size_t most);
+    bool ReadChunk(HttpRequest& request, std::string& body, std::size_t size);
+    long Append(HttpRequest& request, std::string& body, std::size_t most);
     std::size_t Available() const;
     std::size_t Buffered() const { return end_ - begin_; }
 

@@ -62,8 +62,7 @@ private:
     pthread_attr_t attributes_{};
 };
 
-bool Create(pthread_t& thread, int detachState, const char* name,
-            std::function<void()> work) try {
+bool Create(pthread_t& thread, int detachState, const char* name, std::function<void()> work) try {
     auto start = std::make_unique<Start>(
         Start{name, std::move(work), detachState == PTHREAD_CREATE_JOINABLE});
     const ThreadAttributes attributes(detachState);

@@ -7,7 +7,8 @@
 #include <functional>
 
 /// Threads of the agent's services: named, with a small fixed stack, and guarded against
-/// segmentation faults (CrashGuard) and against exceptions, which end the thread with a log line. They inherit the signal mask of the thread that starts them.
+/// segmentation faults (CrashGuard) and against exceptions, which end the thread with a log line.
+/// They inherit the signal mask of the thread that starts them.
 class ServiceThread {
 public:
     /// Stack of every service thread in bytes.

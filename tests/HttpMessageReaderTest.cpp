@@ -260,6 +260,30 @@ TEST(HttpMessageReaderTest, ChunkedBodies) {
     }
 }
 
+TEST(HttpMessageReaderTest, LargeBodiesAreCountedAsLongAsTheyAreHeld) {
+    const auto read = [](HttpRequest& request) {
+        Peer peer;
+        std::thread sender([&peer] {
+            peer.Send("POST / HTTP/1.0\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'b'));
+        });
+        HttpMessageReader reader(peer.Descriptor(), kShort);
+        const bool complete = reader.ReadHead(request) && reader.ReadBody(request);
+        shutdown(peer.Descriptor(), SHUT_RDWR);
+        sender.join();
+        return complete;
+    };
+    std::array<HttpRequest, HttpMessageReader::kMaxLargeBodies> held;
+    for (HttpRequest& request : held) {
+        ASSERT_TRUE(read(request));
+    }
+    HttpRequest further;
+    EXPECT_FALSE(read(further));
+    EXPECT_LE(further.body.value_or("").size(), HttpMessageReader::kSmallBody);
+    held[7] = {};
+    further = {};
+    EXPECT_TRUE(read(further));
+}
+
 TEST(HttpMessageReaderTest, ASilentPeerInABodyIsGivenUp) {
     for (const std::string& message : {std::string("Content-Length: 10\r\n\r\n123"),
                                        std::string("Transfer-Encoding: chunked\r\n\r\n"),
