@@ -3,7 +3,9 @@
 
 #include <cstdlib>
 #include <memory>
+#include <new>
 
+#include "Console.h"
 #include "CrashGuard.h"
 #include "Zel.h"
 
@@ -16,7 +18,7 @@ constexpr int kMaxPools = 2;
 
 }  // namespace
 
-int main() {
+int main() try {
     mallopt(M_MMAP_THRESHOLD, kLargeBlock);
     mallopt(M_TRIM_THRESHOLD, kLargeBlock);
     mallopt(M_ARENA_MAX, kMaxPools);
@@ -29,4 +31,8 @@ int main() {
         pthread_exit(nullptr);
     }
     return status;
+} catch (const std::bad_alloc&) {
+    // There is nothing to serve with; what has been started is stopped in an orderly way.
+    Console::PrintError("Out of memory at the start\n");
+    return EXIT_FAILURE;
 }

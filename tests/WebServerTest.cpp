@@ -347,7 +347,10 @@ TEST_F(WebServerTest, SurvivesALackOfDescriptors) {
 }
 
 TEST_F(WebServerTest, AnAddressHoldsHalfOfThePlacesAndItsIdleOnesGiveWay) {
-    ASSERT_TRUE(server_.Start());
+    WebServer server(config_, 60s);  // nobody is to be closed for being idle that long
+    server.AddPort(kPort);
+    server.AddRegistration(greeting_);
+    ASSERT_TRUE(server.Start());
     const std::string kept = "GET /test HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n";
     std::list<SocketGuard> idle;
     for (std::size_t i = 0; i < ConnectionTable::kMaxOfAddress; ++i) {
