@@ -7,6 +7,7 @@
 #include <array>
 #include <cstring>
 
+#include "LogText.h"
 #include "SocketGuard.h"
 #include "ZelLogging.h"
 
@@ -67,7 +68,7 @@ int FileDownloadServlet::Service(const HttpRequest& request, HttpResponse& respo
     const std::size_t mark = request.url->find(kMark);
     const std::string path =
         mark == std::string::npos ? "" : request.url->substr(mark + sizeof kMark - 1);
-    ZEL_DEBUG("filename=%s", path.c_str());
+    ZEL_DEBUG("filename=%s", LogText::Of(path).c_str());
     if (!path.starts_with(kRoot)) {
         return Refuse(response);
     }

@@ -10,15 +10,19 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <exception>
 #include <new>
 #include <string>
+#include <utility>
 
+#include "Console.h"
+#include "LogText.h"
 #include "ZelLogging.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Phase = ConnectionTable::Phase;
 
 constexpr int kOk = 200;
 constexpr char kNotFoundText[] =
@@ -72,16 +76,16 @@ std::string Head(const HttpResponse& response) {
 
 }  // namespace
 
-HttpConnection::HttpConnection(int descriptor, const ServletRegistry& registry,
-                               std::chrono::milliseconds lineTimeout)
-    : socket_(descriptor), registry_(registry), reader_(descriptor, lineTimeout) {
+HttpConnection::HttpConnection(int descriptor, in_addr peer, const ServletRegistry& registry,
+                               std::chrono::milliseconds lineTimeout,
+                               std::shared_ptr<ConnectionTable> table)
+    : registry_(registry),
+      reader_(descriptor, lineTimeout),
+      socket_(descriptor),
+      place_(std::move(table), descriptor, peer) {
     // A response leaves in one piece; its last segment must not wait for an acknowledgement.
     const int on = 1;
     setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
-
-void HttpConnection::StopReading() const {
-    shutdown(socket_.Get(), SHUT_RD);
 }
 
 void HttpConnection::Serve() {
@@ -90,6 +94,8 @@ void HttpConnection::Serve() {
         }
     } catch (const std::bad_alloc&) {
         ZEL_ERROR("Out of memory, giving up a request");
+    } catch (const std::exception& error) {
+        ZEL_ERROR("Giving up a request: %s", error.what());
     }
     if (unreadBody_) {
         Linger();
@@ -106,12 +112,15 @@ bool HttpConnection::ServeRequest() {
     response_ = {};
     servlet_.reset();
     SetLocalEnd(socket_.Get(), request_);
-    if (!reader_.ReadHead(request_)) {
-        std::puts("read_headers() returned < 0 or req->url not set!");
+    place_.SetPhase(reader_.HasUnread() ? Phase::kReceiving : Phase::kIdle);
+    const bool begun = reader_.WaitForMessage();
+    place_.SetPhase(Phase::kReceiving);
+    if (!begun || !reader_.ReadHead(request_)) {
+        Console::Print("read_headers() returned < 0 or req->url not set!\n");
         return false;
     }
     if (!request_.url) {
-        std::puts("req->url == (nil)");
+        Console::Print("req->url == (nil)\n");
         return false;
     }
     if (request_.contentLength != 0 || request_.method == HttpRequest::Method::kPost) {
@@ -119,10 +128,13 @@ bool HttpConnection::ServeRequest() {
         const bool announced = request_.contentLength != 0 || request_.chunked;
         unreadBody_ = !reader_.ReadBody(request_) && announced;
     }
+    place_.SetPhase(Phase::kServing);
     const int result = CallServlet();
     const bool isLast = response_.keptUntilReceived != nullptr;
     response_.keepAlive = response_.keepAlive && !isLast;
+    place_.SetPhase(Phase::kSending);
     const bool sent = Send();
+    place_.SetPhase(Phase::kServing);
     if (result == ZelServlet::kPostResponse) {
         servlet_->PostResponse();
     }
@@ -141,12 +153,13 @@ int HttpConnection::CallServlet() {
             return candidate->Matches(*request_.url, request_.localPort);
         });
     if (found == registry_.servlets.end()) {
-        ZEL_DEBUG("No handler found for '%s'", request_.url->c_str());
+        ZEL_DEBUG("No handler found for '%s'", LogText::Of(*request_.url).c_str());
         response_.keepAlive = false;
         return ZelServlet::kDone;
     }
     servlet_ = (*found)->MakeInstance();
-    ZEL_DEBUG("Passing request for '%s' to %s", request_.url->c_str(), servlet_->GetName().c_str());
+    ZEL_DEBUG("Passing request for '%s' to %s", LogText::Of(*request_.url).c_str(),
+              servlet_->GetName().c_str());
     return servlet_->Service(request_, response_);
 }
 
@@ -158,7 +171,7 @@ bool HttpConnection::Send() {
     std::array<iovec, 2> parts{iovec{head.data(), head.size()},
                                iovec{response_.body.data(), response_.body.size()}};
     const Clock::time_point deadline = Clock::now() + kResponseTimeLimit;
-    return SendAll(parts, deadline) && SendFile(deadline);
+    return SendAll(parts, deadline) && (response_.fileLength == 0 || SendFile(deadline));
 }
 
 /// Block by block: a file may be larger than the memory. One that has become shorter since its
@@ -215,7 +228,8 @@ bool HttpConnection::SendAll(std::span<iovec> parts, Clock::time_point deadline)
 
 /// Closing a socket with unread bytes resets the connection, and the peer may lose the answer to
 /// the reset. So what it still sends is read away, within limits.
-void HttpConnection::Linger() const {
+void HttpConnection::Linger() {
+    place_.SetPhase(Phase::kReceiving);
     shutdown(socket_.Get(), SHUT_WR);
     const Clock::time_point deadline = Clock::now() + kLingerTime;
     std::array<char, 4096> discarded{};

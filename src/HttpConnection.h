@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "ConnectionTable.h"
 #include "HttpMessageReader.h"
 #include "SocketGuard.h"
 #include "ZelServlet.h"
@@ -28,16 +29,15 @@ public:
     static constexpr std::chrono::seconds kSendTimeout{30};
     static constexpr std::chrono::seconds kResponseTimeLimit{300};
 
-    /// Takes the descriptor. `registry` must outlive the connection.
-    HttpConnection(int descriptor, const ServletRegistry& registry,
-                   std::chrono::milliseconds lineTimeout);
+    /// Takes the descriptor of a connection with `peer`. `registry` must outlive the connection.
+    HttpConnection(int descriptor, in_addr peer, const ServletRegistry& registry,
+                   std::chrono::milliseconds lineTimeout, std::shared_ptr<ConnectionTable> table);
+
+    /// Takes a place in the table; false when there is none.
+    bool TakePlace() { return place_.Take(); }
 
     /// Serves requests until the connection ends. The descriptor is closed with the object.
     void Serve();
-
-    /// Makes further requests end the connection; one that is being served is still answered. May
-    /// be called from another thread.
-    void StopReading() const;
 
 private:
     bool ServeRequest();
@@ -45,9 +45,8 @@ private:
     bool Send();
     bool SendFile(std::chrono::steady_clock::time_point deadline);
     bool SendAll(std::span<iovec> parts, std::chrono::steady_clock::time_point deadline);
-    void Linger() const;
+    void Linger();
 
-    SocketGuard socket_;
     const ServletRegistry& registry_;
     HttpMessageReader reader_;
     bool unreadBody_ = false;
@@ -55,4 +54,7 @@ private:
     HttpRequest request_;
     HttpResponse response_;
     std::unique_ptr<ZelServlet> servlet_;
+    // Last, so that the connection is closed even where the destruction of the others faults.
+    SocketGuard socket_;
+    ConnectionTable::Place place_;
 };

@@ -27,6 +27,8 @@ struct HttpRequest {
     /// Value of the content-length header, 0 without one; may be negative or too large.
     std::int32_t contentLength = 0;
     std::optional<std::string> body;
+    /// The share in the number of large bodies that this one has, if it is large.
+    std::shared_ptr<void> largeBody;
     std::optional<std::string> contentType;
     std::optional<std::string> host;
     std::optional<std::string> userAgent;

@@ -1,22 +1,60 @@
 #include "HttpMessageReader.h"
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <optional>
 #include <string_view>
 
+#include "LogText.h"
 #include "ZelLogging.h"
 
 namespace {
 
 constexpr int kHexadecimal = 16;
+
+/// Counts the large bodies that are read, or have been and are still held.
+class LargeBodies {
+public:
+    /// A share that ends with its last owner; null when there is none within `patience`.
+    std::shared_ptr<void> Take(std::chrono::milliseconds patience) {
+        std::unique_lock lock(mutex_);
+        const auto isFree = [this] { return taken_ < HttpMessageReader::kMaxLargeBodies; };
+        if (!changed_.wait_for(lock, patience, isFree)) {
+            return nullptr;
+        }
+        ++taken_;
+        lock.unlock();
+        return {this, [](LargeBodies* all) { all->GiveBack(); }};
+    }
+
+private:
+    void GiveBack() {
+        const std::lock_guard lock(mutex_);
+        --taken_;
+        changed_.notify_one();
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int taken_ = 0;
+};
+
+LargeBodies& AllLargeBodies() {
+    // Connections may outlive what the process destroys at its end.
+    static auto& all = *new LargeBodies;
+    return all;
+}
 
 /// As strtol reads it: leading blanks, a sign, digits up to the first other character.
 std::int32_t ParseDecimal(const std::string& text) {
@@ -133,11 +171,15 @@ int HttpMessageReader::ReadLine(std::string& line) {
     }
 }
 
-bool HttpMessageReader::ReadHead(HttpRequest& request, Clock::time_point deadline) {
+bool HttpMessageReader::WaitForMessage(Clock::time_point deadline) {
     // The time limit of the message begins with its first byte; until then only the wait for that
     // byte counts.
     deadline_ = deadline;
-    if (WaitForInput() < 1) {
+    return WaitForInput() >= 1;
+}
+
+bool HttpMessageReader::ReadHead(HttpRequest& request, Clock::time_point deadline) {
+    if (!WaitForMessage(deadline)) {
         return false;
     }
     deadline_ = std::min(deadline, Clock::now() + kMessageTimeLimit);
@@ -174,24 +216,48 @@ bool HttpMessageReader::ReadSizedBody(HttpRequest& request) {
     }
     const auto length = static_cast<std::size_t>(request.contentLength);
     // Every receive asks for the full length, so the last one may take bytes of a request that
-    // follows; there is room for them.
+    // follows.
     std::string& body = request.body.emplace();
-    std::size_t count = 0;
-    while (count < length) {
+    while (body.size() < length) {
         if (WaitForInput() < 1) {
             ZEL_ERROR("Waiting on http frame timed out or faild");
             break;
         }
-        body.resize(count + length);
-        const long received = Receive(body.data() + count, length);
-        count += static_cast<std::size_t>(std::max(received, 0L));
-        ZEL_DEBUG("Received %d bytes should %d", ToInt(count), request.contentLength);
+        const long received = Append(request, body, length);
+        ZEL_DEBUG("Received %d bytes should %d", ToInt(body.size()), request.contentLength);
         if (received < 1) {
             break;
         }
     }
-    body.resize(count);
-    return count == length;
+    return body.size() == length;
+}
+
+std::size_t HttpMessageReader::Available() const {
+    int waiting = 0;
+    if (Buffered() == 0 && ioctl(descriptor_, FIONREAD, &waiting) == 0) {
+        return static_cast<std::size_t>(std::max(waiting, 0));
+    }
+    return Buffered();
+}
+
+/// As Receive(), at the end of `body`, which grows by what has come in: an announced length alone
+/// takes no memory.
+long HttpMessageReader::Append(HttpRequest& request, std::string& body, std::size_t most) {
+    const std::size_t count = body.size();
+    // One byte even where there is none: only a receive tells the end from a failure.
+    const std::size_t size = std::clamp<std::size_t>(Available(), 1, most);
+    // Only requests have a URL: an answer that the agent itself has asked for is not counted.
+    if (count + size > kSmallBody && request.url && !request.largeBody) {
+        request.largeBody = AllLargeBodies().Take(lineTimeout_);
+        if (!request.largeBody) {
+            ZEL_ERROR("Too many large bodies at a time, giving up one");
+            return -1;
+        }
+    }
+    body.resize(count + size);
+    const long received = Receive(body.data() + count, size);
+    body.resize(count + static_cast<std::size_t>(std::max(received, 0L)));
+    return received;
 }
 
 bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
@@ -204,7 +270,8 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
         }
         const std::optional<std::size_t> size = ParseChunkSize(line);
         if (!size) {
-            ZEL_ERROR("Chunked-Encoding: Expected chunk length, received {%s}", line.c_str());
+            ZEL_ERROR("Chunked-Encoding: Expected chunk length, received {%s}",
+                      LogText::Of(line).c_str());
             return false;
         }
         if (*size == 0) {
@@ -220,7 +287,7 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
             ZEL_ERROR("Chunked-Encoding: Error: Total transfer length exceeds 1024 KBytes");
             return false;
         }
-        if (!ReadChunk(body, *size)) {
+        if (!ReadChunk(request, body, *size)) {
             return false;
         }
         headSize_ = 0;
@@ -230,22 +297,20 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
     }
 }
 
-bool HttpMessageReader::ReadChunk(std::string& body, std::size_t size) {
-    std::size_t count = body.size();
-    const std::size_t end = count + size;
+bool HttpMessageReader::ReadChunk(HttpRequest& request, std::string& body, std::size_t size) {
+    const std::size_t end = body.size() + size;
     try {
-        body.resize(end);
+        while (body.size() < end) {
+            const long received =
+                WaitForInput() < 1 ? -1 : Append(request, body, end - body.size());
+            if (received < 1) {
+                ZEL_ERROR("Chunked-Encoding: read failed with %d\n", static_cast<int>(received));
+                return false;
+            }
+        }
     } catch (const std::bad_alloc&) {
         ZEL_ERROR("Chunked-Encoding: realloc() failed!");
         return false;
-    }
-    while (count < end) {
-        const long received = WaitForInput() < 1 ? -1 : Receive(body.data() + count, end - count);
-        if (received < 1) {
-            ZEL_ERROR("Chunked-Encoding: read failed with %d\n", static_cast<int>(received));
-            return false;
-        }
-        count += static_cast<std::size_t>(received);
     }
     return true;
 }

@@ -24,6 +24,11 @@ public:
     static constexpr std::size_t kMaxBody = 0x100000;
     /// Most bytes of one chunk.
     static constexpr std::size_t kMaxChunk = 65536;
+    /// Most requests at a time, of all connections, whose bodies have more than kSmallBody bytes. A
+    /// further one waits for its turn for as long as for a byte of a line, and then stays
+    /// incomplete.
+    static constexpr int kMaxLargeBodies = 32;
+    static constexpr std::size_t kSmallBody = std::size_t{64} * 1024;
 
     // Results of ReadLine().
     static constexpr int kTimedOut = -1;
@@ -32,6 +37,11 @@ public:
     /// The descriptor stays the caller's.
     explicit HttpMessageReader(int descriptor, std::chrono::milliseconds lineTimeout = kLineTimeout)
         : descriptor_(descriptor), lineTimeout_(lineTimeout) {}
+
+    /// Waits for the first byte of the next message, or the end of the connection, for as long as
+    /// for a byte of a line and not beyond `deadline`. Returns false when there is neither.
+    bool WaitForMessage(std::chrono::steady_clock::time_point deadline =
+                            std::chrono::steady_clock::time_point::max());
 
     /// Reads the header lines of the next message into `request`, which must be fresh. The message
     /// as a whole, its body included, must come by `deadline`. Returns false when the peer was too
@@ -55,7 +65,9 @@ private:
     long Receive(char* out, std::size_t size);
     bool ReadSizedBody(HttpRequest& request);
     bool ReadChunkedBody(HttpRequest& request);
-    bool ReadChunk(std::string& body, std::size_t size);
+    bool ReadChunk(HttpRequest& request, std::string& body, std::size_t size);
+    long Append(HttpRequest& request, std::string& body, std::size_t most);
+    std::size_t Available() const;
     std::size_t Buffered() const { return end_ - begin_; }
 
     int descriptor_;

@@ -2,23 +2,45 @@
 
 #include <sys/prctl.h>
 
+#include <exception>
 #include <memory>
+#include <new>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "CrashGuard.h"
+#include "ZelLogging.h"
 
 namespace {
 
 struct Start {
     std::string name;
     std::function<void()> work;
+    bool isRepeated;
 };
+
+/// True when the work is to be begun again.
+bool RanOutOfMemory(const Start& start) {
+    try {
+        start.work();
+    } catch (const std::bad_alloc&) {
+        ZEL_ERROR("Out of memory in thread %s", start.name.c_str());
+        return start.isRepeated;
+    } catch (const std::exception& error) {
+        ZEL_ERROR("Thread %s has ended: %s", start.name.c_str(), error.what());
+    }
+    return false;
+}
 
 void* Main(void* argument) {
     auto* const start = static_cast<Start*>(argument);
     prctl(PR_SET_NAME, start->name.c_str());
-    const bool completed = CrashGuard::Run(start->work);
+    const bool completed = CrashGuard::Run([start] {
+        while (RanOutOfMemory(*start)) {
+            std::this_thread::sleep_for(ServiceThread::kMemoryPause);
+        }
+    });
     // After a fault, what the work owns may be in a state that cannot be destroyed.
     const bool destroyed = CrashGuard::Run([start] { delete start; });
     return completed && destroyed ? nullptr : reinterpret_cast<void*>(-1);
@@ -40,8 +62,9 @@ private:
     pthread_attr_t attributes_{};
 };
 
-bool Create(pthread_t& thread, int detachState, const char* name, std::function<void()> work) {
-    auto start = std::make_unique<Start>(Start{name, std::move(work)});
+bool Create(pthread_t& thread, int detachState, const char* name, std::function<void()> work) try {
+    auto start = std::make_unique<Start>(
+        Start{name, std::move(work), detachState == PTHREAD_CREATE_JOINABLE});
     const ThreadAttributes attributes(detachState);
     const int result = pthread_create(&thread, attributes.Get(), Main, start.get());
     if (result != 0) {
@@ -49,6 +72,8 @@ bool Create(pthread_t& thread, int detachState, const char* name, std::function<
     }
     static_cast<void>(start.release());  // the thread owns it now
     return true;
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
 }  // namespace

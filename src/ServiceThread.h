@@ -7,7 +7,8 @@
 #include <functional>
 
 /// Threads of the agent's services: named, with a small fixed stack, and guarded against
-/// segmentation faults (CrashGuard). They inherit the signal mask of the thread that starts them.
+/// segmentation faults (CrashGuard) and against exceptions, which end the thread with a log line.
+/// They inherit the signal mask of the thread that starts them.
 class ServiceThread {
 public:
     /// Stack of every service thread in bytes.
@@ -19,8 +20,12 @@ public:
     ServiceThread(const ServiceThread&) = delete;
     ServiceThread& operator=(const ServiceThread&) = delete;
 
+    /// How long after a lack of memory the work of a joinable thread is begun again.
+    static constexpr std::chrono::milliseconds kMemoryPause{100};
+
     /// Starts a joinable thread named `name` (at most 15 characters reach the system). Returns
-    /// false when no thread can be made.
+    /// false when no thread can be made. Where `work` runs out of memory it is called again, and so
+    /// returns at once when it is to stop.
     bool Start(const char* name, std::function<void()> work);
     /// Waits for the thread's end; nothing to wait for is no error. Returns false when it cannot be
     /// waited for.

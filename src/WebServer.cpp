@@ -9,23 +9,23 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <condition_variable>
+#include <charconv>
 #include <cstring>
 #include <list>
-#include <mutex>
-#include <set>
+#include <new>
+#include <string>
 
+#include "LogText.h"
 #include "ZelLogging.h"
 
 namespace {
 
-constexpr int kBacklog = 1;
+constexpr char kBacklogKey[] = "web.listen.backlog";
 constexpr int kStartupPollMilliseconds = 100;
-// Pause after a failed accept, so that a lack of descriptors does not keep the processor busy.
-constexpr int kAcceptPauseMilliseconds = 100;
+constexpr int kPauseMilliseconds = 100;
 constexpr std::chrono::milliseconds kStopTime{500};
 
-int OpenListener(std::uint16_t port) {
+int OpenListener(std::uint16_t port, int backlog) {
     SocketGuard listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
     sockaddr_in address{};
@@ -35,49 +35,13 @@ int OpenListener(std::uint16_t port) {
     if (listener.Get() < 0 ||
         setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener.Get(), kBacklog) != 0) {
+        listen(listener.Get(), backlog) != 0) {
         return -1;
     }
     return listener.Release();
 }
 
 }  // namespace
-
-/// The open connections. Shared with their threads, which may outlive the server.
-class WebServer::ConnectionTable {
-public:
-    /// False when the table is full or closed.
-    bool Enter(const HttpConnection* connection) {
-        const std::lock_guard lock(mutex_);
-        if (closed_ || connections_.size() >= kMaxConnections) {
-            return false;
-        }
-        return connections_.insert(connection).second;
-    }
-
-    void Leave(const HttpConnection* connection) {
-        const std::lock_guard lock(mutex_);
-        connections_.erase(connection);
-        changed_.notify_all();
-    }
-
-    /// Lets nobody in any more, makes all connections end, and waits for it. False when some are
-    /// left after `patience`.
-    bool Close(std::chrono::milliseconds patience) {
-        std::unique_lock lock(mutex_);
-        closed_ = true;
-        for (const HttpConnection* connection : connections_) {
-            connection->StopReading();
-        }
-        return changed_.wait_for(lock, patience, [this] { return connections_.empty(); });
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::set<const HttpConnection*> connections_;
-    bool closed_ = false;
-};
 
 WebServer::WebServer(const ZelConfig& config, std::chrono::milliseconds lineTimeout)
     : config_(config),
@@ -129,14 +93,31 @@ bool WebServer::WaitForStartupEnd() const {
     return true;
 }
 
+int WebServer::Backlog() const {
+    std::string value;
+    if (!config_.Get(kBacklogKey, value)) {
+        return kBacklog;
+    }
+    int backlog = 0;
+    const char* const end = value.data() + value.size();
+    const auto [rest, error] = std::from_chars(value.data(), end, backlog);
+    if (error != std::errc() || rest != end || backlog < 1 || backlog > kMaxBacklog) {
+        ZEL_ERROR("%s is '%s', not a number from 1 to %d: %d is taken", kBacklogKey,
+                  LogText::Of(value).c_str(), kMaxBacklog, kBacklog);
+        return kBacklog;
+    }
+    return backlog;
+}
+
 void WebServer::Listen() {
     if (!WaitForStartupEnd()) {
         return;
     }
+    const int backlog = Backlog();
     std::list<SocketGuard> listeners;
     std::vector<pollfd> polled{{stopEvent_.Get(), POLLIN, 0}};
     for (const std::uint16_t port : ports_) {
-        const int listener = OpenListener(port);
+        const int listener = OpenListener(port, backlog);
         if (listener < 0) {
             ZEL_ERROR("Can't open listening socket on port %d!", port);
             continue;
@@ -162,36 +143,42 @@ void WebServer::Listen() {
 void WebServer::Accept(int listener) const {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
-    const int descriptor =
-        accept4(listener, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC);
-    if (descriptor < 0) {
+    SocketGuard socket(accept4(listener, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC));
+    if (socket.Get() < 0) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             ZEL_ERROR("Can't accept a connection: %s", std::strerror(errno));
-            pollfd stop{stopEvent_.Get(), POLLIN, 0};
-            poll(&stop, 1, kAcceptPauseMilliseconds);
+            Pause();
         }
         return;  // otherwise the peer has left already
     }
     std::array<char, INET_ADDRSTRLEN> address{};
     inet_ntop(AF_INET, &peer.sin_addr, address.data(), address.size());
     ZEL_DEBUG("Webservices connection from %s", address.data());
-    StartConnection(descriptor);
+    try {
+        StartConnection(socket, peer.sin_addr);
+    } catch (const std::bad_alloc&) {
+        ZEL_ERROR("Out of memory, closing a connection");
+        Pause();
+    }
 }
 
-void WebServer::StartConnection(int descriptor) const {
+void WebServer::StartConnection(SocketGuard& socket, in_addr peer) const {
     // Owned by the thread's work, not by a frame of it: a fault in the thread closes the
-    // connection all the same.
+    // connection all the same. The memory is there before the socket is given away.
     const std::shared_ptr<HttpConnection> connection(
-        new HttpConnection(descriptor, registry_, lineTimeout_),
-        [table = connections_](const HttpConnection* ended) {
-            table->Leave(ended);
-            delete ended;
-        });
-    if (!connections_->Enter(connection.get())) {
+        new HttpConnection(socket.Release(), peer, registry_, lineTimeout_, connections_));
+    if (!connection->TakePlace()) {
         ZEL_ERROR("Too many connections, closing one");
         return;
     }
     if (!ServiceThread::StartDetached("WebServer:Proto", [connection] { connection->Serve(); })) {
         ZEL_ERROR("Can't start a thread for a connection, closing it");
+        Pause();
     }
+}
+
+/// After what fails for want of something, so that trying again does not keep the processor busy.
+void WebServer::Pause() const {
+    pollfd stop{stopEvent_.Get(), POLLIN, 0};
+    poll(&stop, 1, kPauseMilliseconds);
 }

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "ConnectionTable.h"
 #include "HttpConnection.h"
 #include "ServiceThread.h"
 #include "SocketGuard.h"
@@ -19,8 +20,10 @@
 class WebServer {
 public:
     static constexpr std::size_t kMaxPorts = 20;
-    /// Connections beyond this many at a time are closed at once.
-    static constexpr std::size_t kMaxConnections = 200;
+    /// Listen backlog of each port, unless the setting "web.listen.backlog" is a number from 1 to
+    /// kMaxBacklog. It is read when the ports are opened.
+    static constexpr int kBacklog = 1;
+    static constexpr int kMaxBacklog = 128;
 
     explicit WebServer(const ZelConfig& config,
                        std::chrono::milliseconds lineTimeout = HttpMessageReader::kLineTimeout);
@@ -49,12 +52,12 @@ public:
     bool Stop();
 
 private:
-    class ConnectionTable;
-
     void Listen();
     bool WaitForStartupEnd() const;
+    int Backlog() const;
     void Accept(int listener) const;
-    void StartConnection(int descriptor) const;
+    void StartConnection(SocketGuard& socket, in_addr peer) const;
+    void Pause() const;
 
     const ZelConfig& config_;
     std::chrono::milliseconds lineTimeout_;

@@ -1,10 +1,11 @@
 #include <malloc.h>
 #include <pthread.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <new>
 
+#include "Console.h"
 #include "CrashGuard.h"
 #include "Zel.h"
 
@@ -17,8 +18,7 @@ constexpr int kMaxPools = 2;
 
 }  // namespace
 
-int main() {
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+int main() try {
     mallopt(M_MMAP_THRESHOLD, kLargeBlock);
     mallopt(M_TRIM_THRESHOLD, kLargeBlock);
     mallopt(M_ARENA_MAX, kMaxPools);
@@ -31,4 +31,8 @@ int main() {
         pthread_exit(nullptr);
     }
     return status;
+} catch (const std::bad_alloc&) {
+    // There is nothing to serve with; what has been started is stopped in an orderly way.
+    Console::PrintError("Out of memory at the start\n");
+    return EXIT_FAILURE;
 }

@@ -159,6 +159,7 @@ TEST(HttpMessageReaderTest, SizedBodies) {
     } cases[] = {
         {"5", 5, true, 5},
         {"5", 3, false, 3},
+        {std::to_string(kMax), 500, false, 500},
         {"0", 0, false, std::nullopt},
         {"-1", 3, false, std::nullopt},
         {"99999999999999999999", 3, false, std::nullopt},
@@ -179,6 +180,7 @@ TEST(HttpMessageReaderTest, SizedBodies) {
         sender.join();
         EXPECT_EQ(request.body.has_value(), c.size.has_value()) << c.length;
         EXPECT_EQ(request.body.value_or("").size(), c.size.value_or(0)) << c.length;
+        EXPECT_LE(request.body.value_or("").capacity(), 2 * c.sent + 100) << "what was announced";
     }
 }
 
@@ -256,6 +258,30 @@ TEST(HttpMessageReaderTest, ChunkedBodies) {
             sender.join();
         }
     }
+}
+
+TEST(HttpMessageReaderTest, LargeBodiesAreCountedAsLongAsTheyAreHeld) {
+    const auto read = [](HttpRequest& request, std::chrono::milliseconds patience = 60s) {
+        Peer peer;
+        std::thread sender([&peer] {
+            peer.Send("POST / HTTP/1.0\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'b'));
+        });
+        HttpMessageReader reader(peer.Descriptor(), patience);
+        const bool complete = reader.ReadHead(request) && reader.ReadBody(request);
+        shutdown(peer.Descriptor(), SHUT_RDWR);
+        sender.join();
+        return complete;
+    };
+    std::array<HttpRequest, HttpMessageReader::kMaxLargeBodies> held;
+    for (HttpRequest& request : held) {
+        ASSERT_TRUE(read(request));
+    }
+    HttpRequest further;
+    EXPECT_FALSE(read(further, 1000ms));
+    EXPECT_LE(further.body.value_or("").size(), HttpMessageReader::kSmallBody);
+    held[7] = {};
+    further = {};
+    EXPECT_TRUE(read(further));
 }
 
 TEST(HttpMessageReaderTest, ASilentPeerInABodyIsGivenUp) {

@@ -1,12 +1,15 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -69,8 +72,11 @@ bool ConnectTo(int descriptor, std::uint16_t port) {
 }
 
 /// A connection to the server, which may only just be starting.
-int Connect(std::uint16_t port) {
+int Connect(std::uint16_t port, const char* from = "127.0.0.1") {
     const int descriptor = NewSocket();
+    sockaddr_in own = Local(0);
+    inet_aton(from, &own.sin_addr);
+    bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own);
     for (int i = 0; i < 500; ++i) {
         if (ConnectTo(descriptor, port)) {
             return descriptor;
@@ -90,13 +96,19 @@ std::string ReadAll(int descriptor) {
     return text;
 }
 
+bool ReadSome(int descriptor) {
+    char part[4096];
+    return recv(descriptor, part, sizeof part, 0) > 0;
+}
+
 void Send(int descriptor, const std::string& text) {
     static_cast<void>(send(descriptor, text.data(), text.size(), MSG_NOSIGNAL));
 }
 
 /// All that the server answers until it closes.
-std::string Exchange(const std::string& request, std::uint16_t port = kPort) {
-    const SocketGuard connection(Connect(port));
+std::string Exchange(const std::string& request, std::uint16_t port = kPort,
+                     const char* from = "127.0.0.1") {
+    const SocketGuard connection(Connect(port, from));
     Send(connection.Get(), request);
     return ReadAll(connection.Get());
 }
@@ -334,24 +346,96 @@ TEST_F(WebServerTest, SurvivesALackOfDescriptors) {
     EXPECT_EQ(ReadAll(waiting.Get()), kGreeting) << "served once there are descriptors again";
 }
 
-TEST_F(WebServerTest, ConnectionsBeyondTheLimitAreClosed) {
+TEST_F(WebServerTest, AnAddressHoldsHalfOfThePlacesAndItsIdleOnesGiveWay) {
+    WebServer server(config_, 60s);  // nobody is to be closed for being idle that long
+    server.AddPort(kPort);
+    server.AddRegistration(greeting_);
+    ASSERT_TRUE(server.Start());
+    const std::string kept = "GET /test HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n";
+    std::list<SocketGuard> idle;
+    for (std::size_t i = 0; i < ConnectionTable::kMaxOfAddress; ++i) {
+        idle.emplace_back(Connect(kPort, "127.0.0.2"));
+        Send(idle.back().Get(), kept);
+        ASSERT_TRUE(ReadSome(idle.back().Get()));
+    }
+    const SocketGuard mute(Connect(kPort, "127.0.0.3"));
+    Send(idle.front().Get(), kept);  // no longer the one that has been idle longest
+    ASSERT_TRUE(ReadSome(idle.front().Get()));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n", kPort, "127.0.0.2"), kGreeting);
+        EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), kGreeting);
+    }
+    Send(idle.front().Get(), kept);
+    EXPECT_TRUE(ReadSome(idle.front().Get()));
+    Send(mute.Get(), "GET /test HTTP/1.0\r\n\r\n");
+    EXPECT_EQ(ReadAll(mute.Get()), kGreeting) << "another address has lost nothing";
+}
+
+TEST_F(WebServerTest, WhereAllAreServedOnlyThoseWhoHungUpGiveWay) {
+    std::atomic<std::size_t> serving = 0;
+    std::promise<void> end;
+    Add("/wait", [&, ended = end.get_future().share()](const HttpRequest&, HttpResponse& response) {
+        ++serving;
+        ended.wait();
+        response.status = 200;
+        return ZelServlet::kDone;
+    });
     ASSERT_TRUE(server_.Start());
-    std::vector<std::unique_ptr<SocketGuard>> idle;
-    for (std::size_t i = 0; i < WebServer::kMaxConnections; ++i) {
-        idle.push_back(std::make_unique<SocketGuard>(Connect(kPort)));
-        // Accepted and counted before the next one comes.
-        Send(idle.back()->Get(), "GET /test HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n");
-        char first = 0;
-        ASSERT_EQ(recv(idle.back()->Get(), &first, 1, 0), 1);
+    std::list<SocketGuard> busy;
+    for (std::size_t i = 0; i < ConnectionTable::kMaxConnections; ++i) {
+        busy.emplace_back(Connect(kPort, i % 2 == 0 ? "127.0.0.2" : "127.0.0.3"));
+        Send(busy.back().Get(), "GET /wait HTTP/1.0\r\n\r\n");
+        while (serving <= i) {
+            usleep(1000);
+        }
     }
     EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), "");
-    idle.clear();
-    std::string answer;
-    for (int i = 0; i < 500 && answer.empty(); ++i) {
-        usleep(10000);
-        answer = Exchange("GET /test HTTP/1.0\r\n\r\n");
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n", kPort, "127.0.0.2"), "");
+    busy.pop_front();
+    EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n"), kGreeting);
+    end.set_value();
+    for (const SocketGuard& connection : busy) {
+        EXPECT_TRUE(ReadAll(connection.Get()).starts_with("HTTP/1.0 200 OK"));
     }
-    EXPECT_EQ(answer, kGreeting) << "places are free again";
+}
+
+/// What the kernel knows about a listening socket of this process.
+unsigned BacklogOf(std::uint16_t port) {
+    for (int descriptor = 0; descriptor < 100; ++descriptor) {
+        int listening = 0;
+        socklen_t size = sizeof listening;
+        sockaddr_in address{};
+        socklen_t addressSize = sizeof address;
+        tcp_info info{};
+        socklen_t infoSize = sizeof info;
+        if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 &&
+            listening != 0 &&
+            getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &addressSize) == 0 &&
+            address.sin_port == htons(port) &&
+            getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &infoSize) == 0) {
+            return info.tcpi_sacked;
+        }
+    }
+    return 0;
+}
+
+TEST_F(WebServerTest, ASiteCanSetTheListenBacklog) {
+    const struct {
+        const char* value;
+        unsigned backlog;
+    } cases[] = {{nullptr, 1}, {"1", 1},   {"16", 16}, {"128", 128}, {"129", 1},
+                 {"0", 1},     {"-16", 1}, {"16 ", 1}, {"", 1},      {"4294967297", 1}};
+    for (const auto& c : cases) {
+        ZelConfig config;
+        if (c.value != nullptr) {
+            config.Set("web.listen.backlog", c.value, ZelConfig::Kind::kPersistent);
+        }
+        WebServer server(config);
+        server.AddPort(kPort);
+        ASSERT_TRUE(server.Start());
+        const SocketGuard connection(Connect(kPort));
+        EXPECT_EQ(BacklogOf(kPort), c.backlog) << (c.value == nullptr ? "none" : c.value);
+    }
 }
 
 }  // namespace

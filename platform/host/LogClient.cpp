@@ -2,32 +2,12 @@
 
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 
-#include <cstdio>
+#include <new>
 #include <sstream>
 #include <utility>
 
-namespace {
-
-// The layout has made the whole line already.
-template <typename Sink>
-void UseBareLines(Sink& sink) {
-    sink.set_formatter(std::make_unique<spdlog::pattern_formatter>(
-        "%v", spdlog::pattern_time_type::local, std::string()));
-}
-
-template <typename Sink>
-void WriteLine(Sink& sink, const std::string& line) {
-    try {
-        sink.log(spdlog::details::log_msg("", spdlog::level::info, line));
-        sink.flush();
-    } catch (const spdlog::spdlog_ex&) {
-        // The disk is full or the file is gone: the line is lost.
-    }
-}
-
-}  // namespace
+#include "Console.h"
 
 LogClient::LogClient() : layout_(std::make_unique<LogLayout>()) {}
 
@@ -38,42 +18,56 @@ void LogClient::SetLayout(std::unique_ptr<LogLayout> layout) {
 void LogClient::Append(const LogEvent& event) {
     std::ostringstream line;
     layout_->Format(line, event);
+    if (!line) {
+        throw std::bad_alloc();  // a stream that gets no memory only notes it down
+    }
     Write(line.str());
 }
 
-struct LogClientConsole::Sink {
-    spdlog::sinks::stdout_sink_mt out;
-};
-
-LogClientConsole::LogClientConsole() : sink_(std::make_unique<Sink>()) {
-    UseBareLines(sink_->out);
-}
-
-LogClientConsole::~LogClientConsole() = default;
-
 void LogClientConsole::Write(const std::string& line) {
-    WriteLine(sink_->out, line);
+    Console::Print(line);
 }
 
 struct LogClientRollingFile::Sink {
-    spdlog::sinks::rotating_file_sink_mt out;
+    spdlog::sinks::rotating_file_sink_st out;
 };
 
 LogClientRollingFile::LogClientRollingFile(const std::string& path, std::size_t sizeLimit,
-                                           std::size_t fileCount) {
+                                           std::size_t fileCount)
+    : path_(path), sizeLimit_(sizeLimit), fileCount_(fileCount) {
     try {
-        // The sink counts the old files only.
-        sink_.reset(new Sink{{path, sizeLimit, fileCount - 1}});
-        UseBareLines(sink_->out);
-    } catch (const spdlog::spdlog_ex& error) {
-        std::fprintf(stderr, "The log file cannot be written: %s\n", error.what());
+        Open();
+    } catch (const std::exception& error) {
+        Console::PrintError("The log file cannot be written: " + std::string(error.what()) + "\n");
     }
 }
 
 LogClientRollingFile::~LogClientRollingFile() = default;
 
+void LogClientRollingFile::Open() {
+    failed_ = std::chrono::steady_clock::now();
+    // The sink counts the old files only.
+    sink_.reset(new Sink{{path_, sizeLimit_, fileCount_ - 1}});
+    // The layout has made the whole line already.
+    sink_->out.set_formatter(std::make_unique<spdlog::pattern_formatter>(
+        "%v", spdlog::pattern_time_type::local, std::string()));
+}
+
 void LogClientRollingFile::Write(const std::string& line) {
-    if (sink_) {
-        WriteLine(sink_->out, line);
+    const std::lock_guard lock(mutex_);
+    try {
+        if (!sink_) {
+            if (std::chrono::steady_clock::now() - failed_ < kReopenPause) {
+                return;
+            }
+            Open();
+        }
+        sink_->out.log(spdlog::details::log_msg("", spdlog::level::info, line));
+        sink_->out.flush();
+    } catch (const std::exception&) {
+        // The disk is full, the file is gone, or there is no memory: the line is lost. The sink may
+        // have been left without a file.
+        sink_.reset();
+        failed_ = std::chrono::steady_clock::now();
     }
 }

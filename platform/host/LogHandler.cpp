@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <exception>
 #include <map>
 #include <mutex>
 #include <shared_mutex>
@@ -102,19 +103,29 @@ void LogHandler::CollectClients(int level, std::vector<LogClient*>& clients) con
     }
 }
 
-void LogHandler::Log(int level, const char* sourceFile, int sourceLine, const char* format, ...) {
+void LogHandler::Log(int level, const char* sourceFile, int sourceLine, const char* format,
+                     ...) noexcept {
     if (!IsListening(level)) {
         return;
     }
     va_list arguments;
     va_start(arguments, format);
+    try {
+        Write(level, sourceFile, sourceLine, format, arguments);
+    } catch (const std::exception&) {
+        // There is no memory: the line is lost.
+    }
+    va_end(arguments);
+}
+
+void LogHandler::Write(int level, const char* sourceFile, int sourceLine, const char* format,
+                       va_list arguments) const {
     va_list again;
     va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, arguments);
-    va_end(arguments);
-    std::string message(static_cast<std::size_t>(std::max(length, 0)), '\0');
-    std::vsnprintf(message.data(), message.size() + 1, format, again);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
     va_end(again);
+    std::string message(static_cast<std::size_t>(std::max(length, 0)), '\0');
+    std::vsnprintf(message.data(), message.size() + 1, format, arguments);
     const LogEvent event(level, sourceFile, sourceLine, std::move(message));
 
     // A client that can be reached by two ways writes the line once.

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "LogEvent.h"
@@ -18,7 +20,8 @@ public:
     /// has been added to a handler.
     void SetLayout(std::unique_ptr<LogLayout> layout);
 
-    /// Formats `event` and writes it to the sink.
+    /// Formats `event` and writes it to the sink. Throws std::bad_alloc when there is no memory for
+    /// the line; it is lost then.
     void Append(const LogEvent& event);
 
 protected:
@@ -31,16 +34,13 @@ private:
     std::unique_ptr<LogLayout> layout_;
 };
 
-/// Writes to standard output.
+/// Writes to standard output. What cannot be written at once is lost.
 class LogClientConsole : public LogClient {
 public:
-    LogClientConsole();
-    ~LogClientConsole() override;
+    LogClientConsole() = default;
 
 private:
     void Write(const std::string& line) override;
-    struct Sink;
-    std::unique_ptr<Sink> sink_;
 };
 
 /// Writes to a file that rolls over: when a line would make the file larger than `sizeLimit`
@@ -48,13 +48,23 @@ private:
 /// "name.1.log") and a new one is begun. Every line is flushed. Missing directories are created.
 class LogClientRollingFile : public LogClient {
 public:
+    /// How long after a failure the file is opened anew; lines are lost until then.
+    static constexpr std::chrono::seconds kReopenPause{1};
+
     /// `fileCount` (1 or more) is the number of files kept in all, the current one included.
-    /// A file that cannot be opened is reported once on standard error; lines are then lost.
+    /// A file that cannot be opened is reported once on standard error.
     LogClientRollingFile(const std::string& path, std::size_t sizeLimit, std::size_t fileCount);
     ~LogClientRollingFile() override;
 
 private:
     void Write(const std::string& line) override;
+    void Open();
+
     struct Sink;
+    const std::string path_;
+    const std::size_t sizeLimit_;
+    const std::size_t fileCount_;
+    std::mutex mutex_;
     std::unique_ptr<Sink> sink_;
+    std::chrono::steady_clock::time_point failed_;
 };

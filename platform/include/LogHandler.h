@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdarg>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,9 @@ public:
     }
 
     /// Logs one printf-style line; `sourceFile` must be a string literal. Nothing is formatted when
-    /// nobody listens. A line is formatted before any lock is taken.
-    void Log(int level, const char* sourceFile, int sourceLine, const char* format, ...)
+    /// nobody listens. A line is formatted before any lock is taken; one for which there is no
+    /// memory is lost.
+    void Log(int level, const char* sourceFile, int sourceLine, const char* format, ...) noexcept
         __attribute__((format(printf, 5, 6)));
 
     LogHandler(const LogHandler&) = delete;
@@ -49,6 +51,8 @@ private:
     bool Reaches(const LogHandler& other) const;
     bool ComputeListening(std::size_t level) const;
     void CollectClients(int level, std::vector<LogClient*>& clients) const;
+    void Write(int level, const char* sourceFile, int sourceLine, const char* format,
+               va_list arguments) const;
     static void RefreshListening();
 
     struct Registry;

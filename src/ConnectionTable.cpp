@@ -1,0 +1,107 @@
+#include "ConnectionTable.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <tuple>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Who gives way first.
+constexpr int kIdleRank = 0;
+constexpr int kHungUpRank = 1;
+constexpr int kReceivingRank = 2;
+constexpr int kSendingRank = 3;
+constexpr int kStays = 4;
+
+bool Shows(int socket, short events) {
+    pollfd state{socket, events, 0};
+    return poll(&state, 1, 0) > 0;
+}
+
+}  // namespace
+
+void ConnectionTable::Place::SetPhase(Phase phase) {
+    const std::lock_guard lock(table_->mutex_);
+    phase_ = phase;
+    since_ = Clock::now();
+}
+
+bool ConnectionTable::Close(std::chrono::milliseconds patience) {
+    std::unique_lock lock(mutex_);
+    closed_ = true;
+    for (const Place* place : places_) {
+        shutdown(place->socket_, SHUT_RD);
+    }
+    return changed_.wait_for(lock, patience, [this] { return places_.empty(); });
+}
+
+int ConnectionTable::YieldRank(const Place& place, Clock::time_point now) {
+    if (place.counts_) {
+        switch (place.phase_) {
+            case Phase::kIdle:
+                // Where bytes have come in, its thread only has not seen them yet.
+                return Shows(place.socket_, POLLIN) ? kStays : kIdleRank;
+            case Phase::kServing:
+                return Shows(place.socket_, POLLRDHUP) ? kHungUpRank : kStays;
+            case Phase::kReceiving:
+                return kReceivingRank;
+            case Phase::kSending:
+                return now - place.since_ > kSendGrace ? kSendingRank : kStays;
+        }
+    }
+    return kStays;
+}
+
+/// Of the places that the filter lets through, whether one of `places` is free, or becomes free
+/// because somebody gives way.
+template <typename Filter>
+bool ConnectionTable::HasRoom(std::size_t places, Filter filter) {
+    const auto taken = std::count_if(places_.begin(), places_.end(), [&](const Place* place) {
+        return place->counts_ && filter(*place);
+    });
+    if (static_cast<std::size_t>(taken) < places) {
+        return true;
+    }
+    const Clock::time_point now = Clock::now();
+    std::tuple<int, Clock::time_point, Place*> first{kStays, now, nullptr};
+    for (Place* place : places_) {
+        if (filter(*place)) {
+            first = std::min(first, {YieldRank(*place, now), place->since_, place});
+        }
+    }
+    const auto [rank, since, place] = first;
+    if (rank == kStays) {
+        return false;
+    }
+    place->counts_ = false;
+    // Its thread reads the end now, or cannot go on sending. What has been received before is
+    // still read and answered, and so is a request that is being served.
+    if (rank != kHungUpRank) {
+        shutdown(place->socket_, rank == kSendingRank ? SHUT_RDWR : SHUT_RD);
+    }
+    return true;
+}
+
+bool ConnectionTable::Enter(Place& place) {
+    const std::lock_guard lock(mutex_);
+    const auto isOfPeer = [&place](const Place& other) { return other.peer_ == place.peer_; };
+    const auto threads = std::count_if(places_.begin(), places_.end(),
+                                       [&](const Place* other) { return isOfPeer(*other); });
+    if (closed_ || places_.size() >= kMaxThreads ||
+        static_cast<std::size_t>(threads) >= kMaxThreads / 2 || !HasRoom(kMaxOfAddress, isOfPeer) ||
+        !HasRoom(kMaxConnections, [](const Place&) { return true; })) {
+        return false;
+    }
+    places_.push_back(&place);
+    return true;
+}
+
+void ConnectionTable::Leave(const Place& place) {
+    const std::lock_guard lock(mutex_);
+    std::erase(places_, &place);
+    changed_.notify_all();
+}
