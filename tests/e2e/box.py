@@ -152,12 +152,13 @@ def check_output(text):
 class Agent:
     """The agent as a process of the box."""
 
-    def __init__(self, configuration="opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n"):
+    def __init__(self, configuration="opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n", preload=""):
         if configuration is not None:
             CONFIGURATION.write_text(configuration)
         self.output = pathlib.Path("/tmp/agent.out")
         with self.output.open("w") as output:
-            self.process = subprocess.Popen([AGENT], stdout=output, stderr=subprocess.STDOUT)
+            self.process = subprocess.Popen([AGENT], stdout=output, stderr=subprocess.STDOUT,
+                                            env={**os.environ, "LD_PRELOAD": preload})
         self.pid = self.process.pid
 
     def wait_until_serving(self):
