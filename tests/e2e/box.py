@@ -168,7 +168,7 @@ class Agent:
         wait_until(serving, "the agent serves")
         return self
 
-    def stop(self, seconds=2):
+    def stop(self, seconds=10):
         """Asks the agent to stop and returns its exit status."""
         self.process.send_signal(signal.SIGTERM)
         try:
