@@ -2,6 +2,7 @@
 
 #include <sys/prctl.h>
 
+#include <ctime>
 #include <exception>
 #include <memory>
 #include <new>
@@ -13,6 +14,8 @@
 #include "ZelLogging.h"
 
 namespace {
+
+constexpr timespec kJoinPause{0, 10'000'000};
 
 struct Start {
     std::string name;
@@ -94,14 +97,18 @@ bool ServiceThread::Join() {
     return joined;
 }
 
+// pthread_timedjoin_np waits by the wall clock, which the box sets while it runs.
 bool ServiceThread::JoinWithin(std::chrono::milliseconds patience) {
-    using std::chrono::nanoseconds;
-    using std::chrono::seconds;
-    const nanoseconds end = std::chrono::system_clock::now().time_since_epoch() + patience;
-    const seconds whole = std::chrono::duration_cast<seconds>(end);
-    const timespec time{static_cast<time_t>(whole.count()),
-                        static_cast<long>((end - whole).count())};
-    bool joined = !running_ || pthread_timedjoin_np(thread_, nullptr, &time) == 0;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point end = Clock::now() + patience;
+    bool joined = !running_;
+    while (!joined) {
+        joined = pthread_tryjoin_np(thread_, nullptr) == 0;
+        if (joined || Clock::now() >= end) {
+            break;
+        }
+        nanosleep(&kJoinPause, nullptr);
+    }
     if (!joined) {
         pthread_detach(thread_);
     }

@@ -128,16 +128,19 @@ int Zel::Main() {
         ZEL_INFO("* ZEL exiting...");
         return EXIT_SUCCESS;
     }
-    StartSlpService();
-    StartWebServer();
-    ReportUpdateStates();
-    IdleUntilStopped();
+    const bool isStarted = StartSlpService() && StartWebServer();
+    if (isStarted) {
+        ReportUpdateStates();
+        IdleUntilStopped();
+    } else {
+        ZEL_ERROR("Can't start a thread for a service, the next start may");
+    }
     ZEL_INFO("* ZEL exiting...");
     if (!Stop()) {
         // A request or the sign-in is still at work; what it uses must not be destroyed under it.
-        std::_Exit(EXIT_SUCCESS);
+        std::_Exit(isStarted ? EXIT_SUCCESS : EXIT_FAILURE);
     }
-    return EXIT_SUCCESS;
+    return isStarted ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 bool Zel::Stop() {
@@ -168,9 +171,12 @@ bool Zel::SetUpNetwork() {
     return true;
 }
 
-void Zel::StartSlpService() {
-    slpService_.Start(kAllSlpThreads);
+bool Zel::StartSlpService() {
+    if (!slpService_.Start(kAllSlpThreads)) {
+        return false;
+    }
     ZEL_INFO("* SLP service started.");
+    return true;
 }
 
 void Zel::SetDefaultHostName() {
@@ -181,7 +187,7 @@ void Zel::SetDefaultHostName() {
     }
 }
 
-void Zel::StartWebServer() {
+bool Zel::StartWebServer() {
     modeSwitch_.emplace(network_, *setNet_, [this] { slpService_.JoinGroups(); });
     connectorServlet_.emplace(
         ZelConnectorServlet::Device{config_, reservation_, trigger15_, *modeSwitch_});
@@ -194,8 +200,11 @@ void Zel::StartWebServer() {
     for (const std::uint16_t port : kPorts) {
         webServer_.AddPort(port);
     }
-    webServer_.Start();
+    if (!webServer_.Start()) {
+        return false;
+    }
     ZEL_INFO("* Webserver service started.");
+    return true;
 }
 
 void Zel::ReportUpdateStates() {

@@ -27,7 +27,8 @@ public:
     Zel(const Zel&) = delete;
     Zel& operator=(const Zel&) = delete;
 
-    /// Runs the agent until it is asked to stop. Returns the exit status, always 0.
+    /// Runs the agent until it is asked to stop. Returns the exit status: 0, or 1 when a service
+    /// has got no thread, which another start may mend.
     int Main();
 
 private:
@@ -35,8 +36,8 @@ private:
     void SetClock();
     void SetDefaultHostName();
     bool SetUpNetwork();
-    void StartSlpService();
-    void StartWebServer();
+    bool StartSlpService();
+    bool StartWebServer();
     static void ReportUpdateStates();
     static void IdleUntilStopped();
     bool Stop();

@@ -153,12 +153,13 @@ class Agent:
     """The agent as a process of the box."""
 
     def __init__(self, configuration="opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n",
-                 output=None):
+                 output=None, preload=""):
         if configuration is not None:
             CONFIGURATION.write_text(configuration)
         self.output = pathlib.Path("/tmp/agent.out")
         with self.output.open("w") as file:
-            self.process = subprocess.Popen([AGENT], stdout=output or file, stderr=file)
+            self.process = subprocess.Popen([AGENT], stdout=output or file, stderr=file,
+                                            env={**os.environ, "LD_PRELOAD": preload})
         self.pid = self.process.pid
 
     def wait_until_serving(self):
@@ -168,7 +169,7 @@ class Agent:
         wait_until(serving, "the agent serves")
         return self
 
-    def stop(self, seconds=2):
+    def stop(self, seconds=10):
         """Asks the agent to stop and returns its exit status."""
         self.process.send_signal(signal.SIGTERM)
         try:

@@ -7,14 +7,17 @@ import shutil
 import signal
 import subprocess
 import time
+import uuid
 
 import pytest
 
 import box
+import workshop
 
 BUILD = pathlib.Path("build/release")
 PID_FILE = pathlib.Path("/var/run/zel.pid")
 OLD_SETTINGS = pathlib.Path("/config/agent.configuration.old")
+UNIT = "/lib/systemd/system/zel.service"
 DPKG = ["dpkg", "--force-depends", "--log=/tmp/dpkg.log"]  # this box knows no other package
 
 pytestmark = pytest.mark.skipif(box.SANITIZED, reason="the release is what is installed")
@@ -89,6 +92,22 @@ def test_the_init_script(board, tools):
     assert init("nonsense", 2, tools) == ""
 
 
+def test_a_board_starts_it_again(board):
+    keeper = subprocess.Popen(["/etc/init.d/zel", "keep"], stdout=subprocess.DEVNULL)
+    try:
+        init("start")
+        first = pid()
+        os.kill(first, signal.SIGKILL)
+        box.wait_until(lambda: pid() != first, "it is started again")
+        serves()
+        init("stop")
+        time.sleep(5)  # two looks
+        init("status", 3)
+    finally:
+        keeper.kill()
+        keeper.wait()
+
+
 def test_the_init_script_harms_nobody(board):
     bystander = subprocess.Popen(["sleep", "1000"])
     PID_FILE.write_text(f"{bystander.pid}\n")
@@ -107,31 +126,73 @@ def test_the_init_script_harms_nobody(board):
     os.rename("/app/zel/away", "/app/zel/zel")
 
 
-def unit(key):
-    """All that the unit file says about this."""
-    text = pathlib.Path("/lib/systemd/system/zel.service").read_text()
-    return " ".join(re.findall(rf"^{key}=(.*)", text, re.M)).split()
+# What a container's first process finds, in a control group of its own, and only that one unit.
+BOOT = """set -e
+export container=simbox
+mount --make-rprivate /
+mkdir -p /mnt /sys
+mount -t tmpfs sys /sys
+mkdir -p /sys/fs/cgroup
+mount -t cgroup2 groups /sys/fs/cgroup
+mkdir $GROUP $GROUP/unit || exit 77
+trap 'find $GROUP -depth -type d -exec rmdir {} +' EXIT
+(
+    sh -c 'echo $PPID > $GROUP/unit/cgroup.procs'
+    exec unshare --cgroup --mount --pid --fork sh -c '
+        set -e
+        umount /sys/fs/cgroup
+        mount -t cgroup2 groups /sys/fs/cgroup
+        mount --bind /run /run
+        mount -t proc proc /mnt
+        mount --rbind /proc/sys /mnt/sys
+        mount --rbind /proc/bus /mnt/bus
+        mount --move /mnt /proc
+        mkdir -p /proc/sys/kernel/random
+        cat /.proc/sys/kernel/random/boot_id > /proc/sys/kernel/random/boot_id
+        hostname > /etc/hostname
+        exec /lib/systemd/systemd --system --unit=zel.service'
+)
+"""
+OUTPUT = pathlib.Path("/run/zel.out")
+ALONE = f"[Unit]\nDefaultDependencies=no\n[Service]\nStandardOutput=append:{OUTPUT}\n"
 
 
-def restricted(output):
-    """The agent with the unit's capabilities, and with its view of the files."""
-    script = ["set -e", "mount --make-rprivate /", "mount -t tmpfs -o mode=1777 private /tmp",
-              "mount -t tmpfs -o mode=0 private /root"]
-    for path in unit("ReadWritePaths"):
-        path = path.lstrip("-")
-        script.append(f"[ ! -e {path} ] || mount --bind {path} {path}")
-    for path in unit("InaccessiblePaths"):
-        path = path.lstrip("-")
-        script += [f"if [ -d {path} ]; then mount -t tmpfs -o ro,mode=0 private {path}",
-                   f"elif [ -e {path} ]; then mount --bind /dev/null {path}; fi"]
-    script += ["for path in / /usr /etc; do mount -o remount,bind,ro $path; done",
-               f"exec setpriv --no-new-privs --inh-caps=-all --bounding-set={capabilities()} {unit('ExecStart')[0]}"]
-    return subprocess.Popen(["unshare", "--mount", "sh", "-c", "\n".join(script)], cwd="/",
-                            stdout=output, stderr=subprocess.STDOUT)
+class Systemd:
+    """A systemd that runs the unit of the package in this box, with all that the unit asks for."""
+
+    def __init__(self):
+        settings = pathlib.Path("/run/systemd/system/zel.service.d/alone.conf")
+        settings.parent.mkdir(parents=True)
+        settings.write_text(ALONE)
+        group = f"/sys/fs/cgroup/simbox-{uuid.uuid4()}"
+        self.process = subprocess.Popen(["unshare", "--cgroup", "--mount", "sh", "-c", BOOT],
+                                        env={**os.environ, "GROUP": group})
+        box.wait_until(lambda: oldest("systemd") or self.process.poll(), "systemd runs")
+        if self.process.returncode == 77:
+            pytest.skip("an ordinary user may make no control groups")
+        self.first = oldest("systemd")
+
+    def control(self, *arguments):
+        return subprocess.run(["nsenter", f"--target={self.first}", "--mount", "--pid", "systemctl", *arguments],
+                              capture_output=True, text=True, check=True).stdout
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        os.kill(int(self.first), signal.SIGKILL)
+        self.process.wait(20)
+        shutil.rmtree("/run/systemd")
 
 
-def capabilities():
-    return ",".join(["-all", *("+" + name.removeprefix("CAP_").lower() for name in unit("CapabilityBoundingSet"))])
+def oldest(name):
+    """The first process of that name; what it forks has the name, too, for a moment."""
+    return subprocess.run(["pgrep", "-o", "-x", name], capture_output=True, text=True).stdout.strip()
+
+
+def agent():
+    """Its process, with what the unit lets it see and do."""
+    return pathlib.Path("/proc", box.wait_until(lambda: oldest("Zel::main"), "the agent runs"))
 
 
 def zelctl(*arguments):
@@ -151,25 +212,38 @@ def packages():
         pathlib.Path("/var/lib/dpkg", name).mkdir(parents=True, exist_ok=True)
     pathlib.Path("/var/lib/dpkg/status").touch()
     pathlib.Path("/var/lib/avahi-autoipd").mkdir(exist_ok=True)  # comes with that package
-    shutil.rmtree("/app/zel")
+    shutil.rmtree("/app/zel", ignore_errors=True)
     without_files()
     subprocess.run([*DPKG, "--install", *BUILD.glob("packages/*.deb")], check=True)
+    yield
+    subprocess.run([*DPKG, "--purge", "zel", "zelctl"], check=True)
 
 
-def test_the_packages(packages, tmp_path):
-    assert subprocess.run(["pgrep", "-x", "Zel::main"]).returncode == 1, "not before it is enabled"
+def test_the_packages(packages):
+    assert not oldest("Zel::main"), "not before it is enabled"
     assert box.CONFIGURATION.stat().st_mode & 0o777 == 0o600
-    verified = subprocess.run(["systemd-analyze", "verify", "/lib/systemd/system/zel.service"],
-                              capture_output=True, text=True, timeout=60)
+    verified = subprocess.run(["systemd-analyze", "verify", UNIT], capture_output=True, text=True, timeout=60)
     assert (verified.returncode, verified.stdout + verified.stderr) == (0, "")
+    exposure = subprocess.run(["systemd-analyze", "security", "--offline=true", UNIT], capture_output=True, text=True)
+    assert float(re.search(r"Overall exposure level .*: ([\d.]+)", exposure.stdout)[1]) <= 3.9
 
-    output = tmp_path / "output"
-    with output.open("w") as file:
-        agent = restricted(file)
-    try:
+    subprocess.run([*DPKG, "--remove", "zel"], check=True)
+    assert box.CONFIGURATION.exists() and not os.path.exists("/app/zel/zel")
+    pathlib.Path("/config/keypass").write_text("secret\n")
+    subprocess.run([*DPKG, "--purge", "zel", "zelctl"], check=True)
+    assert not os.path.exists("/config") and not os.path.exists("/usr/bin/zelctl")
+
+
+def test_the_unit(packages):
+    box.CONFIGURATION.write_text(workshop.PLAIN)
+    with workshop.Manager("application-update") as manager, Systemd() as systemd:
+        log = agent() / "root/tmp/log/nativezel.log"
+        box.wait_until(lambda: "* SignIn succeed" in log.read_text(), "it has signed in", 120)
+        assert manager.problems() == []
+        assert "Rebooting after update" in log.read_text()
+        assert pathlib.Path("/app/zel/images/application/state").read_text() == "clean\n"
         serves()
-        assert zelctl("reserve", box.BOX, "--owner", "me") and box.rules()
-        zelctl("release")
+        assert "Seccomp:\t2" in (agent() / "status").read_text()
         # Every kind of address, with what each tool needs.
         zelctl("mode", box.BOX, "linklocal")
         found = box.wait_until(lambda: re.search(r"^169\.254\.\S+", zelctl("find", "--wait", "2"), re.M),
@@ -181,13 +255,15 @@ def test_the_packages(packages, tmp_path):
         assert "root:" in shown("/tmp/../etc/passwd")
         assert "FILE NOT FOUND" in shown("/tmp/../etc/shadow") and "FILE NOT FOUND" in shown("/tmp/dpkg.log")
         assert "starting on TAVO" in zelctl("log")
-    finally:
-        agent.send_signal(signal.SIGTERM)
-    assert agent.wait(20) == 0, output.read_text()
-    assert not re.search("denied|not permitted|Read-only", output.read_text()), output.read_text()
 
-    subprocess.run([*DPKG, "--remove", "zel"], check=True)
-    assert box.CONFIGURATION.exists() and not os.path.exists("/app/zel/zel")
-    pathlib.Path("/config/keypass").write_text("secret\n")
-    subprocess.run([*DPKG, "--purge", "zel", "zelctl"], check=True)
-    assert not os.path.exists("/config") and not os.path.exists("/usr/bin/zelctl")
+        zelctl("reserve", box.BOX, "--owner", "me")
+        assert box.rules()
+        first = agent()
+        os.kill(int(first.name), signal.SIGKILL)
+        box.wait_until(lambda: agent() != first, "it is started again")
+        serves()
+        assert box.rules() == []
+        systemd.control("stop", "zel")
+        assert "Result=success" in systemd.control("show", "zel")
+        output = OUTPUT.read_text()
+        assert not re.search("denied|not permitted|Read-only", output), output

@@ -264,16 +264,6 @@ def test_replies_that_name_no_manager():
     assert "* SignIn succeed" in text and manager.process.returncode == 0
 
 
-@pytest.mark.parametrize("scenario", ["silent", "no-slp"])
-def test_stop_does_not_wait_for_the_manager(scenario):
-    with Manager(scenario), agent() as running:
-        wait_for_log("Wait for response" if scenario == "silent" else "using multicast")
-        begin = time.monotonic()
-        assert running.stop() == 0
-        if not box.SANITIZED:
-            assert time.monotonic() - begin < 2
-
-
 def test_a_client_that_came_first_is_waited_for():
     with agent("tavo.hostname=TAVO\n") as running:
         wait_for_log("go to receive")

@@ -63,10 +63,10 @@ class Manager:
 
 
 @contextlib.contextmanager
-def agent(configuration=PLAIN):
+def agent(configuration=PLAIN, preload=""):
     """An agent that must end well."""
     box.LOG.unlink(missing_ok=True)
-    running = box.Agent(configuration)
+    running = box.Agent(configuration, preload)
     try:
         yield running
     finally:

@@ -1,0 +1,302 @@
+"""Faults that the agent outlives; docs/reliability.md tells what is promised and where the others are tested."""
+
+import contextlib
+import pathlib
+import re
+import resource
+import subprocess
+import time
+
+import pytest
+
+import box
+import workshop
+from box import call, connect
+from workshop import Manager, agent, log, network
+
+pytestmark = pytest.mark.usefixtures("workshop_in_order")
+
+REPOSITORY = pathlib.Path(__file__).parents[2]
+ALONE = "opla.mode=OPLA-Next\ncountry.code=DE\ntavo.hostname=TAVO1\nnetwork.config.discover.mode=3\n"
+OLD_CONFIGURATION = box.CONFIGURATION.with_suffix(".configuration.old")
+IMAGES = pathlib.Path("/app/zel/images/application")
+INFORMATION = box.post(box.envelope("<getDeviceInformation/>"))
+ANSWER = b"getDeviceInformationResponse"
+KEPT = box.post(box.envelope("<getDeviceInformation/>"), headers="Connection: Keep-Alive\r\n")
+STOP_SECONDS = 3
+SEND_SECONDS = 30  # a peer that takes nothing
+
+# What a simulated box cannot do to the agent: there is no clock of its own to be set, and root may
+# always start threads.
+SHIM = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+int clock_gettime(clockid_t id, struct timespec* time) {
+    int (*real)(clockid_t, struct timespec*) = dlsym(RTLD_NEXT, "clock_gettime");
+    int result = real(id, time);
+    int error = errno;
+    FILE* file = id == CLOCK_REALTIME ? fopen("/run/clock-jump", "re") : NULL;
+    long seconds = 0;
+    if (file != NULL) {
+        if (fscanf(file, "%ld", &seconds) == 1) time->tv_sec += seconds;
+        fclose(file);
+    }
+    errno = error;
+    return result;
+}
+
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*work)(void*), void* argument) {
+    int (*real)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) = dlsym(RTLD_NEXT, "pthread_create");
+    return access("/run/no-threads", F_OK) == 0 ? EAGAIN : real(thread, attributes, work, argument);
+}
+"""
+YEAR = 365 * 24 * 3600
+
+
+@pytest.fixture(scope="module")
+def shim(tmp_path_factory):
+    """To preload; nothing where that cannot be: a sanitizer has functions of its own in their place."""
+    if box.SANITIZED or box.EMULATED:
+        return ""
+    library = tmp_path_factory.mktemp("shim") / "shim.so"
+    subprocess.run(["gcc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], input=SHIM, text=True, check=True)
+    return str(library)
+
+
+@contextlib.contextmanager
+def full_disk(_):
+    subprocess.run(["mount", "-o", "remount,size=64m", "/"], check=True)
+    filler = pathlib.Path("/filler")
+    try:
+        with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
+            while file.write(bytes(4096)):
+                pass
+        yield
+    finally:
+        filler.unlink()
+        subprocess.run(["mount", "-o", "remount,size=50%", "/"], check=True)
+
+
+@contextlib.contextmanager
+def read_only_settings(_):
+    subprocess.run(["mount", "--bind", "/config", "/config"], check=True)
+    subprocess.run(["mount", "-o", "remount,bind,ro", "/config"], check=True)
+    try:
+        yield
+    finally:
+        subprocess.run(["umount", "/config"], check=True)
+
+
+@contextlib.contextmanager
+def descriptors(running, left):
+    soft, hard = resource.prlimit(running.pid, resource.RLIMIT_NOFILE)
+    resource.prlimit(running.pid, resource.RLIMIT_NOFILE, (running.descriptors() + left, hard))
+    try:
+        yield
+    finally:
+        resource.prlimit(running.pid, resource.RLIMIT_NOFILE, (soft, hard))
+
+
+@contextlib.contextmanager
+def file(path, text=""):
+    path = pathlib.Path(path)
+    path.write_text(text)
+    try:
+        yield
+    finally:
+        path.unlink()
+
+
+@contextlib.contextmanager
+def replaced(path, text):
+    """Another program, or none, in the place of a tool."""
+    tool = pathlib.Path(path)
+    kept = tool.with_suffix(".kept")
+    tool.rename(kept)
+    try:
+        if text is not None:
+            tool.write_text(text)
+            tool.chmod(0o755)
+        yield
+    finally:
+        kept.rename(tool)
+
+
+def settings():
+    path = box.CONFIGURATION if box.CONFIGURATION.exists() else OLD_CONFIGURATION
+    return dict(line.split("=", 1) for line in path.read_text().splitlines())
+
+
+def use(connection):
+    connection.sendall(KEPT)
+    assert ANSWER in box.read_response(connection)[1]
+
+
+def serve_a_client():
+    """A whole use of the box."""
+    code, handle = box.reserve()
+    assert code == "0" and len(box.rules()) == 4
+    assert box.release(handle) == "0" and box.rules() == []
+
+
+def at_rest(running):
+    box.wait_until(lambda: not running.connections(), "nobody is served")
+    return running.descriptors(), len(running.threads())
+
+
+FAULTS = {  # and when a new client is answered
+    "full disk": (full_disk, "at once"),
+    "read-only settings": (read_only_settings, "at once"),
+    "clock ten years on": (lambda _: file("/run/clock-jump", str(10 * YEAR)), "at once"),
+    "clock ten years back": (lambda _: file("/run/clock-jump", str(-10 * YEAR)), "at once"),
+    "no threads": (lambda _: file("/run/no-threads"), "never"),
+    "no descriptors": (lambda running: descriptors(running, 0), "afterwards"),
+    "few descriptors": (lambda running: descriptors(running, 1), "at once"),
+}
+
+
+@pytest.mark.parametrize("name", FAULTS)
+def test_a_fault_that_comes_and_goes(name, shim):
+    fault, answered = FAULTS[name]
+    if not shim and name.startswith(("clock", "no threads")):
+        pytest.skip("cannot be brought about")
+    with agent(ALONE, shim) as running:
+        running.wait_until_serving()
+        serve_a_client()
+        before, stored = at_rest(running), settings()
+        _, handle = box.reserve()
+        with connect() as kept:
+            use(kept)
+            with fault(running):
+                release = box.fields("releaseDevice", handle=handle, deviceId=box.DEVICE_ID)
+                kept.sendall(box.post(box.envelope(release), headers="Connection: Keep-Alive\r\n"))
+                assert b"<error>0<" in box.read_response(kept)[1]
+                new = connect()
+                new.sendall(INFORMATION)
+                if answered != "afterwards":
+                    assert (ANSWER in box.read_all(new)) == (answered == "at once")
+                if name.startswith("clock"):
+                    assert not log().splitlines()[-1].startswith(time.strftime("%Y")), "it has seen the jump"
+        if answered == "afterwards":
+            assert ANSWER in box.read_all(new)
+        new.close()
+        serve_a_client()
+        assert at_rest(running) == before and settings() == stored
+        assert f"Closing connection to {box.BOX}" in log().splitlines()[-1], "it goes on logging"
+
+
+def test_a_start_without_threads_is_left_to_the_next(shim):
+    if not shim:
+        pytest.skip("cannot be brought about")
+    with file("/run/no-threads"):
+        assert box.Agent(ALONE, shim).process.wait(60) == 1
+    with agent(ALONE, shim) as running:
+        running.wait_until_serving()
+
+
+@pytest.mark.parametrize("read_only", [True, False])
+def test_settings_that_cannot_be_stored(read_only):
+    """What the manager says holds until the next start, what was stored before stays."""
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "small", "/config"], check=True)
+    try:
+        box.CONFIGURATION.write_text(workshop.PLAIN)
+        with read_only_settings(None) if read_only else contextlib.nullcontext():
+            with Manager("rename", "hostname=bay-7") as manager, agent(None) as running:
+                running.wait_until_serving()
+                body, = box.wait_until(lambda: manager.bodies("signInTavo"), "it has signed in")
+                assert "hostname>bay-7<" in body
+                serve_a_client()
+        assert box.CONFIGURATION.read_text() == workshop.PLAIN
+        assert not list(box.CONFIGURATION.parent.glob("*.new"))
+    finally:
+        subprocess.run(["umount", "/config"], check=True)
+
+
+@pytest.mark.parametrize("text", [None, "#!/bin/bash\nkill -SEGV $$\n"])
+def test_tools_that_are_missing_or_crash(text):
+    for tool, mode in [("/sbin/iptables", 3), ("/sbin/udhcpc", 3), ("/sbin/zcip", 201), ("/usr/bin/arping", 3),
+                       ("/bin/sh", 3)]:
+        subprocess.run(["ip", "address", "replace", f"{box.BOX}/16", "dev", "eth0"], check=True)
+        with replaced(tool, text), agent(ALONE.replace("mode=3", f"mode={mode}")) as running:
+            running.wait_until_serving()
+            code, handle = box.reserve()
+            assert (code, box.release(handle)) == ("0", "0"), tool
+        assert box.rules() == []
+    with agent(ALONE) as running:
+        running.wait_until_serving()
+        serve_a_client()
+
+
+def test_an_address_that_goes_away_under_open_connections():
+    """All of them end within the limits of their requests, and the box is there when the address is."""
+    pathlib.Path("/tmp/large").write_bytes(b"x" * 20_000_000)
+    with agent(ALONE) as running, contextlib.ExitStack() as stack:
+        running.wait_until_serving()
+        before = at_rest(running)
+        for data in [KEPT] * 5 + [INFORMATION[:-20], b"GET /web/show.jsp?file=/tmp/large HTTP/1.0\r\n\r\n"]:
+            stack.enter_context(connect()).sendall(data)
+        box.wait_until(lambda: len(running.connections()) == 7, "all are served")
+        subprocess.run(["ip", "address", "delete", f"{box.BOX}/16", "dev", "eth0"], check=True)
+        try:
+            box.wait_until(lambda: not running.connections(), "all have ended", SEND_SECONDS + 30)
+        finally:
+            subprocess.run(["ip", "address", "add", f"{box.BOX}/16", "brd", "+", "dev", "eth0"], check=True)
+            subprocess.run(["ip", "route", "replace", "default", "via", box.CLIENT, "dev", "eth0"], check=True)
+        serve_a_client()
+        assert at_rest(running) == before
+        assert workshop.ask(workshop.service_request())[1] == 2
+
+
+@pytest.mark.parametrize("manager, phase", [
+    (None, "Lan is not link"), (None, "using multicast"), ("no-slp", "using multicast"), ("silent", "Wait for response"),
+    ("slow", "Wait for response"), ("image-stall", "Downloading update file")])
+def test_sigterm(manager, phase, shim):
+    """Within three seconds, whatever the clock says then."""
+    with Manager(manager) if manager else contextlib.nullcontext():
+        network("cable", "out" if phase == "Lan is not link" else "in")
+        with agent(preload=shim) as running, file("/run/clock-jump", "0"):
+            workshop.wait_for_log(phase)
+            pathlib.Path("/run/clock-jump").write_text(str(YEAR))
+            assert running.stop(STOP_SECONDS) == 0
+
+
+def image():
+    return (IMAGES / (IMAGES / "active").read_text().strip() / "image").read_bytes()
+
+
+def test_kill_at_any_moment():
+    """Settings and image are whole, whatever is interrupted, and the next start goes on from there."""
+    box.CONFIGURATION.write_text(workshop.PLAIN.replace("=TAVO", "=bay-7"))
+    stored, seen = settings(), [image()]
+
+    def start(sign, end):
+        with Manager("application-update"), agent(None) as running:
+            workshop.wait_for_log(sign)
+            end(running)
+        assert settings().items() >= stored.items()
+        seen.append(image())
+
+    for sign in ["starting on", "Open pipe '/sbin/udhcpc", "discover manager using", "Contained ClusterIP",
+                 "Wait for response", "Downloading", "New version", "Rebooting"]:
+        start(sign, lambda running: (running.process.kill(), running.process.wait()))
+    start("* SignIn succeed", lambda running: None)
+    assert (IMAGES / "state").read_text() == "clean\n" and len(seen[-1]) == 200000
+    assert set(seen) == {seen[0], seen[-1]}
+
+
+def test_the_document_names_tests_that_exist():
+    """A promise is one that a test keeps."""
+    sources = "".join(path.read_text() for path in (*(REPOSITORY / "tests").glob("*.cpp"),
+                                                    *(REPOSITORY / "tests/e2e").glob("*.py")))
+    document = (REPOSITORY / "docs/reliability.md").read_text()
+    for line in re.findall(r"^\| [^-].* \|$", document.partition("| fault")[2], re.M):
+        named = re.findall(r"`(test_\w+|\w+Test)(?:\.(\w+))?`", line)
+        assert named, line
+        for name, case in named:
+            assert f"def {name}(" in sources or re.search(rf"TEST(_F|_P)?\({name}, {case}\)", sources), name
