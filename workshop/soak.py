@@ -20,10 +20,12 @@ import traceback
 
 sys.dont_write_bytecode = True
 import soak_clients
+import soak_owners
 import soak_rubbish
 import stage
-from soak_judge import (ANSWER_LIMIT, BAD_WORDS, CHECKS, PROCESSES_LEFT, RELEASE, SITE_RULES, THREADS_PEAK, Broken,
-                        Judge, Process, Settings, now, processes_of_agent)
+from soak_judge import (ANSWER_LIMIT, CHECKS, PROCESSES_LEFT, RELEASE, SITE_RULES, THREADS_PEAK, Broken, Judge, Process,
+                        now, processes_of_agent)
+from soak_manager import ManagerStage, Settings
 
 SERVE_LIMIT = 60                       # seconds from the start of an agent to its first answer
 STOP_LIMIT = 3 if RELEASE else 30      # a sanitizer looks for leaks at the end
@@ -31,98 +33,11 @@ QUIET_LIMIT = 3 * ANSWER_LIMIT         # seconds until the clients have come to 
 OVERTIME = 180                         # seconds after which a soak that does not end is given up
 GRACE = 1, 10                          # seconds of calm after a start, after the cable's return
 RULES_PATIENCE = 5                     # a sign-in may just have the box
+LAST_START = 8                         # seconds before the end: later nothing is started
 LIFE = 7, 1 / 5                        # seconds that an agent lives at least; most of it, of the whole time
 MARK = f"SOAKED={os.getpid()}"
-COLORS = {"white": "#ede3d3", "red": "#be1110", "green": "#4e8541", "blue": "#163279"}
-COUNTRIES = ["DE", "AT", "FR", "US"]
-FIXED = {"opla.mode": "OPLA", "network.config.discover.mode": "3", "web.listen.backlog": "16",
-         "site.note": "what nobody knows is kept, too; " + "x" * 200, Settings.ADDRESS_KEY: "192.168.68.2"}
-# The manager's ways in which a sign-in fails or is made difficult.
-MANAGER_FAULTS = ["none", "none", "none", "chunked", "reset", "drop-in-body", "not-xml", "soap-fault"]
 ENDS = ["kill at work", "kill reserved", "term at work", "term reserved"]
 EVENTS = ["cable", "manager", "quiet", "cable", "quiet"]
-
-
-class Gate:
-    """Lets the clients in; closed, it waits until those inside have come to an end."""
-
-    def __init__(self):
-        self.changed = threading.Condition()
-        self.closed = True
-        self.ended = False
-        self.inside = 0
-
-    def enter(self):
-        with self.changed:
-            self.changed.wait_for(lambda: not self.closed or self.ended)
-            self.inside += 1
-            return not self.ended
-
-    def leave(self):
-        with self.changed:
-            self.inside -= 1
-            self.changed.notify_all()
-
-    def open(self):
-        with self.changed:
-            self.closed = False
-            self.changed.notify_all()
-
-    def close(self, patience):
-        """True when all have left."""
-        with self.changed:
-            self.closed = True
-            return self.changed.wait_for(lambda: self.inside == 0, patience)
-
-    def end(self):
-        with self.changed:
-            self.ended = True
-            self.changed.notify_all()
-
-
-class ManagerStage:
-    """The manager, which comes with other settings every time."""
-
-    def __init__(self, judge, settings, chance):
-        self.judge, self.settings, self.random = judge, settings, chance
-        self.process = None
-        self.counts = collections.Counter()
-
-    def change(self):
-        self.judge.tell("manager goes" if self.process else "manager comes")
-        if self.process:
-            self.stop()
-        else:
-            self.start()
-
-    def start(self):
-        number = self.counts["came"] = self.counts["came"] + 1
-        color, country = self.random.choice(list(COLORS)), self.random.choice(COUNTRIES)
-        self.values = (f"soak-{number}", color, country)
-        fault = self.random.choice(MANAGER_FAULTS)
-        wanted = {"hostname": self.values[0], "color": COLORS[color], "country": country, "fault.kind": fault,
-                  "fault.times": 1 if fault in ("reset", "drop-in-body") else 0}
-        self.settings.offer(self.values)
-        self.process = stage.start_manager(
-            "plain", *(part for key, value in wanted.items() for part in ("--set", f"{key}={value}")))
-
-    def look(self):
-        """Takes in what has been said to the manager. A box asks to be signed in when it has saved its settings."""
-        text = stage.MANAGER_OUTPUT.read_text() if self.process else ""
-        if " signInTavo: " in text:
-            self.settings.saved(self.values)
-        # A manager that comes between the two requests has not seen the first.
-        problems = [line for line in text.splitlines() if "PROBLEM" in line and " exchange " in line
-                    and "without preSignInTavo" not in line]
-        self.judge.check("sign-in", not problems, "; ".join(problems))
-        return text.count(" signInTavo: ")
-
-    def stop(self):
-        self.process.terminate()
-        self.judge.check("sign-in", self.process.wait(20) == 0, "the manager has not ended well")
-        self.counts["sign-ins"] += self.look()
-        stage.on_stage.remove(self.process)
-        self.process = None
 
 
 class Soak:
@@ -130,18 +45,18 @@ class Soak:
         self.seconds = minutes * 60
         self.chance = random.Random(f"{seed} soak")
         self.judge = Judge()
-        self.settings = Settings(self.judge, FIXED, ("soak", "white", "DE"))
+        self.settings = Settings(self.judge, ("soak", "white", "DE"))
         self.manager = ManagerStage(self.judge, self.settings, random.Random(f"{seed} manager"))
-        self.gate = Gate()
+        self.gate = soak_clients.Gate()
         self.counts = collections.Counter()
         self.rests = []
         self.peaks = collections.Counter()
         self.ended = threading.Event()
         self.watched = None  # the agent that must not end
         self.asking = soak_clients.Client(self.judge, self.chance)
-        kinds = [soak_clients.Owner] * 3 + [soak_clients.LegacyOwner, soak_clients.Supervisor, soak_clients.Seeker,
-                                            soak_clients.Reader, soak_clients.Reader, soak_clients.Vanishing,
-                                            soak_clients.Vanishing, soak_rubbish.Stranger, soak_rubbish.Stranger]
+        kinds = [soak_owners.Owner] * 3 + [soak_owners.LegacyOwner, soak_owners.Supervisor, soak_clients.Seeker,
+                                           soak_clients.Reader, soak_clients.Reader, soak_rubbish.Vanishing,
+                                           soak_rubbish.Vanishing, soak_rubbish.Stranger, soak_rubbish.Stranger]
         self.actors = []
         for number, kind in enumerate(kinds, 11):
             more = [self.settings] if kind is soak_clients.Reader else []
@@ -262,7 +177,7 @@ class Soak:
         if reserved:
             owner, epoch, handle = reserved
             self.judge.check_rules("192.168.68.99", still=lambda: self.judge.holds(owner, epoch))
-            soak_clients.Owner.give_back(self.asking, owner, epoch, handle)
+            soak_owners.Owner.give_back(self.asking, owner, epoch, handle)
             self.asking.close()
             self.judge.check_rules(None, RULES_PATIENCE)
         self.gate.open()
@@ -272,12 +187,14 @@ class Soak:
         owner = f"quiet {self.counts['quiet moments']}.{self.counts['starts']}"
         for _ in range(20):
             epoch = self.judge.reserving(owner)
-            with contextlib.suppress(Broken):
+            code = "no answer"
+            with contextlib.suppress(Broken), self.judge.losing(owner, epoch):
                 code, answer = self.asking.code("reserveDevice", deviceId=stage.DEVICE_ID, owner=owner,
                                                 hostLock="192.168.68.99")
-                if code == 0 and self.judge.reserved(owner, epoch, "192.168.68.99"):
+                if code == 0 and self.judge.reserved(owner, epoch):
                     self.judge.check("reservation", True, "")
                     return owner, epoch, soak_clients.find(answer, "handle")
+                self.judge.released(owner, epoch)
             time.sleep(0.5)
         self.judge.check("reservation", False, f"a box that nobody has is refused with {code}")
         return None
@@ -353,7 +270,7 @@ class Soak:
             thread.start()
         ends, self.events = [], []
         self.manager.start()
-        while self.time_left() > 0:
+        while self.time_left() > LAST_START:
             if not ends:
                 ends = self.chance.sample(ENDS, len(ENDS))
             if self.start_agent():
@@ -385,7 +302,7 @@ def print_table(soak, seed):
     print(f"\n{'request':24}{'p50 s':>8}{'p99 s':>8}{'max s':>8}  outcomes")
     for kind in sorted(judge.outcomes):
         times = sorted(judge.seconds[kind])
-        figures = "".join(f"{times[int(part * (len(times) - 1))]:8.3f}" for part in (0.5, 0.99, 1)) if times else " " * 24
+        figures = "".join(f"{times[int(part * (len(times) - 1))]:8.3f}" for part in (0.5, 0.99, 1) if times) or " " * 24
         print(f"{kind:24}{figures}  " + ", ".join(f"{count} {what}" for what, count in judge.outcomes[kind].items()))
     if soak.rests:
         print(f"\n{'at rest':24}{'first':>8}{'last':>8}{'most':>8}{'peak':>8}")
@@ -421,10 +338,10 @@ def main():
     print_table(soak, options.seed)
     failed = [name for name in CHECKS if soak.judge.findings[name]]
     if failed:
-        tail = stage.log().splitlines()[-40:]
-        print("\nthe end of the log:\n" + "\n".join(tail))
+        for name, lines in soak.judge.tails.items():
+            print(f"\nthe log when {name!r} failed first:\n" + "\n".join(line[:200] for line in lines))
         if stage.AGENT_OUTPUT.exists():
-            print("the end of the agent's output:\n" + "\n".join(
+            print("\nthe end of the agent's output:\n" + "\n".join(
                 stage.AGENT_OUTPUT.read_text(errors="replace").splitlines()[-10:]))
         print(f"FAILED: {', '.join(failed)} (seed {options.seed})", flush=True)
     else:

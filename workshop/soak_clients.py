@@ -14,13 +14,12 @@ import client
 import manager_slp
 import stage
 from client import ENVELOPE, element, find
-from soak_judge import ANSWER_LIMIT, RELEASE, SILENCE_LIMIT, SLP_SIZE, BUSY_TIME, Broken, now
+from soak_judge import ANSWER_LIMIT, RELEASE, SLP_SIZE, Broken, now
 
 AGENT_PATH = "/services/Agent"
 NAMESPACES = {client.PATH: "http://lusora.tembra.com/services/zel/Connector/v1",
               AGENT_PATH: "http://lusora.tembra.com/services/Agent"}
 DESCRIPTIONS = [(client.PATH, query) for query in ("wsdl", "xsd=1", "xsd=2", "xsd=3", "xsd=4")] + [(AGENT_PATH, "wsdl")]
-SERVICE_OWNER = "VCI-Agent"
 TEXT = "".join(f"{number:07} what a vehicle has said, and what it has been asked\n" for number in range(50000))
 TEXT_FILE = "/tmp/soak.txt"
 GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
@@ -47,6 +46,12 @@ def envelope(operation):
 def operation(name, values, namespace=""):
     declared = f' xmlns="{namespace}"' if namespace else ""
     return f"<{name}{declared}>" + "".join(element(key, value) for key, value in values.items()) + f"</{name}>"
+
+
+def soap_request(inner, path=client.PATH):
+    """As bytes, for those who do not send all of it, or not at once."""
+    text = envelope(inner)
+    return f"POST {path} HTTP/1.0\r\nContent-Length: {len(text)}\r\n\r\n{text}".encode()
 
 
 def legacy_form(function, values):
@@ -88,10 +93,11 @@ class Client:
 
     def http(self, kind, method, path, body=None, port=5302, status=200, **headers):
         """The body of the answer."""
-        connecting = now()
+        connecting = since = now()
+        phase = "connecting"
         try:
             self.connect(port)
-            since = now()
+            phase, since = "asking", now()
             self.connection.request(method, path, body, headers)
             response = self.connection.getresponse()
             data = response.read()
@@ -100,10 +106,26 @@ class Client:
                 self.close()
         except (OSError, http.client.HTTPException) as error:
             self.close()
-            self.judge.unanswered(kind, connecting, error)
+            self.judge.unanswered(f"{kind}, {phase}", connecting, error)
         self.judge.right(kind, since, response.status == status, f"status {response.status}: {data[:200]}")
         self.judge.answered(kind, since)
         return data
+
+    @staticmethod
+    def reset(connection):
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        connection.close()
+
+    def send_and_reset(self, data, read=0):
+        since = now()
+        try:
+            connection = socket.create_connection((stage.BOX, 5302), ANSWER_LIMIT, self.source())
+            connection.sendall(data)
+            if read:
+                connection.recv(read)
+            self.reset(connection)
+        except OSError as error:
+            self.judge.unanswered("vanish", since, error, "silence")
 
     def soap(self, name, path=client.PATH, /, **values):
         since = now()
@@ -144,11 +166,8 @@ class Client:
 
     def free_lost(self, owner):
         """Releases a reservation whose owner has not got the answer."""
-        if owner in self.judge.possible and owner != self.judge.snapshot()[0]:
-            epoch = self.judge.epoch
+        if owner in self.judge.lost:
             self.legacy("rkoReleaseDevice", DeviceOwner=owner)
-            return epoch == self.judge.epoch
-        return False
 
     def slp(self, kind, function, fields, answered, address=stage.BOX):
         """The fields behind the language tag of the answer."""
@@ -165,7 +184,7 @@ class Client:
             for attempt in range(SLP_TRIES):
                 sent = now()
                 try:
-                    asking.sendto(request, (address, manager_port_of_boxes))
+                    asking.sendto(request, (address, client.SLP_PORT))
                     while True:
                         answer = asking.recv(65536)
                         if answer[10:12] == xid.to_bytes(2, "big"):
@@ -183,7 +202,41 @@ class Client:
         return fields
 
 
-manager_port_of_boxes = client.SLP_PORT
+class Gate:
+    """Lets the clients in; closed, it waits until those inside have come to an end."""
+
+    def __init__(self):
+        self.changed = threading.Condition()
+        self.closed = True
+        self.ended = False
+        self.inside = 0
+
+    def enter(self):
+        with self.changed:
+            self.changed.wait_for(lambda: not self.closed or self.ended)
+            self.inside += 1
+            return not self.ended
+
+    def leave(self):
+        with self.changed:
+            self.inside -= 1
+            self.changed.notify_all()
+
+    def open(self):
+        with self.changed:
+            self.closed = False
+            self.changed.notify_all()
+
+    def close(self, patience):
+        """True when all have left."""
+        with self.changed:
+            self.closed = True
+            return self.changed.wait_for(lambda: self.inside == 0, patience)
+
+    def end(self):
+        with self.changed:
+            self.ended = True
+            self.changed.notify_all()
 
 
 class Actor(Client, threading.Thread):
@@ -210,209 +263,6 @@ class Actor(Client, threading.Thread):
                     self.close()
                 self.gate.leave()
             time.sleep(min(self.random.expovariate(1 / PAUSE), 5 * PAUSE))
-
-
-class Owner(Actor):
-    """Reserves, uses and releases the box."""
-
-    HOSTS = ["", "0", "192.168.68.11", "192.168.70.9", "10.1", "nobody's"]
-
-    def turn(self):
-        owner = f"{self.address}-{self.turns}{self.random.choice(['', '', ' <&>', ' x),(State=4'])}"
-        host = self.random.choice(self.HOSTS)
-        epoch = self.judge.reserving(owner)
-        if self.random.random() < 0.05:
-            return self.vanish(owner, host)
-        since = now()
-        code, answer = self.code("reserveDevice", deviceId=stage.DEVICE_ID, owner=owner, hostLock=host)
-        if code != 0:
-            self.judge.released(owner, epoch)
-            hot = code == 21 and not self.judge.was_always("hot", False, since)
-            self.judge.right("reserveDevice", since, code == 10 or hot, f"refused with {code}", "reservation")
-            self.judge.outcomes["reserveDevice"]["refused"] += 1
-            self.free_lost(self.information()[1])
-            return None
-        self.judge.right("reserveDevice", since, not self.judge.was_always("hot", True, since),
-                         "a box too hot is reserved", "reservation")
-        if self.judge.reserved(owner, epoch, host):
-            try:
-                self.use(owner, epoch, find(answer, "handle"), host)
-            finally:
-                self.give_back(owner, epoch, find(answer, "handle"))
-        return None
-
-    def vanish(self, owner, host):
-        text = envelope(operation("reserveDevice", {"deviceId": stage.DEVICE_ID, "owner": owner, "hostLock": host}))
-        Vanishing.send_and_reset(self, f"POST {client.PATH} HTTP/1.0\r\nContent-Length: {len(text)}\r\n\r\n{text}".encode())
-        self.judge.outcomes["reserveDevice"]["gone before the answer"] += 1
-
-    def use(self, owner, epoch, handle, host):
-        uses = [self.look_at_rules, self.lock, self.command, self.intrude, self.see]
-        for use in self.random.sample(uses, self.random.randint(1, 4)):
-            if not self.judge.holds(owner, epoch):
-                return
-            host = use(owner, epoch, handle, host) or host
-
-    def expect(self, epoch, name, wanted, /, **values):
-        since = now()
-        code, answer = self.code(name, **values)
-        if epoch == self.judge.epoch and not (code != 0 and now() - since > BUSY_TIME):
-            self.judge.right(name, since, code == wanted, f"{code} and not {wanted} for {values}", "reservation")
-        return answer
-
-    @staticmethod
-    def dotted(host):
-        try:
-            return socket.inet_ntoa(socket.inet_aton(host or "0"))
-        except OSError:
-            return "255.255.255.255"
-
-    def look_at_rules(self, owner, epoch, _handle, host):
-        self.judge.check_rules(self.dotted(host), still=lambda: self.judge.holds(owner, epoch))
-
-    def lock(self, owner, epoch, handle, _host):
-        host = self.random.choice(self.HOSTS[1:])
-        self.expect(epoch, "setHostLock", 0, handle=handle, hostLock=host)
-        self.look_at_rules(owner, epoch, handle, host)
-        return host
-
-    def command(self, _owner, epoch, handle, _host):
-        subsystem, command = self.random.choice([("diag", "echo"), ("diag", "fail"), ("vehicle", "voltage")])
-        name, since = "executeGenericCommand", now()
-        text = f"a <b> & {self.random.random()}"
-        # Its parameters are structures, which the other calls have none of.
-        inner = (element("handle", handle) + element("pSubSystem", subsystem) + element("pCommand", command)
-                 + f"<pParameters>{element('key', 'said')}{element('value', text)}</pParameters>")
-        data = self.http(name, "POST", client.PATH, envelope(f"<{name}>{inner}</{name}>").encode())
-        root = ElementTree.fromstring(data)
-        key, value = find(root, "key"), find(root, "value")
-        if epoch != self.judge.epoch:
-            return
-        good = find(root, "error") == "0" and key == ("error" if command == "fail" else "result")
-        if command == "echo":
-            good = good and value == f"said={text}"
-        elif command == "voltage":
-            voltages = dict(part.split("=") for part in value.split()) if good else {}
-            good = set(voltages) == {"kl15", "kl30"}
-            for voltage in voltages:
-                self.judge.see_value(name, since, voltage, voltages[voltage])
-        self.judge.right(name, since, good, f"{command} answers {data[-400:]}", "reservation")
-
-    def intrude(self, _owner, epoch, _handle, _host):
-        """What others try while the box is taken."""
-        device = stage.DEVICE_ID
-        self.expect(epoch, "releaseDevice", 7, handle=self.random.choice(["", "0", "12345"]), deviceId=device)
-        self.expect(epoch, "setHostLock", 7, handle="4711", hostLock="192.168.68.66")
-        self.expect(epoch, "switchMode", 7, deviceId=device, mode="1", handle="")
-        self.expect(epoch, "reserveDevice", 20, deviceId="TAVO0000000", owner="intruder", hostLock="")
-
-    def see(self, _owner, _epoch, _handle, _host):
-        self.information()
-
-    def give_back(self, owner, epoch, handle):
-        """Releases it, and goes on asking for that until there is an answer, or another agent."""
-        self.judge.releasing(owner)
-        broken = False
-        end = now() + 3 * ANSWER_LIMIT
-        while epoch == self.judge.epoch and now() < end:
-            since = now()
-            try:
-                code, _ = self.code("releaseDevice", handle=handle, deviceId=stage.DEVICE_ID)
-            except Broken:
-                broken = True
-                time.sleep(0.3)
-                continue
-            busy = code != 0 and now() - since > BUSY_TIME
-            if busy and not broken:
-                continue
-            if epoch == self.judge.epoch:
-                self.judge.check("reservation", code == 0 or broken, f"releaseDevice: {owner!r} is answered {code}")
-            self.judge.released(owner, epoch)
-            return
-
-
-class LegacyOwner(Owner):
-    def turn(self):
-        owner = f"old {self.address}-{self.turns}"
-        epoch = self.judge.reserving(owner)
-        since = now()
-        text = self.legacy("rkoAllocateDevice", DeviceOwner=owner, IfhClientIpAddr="ANY_HOST")
-        taken = "<number>0/number>" in text
-        self.judge.right("rkoAllocateDevice", since, taken or "<number>42030/number>" in text, text)
-        if not taken:
-            self.judge.released(owner, epoch)
-            self.judge.outcomes["rkoAllocateDevice"]["refused"] += 1
-            return
-        if not self.judge.reserved(owner, epoch, "0"):
-            return
-        self.look_at_rules(owner, epoch, None, "0")
-        since = now()
-        try:
-            status = self.legacy("rkoGetDeviceStatus", Any="")
-            if self.judge.holds(owner, epoch):
-                self.judge.right("rkoGetDeviceStatus", since, f'"DeviceOwner"><string>{owner}<' in status
-                                 and '"IsAllocated"><string>1<' in status, status, "true state")
-        finally:
-            self.judge.releasing(owner)
-        self.legacy("rkoReleaseDevice", DeviceOwner=owner)
-        # It has no answer of its own, and one that is busy leaves it to be asked again.
-        if now() - since < BUSY_TIME or self.information()[1] != owner:
-            self.judge.released(owner, epoch)
-
-
-class Supervisor(Owner):
-    """Stops and starts the service, asks how the box is."""
-
-    def turn(self):
-        if SERVICE_OWNER in self.judge.possible:  # the last answer was lost
-            self.start_service(self.judge.epoch)
-        choice = self.random.choice(["stop", "stop", "doSelftest", "getMonitoringStatus", "restartDevice"])
-        if choice == "stop":
-            return self.stop_service()
-        values = {"groupId": "TAVO"} if choice == "getMonitoringStatus" else {}
-        since = now()
-        answer = self.soap(choice, AGENT_PATH, **values)
-        text = find(answer, "return") if choice == "doSelftest" else find(answer, "status")
-        wanted = {"doSelftest": "30-network: OK", "getMonitoringStatus": "OK"}.get(choice, "")
-        return self.judge.right(choice, since, wanted in (text or ""), f"answers {text}")
-
-    def stop_service(self):
-        epoch = self.judge.reserving(SERVICE_OWNER)
-        answer = self.soap("stopService", AGENT_PATH, name=SERVICE_OWNER)
-        if client.local_name(answer) == "Fault":
-            self.judge.released(SERVICE_OWNER, epoch)
-            self.judge.outcomes["stopService"]["refused"] += 1
-            return
-        if not self.judge.reserved(SERVICE_OWNER, epoch, "127.0.0.1"):
-            return
-        self.look_at_rules(SERVICE_OWNER, epoch, None, "127.0.0.1")
-        running = self.soap("isServiceRunning", AGENT_PATH, name=SERVICE_OWNER)
-        if self.judge.holds(SERVICE_OWNER, epoch):
-            self.judge.right("isServiceRunning", now(), find(running, "return") == "false", "it is said to run")
-        if self.random.random() < 0.3:
-            self.come_in_between(epoch)
-        self.start_service(epoch)
-
-    def come_in_between(self, epoch):
-        """Somebody frees the stopped box, takes it, and must have it when the service is started."""
-        self.judge.releasing(SERVICE_OWNER)
-        self.legacy("rkoReleaseDevice", DeviceOwner=SERVICE_OWNER)
-        owner = f"between-{self.turns}"
-        taken = self.judge.reserving(owner)
-        code, answer = self.code("reserveDevice", deviceId=stage.DEVICE_ID, owner=owner, hostLock="")
-        if code != 0:
-            self.judge.released(owner, taken)
-        elif self.judge.reserved(owner, taken, ""):
-            try:
-                self.start_service(epoch)
-                self.information()
-            finally:
-                self.give_back(owner, taken, find(answer, "handle"))
-
-    def start_service(self, epoch):
-        self.judge.releasing(SERVICE_OWNER)
-        self.soap("startService", AGENT_PATH, name=SERVICE_OWNER)
-        self.judge.released(SERVICE_OWNER, epoch)
 
 
 class Reader(Actor):
@@ -461,8 +311,7 @@ class Reader(Actor):
     def dawdle(self):
         """A request that comes slowly is one all the same."""
         since = now()
-        text = envelope("<getDeviceInformation/>")
-        request = f"POST {client.PATH} HTTP/1.0\r\nContent-Length: {len(text)}\r\n\r\n{text}".encode()
+        request = soap_request("<getDeviceInformation/>")
         try:
             with socket.create_connection((stage.BOX, 5302), ANSWER_LIMIT, self.source()) as slow:
                 for start in range(0, len(request), 30):
@@ -519,65 +368,3 @@ class Seeker(Actor):
         since = now()
         fields = self.slp("SLP types", 9, ["", b"\xff\xff", "default"], 10, group)
         self.judge.right("SLP types", since, TYPES.encode() in fields.rest(), f"{fields.rest()}", "discovery")
-
-
-class Vanishing(Actor):
-    """Connects, and leaves in every way but the proper one."""
-
-    def turn(self):
-        self.random.choice([self.leave, self.leave_in_download, self.crowd, self.fall_silent])()
-        self.judge.outcomes["vanish"]["done"] += 1
-
-    def open(self):
-        return socket.create_connection((stage.BOX, self.random.choice([80, 5302])), ANSWER_LIMIT, self.source())
-
-    @staticmethod
-    def reset(connection):
-        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-        connection.close()
-
-    def send_and_reset(self, data, read=0):
-        since = now()
-        try:
-            connection = socket.create_connection((stage.BOX, 5302), ANSWER_LIMIT, self.source())
-            connection.sendall(data)
-            if read:
-                connection.recv(read)
-            Vanishing.reset(connection)
-        except OSError as error:
-            self.judge.unanswered("vanish", since, error, "silence")
-
-    def leave(self):
-        text = envelope("<getDeviceInformation/>")
-        request = f"POST {client.PATH} HTTP/1.0\r\nContent-Length: {len(text)}\r\n\r\n{text}".encode()
-        self.send_and_reset(request[:self.random.choice([0, 1, 40, len(request) - 5, len(request)])])
-
-    def leave_in_download(self):
-        self.send_and_reset(f"GET /web/show.jsp?file={TEXT_FILE} HTTP/1.0\r\n\r\n".encode(), 4096)
-
-    def crowd(self):
-        since = now()
-        connections = []
-        try:
-            for _ in range(12):
-                connections.append(self.open())
-        except OSError as error:
-            self.judge.unanswered("vanish", since, error, "silence")
-        finally:
-            for connection in connections:
-                self.reset(connection)
-
-    def fall_silent(self):
-        """Half a request, or none, and then nothing: the box ends the connection."""
-        since = now()
-        try:
-            with self.open() as connection:
-                connection.settimeout(SILENCE_LIMIT)
-                connection.sendall(self.random.choice([b"", b"POST ", b"GET /test HTTP/1.0\r\nHost"]))
-                while connection.recv(65536):
-                    pass
-        except ConnectionResetError:
-            pass
-        except OSError as error:
-            self.judge.unanswered("silent", since, error, "silence")
-        self.judge.answered("silent", since)

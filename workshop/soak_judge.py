@@ -4,6 +4,7 @@ Every check has a name; how often it was looked at, and what it found, is in the
 """
 
 import collections
+import contextlib
 import math
 import pathlib
 import re
@@ -27,6 +28,7 @@ ANSWER_LIMIT = 20 if RELEASE else 60  # seconds
 SILENCE_LIMIT = 5 + 10                # seconds until a connection that is silent ends, on a busy machine
 BUSY_TIME = 2                         # seconds after which a reservation may be refused as busy
 SLP_SIZE = 1400                       # most bytes of an answer
+LOG_LINES = 60
 SHOWN = 3                             # findings of a check that are shown
 
 PORTS = ("6801", "6802", "52410", "52411")
@@ -67,13 +69,14 @@ class Judge:
         self.start = now()
         self.looked = collections.Counter()
         self.findings = collections.defaultdict(list)
+        self.tails = {}  # of the log, when a check failed first
         self.outcomes = collections.defaultdict(collections.Counter)
         self.seconds = collections.defaultdict(list)
         self.calm_from = math.inf
         self.epoch = 0
         self.holder = None
-        self.host = None
         self.possible = set()  # owners whose reservation may exist
+        self.lost = set()      # those of them that have got no answer, and care no more
         self.gone = {}         # owners whose reservation cannot, and since when
         self.history = {}
 
@@ -83,6 +86,8 @@ class Judge:
             self.looked[name] += 1
             if good:
                 return True
+            if not self.findings[name]:
+                self.tails[name] = stage.log().splitlines()[-LOG_LINES:]
             self.findings[name].append(text)
             if len(self.findings[name]) <= SHOWN:
                 self.tell(f"FAILED {name} ({CHECKS[name]}): {text}")
@@ -138,14 +143,28 @@ class Judge:
             self.gone.pop(owner, None)
             return self.epoch
 
-    def reserved(self, owner, epoch, host):
+    @contextlib.contextmanager
+    def losing(self, owner, epoch):
+        """What breaks here leaves the reservation to whoever finds it."""
+        try:
+            yield
+        except Broken:
+            self.lose(owner, epoch)
+            raise
+
+    def lose(self, owner, epoch):
+        with self.lock:
+            if epoch == self.epoch:
+                self.lost.add(owner)
+
+    def reserved(self, owner, epoch):
         """False when the agent that has said so has been ended since."""
         with self.lock:
             if epoch != self.epoch:
                 return False
             self.check("one owner", self.holder is None, f"{owner!r} is told that he has the box, which "
                        f"{self.holder!r} has not released")
-            self.holder, self.host = owner, host
+            self.holder = owner
         return True
 
     def holds(self, owner, epoch):
@@ -160,6 +179,7 @@ class Judge:
         with self.lock:
             if epoch == self.epoch:
                 self.possible.discard(owner)
+                self.lost.discard(owner)
                 self.gone[owner] = now()
 
     def ending_agent(self):
@@ -168,6 +188,7 @@ class Judge:
             self.epoch += 1
             self.gone |= dict.fromkeys(self.possible, now())
             self.possible.clear()
+            self.lost.clear()
             self.holder = None
 
     def snapshot(self):
@@ -232,42 +253,6 @@ class Judge:
                 break
             time.sleep(0.2)
         self.check("rules", good, f"for {host or 'a free box'}: {'; '.join(lines)} {done.stderr}")
-
-
-class Settings:
-    """The configuration file: what must be in it."""
-
-    KEYS = ("tavo.hostname", "tavo.color", "country.code")
-    ADDRESS_KEY = "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips"
-    OLD = stage.CONFIGURATION.with_name(stage.CONFIGURATION.name + ".old")
-
-    def __init__(self, judge, fixed, values):
-        self.judge = judge
-        self.fixed = fixed
-        self.possible = {values}
-        stage.CONFIGURATION.write_text("".join(
-            f"{key}={value}\n" for key, value in [*fixed.items(), *zip(self.KEYS, values)]))
-
-    def offer(self, values):
-        """A manager gives these to whom signs in."""
-        self.possible.add(values)
-
-    def saved(self, values):
-        """A box that signs in has saved them: it had not asked for that otherwise."""
-        self.possible = {values}
-
-    def check(self, text=None, where="the file"):
-        possible = set(self.possible)  # a sign-in may come to its end meanwhile
-        if text is None:
-            try:
-                text = stage.CONFIGURATION.read_text()
-            except FileNotFoundError:  # in the middle of a save; a start reads the other one then
-                text = self.OLD.read_text()
-        found = dict(line.partition("=")[::2] for line in text.splitlines())
-        lost = {key: found.get(key) for key, value in self.fixed.items() if found.get(key) != value}
-        values = tuple(found.get(key) for key in self.KEYS)
-        self.judge.check("settings", not lost and text.endswith("\n") and values in possible | self.possible,
-                         f"{where}: lost or changed {lost}; {values} is none of {possible}: {text!r}")
 
 
 class Process:

@@ -4,7 +4,7 @@ import socket
 
 import client
 import stage
-from soak_clients import AGENT_PATH, Actor, envelope, legacy_form
+from soak_clients import AGENT_PATH, TEXT_FILE, Actor, envelope, legacy_form, soap_request
 from soak_judge import ANSWER_LIMIT, SILENCE_LIMIT, now
 
 FULL_BODY = (1 << 20) - 200  # as many bytes as the box takes
@@ -117,3 +117,54 @@ class Stranger(Actor):
                 except OSError:
                     pass  # the cable is out
         self.judge.outcomes["SLP rubbish"]["sent"] += 20
+
+
+class Vanishing(Actor):
+    """Connects, and leaves in every way but the proper one."""
+
+    def turn(self):
+        self.random.choice([self.leave, self.leave_in_download, self.crowd, self.fall_silent])()
+        self.judge.outcomes["vanish"]["done"] += 1
+
+    def open(self):
+        return socket.create_connection((stage.BOX, self.random.choice([80, 5302])), ANSWER_LIMIT, self.source())
+
+    def leave(self):
+        request = soap_request("<getDeviceInformation/>")
+        self.send_and_reset(request[:self.random.choice([0, 1, 40, len(request) - 5, len(request)])])
+
+    def leave_in_download(self):
+        self.send_and_reset(f"GET /web/show.jsp?file={TEXT_FILE} HTTP/1.0\r\n\r\n".encode(), 4096)
+
+    def crowd(self):
+        since = now()
+        connections = []
+        try:
+            for _ in range(12):
+                connections.append(self.open())
+        except OSError as error:
+            self.judge.unanswered("vanish", since, error, "silence")
+        finally:
+            for connection in connections:
+                self.reset(connection)
+
+    def fall_silent(self):
+        """Half a request, or none, and then nothing: the box ends the connection."""
+        since = now()
+        try:
+            with self.open() as connection:
+                connection.settimeout(0.2)
+                connection.sendall(self.random.choice([b"", b"POST ", b"GET /test HTTP/1.0\r\nHost"]))
+                while not self.gate.closed:
+                    try:
+                        if not connection.recv(65536):
+                            break
+                    except TimeoutError as late:
+                        if now() - since > SILENCE_LIMIT:
+                            self.judge.unanswered("silent", since, late, "silence")
+        except ConnectionResetError:
+            pass
+        except OSError as error:
+            self.judge.unanswered("silent", since, error, "silence")
+        if not self.gate.closed:
+            self.judge.answered("silent", since)
