@@ -32,6 +32,7 @@ STOP_LIMIT = 3 if RELEASE else 30      # a sanitizer looks for leaks at the end
 QUIET_LIMIT = 3 * ANSWER_LIMIT         # seconds until the clients have come to the end of their turns
 OVERTIME = 180                         # seconds after which a soak that does not end is given up
 GRACE = 1, 10                          # seconds of calm after a start, after the cable's return
+FREE_LOOKS = 3                         # a request whose client has gone may still be at work
 RULES_PATIENCE = 5                     # a sign-in may just have the box
 LAST_START = 8                         # seconds before the end: later nothing is started
 LIFE = 7, 1 / 5                        # seconds that an agent lives at least; most of it, of the whole time
@@ -144,12 +145,13 @@ class Soak:
         return True
 
     def wait_until_free(self):
-        """Frees what is left over from lost answers, and waits for a sign-in."""
-        end = now() + QUIET_LIMIT
+        """Frees what is left over from lost answers, and waits for a sign-in. True once nothing more comes."""
+        end, looks, owner = now() + QUIET_LIMIT, 0, None
         while now() < end:
             with contextlib.suppress(Broken):
                 state, owner = self.asking.information()
-                if state == "4":
+                looks = looks + 1 if state == "4" else 0
+                if looks == FREE_LOOKS:
                     return True
                 self.asking.free_lost(owner)
             time.sleep(0.1)
@@ -185,9 +187,10 @@ class Soak:
     def reserve(self):
         """A free box is to be had by whoever asks, but when a sign-in has it, or when it is too hot."""
         owner = f"quiet {self.counts['quiet moments']}.{self.counts['starts']}"
-        for _ in range(20):
+        end = now() + QUIET_LIMIT
+        seen = "no answer"
+        while now() < end:
             epoch = self.judge.reserving(owner)
-            code = "no answer"
             with contextlib.suppress(Broken), self.judge.losing(owner, epoch):
                 code, answer = self.asking.code("reserveDevice", deviceId=stage.DEVICE_ID, owner=owner,
                                                 hostLock="192.168.68.99")
@@ -195,8 +198,11 @@ class Soak:
                     self.judge.check("reservation", True, "")
                     return owner, epoch, soak_clients.find(answer, "handle")
                 self.judge.released(owner, epoch)
-            time.sleep(0.5)
-        self.judge.check("reservation", False, f"a box that nobody has is refused with {code}")
+                seen = code, self.asking.information()
+                if seen == (10, ("4", "")):
+                    break
+            self.wait_until_free()
+        self.judge.check("reservation", False, f"a box that nobody has is refused: {seen}")
         return None
 
     def pull_cable(self, state):

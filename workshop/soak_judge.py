@@ -199,7 +199,7 @@ class Judge:
         """Judges what an answer says; `before` is the snapshot at its request."""
         with self.lock:
             holder, epoch = before
-            if epoch != self.epoch:
+            if epoch != self.epoch or not self.is_undisturbed(since):
                 return
             if holder is not None and holder == self.holder:
                 self.check("true state", (state, owner) == ("5", holder), f"{kind} shows state {state} of "
