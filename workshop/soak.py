@@ -35,7 +35,7 @@ GRACE = 1, 10                          # seconds of calm after a start, after th
 FREE_LOOKS = 3                         # a request whose client has gone may still be at work
 RULES_PATIENCE = 5                     # a sign-in may just have the box
 LAST_START = 8                         # seconds before the end: later nothing is started
-LIFE = 7, 1 / 5                        # seconds that an agent lives at least; most of it, of the whole time
+LIFE = 6, 1 / 8                        # seconds that an agent lives at least; most of it, of the whole time
 MARK = f"SOAKED={os.getpid()}"
 ENDS = ["kill at work", "kill reserved", "term at work", "term reserved"]
 EVENTS = ["cable", "manager", "quiet", "cable", "quiet"]

@@ -1,5 +1,6 @@
 """What strangers send to the box that is soaked: broken HTTP, SOAP, WDDX and SLP."""
 
+import contextlib
 import socket
 
 import client
@@ -33,7 +34,8 @@ class Stranger(Actor):
                 try:
                     connection.sendall(data)
                     if self.random.random() < 0.5:
-                        connection.shutdown(socket.SHUT_WR)
+                        with contextlib.suppress(OSError):  # the box has closed it already
+                            connection.shutdown(socket.SHUT_WR)
                     while part := connection.recv(65536):
                         answer += part
                 except (ConnectionResetError, BrokenPipeError):
