@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <span>
 
 #include "HeldMutex.h"
@@ -24,7 +26,7 @@ constexpr std::size_t kReadyBytes = 512;
 
 class Stream {
 public:
-    explicit constexpr Stream(int descriptor) : descriptor_(descriptor) {}
+    explicit Stream(int descriptor) : descriptor_(descriptor) {}
 
     void Write(std::string_view line) noexcept {
         const std::lock_guard lock(mutex_);
@@ -139,18 +141,22 @@ private:
     bool cut_ = false;
 };
 
-// Lines are written while the process ends: these are never destroyed.
-constinit Stream output(STDOUT_FILENO);
-constinit Stream error(STDERR_FILENO);
+/// Never destroyed, since lines are written while the process ends, and without taking memory.
+template <int kDescriptor>
+Stream& StreamOf() {
+    alignas(Stream) static std::array<std::byte, sizeof(Stream)> memory;
+    static Stream& stream = *new (memory.data()) Stream(kDescriptor);
+    return stream;
+}
 
 }  // namespace
 
 void Print(std::string_view text) noexcept {
-    output.Write(text);
+    StreamOf<STDOUT_FILENO>().Write(text);
 }
 
 void PrintError(std::string_view text) noexcept {
-    error.Write(text);
+    StreamOf<STDERR_FILENO>().Write(text);
 }
 
 }  // namespace Console
