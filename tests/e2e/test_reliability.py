@@ -195,7 +195,7 @@ def test_a_start_without_threads_is_left_to_the_next(shim):
     if not shim:
         pytest.skip("cannot be brought about")
     with file("/run/no-threads"):
-        assert box.Agent(ALONE, shim).process.wait(60) == 1
+        assert box.Agent(ALONE, preload=shim).process.wait(60) == 1
     with agent(ALONE, shim) as running:
         running.wait_until_serving()
 

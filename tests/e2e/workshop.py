@@ -66,7 +66,7 @@ class Manager:
 def agent(configuration=PLAIN, preload=""):
     """An agent that must end well."""
     box.LOG.unlink(missing_ok=True)
-    running = box.Agent(configuration, preload)
+    running = box.Agent(configuration, preload=preload)
     try:
         yield running
     finally:
