@@ -2,42 +2,43 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <array>
+#include <span>
 #include <thread>
-
-#include "HeldMutex.h"
 
 namespace {
 
 constexpr std::chrono::milliseconds kPause{10};
 
-std::array<HeldMutex, LargeText::kPlaces>& Places() {
-    static std::array<HeldMutex, LargeText::kPlaces> places;
-    return places;
+std::span<HeldMutex> PlacesFor(std::size_t size) {
+    static std::array<HeldMutex, LargeText::kPlaces> large;
+    static std::array<HeldMutex, LargeText::kMediumPlaces> medium;
+    return size > LargeText::kSize ? std::span<HeldMutex>(large) : std::span<HeldMutex>(medium);
 }
 
 }  // namespace
 
-LargeText::LargeText(std::size_t size) : isLarge_(size > kSize) {
+LargeText::LargeText(std::size_t size) : needsPlace_(size > kMediumSize) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point end = Clock::now() + kPatience;
-    while (isLarge_ && place_ == kNone) {
-        for (int i = 0; i < kPlaces && place_ == kNone; ++i) {
-            place_ = Places()[static_cast<std::size_t>(i)].try_lock() ? i : kNone;
-        }
-        if (place_ == kNone) {
-            if (Clock::now() >= end) {
-                return;
-            }
+    const std::span<HeldMutex> places = PlacesFor(size);
+    while (needsPlace_ && place_ == nullptr) {
+        const auto free = std::find_if(places.begin(), places.end(),
+                                       [](HeldMutex& place) { return place.try_lock(); });
+        if (free != places.end()) {
+            place_ = &*free;
+        } else if (Clock::now() >= end) {
+            return;
+        } else {
             std::this_thread::sleep_for(kPause);
         }
     }
 }
 
 LargeText::~LargeText() {
-    if (place_ == kNone) {
-        return;
+    if (place_ != nullptr) {
+        malloc_trim(0);
+        place_->unlock();
     }
-    malloc_trim(0);
-    Places()[static_cast<std::size_t>(place_)].unlock();
 }

@@ -27,6 +27,8 @@ public:
     /// false when no thread can be made. Where `work` runs out of memory it is called again, and so
     /// returns at once when it is to stop.
     bool Start(const char* name, std::function<void()> work);
+    /// Whether there is a thread to wait for.
+    bool IsStarted() const { return running_; }
     /// Waits for the thread's end; nothing to wait for is no error. Returns false when it cannot be
     /// waited for.
     bool Join();

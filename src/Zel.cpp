@@ -1,5 +1,6 @@
 #include "Zel.h"
 
+#include <malloc.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -128,19 +129,18 @@ int Zel::Main() {
         ZEL_INFO("* ZEL exiting...");
         return EXIT_SUCCESS;
     }
-    const bool isStarted = StartSlpService() && StartWebServer();
-    if (isStarted) {
-        ReportUpdateStates();
-        IdleUntilStopped();
-    } else {
-        ZEL_ERROR("Can't start a thread for a service, the next start may");
+    PrepareWebServer();
+    if (!StartServices()) {
+        ZEL_ERROR("Can't start a thread for a service, trying again");
     }
+    ReportUpdateStates();
+    IdleUntilStopped();
     ZEL_INFO("* ZEL exiting...");
     if (!Stop()) {
         // A request or the sign-in is still at work; what it uses must not be destroyed under it.
-        std::_Exit(isStarted ? EXIT_SUCCESS : EXIT_FAILURE);
+        std::_Exit(EXIT_SUCCESS);
     }
-    return isStarted ? EXIT_SUCCESS : EXIT_FAILURE;
+    return EXIT_SUCCESS;
 }
 
 bool Zel::Stop() {
@@ -171,11 +171,22 @@ bool Zel::SetUpNetwork() {
     return true;
 }
 
-bool Zel::StartSlpService() {
-    if (!slpService_.Start(kAllSlpThreads)) {
-        return false;
+/// Starts what does not run yet. False when there was no thread for a service.
+bool Zel::StartServices() {
+    if (!slpStarted_) {
+        slpStarted_ = slpService_.Start(kAllSlpThreads);
+        if (!slpStarted_) {
+            return false;
+        }
+        ZEL_INFO("* SLP service started.");
     }
-    ZEL_INFO("* SLP service started.");
+    if (!webStarted_) {
+        webStarted_ = webServer_.Start();
+        if (!webStarted_) {
+            return false;
+        }
+        ZEL_INFO("* Webserver service started.");
+    }
     return true;
 }
 
@@ -187,7 +198,7 @@ void Zel::SetDefaultHostName() {
     }
 }
 
-bool Zel::StartWebServer() {
+void Zel::PrepareWebServer() {
     modeSwitch_.emplace(network_, *setNet_, [this] { slpService_.JoinGroups(); });
     connectorServlet_.emplace(
         ZelConnectorServlet::Device{config_, reservation_, trigger15_, *modeSwitch_});
@@ -196,15 +207,13 @@ bool Zel::StartWebServer() {
     webServer_.AddRegistration(rkoServlet_);
     webServer_.AddRegistration(fileDownloadServlet_);
     webServer_.AddRegistration(testServlet_);
-    webServer_.OnServed([this] { discoverMode_.Event(DiscoverModeCtrl::Trigger::kCommunicated); });
+    webServer_.OnServed([this] {
+        discoverMode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+        served_ = true;
+    });
     for (const std::uint16_t port : kPorts) {
         webServer_.AddPort(port);
     }
-    if (!webServer_.Start()) {
-        return false;
-    }
-    ZEL_INFO("* Webserver service started.");
-    return true;
 }
 
 void Zel::ReportUpdateStates() {
@@ -224,5 +233,9 @@ void Zel::IdleUntilStopped() {
     sigdelset(&unblocked, SIGTERM);
     while (running != 0) {
         ppoll(nullptr, 0, &kIdleTime, &unblocked);
+        StartServices();
+        if (served_.exchange(false)) {
+            malloc_trim(0);  // what many requests at once have taken goes back to the system
+        }
     }
 }

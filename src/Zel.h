@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <optional>
 
 #include "DeviceReservation.h"
@@ -27,8 +28,7 @@ public:
     Zel(const Zel&) = delete;
     Zel& operator=(const Zel&) = delete;
 
-    /// Runs the agent until it is asked to stop. Returns the exit status: 0, or 1 when a service
-    /// has got no thread, which another start may mend.
+    /// Runs the agent until it is asked to stop. Returns the exit status, always 0.
     int Main();
 
 private:
@@ -36,10 +36,10 @@ private:
     void SetClock();
     void SetDefaultHostName();
     bool SetUpNetwork();
-    bool StartSlpService();
-    bool StartWebServer();
+    void PrepareWebServer();
+    bool StartServices();
     static void ReportUpdateStates();
-    static void IdleUntilStopped();
+    void IdleUntilStopped();
     bool Stop();
 
     ZelLogging logging_;
@@ -58,5 +58,8 @@ private:
     TestServlet testServlet_;
     WebServer webServer_{config_};
     OrsSignIn signIn_{config_, reservation_, discoverMode_};
+    bool slpStarted_ = false;
+    bool webStarted_ = false;
+    std::atomic<bool> served_ = false;
     ZelSlpService slpService_{config_, discoverMode_, [this] { signIn_.Run(); }};
 };

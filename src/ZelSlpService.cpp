@@ -62,11 +62,16 @@ ZelSlpService::~ZelSlpService() {
 }
 
 bool ZelSlpService::Start(unsigned flags) {
-    if (!socket_.Open("0.0.0.0", SlpBase::kPort)) {
-        ZEL_ERROR("Can't open SLP socket on port %d!", SlpBase::kPort);
+    if (!answering_.IsStarted()) {
+        if (!socket_.Open("0.0.0.0", SlpBase::kPort)) {
+            ZEL_ERROR("Can't open SLP socket on port %d!", SlpBase::kPort);
+        }
+        if (!answering_.Start("ZelSlpService", [this] { AnswerRequests(); })) {
+            return false;
+        }
     }
-    return answering_.Start("ZelSlpService", [this] { AnswerRequests(); }) &&
-           ((flags & kSignIn) == 0 || signingIn_.Start("OrsSignInService", [this] { SignIn(); }));
+    return (flags & kSignIn) == 0 || signingIn_.IsStarted() ||
+           signingIn_.Start("OrsSignInService", [this] { SignIn(); });
 }
 
 bool ZelSlpService::Stop(unsigned flags) {

@@ -33,7 +33,8 @@ public:
 
     /// Opens the socket and starts the answering thread and, with kSignIn, the sign-in thread. To
     /// be called when the interface is configured: the multicast groups are joined on it. Returns
-    /// false when a thread cannot be made. A socket that cannot be opened is only logged.
+    /// false when a thread cannot be made; another call then starts what is missing. A socket that
+    /// cannot be opened is only logged.
     bool Start(unsigned flags);
 
     /// To be called when the box may be on another interface: multicasts are received there too.

@@ -270,12 +270,14 @@ TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
 
 TEST(LargeTextTest, AThreadThatFaultsGivesItsPlaceBack) {
     CrashGuard::Install();
-    for (int i = 0; i <= LargeText::kPlaces; ++i) {
-        EXPECT_FALSE(CrashGuard::Run([] {
-            const LargeText place(LargeText::kSize + 1);
-            EXPECT_TRUE(place.MayBeRead());
-            raise(SIGSEGV);
-        }));
+    for (std::size_t i = 0; i <= LargeText::kMediumPlaces; ++i) {
+        for (const std::size_t size : {LargeText::kSize + 1, LargeText::kSize}) {
+            EXPECT_FALSE(CrashGuard::Run([size] {
+                const LargeText place(size);
+                EXPECT_TRUE(place.MayBeRead());
+                raise(SIGSEGV);
+            }));
+        }
     }
 }
 
