@@ -52,7 +52,7 @@ private:
     bool ComputeListening(std::size_t level) const;
     void CollectClients(int level, std::vector<LogClient*>& clients) const;
     void Write(int level, const char* sourceFile, int sourceLine, const char* format,
-               va_list arguments) const;
+               va_list arguments) const __attribute__((format(printf, 5, 0)));
     static void RefreshListening();
 
     struct Registry;
