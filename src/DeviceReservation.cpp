@@ -73,7 +73,7 @@ bool DeviceReservation::Reserve(const std::string& owner, const std::string& hos
     }
     handle = drawn;
     config_.Set(kHandleKey, handle, ZelConfig::Kind::kFixed);
-    config_.Set(kOwnerKey, owner, ZelConfig::Kind::kFixed);
+    config_.Set(kOwnerKey, owner.substr(0, kMaxOwner), ZelConfig::Kind::kFixed);
     try {
         SetHostLock(hostLock.empty() ? "0" : hostLock);
         config_.Set(kUuidKey, kReservedUuid, ZelConfig::Kind::kFixed);
@@ -95,7 +95,7 @@ bool DeviceReservation::Release(const std::string& handle) {
 
 bool DeviceReservation::ReleaseOwnedBy(const std::string& owner) {
     const std::unique_lock lock = Lock();
-    return lock && ReleaseWhere(kOwnerKey, owner);
+    return lock && ReleaseWhere(kOwnerKey, owner.substr(0, kMaxOwner));
 }
 
 bool DeviceReservation::ReleaseWhere(const char* key, const std::string& value) {

@@ -26,6 +26,10 @@ public:
     /// What a request's handle is worth; the values are the error codes that clients know.
     enum class Session { kValid = 0, kWrongHandle = 7, kNotReserved = 9 };
 
+    /// Bytes of an owner's name that are kept and compared: every information request is answered
+    /// with it.
+    static constexpr std::size_t kMaxOwner = std::size_t{32} * 1024;
+
     static constexpr std::chrono::seconds kPatience{4};
     /// Time in which rules are removed at the start, whose number is not known.
     static constexpr std::chrono::seconds kStartLimit{60};

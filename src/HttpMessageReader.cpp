@@ -218,13 +218,16 @@ bool HttpMessageReader::ReadSizedBody(HttpRequest& request) {
     // Every receive asks for the full length, so the last one may take bytes of a request that
     // follows.
     std::string& body = request.body.emplace();
+    int receives = 0;
     while (body.size() < length) {
         if (WaitForInput() < 1) {
             ZEL_ERROR("Waiting on http frame timed out or faild");
             break;
         }
         const long received = Append(request, body, length);
-        ZEL_DEBUG("Received %d bytes should %d", ToInt(body.size()), request.contentLength);
+        if (++receives <= kMaxLoggedReceives || received < 1 || body.size() == length) {
+            ZEL_DEBUG("Received %d bytes should %d", ToInt(body.size()), request.contentLength);
+        }
         if (received < 1) {
             break;
         }

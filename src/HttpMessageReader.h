@@ -30,6 +30,10 @@ public:
     static constexpr int kMaxLargeBodies = 32;
     static constexpr std::size_t kSmallBody = std::size_t{64} * 1024;
 
+    /// Receives of one sized body that are logged, besides the last: a body that comes byte by byte
+    /// would roll the log over.
+    static constexpr int kMaxLoggedReceives = 64;
+
     // Results of ReadLine().
     static constexpr int kTimedOut = -1;
     static constexpr int kClosed = -2;

@@ -51,9 +51,13 @@ bool IsStopped(const ZelConfig& config) {
     return config.Get(kStoppedKey) == "1";
 }
 
+std::string Told(const std::string& name) {
+    return XmlText::Escape(name.substr(0, OrsAgentServlet::kMaxName));
+}
+
 int RefuseName(HttpResponse& response, const std::string& name) {
-    return ZelWsdlServlet::SendFault(response, "java.lang.IllegalArgumentException: No service " +
-                                                   XmlText::Escape(name) + " found!");
+    return ZelWsdlServlet::SendFault(
+        response, "java.lang.IllegalArgumentException: No service " + Told(name) + " found!");
 }
 
 int DoSelftest(const xmlNode* /*method*/, const HttpRequest& request, HttpResponse& response,
@@ -116,8 +120,7 @@ int IsServiceRunning(const xmlNode* method, const HttpRequest& request, HttpResp
     const std::string name = XmlText::ChildText(method, "name");
     if (name != kServiceName) {
         return ZelWsdlServlet::SendFault(
-            response,
-            "java.lang.IllegalArgumentException: WRONG service name!: " + XmlText::Escape(name));
+            response, "java.lang.IllegalArgumentException: WRONG service name!: " + Told(name));
     }
     const char* running = IsStopped(DeviceOf(servlet).config) ? "false" : "true";
     return ZelWsdlServlet::Answer(

@@ -269,15 +269,21 @@ std::string ChildTextByPartialName(const xmlNode* parent, std::string_view name)
 std::map<std::string, std::string> CommandParameters(const xmlNode* method) {
     constexpr std::string_view kParameters = "pParameters";
     std::map<std::string, std::string> parameters;
+    int count = 0;
     for (const xmlNode* child = method->children; child != nullptr; child = child->next) {
         if (child->type == XML_ELEMENT_NODE &&
             kParameters.find(XmlText::LocalName(child)) != std::string_view::npos) {
             const std::string key = ChildTextByPartialName(child, "key");
             const std::string value = ChildTextByPartialName(child, "value");
-            ZEL_DEBUG("executeGenericCommand key '%s' value '%s'", LogText::Of(key).c_str(),
-                      LogText::Of(value).c_str());
+            if (++count <= ZelConnectorServlet::kMaxLoggedParameters) {
+                ZEL_DEBUG("executeGenericCommand key '%s' value '%s'", LogText::Of(key).c_str(),
+                          LogText::Of(value).c_str());
+            }
             parameters[key] = value;
         }
+    }
+    if (count > ZelConnectorServlet::kMaxLoggedParameters) {
+        ZEL_DEBUG("executeGenericCommand: %d parameters in all", count);
     }
     return parameters;
 }

@@ -19,6 +19,9 @@ public:
         ModeSwitch& modeSwitch;
     };
 
+    /// Parameters of one generic command that are logged: thousands would roll the log over.
+    static constexpr int kMaxLoggedParameters = 32;
+
     explicit ZelConnectorServlet(const Device& device);
 
     std::unique_ptr<ZelServlet> MakeInstance() const override;
