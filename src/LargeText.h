@@ -16,8 +16,10 @@ public:
     /// want something are smaller.
     static constexpr std::size_t kMediumSize = std::size_t{4} * 1024;
     static constexpr std::size_t kMediumPlaces = 8;
-    /// How long a text waits for its place.
+    /// How long a text waits for its place, and how many wait at a time for those of one size:
+    /// their connections give way to nobody.
     static constexpr std::chrono::seconds kPatience{20};
+    static constexpr int kMaxWaiting = 64;
 
     /// Waits for a place, if a text of `size` bytes needs one. Whatever is locked while it is held
     /// is unlocked before it is given back.
@@ -27,7 +29,7 @@ public:
     LargeText(const LargeText&) = delete;
     LargeText& operator=(const LargeText&) = delete;
 
-    /// False when the wait was in vain.
+    /// False when the wait was in vain, or too many were waiting.
     bool MayBeRead() const { return !needsPlace_ || place_ != nullptr; }
 
 private:
