@@ -15,7 +15,8 @@ constexpr int kIdleRank = 0;
 constexpr int kHungUpRank = 1;
 constexpr int kReceivingRank = 2;
 constexpr int kSendingRank = 3;
-constexpr int kStays = 4;
+constexpr int kJustSendingRank = 4;
+constexpr int kStays = 5;
 
 bool Shows(int socket, short events) {
     pollfd state{socket, events, 0};
@@ -24,10 +25,11 @@ bool Shows(int socket, short events) {
 
 }  // namespace
 
-void ConnectionTable::Place::SetPhase(Phase phase) {
+bool ConnectionTable::Place::SetPhase(Phase phase) {
     const std::lock_guard lock(table_->mutex_);
     phase_ = phase;
     since_ = Clock::now();
+    return counts_;
 }
 
 bool ConnectionTable::Close(std::chrono::milliseconds patience) {
@@ -50,30 +52,44 @@ int ConnectionTable::YieldRank(const Place& place, Clock::time_point now) {
             case Phase::kReceiving:
                 return kReceivingRank;
             case Phase::kSending:
-                return now - place.since_ > kSendGrace ? kSendingRank : kStays;
+                return now - place.since_ > kSendGrace ? kSendingRank : kJustSendingRank;
         }
     }
     return kStays;
 }
 
 /// Of the places that the filter lets through, whether one of `places` is free, or becomes free
-/// because somebody gives way.
+/// because somebody gives way to `comer`.
 template <typename Filter>
-bool ConnectionTable::HasRoom(std::size_t places, Filter filter) {
-    const auto taken = std::count_if(places_.begin(), places_.end(), [&](const Place* place) {
-        return place->counts_ && filter(*place);
-    });
-    if (static_cast<std::size_t>(taken) < places) {
+bool ConnectionTable::HasRoom(const Place& comer, std::size_t places, Filter filter) {
+    const auto count = [this](auto isCounted) {
+        return std::count_if(places_.begin(), places_.end(), [&](const Place* place) {
+            return place->counts_ && isCounted(*place);
+        });
+    };
+    if (static_cast<std::size_t>(count(filter)) < places) {
         return true;
     }
+    const auto countOf = [&count](in_addr_t peer) {
+        return count([peer](const Place& place) { return place.peer_ == peer; });
+    };
+    const std::ptrdiff_t ofComer = countOf(comer.peer_) + 1;
     const Clock::time_point now = Clock::now();
-    std::tuple<int, Clock::time_point, Place*> first{kStays, now, nullptr};
+    std::tuple<int, std::ptrdiff_t, Clock::time_point, Place*> first{kStays, 0, now, nullptr};
     for (Place* place : places_) {
-        if (filter(*place)) {
-            first = std::min(first, {YieldRank(*place, now), place->since_, place});
+        const int rank = filter(*place) ? YieldRank(*place, now) : kStays;
+        if (rank == kStays) {
+            continue;
         }
+        // Between requests nobody loses one. Else peers that come in great number would end the
+        // requests of those who have a single connection.
+        const std::ptrdiff_t held = rank == kIdleRank ? 0 : countOf(place->peer_);
+        if (rank == kJustSendingRank && held <= ofComer) {
+            continue;
+        }
+        first = std::min(first, {rank, -held, place->since_, place});
     }
-    const auto [rank, since, place] = first;
+    const auto [rank, held, since, place] = first;
     if (rank == kStays) {
         return false;
     }
@@ -81,7 +97,7 @@ bool ConnectionTable::HasRoom(std::size_t places, Filter filter) {
     // Its thread reads the end now, or cannot go on sending. What has been received before is
     // still read and answered, and so is a request that is being served.
     if (rank != kHungUpRank) {
-        shutdown(place->socket_, rank == kSendingRank ? SHUT_RDWR : SHUT_RD);
+        shutdown(place->socket_, rank >= kSendingRank ? SHUT_RDWR : SHUT_RD);
     }
     return true;
 }
@@ -92,8 +108,9 @@ bool ConnectionTable::Enter(Place& place) {
     const auto threads = std::count_if(places_.begin(), places_.end(),
                                        [&](const Place* other) { return isOfPeer(*other); });
     if (closed_ || places_.size() >= kMaxThreads ||
-        static_cast<std::size_t>(threads) >= kMaxThreads / 2 || !HasRoom(kMaxOfAddress, isOfPeer) ||
-        !HasRoom(kMaxConnections, [](const Place&) { return true; })) {
+        static_cast<std::size_t>(threads) >= kMaxThreads / 2 ||
+        !HasRoom(place, kMaxOfAddress, isOfPeer) ||
+        !HasRoom(place, kMaxConnections, [](const Place&) { return true; })) {
         return false;
     }
     places_.push_back(&place);

@@ -21,13 +21,13 @@ public:
     /// Most threads in all, those included that have given way and are about to end; one address
     /// has at most half of these, too.
     static constexpr std::size_t kMaxThreads = 2 * kMaxConnections;
-    /// How long a response may be under way before its connection can give way.
+    /// How long a response may be under way before its connection can give way to any other.
     static constexpr std::chrono::seconds kSendGrace{5};
 
     /// What a connection is doing.
     enum class Phase {
-        kIdle,       ///< waits for the first byte of a request
-        kReceiving,  ///< reads one
+        kIdle,       ///< waits for another request
+        kReceiving,  ///< waits for the first one, or reads one
         kServing,    ///< has it served
         kSending     ///< sends the response
     };
@@ -41,20 +41,22 @@ public:
         Place(const Place&) = delete;
         Place& operator=(const Place&) = delete;
 
-        /// Enters the table as an idle connection. When all places, or those of this address, are
-        /// taken, the one (of all, or of this address) gives way that has been idle longest; else
-        /// one whose client has hung up while its request is served; else the one that has been
-        /// receiving longest; else the one that has been sending longest, beyond kSendGrace. False
-        /// when there is none, and when the table is closed.
+        /// Enters the table as a receiving connection. When all places, or those of this address,
+        /// are taken, the one (of all, or of this address) gives way that has been idle longest;
+        /// else one whose client has hung up while its request is served; else one that is
+        /// receiving; else one that has been sending beyond kSendGrace; else one that is sending
+        /// to an address with more places: of the address that has most, that which has been at it
+        /// longest. False when there is none, and when the table is closed.
         bool Take() { return table_->Enter(*this); }
-        void SetPhase(Phase phase);
+        /// False when the connection has given way: its thread is to wait for nothing any more.
+        bool SetPhase(Phase phase);
 
     private:
         friend class ConnectionTable;
         const std::shared_ptr<ConnectionTable> table_;
         const int socket_;
         const in_addr_t peer_;
-        Phase phase_ = Phase::kIdle;
+        Phase phase_ = Phase::kReceiving;
         std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
         bool counts_ = true;
     };
@@ -69,7 +71,7 @@ private:
     bool Enter(Place& place);
     void Leave(const Place& place);
     template <typename Filter>
-    bool HasRoom(std::size_t places, Filter filter);
+    bool HasRoom(const Place& comer, std::size_t places, Filter filter);
     static int YieldRank(const Place& place, std::chrono::steady_clock::time_point now);
 
     std::mutex mutex_;

@@ -91,6 +91,7 @@ HttpConnection::HttpConnection(int descriptor, in_addr peer, const ServletRegist
 void HttpConnection::Serve() {
     try {
         while (ServeRequest()) {
+            place_.SetPhase(reader_.HasUnread() ? Phase::kReceiving : Phase::kIdle);
         }
     } catch (const std::bad_alloc&) {
         ZEL_ERROR("Out of memory, giving up a request");
@@ -112,7 +113,6 @@ bool HttpConnection::ServeRequest() {
     response_ = {};
     servlet_.reset();
     SetLocalEnd(socket_.Get(), request_);
-    place_.SetPhase(reader_.HasUnread() ? Phase::kReceiving : Phase::kIdle);
     const bool begun = reader_.WaitForMessage();
     place_.SetPhase(Phase::kReceiving);
     if (!begun || !reader_.ReadHead(request_)) {
@@ -132,8 +132,8 @@ bool HttpConnection::ServeRequest() {
     const int result = CallServlet();
     const bool isLast = response_.keptUntilReceived != nullptr;
     response_.keepAlive = response_.keepAlive && !isLast;
-    place_.SetPhase(Phase::kSending);
-    const bool sent = Send();
+    const bool stays = place_.SetPhase(Phase::kSending);
+    const bool sent = Send(stays ? kResponseTimeLimit : std::chrono::seconds{0});
     place_.SetPhase(Phase::kServing);
     if (result == ZelServlet::kPostResponse) {
         servlet_->PostResponse();
@@ -163,14 +163,14 @@ int HttpConnection::CallServlet() {
     return servlet_->Service(request_, response_);
 }
 
-bool HttpConnection::Send() {
+bool HttpConnection::Send(std::chrono::seconds timeLimit) {
     if (response_.status != kOk && response_.body.empty()) {
         response_.body = kNotFoundText;
     }
     std::string head = Head(response_);
     std::array<iovec, 2> parts{iovec{head.data(), head.size()},
                                iovec{response_.body.data(), response_.body.size()}};
-    const Clock::time_point deadline = Clock::now() + kResponseTimeLimit;
+    const Clock::time_point deadline = Clock::now() + timeLimit;
     return SendAll(parts, deadline) && (response_.fileLength == 0 || SendFile(deadline));
 }
 

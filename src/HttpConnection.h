@@ -42,7 +42,7 @@ public:
 private:
     bool ServeRequest();
     int CallServlet();
-    bool Send();
+    bool Send(std::chrono::seconds timeLimit);
     bool SendFile(std::chrono::steady_clock::time_point deadline);
     bool SendAll(std::span<iovec> parts, std::chrono::steady_clock::time_point deadline);
     void Linger();
