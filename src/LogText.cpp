@@ -1,21 +1,22 @@
 #include "LogText.h"
 
+#include <cstdint>
+
+#include "Utf8.h"
+
 namespace LogText {
 namespace {
 
-constexpr std::size_t kLongestPiece = 4;  // "\x1b", or a character in UTF-8
-
-bool IsControl(char c) {
-    constexpr unsigned char kFirstPrintable = 0x20;
-    constexpr unsigned char kDelete = 0x7f;
-    const auto code = static_cast<unsigned char>(c);
-    return code < kFirstPrintable || code == kDelete;
-}
-
-bool ContinuesUtf8(char c) {
-    constexpr unsigned kMask = 0xc0;
-    constexpr unsigned kContinuation = 0x80;
-    return (static_cast<unsigned char>(c) & kMask) == kContinuation;
+/// Also those beyond ASCII (U+0080 to U+009F, ISO/IEC 6429) and what Unicode calls the ends of a
+/// line and of a paragraph: terminals obey the ones, editors break the line at the others.
+bool IsControl(std::uint32_t code) {
+    constexpr std::uint32_t kFirstPrintable = 0x20;
+    constexpr std::uint32_t kDelete = 0x7f;
+    constexpr std::uint32_t kLastControl = 0x9f;
+    constexpr std::uint32_t kLineEnd = 0x2028;
+    constexpr std::uint32_t kParagraphEnd = 0x2029;
+    return code < kFirstPrintable || (code >= kDelete && code <= kLastControl) ||
+           code == kLineEnd || code == kParagraphEnd;
 }
 
 std::string Escaped(char c) {
@@ -35,21 +36,19 @@ std::string Escaped(char c) {
     }
 }
 
-/// Takes what is never cut in two off `text`: an escaped character, or a byte and what continues
-/// it.
+/// Takes what is never cut in two off `text`: a character, escaped or not.
 std::string TakePiece(std::string_view& text) {
-    std::size_t size = 1;
-    if (IsControl(text.front())) {
-        std::string piece = Escaped(text.front());
-        text.remove_prefix(size);
+    const Utf8::Character character = Utf8::First(text);
+    std::string piece(text.substr(0, character.size));
+    text.remove_prefix(character.size);
+    if (character.isValid && !IsControl(character.code)) {
         return piece;
     }
-    while (size < text.size() && size < kLongestPiece && ContinuesUtf8(text[size])) {
-        ++size;
+    std::string escaped;
+    for (const char c : piece) {
+        escaped += Escaped(c);
     }
-    std::string piece(text.substr(0, size));
-    text.remove_prefix(size);
-    return piece;
+    return escaped;
 }
 
 }  // namespace
