@@ -151,8 +151,10 @@ int SlpBase::SendRecord(Record& record) const {
     sockaddr_in peer{};
     const std::size_t size = SlpCodec::Encode(record, datagram);
     if (size > 0 && ToSocketAddress(record.peerAddress, record.peerPort, peer)) {
-        sendto(socket_.Get(), datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&peer),
-               sizeof peer);
+        // Answers to addresses that nobody has wait in the buffer for their neighbours: who asked
+        // in their name must not hold the thread up.
+        sendto(socket_.Get(), datagram.data(), size, MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
     }
     return 0;
 }
