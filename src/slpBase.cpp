@@ -77,6 +77,10 @@ bool SlpBase::Open(const std::string& address, std::uint16_t port) {
         bind(opened.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         return false;
     }
+    // The second one passes the system's limit, where the agent may do so.
+    for (const int option : {SO_SNDBUF, SO_SNDBUFFORCE}) {
+        setsockopt(opened.Get(), SOL_SOCKET, option, &kSendBuffer, sizeof kSendBuffer);
+    }
     socket_.Reset(opened.Release());
     JoinGroups();
     return true;
