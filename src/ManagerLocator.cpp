@@ -126,7 +126,7 @@ int ManagerLocator::OnAttributeReply(SlpReply& reply) {
     std::string address;
     if (SlpBase::FindAttribute(*reply.attrList, kAddressAttribute, value) != 0 ||
         !ReadEnclosed(value, address)) {
-        ZEL_ERROR("ClusterIP from %s holds no address", reply.peerAddress.c_str());
+        ZEL_DEBUG("ClusterIP from %s holds no address", reply.peerAddress.c_str());
         return -1;
     }
     managerAddress_ = std::move(address);

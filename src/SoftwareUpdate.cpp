@@ -113,8 +113,9 @@ bool SoftwareUpdate::Run(ZelConfig& config) const {
         return false;
     }
     ZEL_INFO("ZEL Master mandates software update of %s from %s", LogText::Of(type_).c_str(),
-             url_.c_str());
-    ZEL_INFO("   md5: %s, filename: %s", LogText::Of(digest_).c_str(), fileName_.c_str());
+             LogText::Of(url_).c_str());
+    ZEL_INFO("   md5: %s, filename: %s", LogText::Of(digest_).c_str(),
+             LogText::Of(fileName_).c_str());
     const bool installed = Fetch() && Install();
     if (installed) {
         RecordVersion(config);
@@ -136,7 +137,7 @@ bool SoftwareUpdate::HasUsableAddress() const {
 }
 
 bool SoftwareUpdate::Fetch() const {
-    ZEL_INFO("Downloading update file %s...", fileName_.c_str());
+    ZEL_INFO("Downloading update file %s...", LogText::Of(fileName_).c_str());
     RemoveFile();  // what an earlier download has left must not pass for this one
     const rlim_t room = RoomForImage();
     std::string output;

@@ -34,6 +34,17 @@ public:
     /// The agent's handler, "zelloghandler".
     static LogHandler& Handler();
 
+    /// Lines at level "debug" that a limited thread writes in a second, in the long run, and at
+    /// once after a pause.
+    static constexpr int kLimitedRate = 10;
+    static constexpr int kLimitedBurst = 200;
+
+    /// Limits the calling thread from now on: for one that logs whatever strangers throw at it, who
+    /// would wash everything else out of the log. How many lines were dropped is told.
+    static void LimitThread();
+    /// Whether the calling thread may write one more line; it then counts.
+    static bool Admit(int level);
+
 private:
     LogClientConsole console_;
     LogClientRollingFile file_;
@@ -60,7 +71,7 @@ struct ZelSourceName {
 #define ZEL_LOG(level, ...)                                                      \
     do {                                                                         \
         LogHandler& zelLogHandler = ZelLogging::Handler();                       \
-        if (zelLogHandler.IsListening(level)) {                                  \
+        if (zelLogHandler.IsListening(level) && ZelLogging::Admit(level)) {      \
             static constexpr ZelSourceName kZelLogSource(__FILE__);              \
             zelLogHandler.Log(level, kZelLogSource.text, __LINE__, __VA_ARGS__); \
         }                                                                        \

@@ -85,6 +85,7 @@ bool ZelSlpService::Stop(unsigned flags) {
 }
 
 void ZelSlpService::AnswerRequests() {
+    ZelLogging::LimitThread();
     while (!socket_.IsInterrupted()) {
         try {
             std::optional<SlpMessage> message = socket_.Receive();

@@ -77,6 +77,10 @@ bool SlpBase::Open(const std::string& address, std::uint16_t port) {
         bind(opened.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         return false;
     }
+    // The second one passes the system's limit, where the agent may do so.
+    for (const int option : {SO_SNDBUF, SO_SNDBUFFORCE}) {
+        setsockopt(opened.Get(), SOL_SOCKET, option, &kSendBuffer, sizeof kSendBuffer);
+    }
     socket_.Reset(opened.Release());
     JoinGroups();
     return true;
@@ -151,8 +155,10 @@ int SlpBase::SendRecord(Record& record) const {
     sockaddr_in peer{};
     const std::size_t size = SlpCodec::Encode(record, datagram);
     if (size > 0 && ToSocketAddress(record.peerAddress, record.peerPort, peer)) {
-        sendto(socket_.Get(), datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&peer),
-               sizeof peer);
+        // Answers to addresses that nobody has wait in the buffer for their neighbours: who asked
+        // in their name must not hold the thread up.
+        sendto(socket_.Get(), datagram.data(), size, MSG_DONTWAIT,
+               reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
     }
     return 0;
 }

@@ -20,6 +20,10 @@ public:
     /// Attributes of a list searched that the log tells: whoever answers sends some 1,000 at once.
     static constexpr int kMaxLogged = 64;
 
+    /// Bytes of the send buffer that are asked for. What goes to an address that nobody on the
+    /// network has waits in it for some 3 s, and others would get no answer meanwhile.
+    static constexpr int kSendBuffer = 4 * 1024 * 1024;
+
     SlpBase();
     SlpBase(const SlpBase&) = delete;
     SlpBase& operator=(const SlpBase&) = delete;
@@ -50,7 +54,8 @@ public:
     bool IsInterruptedWithin(std::chrono::milliseconds patience) const;
 
     /// Sends a message to its peer. Sends nothing when the peer's address is not dotted or the
-    /// record is no message (SlpCodec::Encode). Always 0: failures are not reported.
+    /// record is no message (SlpCodec::Encode); what the buffer has no room for is lost. Always 0:
+    /// failures are not reported.
     int Send(SlpRequest& request) const;
     int Send(const SlpReply& reply) const;
 

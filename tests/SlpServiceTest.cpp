@@ -360,13 +360,6 @@ TEST(SlpBaseTest, RefusedDatagramsAreLogged) {
     const auto& request = std::get<SlpRequest>(*message);
     EXPECT_EQ(request.peerAddress, SlpPeer::kAddress);
     EXPECT_EQ(request.peerPort, 4000U);
-    EXPECT_EQ(request.localPort, 0U);
-
-    SlpRequest lost = request;
-    for (const char* nowhere : {"", "manager", "1.2.3", "10.0.0.1\n", "300.1.1.1"}) {
-        lost.peerAddress = nowhere;
-        EXPECT_EQ(socket.Send(lost), 0);
-    }
     std::ostringstream log;
     log << std::ifstream(ZelLogging::kLogFile).rdbuf();
     for (const char* line : {"incomplete packet (60 != 59)\n", "Unsupported SLP request type 3\n",

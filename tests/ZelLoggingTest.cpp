@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "Console.h"
 #include "ZelLogging.h"
@@ -53,6 +55,23 @@ TEST(ZelLoggingTest, DebugLinesReachTheFileOnly) {
     expected = std::regex_replace(expected, std::regex("%"), thread);
     const std::string file = ReadFile(ZelLogging::kLogFile);
     EXPECT_TRUE(std::regex_match(file, std::regex(expected))) << file;
+}
+
+TEST(ZelLoggingTest, ALimitedThreadWashesNothingOut) {
+    const ZelLogging logging;
+    std::thread([] {
+        ZelLogging::LimitThread();
+        for (int i = 0; i < 20000; ++i) {
+            ZEL_DEBUG("rubbish");
+        }
+        ZEL_ERROR("an error line");
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        ZEL_DEBUG("after a pause");
+    }).join();
+    const std::string file = ReadFile(ZelLogging::kLogFile);
+    EXPECT_LT(file.size(), 100000U);
+    EXPECT_TRUE(std::regex_search(file, std::regex("an error line\n.*Too much to log: 19\\d+ lines "
+                                                   "dropped\n.*after a pause\n$")));
 }
 
 /// Two connected ends of each kind that standard output can be.
