@@ -23,6 +23,15 @@ bool HeldMutex::try_lock_for(std::chrono::milliseconds patience) {
     return true;
 }
 
+std::unique_lock<HeldMutex> HeldMutex::LockInTurn(std::chrono::milliseconds patience) {
+    std::unique_lock lock(*this, std::defer_lock);
+    if (++waiting_ <= kMaxWaiting) {
+        static_cast<void>(lock.try_lock_for(patience));
+    }
+    --waiting_;
+    return lock;
+}
+
 void HeldMutex::Take() {
     isHeld_ = true;
     previous_ = latestHeld;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -20,6 +21,12 @@ public:
     bool try_lock_for(std::chrono::milliseconds patience);
     void unlock();
 
+    /// Most threads that LockInTurn() lets wait for one mutex: each may hold a connection.
+    static constexpr int kMaxWaiting = 32;
+    /// Locks the mutex within `patience`. Holds nothing when it is still held then, and at once
+    /// when kMaxWaiting threads wait already.
+    std::unique_lock<HeldMutex> LockInTurn(std::chrono::milliseconds patience);
+
     /// Releases every HeldMutex that the calling thread holds.
     static void ReleaseAll();
 
@@ -30,5 +37,6 @@ private:
     std::mutex mutex_;
     std::condition_variable released_;
     bool isHeld_ = false;
+    std::atomic<int> waiting_ = 0;
     HeldMutex* previous_ = nullptr;
 };

@@ -69,7 +69,7 @@ int DoSelftest(const xmlNode* /*method*/, const HttpRequest& request, HttpRespon
     static unsigned done = 0;
     const unsigned begunBefore = begun;
     std::string lines;
-    if (const std::unique_lock lock(mutex, OrsAgentServlet::kSelfTestPatience); !lock) {
+    if (const std::unique_lock lock = mutex.LockInTurn(OrsAgentServlet::kSelfTestPatience); !lock) {
         ZEL_ERROR("The self test at work takes too long, no result is told");
     } else {
         SelfTest selfTest;
@@ -154,7 +154,7 @@ int StartService(const xmlNode* method, const HttpRequest& request, HttpResponse
     }
     const OrsAgentServlet::Device& device = DeviceOf(servlet);
     OwnReservation& own = OwnReservation::Get();
-    const std::unique_lock lock(own.mutex, OrsAgentServlet::kServicePatience);
+    const std::unique_lock lock = own.mutex.LockInTurn(OrsAgentServlet::kServicePatience);
     if (!lock) {
         return ZelWsdlServlet::SendFault(response, kReserved);
     }
@@ -174,7 +174,7 @@ int StopService(const xmlNode* method, const HttpRequest& request, HttpResponse&
     }
     const OrsAgentServlet::Device& device = DeviceOf(servlet);
     OwnReservation& own = OwnReservation::Get();
-    const std::unique_lock lock(own.mutex, OrsAgentServlet::kServicePatience);
+    const std::unique_lock lock = own.mutex.LockInTurn(OrsAgentServlet::kServicePatience);
     if (lock && IsStopped(device.config)) {
         return ZelWsdlServlet::SendFault(response, kAlreadyLocked);
     }
