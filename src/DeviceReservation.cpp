@@ -49,14 +49,14 @@ std::uint64_t DrawFromKernel() {
 }  // namespace
 
 void DeviceReservation::CloseLeftPorts() {
-    DiagnosticPorts::CloseAll({.time = kStartLimit});
+    ports_.CloseAll({.time = kStartLimit});
 }
 
 void DeviceReservation::Stop() {
     ports_.Shut();
     // Whoever is at work may be adding a rule.
     const std::unique_lock lock(mutex_, kStopPatience);
-    DiagnosticPorts::CloseAll({.time = kStopLimit, .runsInStop = true});
+    ports_.CloseAll({.time = kStopLimit, .runsInStop = true});
 }
 
 bool DeviceReservation::Reserve(const std::string& owner, const std::string& hostLock,
@@ -80,7 +80,7 @@ bool DeviceReservation::Reserve(const std::string& owner, const std::string& hos
         config_.Set(kStateKey, kReserved, ZelConfig::Kind::kFixed);
     } catch (const std::bad_alloc&) {
         // The box has stayed free.
-        DiagnosticPorts::CloseAll({.time = DiagnosticPorts::kRetryLimit});
+        ports_.CloseAll({.time = DiagnosticPorts::kRetryLimit});
         throw;
     }
     const SocketGuard marker(
@@ -140,7 +140,7 @@ bool DeviceReservation::IsReserved() const {
 }
 
 std::unique_lock<HeldMutex> DeviceReservation::Lock() const {
-    std::unique_lock lock(mutex_, kPatience);
+    std::unique_lock lock = mutex_.LockInTurn(kPatience);
     if (!lock) {
         ZEL_ERROR("The reservation is being changed, request refused");
     }

@@ -13,7 +13,7 @@
 /// diagnostic ports are open. The state lives in the store ("zel.state.*"), where every service
 /// reads it; it changes only here. Thread-safe: each operation is one critical section. An
 /// operation waits for the one at work, which may have to wait for a tool of the board, for at most
-/// kPatience and is then refused.
+/// kPatience and is then refused; HeldMutex::kMaxWaiting wait at most.
 class DeviceReservation {
 public:
     // Values of "zel.state.current".
@@ -41,7 +41,7 @@ public:
 
     /// Closes the ports that an earlier run of the agent has left open, however it ended. For the
     /// start, before anything is served.
-    static void CloseLeftPorts();
+    void CloseLeftPorts();
 
     /// Closes the ports for good: the box cannot be reserved any more.
     void Stop();

@@ -16,6 +16,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kPorts[] = {6801, 6802, 52410, 52411};
+// Of whatever must be done, however often the tool fails.
+constexpr int kAttempts = 3;
 constexpr char kForwarding[] = "/proc/sys/net/ipv4/ip_forward";
 
 struct Rule {
@@ -75,7 +77,7 @@ std::optional<std::vector<Rule>> FindRules(const Shell::Limits& limits) {
     Shell::RunWithin(limits, listed, "/sbin/iptables -S INPUT");
     // The policy of the chain stands first.
     if (!listed.starts_with("-P INPUT ")) {
-        ZEL_ERROR("Can't read the packet filter, rules of the agent may stand in it");
+        ZEL_ERROR("Can't read the packet filter");
         return std::nullopt;
     }
     std::vector<Rule> rules;
@@ -92,8 +94,10 @@ std::optional<std::vector<Rule>> FindRules(const Shell::Limits& limits) {
 
 void DiagnosticPorts::Open(const std::string& host) {
     if (isLeftOpen_) {
-        isLeftOpen_ = !CloseAll({.time = kRetryLimit});
+        CloseAll({.time = kRetryLimit});
     }
+    // Whoever does not come to the end of this leaves rules behind.
+    const bool wasLeftOpen = isLeftOpen_.exchange(true);
     for (const int port : kPorts) {
         // A tool that hangs would do so for each.
         if (isShut_ || Filter("-A", {host, port}) < Shell::Fate::kEnded) {
@@ -103,6 +107,7 @@ void DiagnosticPorts::Open(const std::string& host) {
     if (!isShut_) {
         SetForwarding(1);
     }
+    isLeftOpen_ = wasLeftOpen;
 }
 
 void DiagnosticPorts::Close(const std::string& host) {
@@ -115,33 +120,37 @@ void DiagnosticPorts::Close(const std::string& host) {
     }
     SetForwarding(0);
     if (isLeftOpen_) {
-        isLeftOpen_ = !CloseAll({.time = kRetryLimit});
+        CloseAll({.time = kRetryLimit});
     }
 }
 
-bool DiagnosticPorts::CloseAll(const Shell::Limits& limits) {
+void DiagnosticPorts::CloseAll(const Shell::Limits& limits) {
+    isLeftOpen_ = true;
     const Clock::time_point end = Clock::now() + limits.time;
+    // Half of the time that is left is each command's: one that hangs leaves the others some.
     const auto rest = [&] {
         Shell::Limits left = limits;
-        left.time = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        left.time = std::chrono::ceil<std::chrono::milliseconds>((end - Clock::now()) / 2);
         return left;
     };
     std::ofstream(kForwarding) << "0\n";
-    std::optional<std::vector<Rule>> rules = FindRules(limits);
-    if (!rules || rules->empty()) {
-        return rules.has_value();
-    }
-    const std::size_t found = rules->size();
-    for (const Rule& rule : *rules) {
-        if (Clock::now() >= end) {
-            break;
+    for (int attempt = 0; attempt < kAttempts && Clock::now() < end; ++attempt) {
+        const std::optional<std::vector<Rule>> rules = FindRules(rest());
+        if (!rules) {
+            continue;
         }
-        Filter("-D", rule, rest());
+        if (rules->empty()) {
+            isLeftOpen_ = false;
+            return;
+        }
+        ZEL_INFO("Rules of the agent left in the packet filter: %zu", rules->size());
+        for (const Rule& rule : *rules) {
+            for (int repeat = 0; repeat < kAttempts && Clock::now() < end; ++repeat) {
+                if (Filter("-D", rule, rest()) == Shell::Fate::kSucceeded) {
+                    break;
+                }
+            }
+        }
     }
-    rules = FindRules(rest());
-    if (!rules) {
-        return false;
-    }
-    ZEL_INFO("Rules of the agent in the packet filter: %zu found, %zu left", found, rules->size());
-    return rules->empty();
+    ZEL_ERROR("Rules of the agent may stand in the packet filter");
 }

@@ -16,8 +16,8 @@ public:
     static constexpr char kAnyHost[] = "0.0.0.0";
 
     /// Adds the rules that accept what `host` (dotted) sends to the ports, and switches forwarding
-    /// on. Does nothing more from the moment on at which Shut() is called. Rules that Close() could
-    /// not delete are deleted first.
+    /// on. Does nothing more from the moment on at which Shut() is called. Rules that could not be
+    /// deleted before, or were added by a thread that has faulted in here, are deleted first.
     void Open(const std::string& host);
 
     /// Deletes the rules that Open() has added for that host, and switches forwarding off. Where
@@ -26,8 +26,8 @@ public:
 
     /// Deletes every rule that is made like those of Open(), whoever has left it behind, and
     /// switches forwarding off. Rules of any other make stay. `limits` are those of all commands
-    /// together. Returns false, with a log line, when a rule may still stand.
-    static bool CloseAll(const Shell::Limits& limits);
+    /// together. Where a rule may still stand then, the log says so.
+    void CloseAll(const Shell::Limits& limits);
 
     /// Open() adds nothing any more.
     void Shut() { isShut_ = true; }

@@ -46,6 +46,13 @@ sigset_t StopSignals() {
     return set;
 }
 
+/// The stop signals are let in only while the main thread idles: they interrupt no start-up step
+/// and no service thread, which inherit the mask.
+void BlockStopSignals() {
+    const sigset_t stopSignals = StopSignals();
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+}
+
 void InstallSignalHandling() {
     struct sigaction action {};
     action.sa_handler = SIG_IGN;
@@ -113,13 +120,10 @@ void Zel::EnsureWlanMacFile() {
 
 int Zel::Main() {
     prctl(PR_SET_NAME, "Zel::main");
-    // The stop signals are let in only while the main thread idles: they interrupt no start-up
-    // step and no service thread, which inherit the mask.
-    const sigset_t stopSignals = StopSignals();
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    BlockStopSignals();
     InstallSignalHandling();
 
-    DeviceReservation::CloseLeftPorts();
+    reservation_.CloseLeftPorts();
     ZEL_INFO("* ZEL %s %s starting on TAVO %s...", config_.Get("zel.version").c_str(),
              config_.Get("zel.svn.version").c_str(), config_.Get("hardware.serial").c_str());
     ZEL_INFO("* OPLA-Mode: %s", config_.Get(kOplaModeKey).c_str());
@@ -134,16 +138,23 @@ int Zel::Main() {
         ZEL_ERROR("Can't start a thread for a service, trying again");
     }
     ReportUpdateStates();
-    IdleUntilStopped();
-    ZEL_INFO("* ZEL exiting...");
-    if (!Stop()) {
+    if (!IdleUntilStopped()) {
         // A request or the sign-in is still at work; what it uses must not be destroyed under it.
         std::_Exit(EXIT_SUCCESS);
     }
     return EXIT_SUCCESS;
 }
 
+void Zel::GoOnAfterFault() {
+    BlockStopSignals();
+    if (slpStarted_ && !isStopping_) {
+        IdleUntilStopped();
+    }
+    std::_Exit(EXIT_SUCCESS);
+}
+
 bool Zel::Stop() {
+    isStopping_ = true;
     // Who waits for a tool goes on, and none is started any more.
     ChildProcess::EndAll();
     reservation_.Stop();
@@ -226,7 +237,7 @@ void Zel::ReportUpdateStates() {
     }
 }
 
-void Zel::IdleUntilStopped() {
+bool Zel::IdleUntilStopped() {
     sigset_t unblocked;
     pthread_sigmask(SIG_SETMASK, nullptr, &unblocked);
     sigdelset(&unblocked, SIGINT);
@@ -238,4 +249,6 @@ void Zel::IdleUntilStopped() {
             malloc_trim(0);  // what many requests at once have taken goes back to the system
         }
     }
+    ZEL_INFO("* ZEL exiting...");
+    return Stop();
 }

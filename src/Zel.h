@@ -31,6 +31,10 @@ public:
     /// Runs the agent until it is asked to stop. Returns the exit status, always 0.
     int Main();
 
+    /// After a fault of the thread in Main(): the services run on until the agent is asked to stop;
+    /// without any, or when the fault was in the stop, the process ends at once.
+    [[noreturn]] void GoOnAfterFault();
+
 private:
     void EnsureWlanMacFile();
     void SetClock();
@@ -39,7 +43,9 @@ private:
     void PrepareWebServer();
     bool StartServices();
     static void ReportUpdateStates();
-    void IdleUntilStopped();
+    /// What Stop() says.
+    bool IdleUntilStopped();
+    /// False when something is still at work.
     bool Stop();
 
     ZelLogging logging_;
@@ -60,6 +66,7 @@ private:
     OrsSignIn signIn_{config_, reservation_, discoverMode_};
     bool slpStarted_ = false;
     bool webStarted_ = false;
+    bool isStopping_ = false;
     std::atomic<bool> served_ = false;
     ZelSlpService slpService_{config_, discoverMode_, [this] { signIn_.Run(); }};
 };

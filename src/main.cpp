@@ -1,5 +1,4 @@
 #include <malloc.h>
-#include <pthread.h>
 
 #include <cstdlib>
 #include <memory>
@@ -26,9 +25,8 @@ int main() try {
     auto zel = std::make_unique<Zel>();
     int status = EXIT_SUCCESS;
     if (!CrashGuard::Run([&zel, &status] { status = zel->Main(); })) {
-        // The services run on without the main thread, on what the object owns.
-        static_cast<void>(zel.release());
-        pthread_exit(nullptr);
+        while (!CrashGuard::Run([&zel] { zel->GoOnAfterFault(); })) {
+        }
     }
     return status;
 } catch (const std::bad_alloc&) {
