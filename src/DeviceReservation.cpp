@@ -89,7 +89,7 @@ bool DeviceReservation::Reserve(const std::string& owner, const std::string& hos
 }
 
 bool DeviceReservation::Release(const std::string& handle) {
-    const std::unique_lock lock = Lock();
+    const std::unique_lock lock = Lock(handle);
     return lock && !handle.empty() && ReleaseWhere(kHandleKey, handle);
 }
 
@@ -112,7 +112,7 @@ bool DeviceReservation::ReleaseWhere(const char* key, const std::string& value) 
 
 DeviceReservation::Session DeviceReservation::ChangeHostLock(const std::string& handle,
                                                              const std::string& hostLock) {
-    const std::unique_lock lock = Lock();
+    const std::unique_lock lock = Lock(handle);
     if (!lock || config_.Get(kHandleKey) != handle) {
         return Session::kWrongHandle;
     }
@@ -125,7 +125,7 @@ DeviceReservation::Session DeviceReservation::ChangeHostLock(const std::string& 
 }
 
 DeviceReservation::Session DeviceReservation::CheckSession(const std::string& handle) const {
-    const std::unique_lock lock = Lock();
+    const std::unique_lock lock = Lock(handle);
     if (!lock) {
         return Session::kWrongHandle;
     }
@@ -139,8 +139,10 @@ bool DeviceReservation::IsReserved() const {
     return config_.Get(kStateKey) == kReserved;
 }
 
-std::unique_lock<HeldMutex> DeviceReservation::Lock() const {
-    std::unique_lock lock = mutex_.LockInTurn(kPatience);
+std::unique_lock<HeldMutex> DeviceReservation::Lock(const std::string& handle) const {
+    const bool isOwner = !handle.empty() && config_.Get(kHandleKey) == handle;
+    std::unique_lock<HeldMutex> lock =
+        isOwner ? std::unique_lock(mutex_, kPatience) : mutex_.LockInTurn(kPatience);
     if (!lock) {
         ZEL_ERROR("The reservation is being changed, request refused");
     }

@@ -13,7 +13,7 @@
 /// diagnostic ports are open. The state lives in the store ("zel.state.*"), where every service
 /// reads it; it changes only here. Thread-safe: each operation is one critical section. An
 /// operation waits for the one at work, which may have to wait for a tool of the board, for at most
-/// kPatience and is then refused; HeldMutex::kMaxWaiting wait at most.
+/// kPatience and is then refused; where many wait already, for less (HeldMutex::LockInTurn).
 class DeviceReservation {
 public:
     // Values of "zel.state.current".
@@ -71,8 +71,9 @@ public:
     bool IsReserved() const;
 
 private:
-    /// Holds nothing when the operation at work outlasts kPatience.
-    std::unique_lock<HeldMutex> Lock() const;
+    /// Holds nothing when the operation at work outlasts kPatience. Others than the owner, who
+    /// knows the handle, wait in turn.
+    std::unique_lock<HeldMutex> Lock(const std::string& handle = "") const;
     /// Releases the reserved box if that entry of the store has that value.
     bool ReleaseWhere(const char* key, const std::string& value);
     /// `hostLock` is what inet_aton accepts ("0" means any host); other text opens the ports to

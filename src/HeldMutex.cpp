@@ -1,5 +1,7 @@
 #include "HeldMutex.h"
 
+#include <algorithm>
+
 namespace {
 thread_local HeldMutex* latestHeld = nullptr;
 }
@@ -24,10 +26,8 @@ bool HeldMutex::try_lock_for(std::chrono::milliseconds patience) {
 }
 
 std::unique_lock<HeldMutex> HeldMutex::LockInTurn(std::chrono::milliseconds patience) {
-    std::unique_lock lock(*this, std::defer_lock);
-    if (++waiting_ <= kMaxWaiting) {
-        static_cast<void>(lock.try_lock_for(patience));
-    }
+    const bool isOneTooMany = ++waiting_ > kMaxWaiting;
+    std::unique_lock lock(*this, isOneTooMany ? std::min(patience, kShortPatience) : patience);
     --waiting_;
     return lock;
 }

@@ -21,10 +21,12 @@ public:
     bool try_lock_for(std::chrono::milliseconds patience);
     void unlock();
 
-    /// Most threads that LockInTurn() lets wait for one mutex: each may hold a connection.
+    /// Threads that LockInTurn() lets wait for one mutex with patience: each may hold a connection.
     static constexpr int kMaxWaiting = 32;
-    /// Locks the mutex within `patience`. Holds nothing when it is still held then, and at once
-    /// when kMaxWaiting threads wait already.
+    /// What a further one waits, which is enough where no tool of the board is waited for.
+    static constexpr std::chrono::milliseconds kShortPatience{20};
+    /// Locks the mutex within `patience`, or within kShortPatience when kMaxWaiting threads wait
+    /// already. Holds nothing when it is still held then.
     std::unique_lock<HeldMutex> LockInTurn(std::chrono::milliseconds patience);
 
     /// Releases every HeldMutex that the calling thread holds.

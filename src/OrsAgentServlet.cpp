@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "HeldMutex.h"
+#include "LogText.h"
 #include "Namespaces.h"
 #include "Reboot.h"
 #include "SelfTest.h"
@@ -81,7 +82,7 @@ int DoSelftest(const xmlNode* /*method*/, const HttpRequest& request, HttpRespon
         std::ifstream file(selfTest.GetResultFileName());
         std::string line;
         while (std::getline(file, line)) {
-            ZEL_DEBUG("Read line: '%s'", line.c_str());
+            ZEL_DEBUG("Read line: '%s'", LogText::Of(line).c_str());
             lines += line + ";";
         }
     }
