@@ -93,7 +93,7 @@ def test_no_rule_outlives_the_agent():
             assert box.rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n", end
             assert reserve(host_lock=box.CLIENT)[0] == "0"
             assert len(box.rules()) == len(NEIGHBOURS) + len(PORTS)
-            agent.process.send_signal(signal.SIGSEGV)  # which ends nothing but the main thread's idling
+            agent.process.send_signal(signal.SIGSEGV)  # after which all goes on
             agent.process.send_signal(end)
             agent.process.wait(20)
     assert box.rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n"
