@@ -74,8 +74,12 @@ LogHandler& ZelLogging::Handler() {
     return handler;
 }
 
-void ZelLogging::LimitThread() {
+ZelLogging::Limit::Limit() {
     allowance.isLimited = true;
+}
+
+ZelLogging::Limit::~Limit() {
+    allowance.isLimited = false;
 }
 
 bool ZelLogging::Admit(int level) {

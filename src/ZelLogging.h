@@ -39,9 +39,15 @@ public:
     static constexpr int kLimitedRate = 10;
     static constexpr int kLimitedBurst = 200;
 
-    /// Limits the calling thread from now on: for one that logs whatever strangers throw at it, who
-    /// would wash everything else out of the log. How many lines were dropped is told.
-    static void LimitThread();
+    /// Limits the calling thread while it lives: for one that logs whatever strangers throw at it,
+    /// who would wash everything else out of the log. How many lines were dropped is told.
+    class Limit {
+    public:
+        Limit();
+        ~Limit();
+        Limit(const Limit&) = delete;
+        Limit& operator=(const Limit&) = delete;
+    };
     /// Whether the calling thread may write one more line; it then counts.
     static bool Admit(int level);
 

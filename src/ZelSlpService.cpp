@@ -85,10 +85,13 @@ bool ZelSlpService::Stop(unsigned flags) {
 }
 
 void ZelSlpService::AnswerRequests() {
-    ZelLogging::LimitThread();
+    const auto receive = [this] {
+        const ZelLogging::Limit rubbish;
+        return socket_.Receive();
+    };
     while (!socket_.IsInterrupted()) {
         try {
-            std::optional<SlpMessage> message = socket_.Receive();
+            std::optional<SlpMessage> message = receive();
             if (message) {
                 Handle(*message);
             }
@@ -102,6 +105,7 @@ void ZelSlpService::Handle(SlpMessage& message) {
     if (auto* const received = std::get_if<SlpReply>(&message)) {
         // Also before the box is open to clients: the manager is located meanwhile.
         if (received->functionId == SlpFunction::kAttrRply) {
+            const ZelLogging::Limit rubbish;
             locator_.OnAttributeReply(*received);
         }
         return;

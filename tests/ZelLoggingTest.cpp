@@ -60,7 +60,7 @@ TEST(ZelLoggingTest, DebugLinesReachTheFileOnly) {
 TEST(ZelLoggingTest, ALimitedThreadWashesNothingOut) {
     const ZelLogging logging;
     std::thread([] {
-        ZelLogging::LimitThread();
+        const ZelLogging::Limit limit;
         for (int i = 0; i < 20000; ++i) {
             ZEL_DEBUG("rubbish");
         }
