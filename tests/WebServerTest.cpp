@@ -26,6 +26,8 @@ constexpr std::uint16_t kPort = 8080;
 constexpr std::uint16_t kOtherPort = 8081;
 constexpr auto kLineTimeout = 1000ms;
 
+std::function<void()> afterResponse;
+
 /// A servlet that does what the test gives it to do.
 class Probe : public ZelServlet {
 public:
@@ -40,6 +42,7 @@ public:
     std::unique_ptr<ZelServlet> MakeInstance() const override {
         return std::make_unique<Probe>(registration_, work_);
     }
+    void PostResponse() override { afterResponse(); }
 
 private:
     Registration registration_;
@@ -209,6 +212,25 @@ TEST_F(WebServerTest, TheFirstMatchingRegistrationAnswers) {
     }
 }
 
+TEST_F(WebServerTest, PostResponseFollowsTheReply) {
+    std::promise<void> received;
+    std::promise<bool> inOrder;
+    afterResponse = [&] {
+        inOrder.set_value(received.get_future().wait_for(30s) == std::future_status::ready);
+    };
+    Add("/late", [](const HttpRequest&, HttpResponse& response) {
+        response.status = 200;
+        return ZelServlet::kPostResponse;
+    });
+    ASSERT_TRUE(server_.Start());
+    const SocketGuard connection(Connect(kPort));
+    Send(connection.Get(), "GET /late HTTP/1.0\r\n\r\n");
+    char first = 0;
+    EXPECT_EQ(recv(connection.Get(), &first, 1, 0), 1);
+    received.set_value();
+    EXPECT_TRUE(inOrder.get_future().get());
+}
+
 TEST_F(WebServerTest, TwentyPortsAndNoMore) {
     for (std::size_t i = 2; i < WebServer::kMaxPorts; ++i) {
         EXPECT_TRUE(server_.AddPort(static_cast<std::uint16_t>(9000 + i)));
@@ -222,6 +244,29 @@ TEST_F(WebServerTest, TwentyPortsAndNoMore) {
     ASSERT_TRUE(server_.Start());
     for (const std::uint16_t port : {std::uint16_t{9003}, std::uint16_t{9019}}) {
         EXPECT_EQ(Exchange("GET /test HTTP/1.0\r\n\r\n", port), kGreeting);
+    }
+}
+
+TEST_F(WebServerTest, StopEndsIdleConnectionsAndLetsARequestFinish) {
+    std::promise<void> begun;
+    std::promise<void> stopping;
+    Add("/slow", [&](const HttpRequest&, HttpResponse& response) {
+        begun.set_value();
+        stopping.get_future().wait_for(30s);
+        response.status = 200;
+        response.body = "done";
+        return ZelServlet::kDone;
+    });
+    ASSERT_TRUE(server_.Start());
+    const SocketGuard idle(Connect(kPort));
+    const SocketGuard busy(Connect(kPort));
+    Send(busy.Get(), "GET /slow HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n");
+    begun.get_future().wait();
+    EXPECT_FALSE(server_.Stop()) << "a request is still running";
+    stopping.set_value();
+    EXPECT_TRUE(ReadAll(busy.Get()).ends_with("done"));
+    EXPECT_EQ(ReadAll(idle.Get()), "");
+    while (!server_.Stop()) {
     }
 }
 
