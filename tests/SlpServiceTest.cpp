@@ -268,6 +268,21 @@ TEST_F(SlpServiceTest, LackOfMemoryLosesADatagramAndNoThread) {
     ExpectSilence(AttrRqst("", "default"), "no memory for it");
 }
 
+TEST_F(SlpServiceTest, StopsWhileItWaits) {
+    for (const char* oplaMode : {"OPLA", "OPLA-Next"}) {
+        Set("opla.mode", oplaMode);
+        Set("zel.state.startup", "0");
+        ZelSlpService service(config_, mode_, [this] { ++signIns_; });
+        ASSERT_TRUE(service.Start(3));
+        std::this_thread::sleep_for(200ms);
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_TRUE(service.Stop(3));
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, 1s);
+    }
+    EXPECT_EQ(signIns_, 0);
+    EXPECT_EQ(config_.Get("zel.state.startup"), "0");
+}
+
 TEST(SlpAnswerLimitTest, EveryAddressHasItsOwnBurstAndRate) {
     using Clock = SlpAnswerLimit::Clock;
     SlpAnswerLimit limit;
