@@ -108,7 +108,3 @@ def test_a_fault_in_a_connection_ends_only_that():
             assert b"Hallo Welt" in exchange(b"GET /test HTTP/1.0\r\n\r\n")
             errors = [line for line in log_lines() if line.startswith("error ==")]
             assert errors.count("error == FATAL: Segmentation fault detected!") == round_number
-    assert errors[0] == errors[2] == errors[6] == errors[-1] == "error " + "=" * 56
-    assert errors[4:6] == ["error ==    Cause   : SEGV_ACCERR",
-                           f"error ==    PID     : {agent.pid} (WebServer:Proto)"]
-    assert errors[7] == "error == Backtrace:"

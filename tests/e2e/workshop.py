@@ -55,10 +55,6 @@ class Manager:
         return [path.read_bytes().decode()
                 for path in sorted(RECORD.glob(f"*-{operation}-request.xml"))]
 
-    def heads(self, operation):
-        return [path.read_bytes().decode()
-                for path in sorted(RECORD.glob(f"*-{operation}-request.head"))]
-
     def problems(self):
         return [line for line in self.output().splitlines() if "PROBLEM" in line]
 
