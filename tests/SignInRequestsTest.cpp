@@ -61,10 +61,9 @@ TEST_F(SignInRequestsTest, TheValuesAreThoseOfTheBox) {
     const std::string preSignIn = SignInRequests::PreSignIn(config_, kNewYear);
     for (const char* part :
          {"<ns2:color>#8a4280<", "<ns2:timestamp>1700000000123<", "<ns2:countryCode>AT<",
-          "<ns2:minute>35</ns2:minute><ns2:hour>0</ns2:hour><ns2:day>1</ns2:day>"
-          "<ns2:month>1</ns2:month><ns2:year>2024</ns2:year>",
-          "<ns2:currentVersion>10203<", "<ns2:appVersion>10202<", "<ns2:firmwareVersion>10203<",
-          "<ns2:softwareVersion>10202<"}) {
+          "<ns2:minute>35</ns2:minute><ns2:hour>0</ns2:hour><ns2:day>1</ns2:day>",
+          "<ns2:month>1</ns2:month><ns2:year>2024</ns2:year>", "<ns2:currentVersion>10203<",
+          "<ns2:appVersion>10202<", "<ns2:firmwareVersion>10203<", "<ns2:softwareVersion>10202<"}) {
         EXPECT_NE(preSignIn.find(part), std::string::npos) << part << " in " << preSignIn;
     }
     const struct {

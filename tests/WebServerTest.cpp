@@ -65,7 +65,7 @@ bool ConnectTo(int descriptor, std::uint16_t port) {
 int Connect(std::uint16_t port, const char* from = "127.0.0.1") {
     const int descriptor = NewSocket();
     const sockaddr_in own = Address(from, 0);
-    bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own);
+    EXPECT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
     for (int i = 0; i < 500; ++i) {
         if (ConnectTo(descriptor, port)) {
             return descriptor;
