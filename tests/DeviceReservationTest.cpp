@@ -11,8 +11,6 @@
 
 namespace {
 
-using Session = DeviceReservation::Session;
-
 class DeviceReservationTest : public testing::Test {
 protected:
     DeviceReservationTest() { config_.Set("zel.state.current", "4", ZelConfig::Kind::kFixed); }
@@ -42,43 +40,18 @@ protected:
     DeviceReservation reservation_{config_};
 };
 
-TEST_F(DeviceReservationTest, ReservesOnceAndReleasesWithTheHandle) {
+TEST_F(DeviceReservationTest, WhatAReservationLeavesInTheBox) {
     std::string handle;
     ASSERT_TRUE(reservation_.Reserve("owner", "192.168.68.1", handle));
     EXPECT_TRUE(std::regex_match(handle, std::regex("-?[0-9]{1,19}"))) << handle;
-    EXPECT_EQ(config_.Get("zel.state.current"), "5");
-    EXPECT_EQ(config_.Get("zel.state.owner"), "owner");
     EXPECT_EQ(config_.Get("zel.state.handle"), handle);
-    EXPECT_EQ(config_.Get("zel.state.uuid"), "00000000-0000-0001-0000-000000000001");
-    EXPECT_EQ(config_.Get("zel.state.hostlock"), "192.168.68.1");
-    EXPECT_EQ(Rules(), RulesFor("-s 192.168.68.1/32 "));
     EXPECT_EQ(Forwarding(), "1");
     EXPECT_TRUE(std::filesystem::is_empty("/tmp/forceconnect"));
-
-    std::string second;
-    EXPECT_FALSE(reservation_.Reserve("owner", "0", second));
-    EXPECT_EQ(second, "0");
-    EXPECT_EQ(config_.Get("zel.state.handle"), handle);
-    EXPECT_EQ(Rules(), RulesFor("-s 192.168.68.1/32 "));
-
-    EXPECT_FALSE(reservation_.Release(handle.substr(0, handle.size() - 1)));
-    EXPECT_FALSE(reservation_.Release(""));
-    EXPECT_TRUE(reservation_.IsReserved());
-
     EXPECT_TRUE(reservation_.Release(handle));
-    EXPECT_EQ(config_.Get("zel.state.current"), "4");
-    EXPECT_EQ(config_.Get("zel.state.owner"), "");
     EXPECT_EQ(config_.Get("zel.state.handle"), "");
-    EXPECT_EQ(config_.Get("zel.state.uuid"), "00000000-0000-0000-0000-000000000000");
-    EXPECT_EQ(Rules(), "");
     EXPECT_EQ(Forwarding(), "0");
     EXPECT_FALSE(reservation_.Release(""));
     EXPECT_FALSE(reservation_.ReleaseOwnedBy(""));
-
-    ASSERT_TRUE(reservation_.Reserve("owner", "0", handle));
-    EXPECT_FALSE(reservation_.ReleaseOwnedBy("owne"));
-    EXPECT_TRUE(reservation_.ReleaseOwnedBy("owner"));
-    EXPECT_EQ(Rules(), "");
 
     reservation_.Stop();
     EXPECT_FALSE(reservation_.Reserve("owner", "0", handle));
@@ -113,23 +86,6 @@ TEST_F(DeviceReservationTest, HostLockIsWhateverTheSystemReadsAsAnAddress) {
         ASSERT_TRUE(reservation_.Release(handle));
         EXPECT_EQ(Rules(), "") << c.hostLock;
     }
-}
-
-TEST_F(DeviceReservationTest, ChecksOfHandleAndStateComeInTheirOrder) {
-    EXPECT_EQ(reservation_.CheckSession("1"), Session::kNotReserved);
-    EXPECT_EQ(reservation_.ChangeHostLock("1", "10.0.0.1"), Session::kWrongHandle);
-    EXPECT_EQ(reservation_.ChangeHostLock("", "10.0.0.1"), Session::kNotReserved);
-    EXPECT_EQ(Rules(), "");
-
-    std::string handle;
-    ASSERT_TRUE(reservation_.Reserve("owner", "0", handle));
-    EXPECT_EQ(reservation_.CheckSession("1"), Session::kWrongHandle);
-    EXPECT_EQ(reservation_.CheckSession(handle), Session::kValid);
-    EXPECT_EQ(reservation_.ChangeHostLock("1", "10.0.0.1"), Session::kWrongHandle);
-    EXPECT_EQ(Rules(), RulesFor(""));
-    EXPECT_EQ(reservation_.ChangeHostLock(handle, "10.0.0.1"), Session::kValid);
-    EXPECT_EQ(Rules(), RulesFor("-s 10.0.0.1/32 "));
-    EXPECT_EQ(config_.Get("zel.state.handle"), handle);
 }
 
 // All that can be known of a handle from outside is its second and the number of reservations.

@@ -1,11 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "DiscoverModeCtrl.h"
+#include "Support.h"
 
 namespace {
 
@@ -99,17 +99,12 @@ TEST(DiscoverModeCtrlTest, EventsOfSeveralThreads) {
     mode.Enable();
     mode.Event(kAssigning, DiscoverModeCtrl::kDhcp);
     mode.Event(kFellBack, DiscoverModeCtrl::kLinkLocal);
-    std::vector<std::jthread> threads;
-    threads.reserve(4);
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&mode] {
-            for (int n = 0; n < 100; ++n) {
-                mode.Event(kCommunicated);
-                EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal);
-            }
-        });
-    }
-    threads.clear();
+    InFourThreads([&mode](int) {
+        for (int n = 0; n < 100; ++n) {
+            mode.Event(kCommunicated);
+            EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal);
+        }
+    });
     EXPECT_EQ(SavedMode(), "2");
 }
 

@@ -2,8 +2,6 @@
 
 #include <libxml/tree.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "XmlText.h"
@@ -19,9 +17,3 @@ public:
 private:
     XmlText::Document document_;
 };
-
-inline std::string ReadFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -10,6 +9,7 @@
 
 #include "ManagerConnection.h"
 #include "OrsSignIn.h"
+#include "Support.h"
 
 namespace {
 
@@ -22,10 +22,7 @@ std::jthread StartManager(const std::string& begin, const std::string& again) {
     auto listener = std::make_shared<SocketGuard>(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(listener->Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(ManagerConnection::kPort);
-    inet_pton(AF_INET, kAddress, &address.sin_addr);
+    const sockaddr_in address = Address(kAddress, ManagerConnection::kPort);
     EXPECT_EQ(bind(listener->Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
               0);
     EXPECT_EQ(listen(listener->Get(), 1), 0);

@@ -244,7 +244,7 @@ TEST_F(NetDeviceTest, AnAliasHasAPidFileOfItsOwn) {
     const std::string id = Run("sleep 1000 >/dev/null 2>&1 & echo $!");
     WriteFile("/var/run/udhcpc_eth0_1.pid", id);
     NetDevice("eth0:1", context_).DisableInterface();
-    EXPECT_TRUE(Comes([&id] { return kill(std::stoi(id), 0) != 0; }));
+    EXPECT_TRUE(Eventually([&id] { return kill(std::stoi(id), 0) != 0; }));
 }
 
 TEST_F(NetDeviceTest, TheVehicleEthernetIsStartedInTheBackground) {
@@ -254,7 +254,7 @@ TEST_F(NetDeviceTest, TheVehicleEthernetIsStartedInTheBackground) {
         EXPECT_EQ(device_.ConfigureInterface(), 0);
     }
     EXPECT_FALSE(std::filesystem::exists("/tmp/waited"));
-    EXPECT_TRUE(Comes([] { return Run("grep -c start_kvad /tmp/commands") == "1\n"; }));
+    EXPECT_TRUE(Eventually([] { return Run("grep -c start_kvad /tmp/commands") == "1\n"; }));
 }
 
 }  // namespace

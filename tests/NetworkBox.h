@@ -5,9 +5,6 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
@@ -18,6 +15,7 @@
 #include "NetDevice.h"
 #include "Shell.h"
 #include "SocketGuard.h"
+#include "Support.h"
 #include "ZelLogging.h"
 
 /// What a request to the kernel gets for an answer: 0 or an error number; none leaves it to the
@@ -68,29 +66,14 @@ protected:
     static bool IsUp(const std::string& interface) {
         return !Run("ip link show dev " + interface + " up").empty();
     }
-    static std::string ReadFile(const std::string& path) { return Run("cat " + path); }
-    static void WriteFile(const std::string& path, const std::string& text) {
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        EXPECT_TRUE(std::ofstream(path) << text << std::flush) << path;
-    }
 
     /// Lays a tool at `path` that writes its command line down and runs `script`.
     static void Record(const std::string& path, const std::string& script = "") {
-        std::filesystem::remove(path);  // it may be a link to other tools
-        WriteFile(path, "#!/bin/sh\necho \"$0 $*\" >> /tmp/commands\n" + script + "\n");
-        std::filesystem::permissions(path, std::filesystem::perms(0755));
+        InstallProgram(path, "echo \"$0 $*\" >> /tmp/commands\n" + script);
     }
     /// The command lines since the last call.
     static std::string Recorded() {
         return Run("cat /tmp/commands 2>/dev/null; rm -f /tmp/commands");
-    }
-
-    /// Waits for what happens beside the test; false when it does not.
-    static bool Comes(const std::function<bool()>& condition) {
-        for (int i = 0; i < 1000 && !condition(); ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return condition();
     }
 
     void Set(const std::string& key, const std::string& value) {

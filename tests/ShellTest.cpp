@@ -7,21 +7,14 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 
 #include "Shell.h"
+#include "Support.h"
 #include "ZelLogging.h"
 
 namespace {
-
-std::string ReadFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 /// As the agent runs: children are reaped by the system, SIGPIPE is no end.
 class ShellTest : public testing::Test {
@@ -72,7 +65,7 @@ TEST_F(ShellTest, LongCommandsAreCut) {
 }
 
 TEST_F(ShellTest, ToolsSeeACleanProcess) {
-    const int own = open("/dev/full", O_RDONLY | O_CLOEXEC);
+    const int own = open("/dev/full", O_RDONLY);
     EXPECT_TRUE(Shell::RunSystemWithResult(result_, "ls -l /proc/self/fd | grep -c /dev/full"));
     EXPECT_EQ(result_, "0\n");
     close(own);
@@ -130,10 +123,7 @@ TEST_F(ShellTest, NoToolHoldsItsCaller) {
             << each.command;
         EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
         EXPECT_EQ(result_, each.output) << each.command;
-        for (int i = 0; i < 500 && sleeping() != each.left; ++i) {
-            usleep(10000);
-        }
-        EXPECT_EQ(sleeping(), each.left) << each.command;
+        EXPECT_TRUE(Eventually([&] { return sleeping() == each.left; })) << each.command;
         Shell::RunSystem("pkill -KILL -x sleep");
         EXPECT_NE(ReadFile(ZelLogging::kLogFile).find(each.logged), std::string::npos)
             << each.logged;
@@ -180,10 +170,7 @@ TEST_F(ShellTest, KillByPidFile) {
     EXPECT_FALSE(std::filesystem::exists(kPidFile));
     log = ReadFile(ZelLogging::kLogFile);
     EXPECT_NE(log.find("kill -9 " + pid + "\n"), std::string::npos);
-    for (int i = 0; i < 500 && IsAlive(pid); ++i) {
-        usleep(10000);
-    }
-    EXPECT_FALSE(IsAlive(pid));
+    EXPECT_TRUE(Eventually([&pid] { return !IsAlive(pid); }));
 
     // "kill 0" would be the end of this test.
     for (const char* wrong : {"", "0", "-1", "1;touch /tmp/injected"}) {

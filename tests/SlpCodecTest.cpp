@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
-#include <vector>
 
 #include "SlpCodec.h"
 #include "SlpPeer.h"
@@ -187,7 +185,8 @@ TEST(SlpCodecTest, MessagesAsRead) {
     }
 }
 
-/// Lengths that promise more than there is; the address sanitizer watches.
+/// Lengths that promise more than there is; the address sanitizer watches. SlpFuzz tries any
+/// others.
 TEST(SlpCodecTest, NothingIsReadBehindTheDatagram) {
     const std::string full = Message(7, 1, Zeros(2) + Word(0xFFFF) + std::string(4076, 'a'));
     ASSERT_EQ(full.size(), 4096U);
@@ -199,26 +198,6 @@ TEST(SlpCodecTest, NothingIsReadBehindTheDatagram) {
     EXPECT_EQ(std::get<SlpReply>(*SlpCodec::Decode(ToDatagram(tag))).languageTag.size(), 4082U);
     const auto urls = SlpCodec::Decode(ToDatagram(Message(2, 1, Zeros(2) + Word(0xFFFF))));
     EXPECT_LE(std::get<SlpReply>(*urls).urlEntries.size(), 4096U / 5) << "not what it promises";
-
-    std::mt19937 random(4711);  // NOLINT(cert-msc51-cpp): the same bytes every time
-    for (const char function : {'\1', '\2', '\6', '\7', '\t', '\n'}) {
-        const std::string whole = Message(static_cast<std::uint8_t>(function), 1,
-                                          Text("ab") + Text("cd") + Text("ef") + Text("gh"));
-        for (std::size_t size = 0; size <= whole.size(); ++size) {
-            SlpCodec::Decode(ToDatagram(whole.substr(0, size)));
-        }
-        for (int i = 0; i < 500; ++i) {
-            std::string noise(4096, '\0');
-            const std::uint32_t highest = i % 2 == 0 ? 255 : 20;
-            std::generate(noise.begin(), noise.end(),
-                          [&] { return static_cast<char>(1 + random() % highest); });
-            noise[1] = function;
-            auto message = SlpCodec::Decode(ToDatagram(noise));
-            ASSERT_TRUE(message);
-            SlpCodec::Datagram again{};
-            std::visit([&again](auto& record) { SlpCodec::Encode(record, again); }, *message);
-        }
-    }
 }
 
 TEST(SlpCodecTest, SearchForAnAttribute) {

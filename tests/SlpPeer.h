@@ -1,6 +1,5 @@
 #pragma once
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -13,6 +12,7 @@
 #include <thread>
 
 #include "SocketGuard.h"
+#include "Support.h"
 
 // SLP as the box's peers write it, built without the agent's codec.
 
@@ -96,13 +96,5 @@ public:
     }
 
 private:
-    static sockaddr_in Address(const char* dotted, std::uint16_t port) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        inet_pton(AF_INET, dotted, &address.sin_addr);
-        return address;
-    }
-
     SocketGuard socket_;
 };

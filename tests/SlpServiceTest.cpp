@@ -5,17 +5,17 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <future>
 #include <new>
-#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "SlpAttributes.h"
 #include "SlpCodec.h"
 #include "SlpPeer.h"
 #include "StoreSetup.h"
+#include "Support.h"
 #include "ZelLogging.h"
 #include "ZelSlpService.h"
 
@@ -41,13 +41,6 @@ std::string SrvRply(std::size_t xid) {
 
 std::string AttrRply(const std::string& list, std::size_t xid = 7) {
     return Message(7, xid, Zeros(2) + Text(list) + Zeros(2));
-}
-
-bool Eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 3000 && !condition(); ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    return condition();
 }
 
 class SlpServiceTest : public testing::Test {
@@ -120,36 +113,28 @@ TEST_F(SlpServiceTest, TheConnectorsAttributes) {
     Set("network.current.lan.netmask", "255.255.0.0");
     Set("network.current.defaultgateway", "192.168.68.1");
     ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering));
-    const auto list = [](const std::string& counter, const std::string& channels,
-                         const std::string& netmask, const std::string& gateway,
-                         const std::string& networkType) {
-        return "(DevId=TAVO0012345),(Service=zel-connector),(Serial=TAVO0012345),"
-               "(MacAddress=02:00:00:12:34:56),(DevType=TAVO),(ImageVersionBoot=10203),"
-               "(ImageVersionApplication=10202),(ImageVersionPackage=10600),(Color=#ede3d3),"
-               "(Counter=" +
-               counter +
-               "),(State=4),(Owner=J\xC3\xB6rg \\28first\\29\\7e\\2c "
-               "\\3co\\5ck\\3e\\3d\\21),(Kl15Voltage=12040),(Kl30Voltage=12310),"
-               "(Kl15Trigger=false),(SignalStrength=0),(VIN=TESTVIN0123456789),(Gateway=0x10),"
-               "(Diag=[0x12,0x18]),(AccuCapacity=0),(VciChannels=" +
-               channels + "),(Netmask=" + netmask + "),(NetGateway=" + gateway +
-               "),(NetworkType=" + networkType + "),(UUID=00000000-0000-0000-0000-000000000000)";
+    const auto expectParts = [this](const std::string& url, const std::vector<std::string>& parts) {
+        const std::string answer = client_.Ask(AttrRqst(url, "default"));
+        for (const std::string& part : parts) {
+            EXPECT_NE(answer.find(part), std::string::npos) << part << " in " << answer;
+        }
     };
-    const std::string request = AttrRqst("Service:Zel.Connector", "DEFAULT");
     Set("diag.connected.tavo_c", "0");
     Set("diag.connected.tavo_d", "0");
     Set("diag.most.lighton", "0");
-    EXPECT_EQ(client_.Ask(request),
-              AttrRply(list("-2147483648", "[KLine,DCAN]", "-65536", "-1062714367", "0")));
+    expectParts("Service:Zel.Connector",
+                {"(Counter=-2147483648)",
+                 "(Owner=J\xC3\xB6rg \\28first\\29\\7e\\2c \\3co\\5ck\\3e\\3d\\21)",
+                 "(VciChannels=[KLine,DCAN])"});
     client_.Ask(AttrRqst("service:hux-vci", "default"));
     Set("diag.connected.tavo_d", "1");
     Set("diag.most.lighton", "1");
     Set("diag.most.tavobstate", "1");
     Set("net.current.networktype", "1");
     Set("network.current.wlan.netmask", "0xFF.0377.x.0");
-    EXPECT_EQ(client_.Ask(AttrRqst("", "default")),
-              AttrRply(list("-2147483647", "[KLine,MOST]", "-48127", "-1062714367", "1")))
-        << "the last parts of the net mask are the gateway's";
+    // The last parts of the net mask are the gateway's.
+    expectParts("", {"(Counter=-2147483647)", "(VciChannels=[KLine,MOST])", "(Netmask=-48127)",
+                     "(NetGateway=-1062714367)", "(NetworkType=1)"});
 }
 
 TEST_F(SlpServiceTest, AddressesThatCannotBeReadAndValuesThatAreMissing) {
@@ -227,19 +212,11 @@ TEST_F(SlpServiceTest, ValuesOfPeersStayValuesAndListsStayShort) {
 TEST_F(SlpServiceTest, TheLegacyAttributes) {
     Set("network.current.lan.ip", "192.168.68.42");
     Set("network.current.wlan.ip", "10.0.0.9");
-    const auto list = [](const char* revision, const char* allocated, const char* ip) {
-        return std::string("(DevClass=HUX-VCI)(FirmwareRev=") + revision +
-               ")(MacAddress=02:00:00:12:34:56)(VciChannel1=TELMANO:TAVO0012345:6801)"
-               "(VciChannel2=TELMANO:TAVO0012345:6802)(RkoUrl=//TAVO0012345:5302/rKO)"
-               "(description=TAVO, Velka, QK20417B)(IsAllocated=" +
-               allocated + ")(IpAddress=" + ip +
-               ")(AssignedColor=white)(VciChannels=2)(DevType=TAVO)";
-    };
-    EXPECT_EQ(SlpAttributes::LegacyList(config_), list("102", "0", "192.168.68.42"));
-    Set("zel.state.current", "5");
     Set("net.current.networktype", "1");
     Set("system.version.app", "12");
-    EXPECT_EQ(SlpAttributes::LegacyList(config_), list("12", "1", "10.0.0.9"));
+    const std::string list = SlpAttributes::LegacyList(config_);
+    EXPECT_TRUE(list.starts_with("(DevClass=HUX-VCI)(FirmwareRev=12)(Mac")) << list;
+    EXPECT_NE(list.find("(IpAddress=10.0.0.9)(Assigned"), std::string::npos) << list;
 }
 
 TEST_F(SlpServiceTest, OnlyAFullAnswerToANeighbourCountsAsFound) {
@@ -360,12 +337,11 @@ TEST(SlpBaseTest, RefusedDatagramsAreLogged) {
     const auto& request = std::get<SlpRequest>(*message);
     EXPECT_EQ(request.peerAddress, SlpPeer::kAddress);
     EXPECT_EQ(request.peerPort, 4000U);
-    std::ostringstream log;
-    log << std::ifstream(ZelLogging::kLogFile).rdbuf();
+    const std::string log = ReadFile(ZelLogging::kLogFile);
     for (const char* line : {"incomplete packet (60 != 59)\n", "Unsupported SLP request type 3\n",
                              "Unsupported SLP request type 8\n", "recvfrom() == 0\n",
                              "incomplete packet (6016 != 4096)\n"}) {
-        EXPECT_NE(log.str().find(line), std::string::npos) << line;
+        EXPECT_NE(log.find(line), std::string::npos) << line;
     }
 }
 
@@ -376,9 +352,8 @@ TEST(SlpBaseTest, AClosedSocketIsLoggedAndPaused) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(socket.Receive());
     EXPECT_GT(std::chrono::steady_clock::now() - begin, 900ms);
-    std::ostringstream log;
-    log << std::ifstream(ZelLogging::kLogFile).rdbuf();
-    EXPECT_NE(log.str().find("recvfrom() == " + std::to_string(-1UL) + "\n"), std::string::npos);
+    const std::string log = ReadFile(ZelLogging::kLogFile);
+    EXPECT_NE(log.find("recvfrom() == " + std::to_string(-1UL) + "\n"), std::string::npos);
 
     auto receiving = std::async(std::launch::async, [&socket] {
         while (!socket.IsInterrupted()) {

@@ -7,20 +7,14 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 
+#include "Support.h"
 #include "UpdateFirmware.h"
 
 namespace {
 
 const std::string kDirectory = "/app/zel/images/application/";
-
-std::string ReadFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 std::string ActiveSlot() {
     std::string slot;

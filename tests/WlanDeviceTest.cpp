@@ -150,7 +150,7 @@ TEST_F(WlanDeviceTest, TheSupplicantIsEnded) {
     const Supplicant supplicant("w0", "wpa_state=SCANNING\n");
     EXPECT_EQ(device_.Connect(), -1);
     EXPECT_FALSE(std::filesystem::exists(file));
-    EXPECT_TRUE(Comes([first] { return kill(first, 0) != 0; }));
+    EXPECT_TRUE(Eventually([first] { return kill(first, 0) != 0; }));
     WriteFile(file, "none");
     EXPECT_EQ(device_.DisableInterface(), 0);
     EXPECT_FALSE(std::filesystem::exists(file));

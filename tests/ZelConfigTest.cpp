@@ -7,14 +7,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "DefaultConfiguration.h"
+#include "Support.h"
 #include "WlanMacFile.h"
 #include "ZelConfig.h"
 
@@ -23,16 +20,6 @@ namespace {
 using Kind = ZelConfig::Kind;
 
 const std::string kFile = ZelConfig::kConfigurationFile;
-
-void WriteFile(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 class ZelConfigTest : public testing::Test {
 protected:
@@ -229,23 +216,17 @@ TEST_F(ZelConfigTest, AKilledSaveLosesNothing) {
 }
 
 TEST_F(ZelConfigTest, ManyThreadsAtOnce) {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([this, t] {
-            const std::string own = "own." + std::to_string(t);
-            for (int i = 0; i < 200; ++i) {
-                config_.Set(own, std::to_string(i), Kind::kPersistent);
-                config_.Set("shared", std::string(100, static_cast<char>('a' + t)), Kind::kFixed);
-                const std::string shared = config_.Get("shared");
-                EXPECT_EQ(shared, std::string(100, shared[0])) << "torn value";
-                EXPECT_EQ(config_.Get(own), std::to_string(i));
-            }
-            EXPECT_TRUE(config_.Save());
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    InFourThreads([this](int t) {
+        const std::string own = "own." + std::to_string(t);
+        for (int i = 0; i < 200; ++i) {
+            config_.Set(own, std::to_string(i), Kind::kPersistent);
+            config_.Set("shared", std::string(100, static_cast<char>('a' + t)), Kind::kFixed);
+            const std::string shared = config_.Get("shared");
+            EXPECT_EQ(shared, std::string(100, shared[0])) << "torn value";
+            EXPECT_EQ(config_.Get(own), std::to_string(i));
+        }
+        EXPECT_TRUE(config_.Save());
+    });
     ZelConfig loaded;
     ASSERT_TRUE(loaded.Load());
     EXPECT_EQ(loaded.Get("own.3"), "199");

@@ -106,6 +106,12 @@ def fields(operation, **values):
     return f"<{operation}>{inner}</{operation}>"
 
 
+def fault(message):
+    """What stands in the Body of an answer that is a fault."""
+    return ('\t\t<S:Fault xmlns:ns4="http://www.w3.org/2003/05/soap-envelope">\n'
+            f"\t\t\t<faultcode>S:Client</faultcode>\n\t\t\t<faultstring>{message}</faultstring>\n\t\t</S:Fault>\n")
+
+
 def call(operation, **values):
     """Calls an operation and returns the body of the answer."""
     answer = exchange(post(envelope(fields(operation, **values))))

@@ -6,7 +6,7 @@ import threading
 import pytest
 
 import box
-from box import call, envelope, exchange, fields, post, release, reserve, value
+from box import call, envelope, exchange, fault, fields, post, release, reserve, value
 
 pytestmark = pytest.mark.usefixtures("agent")
 
@@ -47,16 +47,6 @@ def command_answer(code, key, text):
         f"\t\t\t<error>{code}</error><commandResultList><ns4:key>{key}</ns4:key>"
         f"<ns4:value>{text}</ns4:value></commandResultList>\n"
         "\t\t</ns2:out>\n\t\t</ns2:executeGenericCommandResponse>"
-    )
-
-
-def fault(message):
-    return (
-        '<S:Envelope xmlns:S="http://schemas.xmlsoap.org/soap/envelope/">\n\t<S:Body>\n'
-        '\t\t<S:Fault xmlns:ns4="http://www.w3.org/2003/05/soap-envelope">\n'
-        "\t\t\t<faultcode>S:Client</faultcode>\n"
-        f"\t\t\t<faultstring>{message}</faultstring>\n"
-        "\t\t</S:Fault>\n\t</S:Body>\n</S:Envelope>\n"
     )
 
 
@@ -120,10 +110,11 @@ def test_device_information_follows_the_box():
     assert call("getDeviceInformation") == device_information()
     pathlib.Path("/dev/measure/0").write_text("1\n")
     pathlib.Path("/proc/sys/kl30").write_text("11800\n")
-    code, handle = reserve("a &lt;b&gt; &amp; c")
+    owner = "&lt;/owner&gt;&lt;x a=&quot;1&quot;&gt;&amp;amp;$(reboot)`;"
+    code, handle = reserve(owner)
     assert code == "0"
     assert call("getDeviceInformation") == device_information(
-        reserved=True, owner="a &lt;b&gt; &amp; c", kl15_edge="true", kl30="11800")
+        reserved=True, owner=owner, kl15_edge="true", kl30="11800")
     pathlib.Path("/proc/sys/kl30").write_text("12310\n")
     assert call("resetTrigger15Edge") == code_answer("resetTrigger15Edge", 0)
     assert release(handle) == "0"
@@ -190,19 +181,6 @@ def test_generic_commands():
     assert release(handle) == "0"
 
 
-def test_request_forms():
-    qualified = (f'<c:reserveDevice xmlns:c="{box.SERVICE}"><c:deviceId>{box.DEVICE_ID}</c:deviceId>'
-                 "<c:owner>o</c:owner></c:reserveDevice>")
-    body = envelope(qualified).encode()
-    chunks = b"".join(b"%x\r\n%s\r\n" % (len(part), part)
-                      for part in (body[:1], body[1:70], body[70:])) + b"0\r\n"
-    head = f"POST {box.CONNECTOR} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
-    answer = exchange(head + chunks).decode()
-    handle = value(answer, "handle")
-    assert answer.endswith(reserve_answer(0, handle))
-    assert release(handle) == "0"
-
-
 def test_faults():
     uri = "{http://lusora.tembra.com/services/zel/Connector/v1}"
     cases = {
@@ -213,7 +191,7 @@ def test_faults():
         envelope("<reservedevice/>"): f"Cannot find dispatch method for {uri}reservedevice",
     }
     for request, message in cases.items():
-        text = fault(message)
+        text = wrapped(fault(message))
         assert exchange(post(request)).decode() == (
             'HTTP/1.0 200 OK\r\nContent-Type: text/xml;charset="utf-8"\r\n'
             f"Content-Length: {len(text)}\r\ncontent-length: {len(text)}\r\n"
@@ -226,7 +204,7 @@ def test_faults():
             ("<dance><step/></dance>", "dance")):
         answer = exchange(post(envelope(operation))).decode()
         text = answer.split("\r\n\r\n", 1)[1]
-        assert text.startswith(fault("Validation 1 says:\n").split("</faultstring>")[0])
+        assert text.startswith(wrapped(fault("Validation 1 says:\n")).split("</faultstring>")[0])
         assert "\nValidation 2 says:\n" in text and named in text
     assert "colour" in exchange(post(envelope("<a><b/></a>"))).decode(), "texts are kept"
 

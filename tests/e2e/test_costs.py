@@ -115,7 +115,6 @@ def test_no_body_costs_a_second(agent, way):
         assert answer.startswith(b"HTTP/1.0 200 OK"), name
         assert len(answer) < 200000 or name == "markup to escape", (name, len(answer))
         assert not MEASURED or cost < 1, f"{name}: {cost} s"
-        print(f"{way}, {name}: {cost:.2f} s, {answer.partition(b'faultstring>')[2][:60]}")
 
 
 RETURN = "<preSignInTavoResponse><preSignInTavoReturn>{}</preSignInTavoReturn></preSignInTavoResponse>"
@@ -153,7 +152,6 @@ def test_no_answer_of_a_manager_costs_a_second():
                 box.wait_until(workshop.sign_in_ended, "the sign-in has ended", 120)
                 cost = processor_time(running)
             assert not MEASURED or cost < 1, f"{name}: {cost} s"
-            print(f"manager, {name}: {cost:.2f} s")
 
 
 def ask(request):
@@ -179,5 +177,4 @@ def test_large_bodies_at_once_take_little_memory_and_give_it_back(agent, name):
     assert {answer[:15] for answer in answers} == {b"HTTP/1.0 200 OK"}
     peak = agent.status("VmHWM")
     box.wait_until(lambda: resting_memory(agent) < before + 4096, "the memory is given back", 5)
-    print(f"{name}: peak {peak} kB, before {before} kB, after {resting_memory(agent)} kB")
     assert peak < 96 * 1024

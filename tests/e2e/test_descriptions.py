@@ -17,6 +17,7 @@ from zeep.helpers import serialize_object
 from zeep.plugins import HistoryPlugin
 
 import box
+import workshop
 
 pytestmark = pytest.mark.usefixtures("agent")
 
@@ -131,50 +132,32 @@ def test_a_stricter_toolkit(path, tmp_path):
 
 def test_connector(tmp_path):
     client = Client(box.CONNECTOR, tmp_path)
-    device, other, wrong = {"deviceId": box.DEVICE_ID}, {"deviceId": "TAVO1"}, {"handle": "1"}
+    device, wrong = {"deviceId": box.DEVICE_ID}, {"handle": "1"}
     echo = {"pSubSystem": "diag", "pCommand": "echo"}
-    not_run = {"key": "error", "value": "-1"}
-    client.check(
-        ("resetTrigger15Edge", {}, 0),
-        ("switchMode", {**other, "mode": 3}, 20),
-        ("switchMode", {**device, "mode": 9}, 17),
-        ("releaseDevice", {**wrong, **device}, 9),
-        ("setHostLock", {"handle": "", "hostLock": "0"}, 9),
-        ("executeGenericCommand", {**wrong, **echo}, {"error": 9, "commandResultList": not_run}),
-        ("reserveDevice", {**other, "owner": "o"}, {"error": 20, "handle": None}))
     right = {"handle": client.call("reserveDevice", **device, owner="<o>", hostLock="0")["handle"]}
     client.check(
+        ("resetTrigger15Edge", {}, 0),
         ("reserveDevice", {**device, "owner": "o"}, {"error": 10, "handle": None}),
-        ("setHostLock", {**wrong, "hostLock": "0"}, 7),
         ("setHostLock", {**right, "hostLock": box.CLIENT}, 0),
         ("switchMode", {**device, "mode": 3, **wrong}, 7),
-        ("executeGenericCommand", {**wrong, **echo}, {"error": 7, "commandResultList": not_run}),
+        ("executeGenericCommand", {**wrong, **echo},
+         {"error": 7, "commandResultList": {"key": "error", "value": "-1"}}),
         ("executeGenericCommand",
          {**right, **echo, "pParameters": [{"key": "b", "value": "<2>"}, {"key": "a", "value": "1"}]},
-         {"error": 0, "commandResultList": {"key": "result", "value": "a=1\nb=<2>\n"}}),
-        ("executeGenericCommand", {**right, "pSubSystem": "diag", "pCommand": "fail"},
-         {"error": 0,
-          "commandResultList": {"key": "error", "value": "the vehicle does not answer\n"}}))
+         {"error": 0, "commandResultList": {"key": "result", "value": "a=1\nb=<2>\n"}}))
     reserved = client.call("getDeviceInformation")
     assert (reserved["kl15Edge"], reserved["state"], reserved["sessionOwnerOrNull"]) == (False, 5, "<o>")
     assert reserved["channels"]["Channel"][2] == {
         "active": True, "ip": "-1062714326", "name": "MOST", "port": 6802, "type": 2}
-    client.check(("releaseDevice", {**right, **other}, 20),
-                 ("releaseDevice", {**wrong, **device}, 7),
+    client.check(("releaseDevice", {**wrong, **device}, 7),
                  ("releaseDevice", {**right, **device}, 0))
-    # Too hot, no gateway, and a voltage that cannot be measured.
-    temperature, voltage = pathlib.Path("/proc/sys/atmel/acttemp"), pathlib.Path("/proc/sys/kl30")
-    kept = temperature.read_text(), voltage.read_text()
-    temperature.write_text("Temp:95,Status:12\n")
-    voltage.unlink()
+    # No gateway, and a voltage that cannot be measured.
     subprocess.run(["ip", "route", "del", "default"], check=True)
     try:
-        client.check(("reserveDevice", {**device, "owner": "o"}, {"error": 21, "handle": None}))
-        poor = client.call("getDeviceInformation")
+        with workshop.replaced("/proc/sys/kl30", None):
+            poor = client.call("getDeviceInformation")
         assert poor["kl30"] is None and poor["currentNetworkConfig"]["gateway"] is None
     finally:
-        temperature.write_text(kept[0])
-        voltage.write_text(kept[1])
         subprocess.run(["ip", "route", "add", "default", "via", box.CLIENT], check=True)
     assert_validity(VALID, f"{URL}{box.CONNECTOR}?xsd=1", client.answers)
 
@@ -182,19 +165,10 @@ def test_connector(tmp_path):
 def test_agent_service(tmp_path):
     client = Client(AGENT, tmp_path)
     agent, other = {"name": "VCI-Agent"}, {"name": "a <b> & c"}
-    bad_argument = "java.lang.IllegalArgumentException: "
-    bad_state = "com.tembra.lusora.statemachine.UnknownStateException: "
-    _, handle = box.reserve()
-    client.check(("stopService", agent, f"{bad_state}Cant lock a reserved device!"))
-    assert box.release(handle) == "0"
     client.check(
         ("getMonitoringStatus", {"groupId": "tavo"}, None),
-        ("isServiceRunning", other, f"{bad_argument}WRONG service name!: a <b> & c"),
-        ("startService", other, f"{bad_argument}No service a <b> & c found!"),
-        ("stopService", other, f"{bad_argument}No service a <b> & c found!"),
-        ("isServiceRunning", agent, True),
+        ("isServiceRunning", other, "java.lang.IllegalArgumentException: WRONG service name!: a <b> & c"),
         ("stopService", agent, None),
-        ("stopService", agent, f"{bad_state}Can't lock a already locked device!"),
         ("isServiceRunning", agent, False),
         ("startService", agent, None),
         ("isServiceRunning", agent, True),

@@ -13,7 +13,7 @@ import pytest
 
 import box
 import workshop
-from workshop import ask, attribute_request, attributes, message, service_request, text, type_request
+from workshop import ask, attribute_request, attributes, service_request, type_request
 
 TYPES = b"service:zel.connector,service:hux-vci,"
 
@@ -57,11 +57,6 @@ def test_answers(served):
         first + 3, state="5", owner="a tester", uuid="00000000-0000-0001-0000-000000000001")
     assert "(IsAllocated=1)" in attributes(ask(attribute_request(url="service:hux-vci")))
     assert box.release(handle) == "0"
-
-    entry = b"\0\0\0\1\0\xff\xfa" + text(TYPES) + b"\0\0"
-    for service_type in ("", "service:zel.connector", "xservice:hux-vci:more"):
-        assert ask(service_request(service_type, xid=9)) == message(2, entry, xid=9)
-    assert ask(type_request(xid=11)) == message(10, b"\0\0" + text(TYPES) + b"\0", xid=11)
 
 
 def test_an_owner_chooses_no_attributes(served):

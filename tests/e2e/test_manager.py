@@ -11,15 +11,12 @@ import pytest
 
 import box
 import workshop
-from workshop import Manager, agent, ask, log, service_request, sign_in_ended, wait_for_log
+from workshop import (Manager, active_image, agent, ask, log, service_request, settings, sign_in_ended,
+                      wait_for_log)
 
 CONFIG = pathlib.Path("/config")
 REBOOTS = pathlib.Path("/tmp/reboot.log")
 IMAGES = pathlib.Path("/app/zel/images")
-
-
-def settings():
-    return dict(line.split("=", 1) for line in box.CONFIGURATION.read_text().splitlines())
 
 
 def check_at_rest(running):
@@ -54,14 +51,6 @@ def test_plain_sign_in_and_what_is_sent():
                  "debug   ID Contained ClusterIP 192.168.68.2",
                  "info    ID ZEL master signals firmware is up-to-date!"):
         assert re.search(line.replace("ID", r"\d+ +").replace("*", r"\*").replace("  +", " +"), text)
-    (body,) = manager.bodies("preSignInTavo")
-    (head,) = manager.heads("preSignInTavo")
-    assert head == (
-        "POST /webservices/OrsManagerTavoService/v1 HTTP/1.0\r\n"
-        'Content-Type: text/xml;charset="utf-8"\r\n'
-        "Accept: text/xml, multipart/related, text/html, image/gif, image/jpeg, *; q=.2, "
-        "*/*; q=.2\r\n"
-        f"Host: 192.168.68.2:23005\r\nConnection: Keep-Alive\r\nContent-Length: {len(body)}\r\n\r\n")
     assert settings()[workshop.ADDRESS_KEY + ".tmp"] == "192.168.68.2"
     assert stat.S_IMODE(box.CONFIGURATION.stat().st_mode) == 0o600
 
@@ -101,6 +90,8 @@ def test_wlan_settings(scenario, level):
 
 
 def test_enterprise_wlan_and_the_clock_at_the_next_start():
+    (CONFIG / "keypass").write_text("x" * 10000)  # which others could read so far
+    (CONFIG / "keypass").chmod(0o644)
     manager, _ = sign_in("wlan-enterprise", "wlan.ssid=work\"shop")
     assert manager.problems() == []
     stored = settings()
@@ -108,7 +99,7 @@ def test_enterprise_wlan_and_the_clock_at_the_next_start():
     assert stored["wlan.conf.infra.credentials"] == "/config"
     for name in ("cacert", "clientcert", "keypass", "wpa.conf"):
         assert stat.S_IMODE((CONFIG / name).stat().st_mode) == 0o600
-    assert "PRIVATE KEY" in (CONFIG / "keypass").read_text()
+    assert re.fullmatch(r"-+BEGIN .*PRIVATE KEY-+\n[\w+/=\n]+-+END .*-+\n*", (CONFIG / "keypass").read_text())
     assert (CONFIG / "wpa.conf").read_text() == (
         "ap_scan=1\nnetwork={\n  scan_ssid=1\n  proto=RSN WPA\n  key_mgmt=WPA-EAP\n"
         "  pairwise=CCMP TKIP\n  group=CCMP TKIP\n  eap=TLS\n  ssid=\"work\"shop\"\n"
@@ -133,11 +124,6 @@ def test_enterprise_wlan_and_the_clock_at_the_next_start():
     assert "settimeofday failed Operation not permitted" in log()
     assert log().index("settimeofday failed") < log().index("* SetDateTime done.") < log().index(
         "* SLP service started.")
-
-
-def active_image(kind):
-    directory = IMAGES / kind
-    return (directory / (directory / "active").read_text().strip() / "image").read_bytes()
 
 
 @pytest.mark.parametrize("scenario, kind", [("application-update", "application"),
@@ -248,9 +234,6 @@ def test_hostile_values_stay_values():
             ("wlan-wpa2-psk", [f"wlan.ssid={nasty}"], "the WLAN configuration cannot be used"),
             ("wlan-wpa2-psk", [f"wlan.credentials={nasty}"], "the WLAN configuration cannot"),
             ("wlan-enterprise", [f"wlan.ssid={nasty}"], "the WLAN configuration cannot be used"),
-            ("application-update", ["update.filename=../x"], "address supplied is not valid"),
-            ("application-update", ["update.context=/$(touch /tmp/intruder)"],
-             "address supplied is not valid"),
             ("application-update", [f"update.ip={nasty}"], "address supplied is not valid")]:
         manager, text = sign_in(scenario, *options)
         assert line in text, (scenario, options)

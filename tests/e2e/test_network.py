@@ -126,25 +126,19 @@ def test_refused_switches_change_nothing():
 
 @pytest.mark.timeout(600 + 10 * SWITCHES)
 def test_many_switches_leave_nothing_behind():
-    zcip = pathlib.Path("/sbin/zcip")
-    original = zcip.read_text()
-    zcip.write_text(FAST_ZCIP)
-    try:
-        with workshop.agent(ALONE + "3\n") as agent:
-            agent.wait_until_serving()
-            for _ in range(2):  # what is there once, stays
-                assert switch("2") == 0 and switch("3", "169.254.9.9") == 0
-            # The answer is there before the connection is closed and the lent address taken back.
-            box.wait_until(lambda: len(addresses()) == 1 and not agent.connections(), "the switch is over")
-            before = processes(), routes(), addresses(), agent.descriptors()
-            for _ in range(SWITCHES // 2):
-                assert switch("2") == 0
-                assert switch("3", "169.254.9.9") == 0
-            box.wait_until(lambda: len(addresses()) == 1 and not agent.connections(), "the switch is over")
-            assert (processes(), routes(), addresses(), agent.descriptors()) == before
-            assert box.rules() == []
-    finally:
-        zcip.write_text(original)
+    with workshop.replaced("/sbin/zcip", FAST_ZCIP), workshop.agent(ALONE + "3\n") as agent:
+        agent.wait_until_serving()
+        for _ in range(2):  # what is there once, stays
+            assert switch("2") == 0 and switch("3", "169.254.9.9") == 0
+        # The answer is there before the connection is closed and the lent address taken back.
+        box.wait_until(lambda: len(addresses()) == 1 and not agent.connections(), "the switch is over")
+        before = processes(), routes(), addresses(), agent.descriptors()
+        for _ in range(SWITCHES // 2):
+            assert switch("2") == 0
+            assert switch("3", "169.254.9.9") == 0
+        box.wait_until(lambda: len(addresses()) == 1 and not agent.connections(), "the switch is over")
+        assert (processes(), routes(), addresses(), agent.descriptors()) == before
+        assert box.rules() == []
 
 
 def test_a_switch_without_cable_returns_to_the_wlan():
@@ -202,19 +196,14 @@ def test_a_card_that_disappears_is_reported_and_waited_for(mode, tool):
 
 
 def test_a_card_that_disappears_during_a_switch_fails_it():
-    zcip = pathlib.Path("/sbin/zcip")
-    original = zcip.read_text()
-    zcip.write_text("#!/bin/sh\nip link delete eth0\n")
-    try:
-        with workshop.agent(ALONE + "3\n") as agent:
-            agent.wait_until_serving()
-            client = start_switch("2")
-            box.wait_until(lambda: "Change back to state free" in workshop.log(), "the switch is over")
-            insert_card()
-            run("ip", "address", "add", f"{box.BOX}/16", "dev", "eth0")
-            run("ip", "link", "set", "eth0", "up")
-            assert end_switch(client) == 17
-            assert switch("3") == 0 and addresses() == [f"{box.BOX}/16"]
-            assert box.rules() == []
-    finally:
-        zcip.write_text(original)
+    zcip = "#!/bin/sh\nip link delete eth0\n"
+    with workshop.replaced("/sbin/zcip", zcip), workshop.agent(ALONE + "3\n") as agent:
+        agent.wait_until_serving()
+        client = start_switch("2")
+        box.wait_until(lambda: "Change back to state free" in workshop.log(), "the switch is over")
+        insert_card()
+        run("ip", "address", "add", f"{box.BOX}/16", "dev", "eth0")
+        run("ip", "link", "set", "eth0", "up")
+        assert end_switch(client) == 17
+        assert switch("3") == 0 and addresses() == [f"{box.BOX}/16"]
+        assert box.rules() == []

@@ -11,15 +11,13 @@ import pytest
 
 import box
 import workshop
-from box import call, connect
-from workshop import Manager, agent, log, network
+from box import connect
+from workshop import Manager, active_image, agent, log, network, replaced, settings
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
 REPOSITORY = pathlib.Path(__file__).parents[2]
 ALONE = "opla.mode=OPLA-Next\ncountry.code=DE\ntavo.hostname=TAVO1\nnetwork.config.discover.mode=3\n"
-OLD_CONFIGURATION = box.CONFIGURATION.with_suffix(".configuration.old")
-IMAGES = pathlib.Path("/app/zel/images/application")
 INFORMATION = box.post(box.envelope("<getDeviceInformation/>"))
 ANSWER = b"getDeviceInformationResponse"
 KEPT = box.post(box.envelope("<getDeviceInformation/>"), headers="Connection: Keep-Alive\r\n")
@@ -103,36 +101,6 @@ def descriptors(running, left):
         resource.prlimit(running.pid, resource.RLIMIT_NOFILE, (soft, hard))
 
 
-@contextlib.contextmanager
-def file(path, text=""):
-    path = pathlib.Path(path)
-    path.write_text(text)
-    try:
-        yield
-    finally:
-        path.unlink()
-
-
-@contextlib.contextmanager
-def replaced(path, text):
-    """Another program, or none, in the place of a tool."""
-    tool = pathlib.Path(path)
-    kept = tool.with_suffix(".kept")
-    tool.rename(kept)
-    try:
-        if text is not None:
-            tool.write_text(text)
-            tool.chmod(0o755)
-        yield
-    finally:
-        kept.rename(tool)
-
-
-def settings():
-    path = box.CONFIGURATION if box.CONFIGURATION.exists() else OLD_CONFIGURATION
-    return dict(line.split("=", 1) for line in path.read_text().splitlines())
-
-
 def use(connection):
     connection.sendall(KEPT)
     assert ANSWER in box.read_response(connection)[1]
@@ -153,9 +121,9 @@ def at_rest(running):
 FAULTS = {  # and when a new client is answered
     "full disk": (full_disk, "at once"),
     "read-only settings": (read_only_settings, "at once"),
-    "clock ten years on": (lambda _: file("/run/clock-jump", str(10 * YEAR)), "at once"),
-    "clock ten years back": (lambda _: file("/run/clock-jump", str(-10 * YEAR)), "at once"),
-    "no threads": (lambda _: file("/run/no-threads"), "never"),
+    "clock ten years on": (lambda _: replaced("/run/clock-jump", str(10 * YEAR)), "at once"),
+    "clock ten years back": (lambda _: replaced("/run/clock-jump", str(-10 * YEAR)), "at once"),
+    "no threads": (lambda _: replaced("/run/no-threads", ""), "never"),
     "no descriptors": (lambda running: descriptors(running, 0), "afterwards"),
     "few descriptors": (lambda running: descriptors(running, 1), "at once"),
 }
@@ -195,7 +163,7 @@ def test_a_start_without_threads_goes_on_when_there_are_some(shim):
     if not shim:
         pytest.skip("cannot be brought about")
     box.LOG.unlink(missing_ok=True)
-    with file("/run/no-threads"):
+    with replaced("/run/no-threads", ""):
         running = box.Agent(ALONE, preload=shim)
         workshop.wait_for_log("Can't start a thread for a service, trying again")
     running.wait_until_serving()
@@ -263,33 +231,29 @@ def test_sigterm(manager, phase, shim):
     """Within three seconds, whatever the clock says then."""
     with Manager(manager) if manager else contextlib.nullcontext():
         network("cable", "out" if phase == "Lan is not link" else "in")
-        with agent(preload=shim) as running, file("/run/clock-jump", "0"):
+        with agent(preload=shim) as running, replaced("/run/clock-jump", "0"):
             workshop.wait_for_log(phase)
             pathlib.Path("/run/clock-jump").write_text(str(YEAR))
             assert running.stop(STOP_SECONDS) == 0
 
 
-def image():
-    return (IMAGES / (IMAGES / "active").read_text().strip() / "image").read_bytes()
-
-
 def test_kill_at_any_moment():
     """Settings and image are whole, whatever is interrupted, and the next start goes on from there."""
     box.CONFIGURATION.write_text(workshop.PLAIN.replace("=TAVO", "=bay-7"))
-    stored, seen = settings(), [image()]
+    stored, seen = settings(), [active_image()]
 
     def start(sign, end):
         with Manager("application-update"), agent(None) as running:
             workshop.wait_for_log(sign)
             end(running)
         assert settings().items() >= stored.items()
-        seen.append(image())
+        seen.append(active_image())
 
     for sign in ["starting on", "Open pipe '/sbin/udhcpc", "discover manager using", "Contained ClusterIP",
                  "Wait for response", "Downloading", "New version", "Rebooting"]:
         start(sign, lambda running: (running.process.kill(), running.process.wait()))
     start("* SignIn succeed", lambda running: None)
-    assert (IMAGES / "state").read_text() == "clean\n" and len(seen[-1]) == 200000
+    assert pathlib.Path("/app/zel/images/application/state").read_text() == "clean\n" and len(seen[-1]) == 200000
     assert set(seen) == {seen[0], seen[-1]}
 
 

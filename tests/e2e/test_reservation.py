@@ -57,17 +57,9 @@ def in_background(work):
         thread.join()
 
 
-@contextlib.contextmanager
 def filter_tool(script):
-    """The tool of the packet filter is that script in the block."""
-    FILTER.unlink()
-    FILTER.write_text(script + f'exec {FILTER_AS_IT_IS} "$@"\n')
-    FILTER.chmod(0o755)
-    try:
-        yield
-    finally:
-        FILTER.unlink()
-        FILTER.symlink_to(FILTER_AS_IT_IS)
+    """The tool of the packet filter runs that script first in the block."""
+    return workshop.replaced(FILTER, script + f'exec {FILTER_AS_IT_IS} "$@"\n')
 
 
 @contextlib.contextmanager
@@ -128,10 +120,8 @@ def test_only_ones_own_reservation_is_released():
 
 
 def test_nobody_waits_long_for_a_tool_that_hangs():
-    test = pathlib.Path("/app/zel/selftest.d/99-hangs")
     begun = pathlib.Path("/run/selftest.begun")
-    test.write_text(HANG.replace("while", f"touch {begun}\nwhile"))
-    test.chmod(0o755)
+    test = workshop.replaced("/app/zel/selftest.d/99-hangs", HANG.replace("while", f"touch {begun}\nwhile"))
     command = {"handle": "1", "pSubSystem": "a", "pCommand": "b"}
     refused = {
         "<error>10</error>": lambda: call("reserveDevice", deviceId=box.DEVICE_ID, owner="o"),
@@ -144,7 +134,7 @@ def test_nobody_waits_long_for_a_tool_that_hangs():
     }
     answers = {}
     first = []
-    with serving(), contextlib.ExitStack() as afterwards:
+    with test, serving(), contextlib.ExitStack() as afterwards:
         with hanging_filter(lambda: first.append(reserve())):
             afterwards.enter_context(in_background(lambda: ask_agent("doSelftest")))
             box.wait_until(begun.exists, "a self test is at work")
@@ -159,7 +149,6 @@ def test_nobody_waits_long_for_a_tool_that_hangs():
             assert first == [], "all are answered before the tool is"
         assert [expected for expected in refused if expected not in answers[expected]] == []
         assert first[0][0] == "0" and release(first[0][1]) == "0" and box.rules() == []
-    test.unlink()
 
 
 def test_a_rule_that_was_not_deleted_does_not_meet_the_next_owner():

@@ -9,7 +9,8 @@ import xml.etree.ElementTree as ElementTree
 import pytest
 
 import box
-from box import exchange, post, reserve, release, rules
+import workshop
+from box import exchange, fault, post, release, reserve, rules
 
 pytestmark = pytest.mark.usefixtures("agent")
 
@@ -36,11 +37,6 @@ def ask_agent(operation):
 def response(operation, children=None):
     start = f'\t\t<ns2:{operation}Response xmlns:ns2="{AGENT_SERVICE}"'
     return start + "/>\n" if children is None else f"{start}>\n{children}\t\t</ns2:{operation}Response>\n"
-
-
-def fault(message):
-    return ('\t\t<S:Fault xmlns:ns4="http://www.w3.org/2003/05/soap-envelope">\n'
-            f"\t\t\t<faultcode>S:Client</faultcode>\n\t\t\t<faultstring>{message}</faultstring>\n\t\t</S:Fault>\n")
 
 
 def named(operation, name="VCI-Agent"):
@@ -87,11 +83,8 @@ def test_monitoring_self_test_and_restart():
         "\t\t\t\t\t</MonitoringStatusItem>\n\t\t\t\t</items>\n\t\t\t</return>\n")
     assert ask_agent(group.format("tavo")) == response("getMonitoringStatus")
 
-    added = pathlib.Path("/app/zel/selftest.d/40-markup")
-    added.write_text("#!/bin/sh\necho 'a < b & c'\n")
-    added.chmod(0o755)
-    result = ask_agent("<doSelftest/>")
-    added.unlink()
+    with workshop.replaced("/app/zel/selftest.d/40-markup", "#!/bin/sh\necho 'a < b & c'\n"):
+        result = ask_agent("<doSelftest/>")
     assert result.startswith(response("doSelftest", "\t\t\t<return>10-voltage: OK").partition("\t\t</ns2")[0])
     assert result.endswith(";40-markup: OK (a &lt; b &amp; c);</return>\n\t\t</ns2:doSelftestResponse>\n")
     assert "Read line: '40-markup: OK (a < b & c)'\n" in box.LOG.read_text()

@@ -77,25 +77,10 @@ def test_signals():
 
 def test_the_restart_is_answered():
     """Also when the first that a reboot does is to stop the agent."""
-    tool = pathlib.Path("/usr/sbin/reboot")
-    kept = tool.read_bytes()
-    with started() as agent:
-        tool.write_text(f"#!/bin/sh\nkill -TERM {agent.pid}\n")
-        try:
-            answer = exchange(box.post(box.envelope("<restartDevice/>"), "/services/Agent"))
-            assert b"restartDeviceResponse" in answer and answer.endswith(b"</S:Envelope>\n")
-            assert agent.process.wait(20) == 0
-        finally:
-            tool.write_bytes(kept)
-
-
-def test_children_leave_no_zombies():
-    with started() as agent:
-        for _ in range(5):
-            code, handle = box.reserve()
-            assert code == "0" and box.release(handle) == "0"
-        children = pathlib.Path(f"/proc/{agent.pid}/task/{agent.pid}/children")
-        box.wait_until(lambda: children.read_text() == "", "no child is left")
+    with started() as agent, workshop.replaced("/usr/sbin/reboot", f"#!/bin/sh\nkill -TERM {agent.pid}\n"):
+        answer = exchange(box.post(box.envelope("<restartDevice/>"), "/services/Agent"))
+        assert b"restartDeviceResponse" in answer and answer.endswith(b"</S:Envelope>\n")
+        assert agent.process.wait(20) == 0
 
 
 def test_without_a_manager_known_it_waits():
@@ -123,7 +108,3 @@ def test_a_fault_in_a_connection_ends_only_that():
             assert b"Hallo Welt" in exchange(b"GET /test HTTP/1.0\r\n\r\n")
             errors = [line for line in log_lines() if line.startswith("error ==")]
             assert errors.count("error == FATAL: Segmentation fault detected!") == round_number
-    assert errors[0] == errors[2] == errors[6] == errors[-1] == "error " + "=" * 56
-    assert errors[4:6] == ["error ==    Cause   : SEGV_ACCERR",
-                           f"error ==    PID     : {agent.pid} (WebServer:Proto)"]
-    assert errors[7] == "error == Backtrace:"

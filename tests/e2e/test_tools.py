@@ -1,7 +1,6 @@
 """Tools that hang, flood, leave children behind or are at work when the agent is asked to stop."""
 
 import contextlib
-import pathlib
 import signal
 import subprocess
 import threading
@@ -25,14 +24,7 @@ def tools(scripts):
     with contextlib.ExitStack() as stack:
         stack.callback(subprocess.run, ["pkill", "-KILL", "-f", "^sleep 4321"])
         for path, script in scripts.items():
-            path = pathlib.Path(path)
-            kept = path.with_name("kept-" + path.name)
-            stack.callback(path.unlink)
-            if path.exists():
-                path.rename(kept)
-                stack.callback(kept.rename, path)
-            path.write_text(script)
-            path.chmod(0o755)
+            stack.enter_context(workshop.replaced(path, script))
         yield
 
 

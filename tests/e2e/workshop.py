@@ -1,6 +1,7 @@
 """What stands around the box in the end-to-end tests: the manager, SLP clients, a capture."""
 
 import contextlib
+import os
 import pathlib
 import re
 import socket
@@ -54,10 +55,6 @@ class Manager:
         return [path.read_bytes().decode()
                 for path in sorted(RECORD.glob(f"*-{operation}-request.xml"))]
 
-    def heads(self, operation):
-        return [path.read_bytes().decode()
-                for path in sorted(RECORD.glob(f"*-{operation}-request.head"))]
-
     def problems(self):
         return [line for line in self.output().splitlines() if "PROBLEM" in line]
 
@@ -73,6 +70,38 @@ def agent(configuration=PLAIN, preload=""):
         if running.process.poll() is None:
             assert running.stop() == 0
         running.check_output()
+
+
+@contextlib.contextmanager
+def replaced(path, script):
+    """Another program, or none, in the place of one that may be there."""
+    tool = pathlib.Path(path)
+    kept = tool.with_name(f"kept-{tool.name}")
+    was_there = os.path.lexists(tool)
+    if was_there:
+        tool.rename(kept)
+    try:
+        if script is not None:
+            tool.write_text(script)
+            tool.chmod(0o755)
+        yield
+    finally:
+        tool.unlink(missing_ok=True)
+        if was_there:
+            kept.rename(tool)
+
+
+def settings():
+    """What the next start reads."""
+    path = box.CONFIGURATION
+    if not path.exists():
+        path = path.with_suffix(".configuration.old")
+    return dict(line.split("=", 1) for line in path.read_text().splitlines())
+
+
+def active_image(kind="application"):
+    directory = pathlib.Path("/app/zel/images", kind)
+    return (directory / (directory / "active").read_text().strip() / "image").read_bytes()
 
 
 def log():

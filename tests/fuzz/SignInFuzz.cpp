@@ -3,9 +3,7 @@
 
 #include <sys/socket.h>
 
-#include <cstdlib>
-#include <fstream>
-
+#include "Fuzzing.h"
 #include "HttpMessageReader.h"
 #include "PreSignInResponse.h"
 #include "ServiceSchemas.h"
@@ -20,9 +18,7 @@ constexpr std::size_t kMaxAnswer = 60000;  // what a socket takes at once
 
 HttpRequest Read(const std::uint8_t* data, std::size_t size) {
     int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) {
-        std::abort();
-    }
+    Fuzzing::Require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0, "there are sockets");
     const SocketGuard manager(ends[0]);
     const SocketGuard box(ends[1]);
     static_cast<void>(send(manager.Get(), data, size, 0));
@@ -37,15 +33,12 @@ HttpRequest Read(const std::uint8_t* data, std::size_t size) {
 
 /// As many lines as settings, whatever was stored.
 void CheckSettings(const ZelConfig& config) {
-    if (!config.Save()) {
-        std::abort();
-    }
+    Fuzzing::Require(config.Save(), "what was taken is saved");
     std::ifstream file(ZelConfig::kConfigurationFile);
     for (std::string line; std::getline(file, line);) {
-        if (!line.starts_with("tavo.") && !line.starts_with("country.code=") &&
-            !line.starts_with("wlan.conf.infra.")) {
-            std::abort();
-        }
+        Fuzzing::Require(line.starts_with("tavo.") || line.starts_with("country.code=") ||
+                             line.starts_with("wlan.conf.infra."),
+                         "a line is a setting");
     }
 }
 
