@@ -1,14 +1,18 @@
 #include "DiagnosticPorts.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
-#include <fstream>
+#include <cstring>
 #include <optional>
 #include <sstream>
 #include <string_view>
 #include <vector>
 
+#include "SocketGuard.h"
 #include "ZelLogging.h"
 
 namespace {
@@ -37,6 +41,15 @@ Shell::Fate Filter(const char* action, const Rule& rule, const Shell::Limits& li
 void SetForwarding(int on) {
     std::string output;
     Shell::RunSystemWithResult(output, "/bin/echo %d > %s", on, kForwarding);
+}
+
+/// Without a tool: also where none can be started.
+void SwitchForwardingOff() {
+    constexpr std::string_view kOff = "0\n";
+    const SocketGuard file(open(kForwarding, O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (write(file.Get(), kOff.data(), kOff.size()) != static_cast<ssize_t>(kOff.size())) {
+        ZEL_ERROR("Can't write %s: %s", kForwarding, std::strerror(errno));
+    }
 }
 
 /// The rule that the packet filter lists in that line, if it is one of Open().
@@ -133,7 +146,7 @@ void DiagnosticPorts::CloseAll(const Shell::Limits& limits) {
         left.time = std::chrono::ceil<std::chrono::milliseconds>((end - Clock::now()) / 2);
         return left;
     };
-    std::ofstream(kForwarding) << "0\n";
+    SwitchForwardingOff();
     for (int attempt = 0; attempt < kAttempts && Clock::now() < end; ++attempt) {
         const std::optional<std::vector<Rule>> rules = FindRules(rest());
         if (!rules) {
