@@ -67,8 +67,9 @@ def test_an_owner_chooses_no_attributes(served):
     assert listed.count("(State=") == 1 and "(State=5),(Owner=x\\29\\2c\\28State\\3d4 \\0a\\5c \u00f6\\7e" in listed
     in_client = lambda *command: subprocess.run(["nsenter", "--net=/run/netns/client", *command],
                                                 capture_output=True, text=True, check=True).stdout
-    found, = json.loads(in_client(os.path.join(os.path.dirname(box.AGENT), "zelctl"), "find", "--json"))
-    assert (found["owner"], found["state"]) == (told, "reserved")
+    if not box.EMULATED:  # the client is this machine's
+        found, = json.loads(in_client(os.path.join(os.path.dirname(box.AGENT), "zelctl"), "find", "--json"))
+        assert (found["owner"], found["state"]) == (told, "reserved")
     shown = in_client(sys.executable, "workshop/client.py", "find")
     assert f" {told}\n".replace("\n\\", "?\\") in shown and "State                    5\n" in shown
     assert box.release(handle) == "0"
