@@ -6,6 +6,7 @@
 #include <sys/time.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -23,15 +24,42 @@ bool ToSocketAddress(const std::string& dotted, sockaddr_in& address) {
 }
 
 void LogConnectFailure(const std::string& address, int error) {
-    // The system's word for a connect that ran out of its time is misleading.
     ZEL_ERROR("Can't connect to %s because of: %s", LogText::Of(address).c_str(),
-              std::strerror(error == EINPROGRESS ? ETIMEDOUT : error));
+              std::strerror(error));
+}
+
+/// Reads what still comes until the peer has closed its end.
+void ReadToEnd(int descriptor, ManagerConnection::Clock::time_point deadline) {
+    std::array<char, 4096> part{};
+    pollfd input{descriptor, POLLIN, 0};
+    std::chrono::milliseconds left{};
+    do {
+        left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - ManagerConnection::Clock::now());
+    } while (left.count() > 0 && poll(&input, 1, static_cast<int>(left.count())) > 0 &&
+             recv(descriptor, part.data(), part.size(), MSG_DONTWAIT) > 0);
+}
+
+bool IsProvisional(const HttpRequest& response) {
+    constexpr int kFirst = 100;
+    constexpr int kLast = 199;
+    return response.status >= kFirst && response.status <= kLast;
 }
 
 }  // namespace
 
+void ManagerConnection::Settle(Clock::time_point deadline) {
+    if (outstanding_ > 0) {
+        ZEL_DEBUG("%d answers are outstanding on the socket, reopen", outstanding_);
+        shutdown(socket_.Get(), SHUT_WR);
+        ReadToEnd(socket_.Get(), std::min(deadline, Clock::now() + kSettleTime));
+        Close();
+    }
+}
+
 bool ManagerConnection::Exchange(const std::string& message, HttpRequest& response,
                                  Clock::time_point deadline) {
+    refused_ = false;
     if (!Connect(deadline)) {
         return false;
     }
@@ -49,19 +77,46 @@ bool ManagerConnection::Exchange(const std::string& message, HttpRequest& respon
         std::to_string(message.size()) + "\r\n\r\n" + message;
     if (!Send(request, deadline)) {
         ZEL_ERROR("Send request failed: %s", std::strerror(errno));
+        Close();  // half a request may have left
         return false;
     }
+    ++outstanding_;
     ZEL_DEBUG("Wait for response");
-    response = {};
-    if (!reader_->ReadHead(response, deadline)) {
-        return false;
-    }
-    reader_->ReadBody(response);
+    return Receive(response, deadline);
+}
+
+/// An answer that has not begun may still come, one that has ended within its head is lost, and so
+/// is the place in what is received where the next one begins.
+bool ManagerConnection::Receive(HttpRequest& response, Clock::time_point deadline) {
+    do {
+        if (!reader_->WaitForMessage(deadline)) {
+            return false;
+        }
+        response = {};
+        if (!reader_->ReadHead(response, deadline)) {
+            Close();
+            return false;
+        }
+    } while (IsProvisional(response));
+    --outstanding_;
+    ReadBody(response);
     return true;
+}
+
+void ManagerConnection::ReadBody(HttpRequest& response) {
+    if (reader_->ReadBody(response)) {
+        return;
+    }
+    if (response.body) {  // it is sized, and may have got bytes of a next answer, too
+        const auto length = static_cast<std::size_t>(response.contentLength);
+        response.body->resize(std::min(response.body->size(), length));
+    }
+    Close();  // what is left of it would pass for the next head
 }
 
 void ManagerConnection::Close() {
     reader_.reset();
+    outstanding_ = 0;
     const std::lock_guard lock(mutex_);
     socket_.Reset();
 }
@@ -84,10 +139,14 @@ bool ManagerConnection::Connect(Clock::time_point deadline) {
     return Open(deadline);
 }
 
-/// Not when there is something to be read: the end of the connection, or what nobody asked for.
+/// Not when there is something to be read: the end of the connection, or what nobody asked for. An
+/// answer to the first attempt that comes between the two has been asked for.
 bool ManagerConnection::IsUsable() const {
     pollfd input{socket_.Get(), POLLIN, 0};
-    return !reader_->HasUnread() && poll(&input, 1, 0) == 0;
+    char next = 0;
+    return !reader_->HasUnread() &&
+           (poll(&input, 1, 0) == 0 ||
+            (outstanding_ > 0 && recv(socket_.Get(), &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0));
 }
 
 bool ManagerConnection::Open(Clock::time_point deadline) {
@@ -111,7 +170,9 @@ bool ManagerConnection::Open(Clock::time_point deadline) {
                                                     : 0;
     if (error == 0 &&
         connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        error = errno;
+        // The system's word for a connect that ran out of its time is misleading.
+        error = errno == EINPROGRESS ? ETIMEDOUT : errno;
+        refused_ = error != ETIMEDOUT;
     }
     if (error != 0) {
         LogConnectFailure(address_, error);

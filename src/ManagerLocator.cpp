@@ -1,5 +1,8 @@
 #include "ManagerLocator.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -19,23 +22,24 @@ constexpr char kServiceMark[] = "Service=zel-manager";
 constexpr char kAddressMark[] = "ClusterIP=";
 constexpr char kAddressAttribute[] = "ClusterIP";
 
-bool IsControl(char character) {
-    constexpr unsigned char kFirstPrintable = 0x20;
-    constexpr unsigned char kDelete = 0x7f;
-    const auto code = static_cast<unsigned char>(character);
-    return code < kFirstPrintable || code == kDelete;
-}
-
-/// `value` without the characters that enclose it. False when nothing usable is left: the address
-/// goes into the log, the configuration file and the manager's requests, where a line break would
-/// begin something of its own.
-bool ReadEnclosed(const std::string& value, std::string& address) {
-    constexpr std::size_t kEnclosing = 2;
-    if (value.size() <= kEnclosing) {
+/// Whether a host other than the box itself can have that address, a dotted one (RFC 6890, section
+/// 2.2.2): no group, no broadcast, not "this host".
+bool IsHostAddress(const std::string& text) {
+    in_addr address{};
+    if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
         return false;
     }
-    address = value.substr(1, value.size() - kEnclosing);
-    return std::none_of(address.begin(), address.end(), IsControl);
+    constexpr std::uint32_t kNetworkBits = 24;
+    const std::uint32_t value = ntohl(address.s_addr);
+    const std::uint32_t network = value >> kNetworkBits;
+    return network != 0 && network != IN_LOOPBACKNET && !IN_MULTICAST(value) &&
+           !IN_BADCLASS(value);
+}
+
+/// `value` without the characters that enclose it.
+std::string Enclosed(const std::string& value) {
+    constexpr std::size_t kEnclosing = 2;
+    return value.size() <= kEnclosing ? "" : value.substr(1, value.size() - kEnclosing);
 }
 
 }  // namespace
@@ -57,6 +61,10 @@ bool ManagerLocator::LocateManager() {
 
 bool ManagerLocator::TryUnicast() {
     const std::string remembered = config_.Get(kRememberedKey);
+    if (!remembered.empty() && !IsHostAddress(remembered)) {
+        const std::lock_guard lock(mutex_);
+        Complain("The remembered '" + LogText::Of(remembered) + "'");
+    }
     for (int attempt = 0; attempt < kUnicastAttempts && !IsStopped(); ++attempt) {
         ZEL_DEBUG("discover manager using unicast to %s", LogText::Of(remembered).c_str());
         {
@@ -123,10 +131,10 @@ int ManagerLocator::OnAttributeReply(SlpReply& reply) {
         return -1;
     }
     std::string value;
-    std::string address;
-    if (SlpBase::FindAttribute(*reply.attrList, kAddressAttribute, value) != 0 ||
-        !ReadEnclosed(value, address)) {
-        ZEL_DEBUG("ClusterIP from %s holds no address", reply.peerAddress.c_str());
+    SlpBase::FindAttribute(*reply.attrList, kAddressAttribute, value);
+    std::string address = Enclosed(value);
+    if (!IsHostAddress(address)) {
+        Complain("ClusterIP '" + LogText::Of(address) + "' of " + reply.peerAddress);
         return -1;
     }
     managerAddress_ = std::move(address);
@@ -137,6 +145,13 @@ int ManagerLocator::OnAttributeReply(SlpReply& reply) {
     changed_.notify_all();
     ZEL_DEBUG("Contained ClusterIP %s", LogText::Of(managerAddress_).c_str());
     return 0;
+}
+
+void ManagerLocator::Complain(const std::string& what) {
+    if (complaints_.size() < kMaxComplaints && complaints_.insert(what).second) {
+        ZEL_ERROR("%s is no address that a manager can have, such as 192.168.68.2; searching on",
+                  what.c_str());
+    }
 }
 
 std::string ManagerLocator::ManagerAddress() const {

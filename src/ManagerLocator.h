@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "DiscoverModeCtrl.h"
@@ -23,6 +24,9 @@ public:
     static constexpr char kFoundKey[] =
         "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
 
+    /// Most values that are no manager's address which are logged, each once: anybody can send them.
+    static constexpr std::size_t kMaxComplaints = 8;
+
     ManagerLocator(ZelConfig& config, DiscoverModeCtrl& mode, const SlpBase& socket);
     ManagerLocator(const ManagerLocator&) = delete;
     ManagerLocator& operator=(const ManagerLocator&) = delete;
@@ -41,10 +45,10 @@ public:
     /// Judges a received AttrRply, whose list is cut into pieces on the way. Returns 0 when it
     /// names a manager that can be used. Returns -1 when nothing was asked, or a manager has been
     /// found since LocateManager began: the first one counts; when the reply is no manager's
-    /// or names no address: the address is what "ClusterIP" encloses in its first and last
-    /// character, and is not empty and without control characters; or when the address is on
-    /// another network than the box (DiscoverModeCtrl::SharesNetworkWith): it is then kept, but not
-    /// taken as found.
+    /// or names no address, which is what "ClusterIP" encloses in its first and last character: a
+    /// dotted one that a host other than the box can have; or when the address is on another
+    /// network than the box (DiscoverModeCtrl::SharesNetworkWith): it is then kept, but not taken
+    /// as found.
     int OnAttributeReply(SlpReply& reply);
 
     /// The address named last, empty before the first.
@@ -59,6 +63,7 @@ private:
     bool TryMulticast();
     bool IsStopped() const;
     void OnMulticastFailure(int attempt);
+    void Complain(const std::string& what);
 
     ZelConfig& config_;
     DiscoverModeCtrl& mode_;
@@ -67,6 +72,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     std::string managerAddress_;
+    std::set<std::string> complaints_;
     bool requestOutstanding_ = false;
     bool managerFound_ = false;
     bool stopped_ = false;

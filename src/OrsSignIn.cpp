@@ -8,7 +8,6 @@
 #include "PreSignInResponse.h"
 #include "Reboot.h"
 #include "SignInRequests.h"
-#include "SoftwareUpdate.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
 
@@ -23,6 +22,8 @@ constexpr char kRememberedAddressKey[] =
     "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips";
 constexpr std::chrono::seconds kReservePause{1};
 constexpr int kAttempts = 2;
+// The manager's SLP service may be there before its SOAP service.
+constexpr std::chrono::seconds kRefusedPause{1};
 
 xmlNode* FindTag(const xmlNode* parent, const char* name) {
     xmlNode* found = XmlText::FindChild(parent, name);
@@ -154,7 +155,11 @@ bool OrsSignIn::Exchange(const char* name, const std::string& message, std::stri
     HttpRequest response;
     bool answered = false;
     const auto deadline = ManagerConnection::Clock::now() + kExchangeTimeLimit;
+    connection_->Settle(deadline);
     for (int attempt = 0; attempt < kAttempts && !answered; ++attempt) {
+        if (connection_->IsRefused() && !Pause(kRefusedPause)) {
+            break;
+        }
         answered = connection_->Exchange(message, response, deadline);
     }
     if (ManagerConnection::Clock::now() >= deadline) {
@@ -201,7 +206,7 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
     if (result == nullptr || !PreSignInResponse::Apply(config_, result)) {
         return false;
     }
-    if (SoftwareUpdate(result).Run(config_)) {
+    if (SoftwareUpdate(result).Run(config_, installed_)) {
         rebootAfterUpdate_ = true;
         anotherPreSignIn_ = true;
     }

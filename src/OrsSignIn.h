@@ -12,6 +12,7 @@
 #include "DiscoverModeCtrl.h"
 #include "ManagerConnection.h"
 #include "ServiceSchemas.h"
+#include "SoftwareUpdate.h"
 #include "ZelConfig.h"
 
 /// Signs the box in with the central manager: PreSignIn, which may bring new settings and software,
@@ -63,6 +64,7 @@ private:
     std::optional<ServiceSchemas> schemas_;  // while an answer may have to be checked
     bool anotherPreSignIn_ = false;
     bool rebootAfterUpdate_ = false;
+    SoftwareUpdate::Installed installed_;
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;

@@ -77,6 +77,27 @@ rlim_t RoomForImage() {
     return available - std::min(available, SoftwareUpdate::kFreeReserve);
 }
 
+/// "01.02.03" as "10203", the form in which the box reads its versions at start; another text as it
+/// is. Empty when it is none that can be shown.
+std::string ToRecorded(const std::string& version) {
+    std::array<int, 3> parts{};
+    constexpr int kMaxPart = 99;
+    // NOLINTNEXTLINE(cert-err34-c): checked below; five digits cannot overflow
+    const int count = std::sscanf(version.c_str(), "%5d.%5d.%5d", &parts[0], &parts[1], &parts[2]);
+    if (count == static_cast<int>(parts.size()) &&
+        std::all_of(parts.begin(), parts.end(),
+                    [](int part) { return part >= 0 && part <= kMaxPart; })) {
+        std::array<char, 16> text{};
+        std::snprintf(text.data(), text.size(), "%d%02d%02d", parts[0], parts[1], parts[2]);
+        return text.data();
+    }
+    const bool isLine = std::none_of(version.begin(), version.end(), [](char c) {
+        constexpr char kDelete = 0x7f;
+        return static_cast<unsigned char>(c) < ' ' || c == kDelete;
+    });
+    return isLine && version.size() <= SoftwareUpdate::kMaxVersion ? version : "";
+}
+
 }  // namespace
 
 SoftwareUpdate::SoftwareUpdate(const xmlNode* preSignInReturn) {
@@ -99,7 +120,7 @@ SoftwareUpdate::SoftwareUpdate(const xmlNode* preSignInReturn) {
     fileName_ = Attribute(attributes, "FILENAME");
 }
 
-bool SoftwareUpdate::Run(ZelConfig& config) const {
+bool SoftwareUpdate::Run(ZelConfig& config, Installed& installed) const {
     if (!present_) {
         return false;
     }
@@ -116,12 +137,18 @@ bool SoftwareUpdate::Run(ZelConfig& config) const {
              LogText::Of(url_).c_str());
     ZEL_INFO("   md5: %s, filename: %s", LogText::Of(digest_).c_str(),
              LogText::Of(fileName_).c_str());
-    const bool installed = Fetch() && Install();
-    if (installed) {
+    std::string& last = application_ ? installed.application : installed.firmware;
+    if (!last.empty() && last == digest_) {
+        ZEL_INFO("This image has just been installed, it is not installed again before a restart");
+        return false;
+    }
+    const bool isInstalled = Fetch() && Install();
+    if (isInstalled) {
+        last = digest_;
         RecordVersion(config);
     }
     RemoveFile();
-    return installed;
+    return isInstalled;
 }
 
 /// All of it becomes part of a command line, within double quotes: of the characters that a URL may
@@ -182,22 +209,15 @@ bool SoftwareUpdate::Install() const {
     return true;
 }
 
-/// "01.02.03" is recorded as "10203", the form in which the box reads its versions at start.
 void SoftwareUpdate::RecordVersion(ZelConfig& config) const {
     ZEL_INFO("New version: %s", LogText::Of(version_).c_str());
-    std::array<int, 3> parts{};
-    constexpr int kMaxPart = 99;
-    // NOLINTNEXTLINE(cert-err34-c): checked below; five digits cannot overflow
-    const int count = std::sscanf(version_.c_str(), "%5d.%5d.%5d", &parts[0], &parts[1], &parts[2]);
-    if (count != static_cast<int>(parts.size()) ||
-        std::any_of(parts.begin(), parts.end(),
-                    [](int part) { return part < 0 || part > kMaxPart; })) {
-        ZEL_ERROR("The new version '%s' is not of the form 1.2.3, it is known after the next start",
-                  LogText::Of(version_).c_str());
+    const std::string version = ToRecorded(version_);
+    if (version.empty()) {
+        ZEL_ERROR("The new version is missing, or no line of up to %zu bytes; it is known after the "
+                  "next start",
+                  kMaxVersion);
         return;
     }
-    std::array<char, 16> text{};
-    std::snprintf(text.data(), text.size(), "%d%02d%02d", parts[0], parts[1], parts[2]);
-    config.Set(application_ ? "system.version.app" : "system.version.boot", text.data(),
+    config.Set(application_ ? "system.version.app" : "system.version.boot", version,
                ZelConfig::Kind::kFixed);
 }

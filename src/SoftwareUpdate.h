@@ -19,12 +19,24 @@ public:
     /// Bytes of the disk under /tmp, which the log is on, that a download leaves free.
     static constexpr rlim_t kFreeReserve = rlim_t{2} * 1024 * 1024;
 
+    /// Most bytes of a version that is recorded as it is written.
+    static constexpr std::size_t kMaxVersion = 64;
+
+    /// MD5 sums of the images that have been installed last since the start, empty for none. The
+    /// sum is what makes an update the same: what the order calls it, and where it lies, may
+    /// change.
+    struct Installed {
+        std::string application;
+        std::string firmware;
+    };
+
     /// Reads the order from the element preSignInTavoReturn.
     explicit SoftwareUpdate(const xmlNode* preSignInReturn);
 
-    /// Carries the order out, if there is one, and records the new version in the store. Returns
-    /// true when new software was installed.
-    bool Run(ZelConfig& config) const;
+    /// Carries the order out, if there is one, and records the new version in the store. What is in
+    /// `installed` is not installed again. Returns true when new software was installed, which
+    /// `installed` then tells.
+    bool Run(ZelConfig& config, Installed& installed) const;
 
 private:
     bool HasUsableAddress() const;

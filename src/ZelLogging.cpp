@@ -14,8 +14,10 @@ namespace {
 constexpr char kHandler[] = "zelloghandler";
 constexpr char kConsoleHandler[] = "zellogconsole";
 constexpr char kFileHandler[] = "zellogfile";
+// Of the platform's libraries.
 constexpr char kSelfTestHandler[] = "selftestloghandler";
 constexpr char kDispatcherHandler[] = "DispatcherLog";
+constexpr char kUpdateHandler[] = "UpdateFirmwareLog";
 
 // A level of the platform's own libraries that is too chatty for a console.
 constexpr int kPlatformTrace = 342;
@@ -62,6 +64,7 @@ ZelLogging::ZelLogging() : file_(kLogFile, kFileSizeLimit, kFileCount) {
     file_.SetLayout(std::make_unique<ZelLogLayout>());
     file.AddClient(file_);
     LogHandler::GetLogHandler(kDispatcherHandler).AddClient(handler);
+    LogHandler::GetLogHandler(kUpdateHandler).AddClient(handler);
 }
 
 ZelLogging::~ZelLogging() {

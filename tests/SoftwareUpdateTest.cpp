@@ -68,7 +68,7 @@ protected:
     bool Run(const std::string& content) {
         const ManagerAnswer answer(content);
         EXPECT_NE(answer.Root(), nullptr) << content;
-        return SoftwareUpdate(answer.Root()).Run(config_);
+        return SoftwareUpdate(answer.Root()).Run(config_, installed_);
     }
 
     static std::string ActiveImage(const std::string& type) {
@@ -79,6 +79,7 @@ protected:
     }
 
     ZelConfig config_;
+    SoftwareUpdate::Installed installed_;
 };
 
 // A recorder in the place of the download tool: what reaches it, and that nothing else runs.
