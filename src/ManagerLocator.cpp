@@ -32,8 +32,7 @@ bool IsHostAddress(const std::string& text) {
     constexpr std::uint32_t kNetworkBits = 24;
     const std::uint32_t value = ntohl(address.s_addr);
     const std::uint32_t network = value >> kNetworkBits;
-    return network != 0 && network != IN_LOOPBACKNET && !IN_MULTICAST(value) &&
-           !IN_BADCLASS(value);
+    return network != 0 && network != IN_LOOPBACKNET && !IN_MULTICAST(value) && !IN_BADCLASS(value);
 }
 
 /// `value` without the characters that enclose it.

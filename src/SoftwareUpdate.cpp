@@ -213,9 +213,10 @@ void SoftwareUpdate::RecordVersion(ZelConfig& config) const {
     ZEL_INFO("New version: %s", LogText::Of(version_).c_str());
     const std::string version = ToRecorded(version_);
     if (version.empty()) {
-        ZEL_ERROR("The new version is missing, or no line of up to %zu bytes; it is known after the "
-                  "next start",
-                  kMaxVersion);
+        ZEL_ERROR(
+            "The new version is missing, or no line of up to %zu bytes; it is known after the "
+            "next start",
+            kMaxVersion);
         return;
     }
     config.Set(application_ ? "system.version.app" : "system.version.boot", version,

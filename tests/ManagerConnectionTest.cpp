@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ManagerConnection.h"
 #include "OrsSignIn.h"
@@ -17,8 +18,7 @@ using namespace std::chrono_literals;
 
 constexpr char kAddress[] = "127.0.0.1";
 
-/// Accepts one connection, sends `begin` there and then `again` every now and then.
-std::jthread StartManager(const std::string& begin, const std::string& again) {
+std::shared_ptr<SocketGuard> Listen() {
     auto listener = std::make_shared<SocketGuard>(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(listener->Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
@@ -26,7 +26,12 @@ std::jthread StartManager(const std::string& begin, const std::string& again) {
     EXPECT_EQ(bind(listener->Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
               0);
     EXPECT_EQ(listen(listener->Get(), 1), 0);
-    return std::jthread([listener, begin, again](const std::stop_token& stop) {
+    return listener;
+}
+
+/// Accepts one connection, sends `begin` there and then `again` every now and then.
+std::jthread StartManager(const std::string& begin, const std::string& again) {
+    return std::jthread([listener = Listen(), begin, again](const std::stop_token& stop) {
         const SocketGuard box(accept(listener->Get(), nullptr, nullptr));
         send(box.Get(), begin.data(), begin.size(), MSG_NOSIGNAL);
         while (!stop.stop_requested()) {
@@ -59,6 +64,61 @@ TEST(ManagerConnectionTest, AnExchangeEndsInTimeWhateverTheManagerSends) {
         EXPECT_GT(taken, 900ms) << manager.name;
         EXPECT_LT(taken, 60s) << manager.name;
         EXPECT_FALSE(connection.Exchange("<again/>", response, begin + 1s)) << "no time is left";
+    }
+}
+
+/// Accepts one connection after the other, and sends there one text after each request, then
+/// nothing more until the box closes it.
+std::jthread StartManager(const std::vector<std::vector<std::string>>& connections) {
+    return std::jthread([listener = Listen(), connections] {
+        for (const auto& texts : connections) {
+            const SocketGuard box(accept(listener->Get(), nullptr, nullptr));
+            std::string received(4096, '\0');
+            for (std::size_t i = 0; recv(box.Get(), received.data(), received.size(), 0) > 0; ++i) {
+                const std::string text = i < texts.size() ? texts[i] : "";
+                send(box.Get(), text.data(), text.size(), MSG_NOSIGNAL);
+            }
+        }
+    });
+}
+
+TEST(ManagerConnectionTest, AnAnswerIsTakenForItsOwnMessageOnly) {
+    // Longer than what is received at once.
+    const std::string one(6000, '1');
+    const std::string two(6000, '2');
+    const auto answer = [](const std::string& body) {
+        return "HTTP/1.0 200 OK\r\nContent-Length: 6000\r\n\r\n" + body;
+    };
+    const std::string half = one.substr(0, 3000);
+    const struct {
+        const char* name;
+        std::vector<std::vector<std::string>> connections;
+        bool isLate = false;
+        std::string first;
+    } managers[] = {
+        {"both attempts are answered", {{"", answer(one) + answer(one)}, {answer(two)}}, true, one},
+        {"one attempt is answered", {{"", answer(one), answer(one)}, {answer(two)}}, true, one},
+        {"half a head", {{"HTTP/1.0 200 OK\r\nContent-"}, {answer(one), answer(two)}}, true, one},
+        {"half a body", {{answer(half), half + answer(one)}, {answer(two)}}, false, half},
+        {"a provisional answer",
+         {{"HTTP/1.1 100 Continue\r\n\r\n" + answer(one), answer(two)}},
+         false,
+         one},
+    };
+    for (const auto& manager : managers) {
+        const std::jthread serving = StartManager(manager.connections);
+        ManagerConnection connection(kAddress);
+        HttpRequest response;
+        const auto exchange = [&](const char* message, ManagerConnection::Clock::duration time) {
+            return connection.Exchange(message, response, ManagerConnection::Clock::now() + time);
+        };
+        const bool isAnswered = exchange("<one/>", manager.isLate ? 300ms : 3s);
+        EXPECT_EQ(isAnswered, !manager.isLate) << manager.name;
+        EXPECT_TRUE(isAnswered || exchange("<one/>", 60s)) << manager.name;
+        EXPECT_EQ(response.body, manager.first) << manager.name;
+        connection.Settle(ManagerConnection::Clock::now() + 60s);
+        EXPECT_TRUE(exchange("<two/>", 60s)) << manager.name;
+        EXPECT_EQ(response.body, two) << manager.name;
     }
 }
 

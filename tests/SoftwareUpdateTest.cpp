@@ -183,22 +183,43 @@ TEST_F(SoftwareDownloadTest, WhatGoesWrongLeavesTheSoftware) {
     ExpectSoftware({application, "old app", firmware, "old boot"}, "not installed");
 }
 
-TEST_F(SoftwareDownloadTest, TheVersionIsRecordedInTheFormReadAtStart) {
+TEST_F(SoftwareDownloadTest, TheVersionIsRecordedInTheFormReadAtStartOrAsItIs) {
+    const std::string longest(SoftwareUpdate::kMaxVersion, '9');
     const struct {
-        const char* text;
-        const char* recorded;
+        std::string text;
+        std::string recorded;
     } cases[] = {
         {"1.2.3", "10203"},     {"01.02.03", "10203"},
         {"12.34.56", "123456"}, {"0.0.1", "00001"},
-        {"1.2", "old app"},     {"", "old app"},
-        {"1.2.100", "old app"}, {"-1.2.3", "old app"},
-        {"one", "old app"},     {"99999999999.1.1", "old app"},
+        {"9.9", "9.9"},         {"", "old app"},
+        {"1.2.100", "1.2.100"}, {"-1.2.3", "-1.2.3"},
+        {"Größe 1", "Größe 1"}, {"99999999999.1.1", "99999999999.1.1"},
+        {longest, longest},     {longest + "9", "old app"},
+        {"9&#10;9", "old app"},
     };
     for (const auto& c : cases) {
         config_.Set("system.version.app", "old app", ZelConfig::Kind::kFixed);
+        installed_ = {};
         EXPECT_TRUE(Run(ToXml(With(&Order::version, c.text)))) << c.text;
         EXPECT_EQ(config_.Get("system.version.app"), c.recorded) << c.text;
     }
+}
+
+TEST_F(SoftwareDownloadTest, AnImageIsInstalledAgainOnlyInThePlaceOfAnother) {
+    WriteFile(std::string(kServed) + "/other.img", "other");
+    Order other = With(&Order::context, "/other.img");
+    other.md5 = "795f3202b17cb6bc3d4b771d8c6c9eaf";
+    Order again = With(&Order::version, "9.9");
+    again.fileName = "again.img";
+    for (const auto& [order, isInstalled] : {std::pair{Order{}, true},
+                                             {again, false},
+                                             {With(&Order::type, "Firmware"), true},
+                                             {again, false},
+                                             {other, true},
+                                             {Order{}, true}}) {
+        EXPECT_EQ(Run(ToXml(order)), isInstalled) << ToXml(order);
+    }
+    ExpectSoftware({"an image", "10203", "an image", "10203"}, "at the end");
 }
 
 }  // namespace

@@ -25,12 +25,14 @@ TEST(ZelLoggingTest, DebugLinesReachTheFileOnly) {
         ZEL_DEBUG("a debug line");
         ZEL_ERROR("an error line");
         LogHandler::GetLogHandler("selftestloghandler").Log(ZelLogging::kInfo, "", 1, "self test");
+        LogHandler::GetLogHandler("UpdateFirmwareLog").Log(ZelLogging::kError, "", 1, "update");
         LogHandler::GetLogHandler("DispatcherLog").Log(ZelLogging::kDebug, "", 1, "command");
     }
     const std::string console = testing::internal::GetCapturedStdout();
     EXPECT_NE(console.find("an info line"), std::string::npos);
     EXPECT_NE(console.find("an error line"), std::string::npos);
     EXPECT_NE(console.find("self test"), std::string::npos);
+    EXPECT_NE(console.find("update"), std::string::npos);
     EXPECT_EQ(console.find("a debug line"), std::string::npos);
     EXPECT_EQ(console.find("command"), std::string::npos);
 
@@ -38,8 +40,9 @@ TEST(ZelLoggingTest, DebugLinesReachTheFileOnly) {
     thread.resize(std::max<std::size_t>(thread.size(), 6), ' ');
     const std::string time = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6})";
     std::string expected;
-    for (const char* line : {"info    %an info line", "debug   %a debug line",
-                             "error   %an error line", "info    %self test", "debug   %command"}) {
+    for (const char* line :
+         {"info    %an info line", "debug   %a debug line", "error   %an error line",
+          "info    %self test", "error   %update", "debug   %command"}) {
         expected += time + "  " + line + "\n";
     }
     expected = std::regex_replace(expected, std::regex("%"), thread);

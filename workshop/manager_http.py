@@ -106,16 +106,25 @@ class Connection:
 
 class HttpServer:
     """Gives every connection a thread, in which the handler takes one request after the other and
-    tells whether the connection stays."""
+    tells whether the connection stays. Connections are refused until `wait_to_open` has returned."""
 
-    def __init__(self, name, journal, handler, address, port):
+    def __init__(self, name, journal, handler, address, port, wait_to_open=None):
         self.name = name
         self.journal = journal
         self.handler = handler
         self.slots = threading.BoundedSemaphore(CONNECTION_LIMIT)
-        self.listener = socket.create_server((address, port), backlog=16)
+        self.wait_to_open = wait_to_open
+        self.listener = socket.socket()
+        self.listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.listener.bind((address, port))
+        if not wait_to_open:
+            self.listener.listen(16)
 
     def run(self):
+        if self.wait_to_open:
+            self.wait_to_open()
+            self.listener.listen(16)
+            self.journal.line(self.name, "open")
         while True:
             sock, peer = self.listener.accept()
             if not self.slots.acquire(blocking=False):

@@ -18,6 +18,11 @@ DEFAULTS = {
         "replies": [["good"]],  # for each request after those the replies sent; the last one stays
         "cluster_ip": None,     # null: the address at which the box reaches the manager
     },
+    "soap": {
+        "delays": [0],          # seconds before each answer, whoever asked; the last one stays
+        "one_at_a_time": False, # whether all connections wait for the answer to one
+        "opens_after": 0,       # seconds from the first SLP answer on in which connections are refused
+    },
     "wlan": {
         "send": False,          # whether there is an infrastructureConfig
         "band": "1", "channel": "6", "mode": "1",
@@ -143,6 +148,13 @@ SCENARIOS = {
                                           "cut", "noise"],
                                          ["empty-ip", "no-value", "one-character"],
                                          ["wrong-function", "other-case"], ["good"]]}}),
+    "slp-unusable": ("others name addresses that no manager can have, before it names its own",
+                     {"slp": {"replies": [["host-name", "no-byte", "short", "padded", "ipv6"],
+                                          ["any-address", "own-address", "group", "broadcast", "good"]]}}),
+    "slow-manager": ("every answer takes six seconds, one request at a time",
+                     {"soap": {"delays": [6], "one_at_a_time": True}}),
+    "late-port": ("it refuses connections for 0.7 s after it has told where it is",
+                  {"soap": {"opens_after": 0.7}}),
 }
 # A fault that ends a connection strikes once, so that the second attempt can succeed.
 SCENARIOS |= {
@@ -180,6 +192,11 @@ def check(settings):
     if not isinstance(replies, list) or not all(
             isinstance(turn, list) and all(kind in REPLIES for kind in turn) for turn in replies):
         raise BadScenario(f"slp.replies: a list of lists of {', '.join(REPLIES)}")
+    if not isinstance(settings["soap"]["delays"], list) or not settings["soap"]["delays"]:
+        raise BadScenario("soap.delays: a list of seconds")
+    for seconds in (*settings["soap"]["delays"], settings["soap"]["opens_after"]):
+        if not isinstance(seconds, (int, float)) or seconds < 0:
+            raise BadScenario(f"soap: {seconds!r} is no number of seconds")
     for section, key in (("slp", "ignore"), ("update", "times"), ("image", "size"),
                          ("fault", "times"), ("fault", "seconds"), ("fault", "size")):
         if not isinstance(settings[section][key], int) or settings[section][key] < 0:

@@ -6,6 +6,7 @@ import contextlib
 import select
 import socket
 import struct
+import threading
 
 GROUP = "239.255.255.253"
 SERVICE = "service:zel.manager"
@@ -21,6 +22,18 @@ INTERNAL_ERROR = 10
 IP_PKTINFO = 8  # the socket module does not name it before Python 3.14
 PKTINFO = struct.Struct("=I4s4s")
 
+# ClusterIP of replies that are correct otherwise.
+CLUSTER_IPS = {
+    "host-name": "manager.workshop",
+    "no-byte": "300.1.1.1",
+    "short": "192.168.68",
+    "padded": " 192.168.68.2 ",
+    "ipv6": "fe80::1",
+    "any-address": "0.0.0.0",
+    "own-address": "127.0.0.1",
+    "group": "239.255.255.253",
+    "broadcast": "255.255.255.255",
+}
 REPLIES = {
     "good": "a correct answer",
     "no-service": "a list that names a ClusterIP but is not the manager's",
@@ -36,7 +49,7 @@ REPLIES = {
     "cut": "the first 13 bytes of an answer",
     "wrong-function": "a service reply instead of an attribute reply",
     "noise": "bytes that are no message",
-}
+} | {kind: f'ClusterIP="{address}"' for kind, address in CLUSTER_IPS.items()}
 
 
 class BadMessage(Exception):
@@ -118,6 +131,7 @@ def message(function, xid, language, body):
 def build_reply(kind, request, cluster_ip):
     """One of REPLIES as a datagram."""
     xid, language = request["xid"], request["language"]
+    cluster_ip = CLUSTER_IPS.get(kind, cluster_ip)
     attributes = f'(Service=zel-manager),(ClusterIP="{cluster_ip}")'
 
     def attribute_reply(listed, error=0):
@@ -125,7 +139,7 @@ def build_reply(kind, request, cluster_ip):
 
     good = attribute_reply(attributes)
     match kind:
-        case "good":
+        case _ if kind == "good" or kind in CLUSTER_IPS:
             return good
         case "no-service":
             return attribute_reply(f'(Service=other-manager),(ClusterIP="{cluster_ip}")')
@@ -183,6 +197,7 @@ class SlpService:
         self.settings = scenario["slp"]
         self.journal = journal
         self.asked = 0
+        self.has_answered = threading.Event()
         # A socket that is bound to an address of the machine does not get what goes to the group.
         any_address = address == "0.0.0.0"
         self.sockets = [self.open(bound, port) for bound in
@@ -242,6 +257,7 @@ class SlpService:
             datagram = build_reply(kind, request, cluster_ip)
             self.journal.record("slp", number, answer_bin=datagram)
             self.sockets[0].sendto(datagram, peer)
+            self.has_answered.set()
         told = [f"ClusterIP={cluster_ip}" if kind == "good" else kind for kind in kinds]
         self.journal.line("SLP", f"{asks} -> " +
                           (f"answered {', '.join(told)}" if told else "silence"))
