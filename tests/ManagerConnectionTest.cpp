@@ -22,6 +22,8 @@ std::shared_ptr<SocketGuard> Listen() {
     auto listener = std::make_shared<SocketGuard>(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(listener->Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const timeval patience{30, 0};  // for a connection that is not made
+    setsockopt(listener->Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     const sockaddr_in address = Address(kAddress, ManagerConnection::kPort);
     EXPECT_EQ(bind(listener->Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
               0);
