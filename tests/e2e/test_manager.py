@@ -56,8 +56,9 @@ def test_plain_sign_in_and_what_is_sent():
 
 
 def test_found_by_multicast_then_remembered():
-    manager, text = sign_in("plain", configuration="tavo.color=red\ntavo.hostname=TAVO\n")
-    assert text.count("discover manager using unicast to \n") == 1
+    """What is no address, in a file that somebody has edited, asks nobody and ends nothing."""
+    manager, text = sign_in("plain", configuration=f"{workshop.ADDRESS_KEY}=300.1.1.1 %s%n$(reboot)\n")
+    assert text.count("discover manager using unicast to 300.1.1.1") == 3
     assert "asks the group" in manager.output()
     assert settings()[workshop.ADDRESS_KEY] == "192.168.68.2"
     manager, text = sign_in("plain", configuration=None)
