@@ -137,14 +137,17 @@ bool SoftwareUpdate::Run(ZelConfig& config, Installed& installed) const {
              LogText::Of(url_).c_str());
     ZEL_INFO("   md5: %s, filename: %s", LogText::Of(digest_).c_str(),
              LogText::Of(fileName_).c_str());
-    std::string& last = application_ ? installed.application : installed.firmware;
-    if (!last.empty() && last == digest_) {
-        ZEL_INFO("This image has just been installed, it is not installed again before a restart");
+    const std::string image = application_ ? "application" : "firmware";
+    if (installed.contains({image, digest_}) || installed.contains({image, version_})) {
+        ZEL_INFO("This update has just been installed, it is not installed again before a restart");
         return false;
     }
     const bool isInstalled = Fetch() && Install();
     if (isInstalled) {
-        last = digest_;
+        installed.insert({image, digest_});
+        if (!version_.empty()) {
+            installed.insert({image, version_});
+        }
         RecordVersion(config);
     }
     RemoveFile();

@@ -4,7 +4,9 @@
 #include <sys/resource.h>
 
 #include <chrono>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "ZelConfig.h"
 
@@ -22,13 +24,10 @@ public:
     /// Most bytes of a version that is recorded as it is written.
     static constexpr std::size_t kMaxVersion = 64;
 
-    /// MD5 sums of the images that have been installed last since the start, empty for none. The
-    /// sum is what makes an update the same: what the order calls it, and where it lies, may
-    /// change.
-    struct Installed {
-        std::string application;
-        std::string firmware;
-    };
+    /// What has been installed since the start: a type of image with its MD5 sum, and with its
+    /// version. Either makes an update the same: what the box says of itself is not what the
+    /// manager goes by.
+    using Installed = std::set<std::pair<std::string, std::string>>;
 
     /// Reads the order from the element preSignInTavoReturn.
     explicit SoftwareUpdate(const xmlNode* preSignInReturn);

@@ -205,18 +205,20 @@ TEST_F(SoftwareDownloadTest, TheVersionIsRecordedInTheFormReadAtStartOrAsItIs) {
     }
 }
 
-TEST_F(SoftwareDownloadTest, AnImageIsInstalledAgainOnlyInThePlaceOfAnother) {
+TEST_F(SoftwareDownloadTest, AnUpdateIsInstalledOnceInARun) {
     WriteFile(std::string(kServed) + "/other.img", "other");
     Order other = With(&Order::context, "/other.img");
     other.md5 = "795f3202b17cb6bc3d4b771d8c6c9eaf";
-    const Order again = With(&Order::version, "9.9");
+    Order newer = other;
+    newer.version = "10.0";
+    const Order renamed = With(&Order::version, "9.9");
     const Order firmware = With(&Order::type, "Firmware");
     for (const auto& [order, isInstalled] : {std::pair{Order{}, true},
-                                             {again, false},
+                                             {renamed, false},
                                              {firmware, true},
-                                             {again, false},
-                                             {other, true},
-                                             {Order{}, true}}) {
+                                             {other, false},
+                                             {newer, true},
+                                             {newer, false}}) {
         EXPECT_EQ(Run(ToXml(order)), isInstalled) << ToXml(order);
     }
 }
