@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "LogText.h"
+#include "ManagerElements.h"
 #include "PreSignInResponse.h"
 #include "Reboot.h"
 #include "SignInRequests.h"
@@ -198,15 +199,23 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
         return false;
     }
     const xmlNode* soapBody = FindTag(xmlDocGetRootElement(document.get()), "Body");
-    if (soapBody == nullptr || !IsContentValid(soapBody)) {
+    if (soapBody == nullptr) {
         return false;
     }
-    const xmlNode* answer = FindTag(soapBody, "preSignInTavoResponse");
-    const xmlNode* result = answer == nullptr ? nullptr : FindTag(answer, "preSignInTavoReturn");
+    xmlNode* answer = XmlText::FindChild(soapBody, "preSignInTavoResponse");
+    xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
+    ManagerElements::DropNil(result);
+    const SoftwareUpdate update(result);  // it finds attributes in what is not known, too
+    ManagerElements::DropUnknown(answer);
+    if (!IsContentValid(soapBody)) {
+        return false;
+    }
+    answer = FindTag(soapBody, "preSignInTavoResponse");
+    result = answer == nullptr ? nullptr : FindTag(answer, "preSignInTavoReturn");
     if (result == nullptr || !PreSignInResponse::Apply(config_, result)) {
         return false;
     }
-    if (SoftwareUpdate(result).Run(config_, installed_)) {
+    if (update.Run(config_, installed_)) {
         rebootAfterUpdate_ = true;
         anotherPreSignIn_ = true;
     }

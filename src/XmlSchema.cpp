@@ -1,8 +1,5 @@
 #include "XmlSchema.h"
 
-#include <libxml/parser.h>
-#include <libxml/xmlIO.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -10,34 +7,6 @@
 #include <utility>
 
 #include "Console.h"
-
-namespace {
-
-thread_local bool loadingSchema = false;
-xmlExternalEntityLoader libraryLoader = nullptr;
-
-// A received document may name further schemas, and the library would fetch and remember them.
-// Only the agent's own schemas, and what those include, are loaded.
-xmlParserInput* LoadOnlySchemas(const char* url, const char* id, xmlParserCtxt* context) {
-    return loadingSchema ? libraryLoader(url, id, context) : nullptr;
-}
-
-class SchemaLoading {
-public:
-    SchemaLoading() {
-        static const bool installed = [] {
-            libraryLoader = xmlGetExternalEntityLoader();
-            xmlSetExternalEntityLoader(LoadOnlySchemas);
-            return true;
-        }();
-        loadingSchema = installed;
-    }
-    ~SchemaLoading() { loadingSchema = false; }
-    SchemaLoading(const SchemaLoading&) = delete;
-    SchemaLoading& operator=(const SchemaLoading&) = delete;
-};
-
-}  // namespace
 
 void LatestMessages::Add(std::string_view message) {
     text_.reserve(text_.size() + message.size());
@@ -76,7 +45,6 @@ bool XmlSchema::Load(Findings& findings) {
     if (schema_) {
         return true;
     }
-    const SchemaLoading loading;
     const std::unique_ptr<xmlSchemaParserCtxt, Free> parser(xmlSchemaNewParserCtxt(path_.c_str()));
     if (parser) {
         xmlSchemaSetParserErrors(parser.get(), AddMessage, AddMessage, &findings);

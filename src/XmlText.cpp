@@ -9,12 +9,14 @@
 #include <new>
 #include <utility>
 
+#include "Namespaces.h"
 #include "Utf8.h"
 
 namespace XmlText {
 namespace {
 
 constexpr char kUnprintable = '?';
+char nilMark = 0;  // what the private data of a nil element points to
 
 const char* ToChars(const xmlChar* text) {
     return reinterpret_cast<const char*>(text);
@@ -32,6 +34,36 @@ std::string TakeText(xmlChar* text) {
 struct FreeParser {
     void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
 };
+
+bool IsSame(const xmlChar* text, const char* other) {
+    return xmlStrEqual(text, reinterpret_cast<const xmlChar*>(other)) != 0;
+}
+
+/// With these toolkits tell how they write a value. No validator here knows the types that they
+/// name, nor should one fetch their schemas.
+bool TellsType(const xmlAttr* attribute) {
+    return attribute->ns != nullptr &&
+           (IsSame(attribute->ns->href, Namespaces::kXmlSchemaInstance) ||
+            (IsSame(attribute->ns->href, Namespaces::kSoap11Envelope) &&
+             IsSame(attribute->name, "encodingStyle")));
+}
+
+bool TellsNil(const xmlAttr* attribute) {
+    const xmlChar* value =
+        attribute->children == nullptr ? nullptr : attribute->children->content;
+    return IsSame(attribute->name, "nil") && (IsSame(value, "true") || IsSame(value, "1"));
+}
+
+void DropTypes(xmlNode* element) {
+    for (xmlAttr* attribute = element->properties; attribute != nullptr;) {
+        xmlAttr* next = attribute->next;
+        if (TellsType(attribute)) {
+            element->_private = TellsNil(attribute) ? &nilMark : element->_private;
+            xmlRemoveProp(attribute);
+        }
+        attribute = next;
+    }
+}
 
 void Ignore(void* /*context*/, const char* /*format*/, ...) {}
 
@@ -134,6 +166,8 @@ private:
             self.attributes_ > kMaxAttributes || self.nameText_ > kMaxNameText ||
             self.HasTooManyNamespaces()) {
             self.Refuse();
+        } else if (attributes > 0 && self.parser_->node != nullptr) {
+            DropTypes(self.parser_->node);
         }
     }
 
@@ -185,6 +219,10 @@ Document Parse(std::string_view text, DocumentType type) {
 
 std::string_view LocalName(const xmlNode* node) {
     return node->name == nullptr ? std::string_view() : ToChars(node->name);
+}
+
+bool IsNil(const xmlNode* element) {
+    return element->_private == &nilMark;
 }
 
 xmlNode* FindChild(const xmlNode* parent, std::string_view localName) {

@@ -38,8 +38,12 @@ inline constexpr std::size_t kMaxNameText = std::size_t{16} * 1024 * 1024;
 /// Parses `text` up to its first zero byte. Nothing but the text itself is read: no DTD, no
 /// external entity, nothing from the network. Null when it is not well-formed, holds more than it
 /// may, or says more of its document type than it may. Behind two nodes that are no elements,
-/// comments and processing instructions are left out, and CDATA sections are text.
+/// comments and processing instructions are left out, and CDATA sections are text. Attributes of
+/// XML Schema (xsi:type and the like) and of the SOAP encoding are left out.
 Document Parse(std::string_view text, DocumentType type = DocumentType::kRefused);
+
+/// True when the text says of the element that it has no value (XML Schema, part 1, section 2.6.2).
+bool IsNil(const xmlNode* element);
 
 /// First child element of `parent` with that local name, or null. `parent` may be null.
 xmlNode* FindChild(const xmlNode* parent, std::string_view localName);

@@ -1,0 +1,92 @@
+#include "ManagerElements.h"
+
+#include <map>
+#include <set>
+#include <string_view>
+
+#include "Namespaces.h"
+#include "XmlText.h"
+
+namespace ManagerElements {
+namespace {
+
+/// Calls `isDropped` with the child elements, and frees those for which it is true.
+template <typename Predicate>
+void DropChildren(xmlNode* parent, Predicate isDropped) {
+    for (xmlNode* child = parent->children; child != nullptr;) {
+        xmlNode* next = child->next;
+        if (child->type == XML_ELEMENT_NODE && isDropped(child)) {
+            xmlUnlinkNode(child);
+            xmlFreeNode(child);
+        }
+        child = next;
+    }
+}
+
+/// The namespaces of the manager's beans begin with that of its service.
+bool IsForeign(const xmlNode* element) {
+    const std::string_view service = Namespaces::kSignInService;
+    return element->ns != nullptr &&
+           !std::string_view(reinterpret_cast<const char*>(element->ns->href)).starts_with(service);
+}
+
+using Names = std::set<std::string_view>;
+
+/// The elements that hold others, with those of them that the box reads.
+const std::map<std::string_view, Names>& Known() {
+    static const std::map<std::string_view, Names> known = {
+        {"preSignInTavoResponse", {"preSignInTavoReturn"}},
+        {"preSignInTavoReturn",
+         {"device", "color", "countryCode", "infrastructureConfig", "date",
+          "updateConfigurationExt"}},
+        {"device", {"hostname"}},
+        {"infrastructureConfig",
+         {"band", "channel", "securityLevel", "ssid", "credentials", "cacertificate",
+          "clientcertificate", "keypass"}},
+        {"date", {"minute", "hour", "day", "month", "year"}},
+        {"updateConfigurationExt",
+         {"updateSoftware", "updateType", "updateLocation", "attributes", "appVersion",
+          "firmwareVersion"}},
+        {"updateLocation", {"protocol", "ip", "port", "context", "attributes"}},
+        {"attributes", {"item"}},
+        {"item", {"key", "value"}},
+    };
+    return known;
+}
+
+}  // namespace
+
+void DropNil(xmlNode* preSignInReturn) {
+    if (preSignInReturn == nullptr) {
+        return;
+    }
+    DropChildren(preSignInReturn, [](xmlNode* child) {
+        const bool isDropped = XmlText::IsNil(child) || IsForeign(child);
+        if (!isDropped) {
+            DropNil(child);
+        }
+        return isDropped;
+    });
+}
+
+void DropUnknown(xmlNode* preSignInResponse) {
+    if (preSignInResponse == nullptr) {
+        return;
+    }
+    const auto known = Known().find(XmlText::LocalName(preSignInResponse));
+    if (known == Known().end()) {
+        return;  // it holds a text
+    }
+    DropChildren(preSignInResponse, [&names = known->second](xmlNode* child) {
+        const bool isDropped = names.count(XmlText::LocalName(child)) == 0 || IsForeign(child);
+        if (!isDropped) {
+            child->ns = nullptr;
+            xmlFreePropList(child->properties);
+            child->properties = nullptr;
+            DropUnknown(child);
+        }
+        return isDropped;
+    });
+}
+
+}  // namespace ManagerElements
