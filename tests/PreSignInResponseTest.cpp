@@ -7,6 +7,8 @@
 #include <string>
 
 #include "ManagerAnswer.h"
+#include "ManagerElements.h"
+#include "Namespaces.h"
 #include "PreSignInResponse.h"
 #include "ServiceSchemas.h"
 
@@ -190,60 +192,84 @@ TEST_F(PreSignInResponseTest, AnEnterpriseWlanThatCannotBeTaken) {
 
 class SignInSchemasTest : public testing::Test {
 protected:
-    bool Accepts(const std::string& answer) {
-        const XmlText::Document document = XmlText::Parse(answer);
-        EXPECT_TRUE(document) << answer;
+    bool Accepts(const std::string& text) {
+        const XmlText::Document document = XmlText::Parse(text);
+        EXPECT_TRUE(document) << text;
+        xmlNode* answer = xmlDocGetRootElement(document.get());
+        ManagerElements::DropNil(XmlText::FindChild(answer, "preSignInTavoReturn"));
+        ManagerElements::DropUnknown(answer);
+        read_ = XmlText::Content(answer);
         std::string errors;
-        return schemas_.Accept(xmlDocGetRootElement(document.get()), errors);
+        return schemas_.Accept(answer, errors);
     }
+
+    std::string read_;
 
     ServiceSchemas schemas_{"TaSigninServlet"};
 };
 
 TEST_F(SignInSchemasTest, EachFormOfAnAnswer) {
     const std::string service = "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1";
-    const std::string prefixes =
-        " xmlns:s=\"" + service + "\" xmlns:b=\"" + service + "/beans/signin\"";
+    const std::string prefixes = " xmlns:s=\"" + service + "\" xmlns:b=\"" + service +
+                                 "/beans/signin\" xmlns:x=\"urn:x\" xmlns:i=\"" +
+                                 Namespaces::kXmlSchemaInstance + "\"";
     // An answer with the prefixes of its three levels.
     const struct {
         const char* operation;
         const char* result;
         const char* content;
-    } forms[] = {
-        {"", "", ""}, {"s:", "", ""}, {"s:", "s:", ""}, {"s:", "", "b:"}, {"s:", "s:", "b:"},
-    };
+    } forms[] = {{"", "", ""},     {"s:", "", ""},     {"s:", "s:", ""},
+                 {"s:", "", "b:"}, {"s:", "s:", "b:"}, {"s:", "s:", "s:"}};
     const struct {
         const char* content;
         bool accepted;
+        const char* read;
     } contents[] = {
-        {"<B:color>#be1110</B:color><B:device><B:hostname>BAY-7</B:hostname></B:device>"
-         "<B:date><B:year>2024</B:year></B:date><B:infrastructureConfig>"
-         "<B:securityLevel>106</B:securityLevel><B:ssid>s</B:ssid></B:infrastructureConfig>"
-         "<B:updateConfigurationExt><B:updateSoftware>true</B:updateSoftware><B:updateLocation>"
-         "<B:ip>192.168.68.2</B:ip><B:attributes><B:item><B:key>FILENAME</B:key>"
-         "<B:value>image</B:value></B:item></B:attributes></B:updateLocation>"
-         "</B:updateConfigurationExt><B:networkConfiguration/>",
-         true},
-        {"<B:colour>#be1110</B:colour>", false},
-        {"<B:device><B:color>red</B:color></B:device>", false},
-        {"<B:infrastructureConfig><B:securityLevel>1e2</B:securityLevel></B:infrastructureConfig>",
-         false},
+        {"<B:updateConfigurationExt><B:updateSoftware>true</B:updateSoftware><B:updateLocation>"
+         "<B:ip>192.168.68.2</B:ip><B:attributes><B:item><B:value>image</B:value>"
+         "<B:key>FILENAME</B:key></B:item></B:attributes></B:updateLocation>"
+         "</B:updateConfigurationExt><B:date><B:year> 2024 </B:year></B:date><B:color>c</B:color>",
+         true, "true192.168.68.2imageFILENAME 2024 c"},
+        {"<B:device i:type='b:Device' B:id=''><B:hostname i:type='not:known'>h</B:hostname>"
+         "</B:device>",
+         true, "h"},
+        {"<B:date i:nil='1'><B:year>x</B:year></B:date><B:device><B:hostname i:nil='true'/>"
+         "</B:device><B:color i:nil='false'>c</B:color>",
+         true, "c"},
+        {"<B:new><B:date>soon</B:date></B:new><x:date>soon</x:date><B:date><x:year>x</x:year>"
+         "<B:new><B:year>x</B:year></B:new><B:date>x</B:date><B:year>2024</B:year></B:date>"
+         "<B:updateConfigurationExt><B:attributes><B:new>x</B:new><B:item><x:key>x</x:key>"
+         "<B:key>k</B:key></B:item></B:attributes></B:updateConfigurationExt><B:device><B:color>"
+         "x<B:new/></B:color></B:device>",
+         true, "2024k"},
+        {"<B:color><B:new/></B:color>", false, ""},
+        {"<B:device>red</B:device>", false, "red"},
+        {"<B:infrastructureConfig><B:new/><B:securityLevel>1e2</B:securityLevel>"
+         "</B:infrastructureConfig>",
+         false, "1e2"},
     };
     for (const auto& form : forms) {
-        for (const auto& [content, accepted] : contents) {
-            std::string answer = "<O:preSignInTavoResponse" + prefixes + "><R:preSignInTavoReturn>";
+        for (const auto& [content, accepted, read] : contents) {
+            std::string answer = "<O:preSignInTavoResponse" + prefixes +
+                                 "><R:new>x</R:new><R:preSignInTavoReturn>";
             answer += content;
-            answer += "</R:preSignInTavoReturn></O:preSignInTavoResponse>";
+            answer += "</R:preSignInTavoReturn><x:new/></O:preSignInTavoResponse>";
             answer = std::regex_replace(answer, std::regex("\\bO:"), form.operation);
             answer = std::regex_replace(answer, std::regex("\\bR:"), form.result);
             answer = std::regex_replace(answer, std::regex("\\bB:"), form.content);
             EXPECT_EQ(Accepts(answer), accepted) << answer;
+            EXPECT_EQ(read_, read) << answer;
         }
     }
     EXPECT_TRUE(Accepts("<signInTavoResponse><anything/></signInTavoResponse>"));
     EXPECT_TRUE(Accepts("<s:signInTavoResponse xmlns:s=\"" + service + "\"/>"));
     EXPECT_FALSE(Accepts("<s:signInTavoResponse xmlns:s=\"http://example.com/other\"/>"));
     EXPECT_FALSE(Accepts("<signInTavo/>"));
+    EXPECT_FALSE(Accepts("<preSignInTavoResponse><x:preSignInTavoReturn xmlns:x=\"urn:x\"/>"
+                         "</preSignInTavoResponse>"));
+    EXPECT_TRUE(Accepts("<preSignInTavoResponse><preSignInTavoReturn xmlns:i=\"" +
+                        std::string(Namespaces::kXmlSchemaInstance) +
+                        "\" i:nil=\"true\"/></preSignInTavoResponse>"));
 }
 
 }  // namespace

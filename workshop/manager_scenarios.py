@@ -64,6 +64,9 @@ FORMS = {
     "unqualified": "the operation response in the manager's namespace, everything in it in none",
     "qualified": "the prefixes of the request: ns4 response, ns2 children of the return element",
     "bare": "no namespace at all below the SOAP body",
+    "typed": "as qualified, every element with its type (xsi:type), as toolkits write it",
+    "nil": "as qualified; what says nothing new, and more, is there but nil (xsi:nil)",
+    "newer": "as unqualified, the other way round, with unknown elements in every element",
 }
 
 IMAGE_BEHAVIOURS = {
@@ -81,7 +84,7 @@ FAULTS = {
     "not-soap": "well-formed XML that is no envelope",
     "wrong-operation": "the response of another operation",
     "missing-return": "an operation response with nothing in it; for signInTavo an empty SOAP body",
-    "schema-invalid": "elements that no schema knows, in a response that is well-formed",
+    "schema-invalid": "a year that is no number, in a response that is well-formed",
     "empty-answer": "200 and no body",
     "huge-answer": "a well-formed answer of fault.size bytes",
     "entity-bomb": "a document type whose entities multiply",

@@ -7,7 +7,8 @@ from xml.sax.saxutils import escape
 
 PATH = "/webservices/OrsManagerTavoService/v1"
 ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
-INSTANCE = "http://www.w3.org/2001/XMLSchema-instance"
+SCHEMA = "http://www.w3.org/2001/XMLSchema"
+INSTANCE = f"{SCHEMA}-instance"
 SERVICE = "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1"
 BASE_BEAN = f"{SERVICE}/beans"
 BEAN = f"{BASE_BEAN}/signin"
@@ -191,26 +192,44 @@ def quoted(text):
     return escape(str(text), {'"': "&quot;", "\r": "&#13;", "\n": "&#10;"})
 
 
+# What the box cannot know, with names in it that it knows elsewhere.
+NEWS = ('<novelty since="2"><color><port>a</port></color>news</novelty>'
+        '<n:date xmlns:n="urn:novelty">Monday</n:date>')
+
+
 class Answer:
-    """Writes elements in one of the forms, without those to be left out."""
+    """Writes elements in one of the forms, without those to be left out. What is None is nil, or left out."""
 
     def __init__(self, form, omit):
         self.form = form
         self.omit = omit
 
     def element(self, name, content):
-        if name in self.omit:
+        if name in self.omit or content is None and self.form != "nil":
             return ""
-        inner = "".join(self.element(*child) for child in content) if isinstance(content, list) \
-            else quoted(content)
-        tag = f"ns2:{name}" if self.form == "qualified" else name
-        return f"<{tag}>{inner}</{tag}>"
+        tag = f"ns2:{name}" if self.form in ("qualified", "typed", "nil") else name
+        if content is None:
+            return f'<{tag} xsi:nil="true"/>'
+        if not isinstance(content, list):
+            return f"<{tag}{self.type('xsd:string')}>{quoted(content)}</{tag}>"
+        return f"<{tag}{self.type('ns2:' + name.capitalize())}>{self.elements(content)}</{tag}>"
+
+    def elements(self, children):
+        texts = [self.element(*child) for child in children]
+        return self.among_news("".join(reversed(texts) if self.form == "newer" else texts))
+
+    def among_news(self, text):
+        return NEWS + text + NEWS if self.form == "newer" else text
+
+    def type(self, name):
+        return f' xsi:type="{name}"' if self.form == "typed" else ""
 
     def response(self, name, inner):
         if self.form == "bare":
             return envelope(f"<{name}>{inner}</{name}>")
-        return envelope(f'<ns4:{name} xmlns:ns2="{BEAN}" xmlns:ns3="{BASE_BEAN}" xmlns:ns4="{SERVICE}">'
-                        f"{inner}</ns4:{name}>")
+        return envelope(f'<ns4:{name} xmlns:ns2="{BEAN}" xmlns:ns3="{BASE_BEAN}" xmlns:ns4="{SERVICE}" '
+                        f'xmlns:xsd="{SCHEMA}" xmlns:xsi="{INSTANCE}"{self.type("ns4:" + name)}>'
+                        f"{self.among_news(inner)}</ns4:{name}>")
 
 
 def envelope(inner):
@@ -221,21 +240,22 @@ def envelope(inner):
 def return_element(settings, box, order, image, certificates):
     """preSignInTavoReturn; order tells whether this answer carries the update."""
     def setting(name):
-        return box[name] if settings[name] is None else settings[name]
+        known = None if settings["form"] == "nil" else box[name]
+        return known if settings[name] is None else settings[name]
 
     now = datetime.datetime.now()
     date = settings["date"] or {key: getattr(now, key)
                                 for key in ("minute", "hour", "day", "month", "year")}
-    children = [("device", [("hostname", setting("hostname"))]), ("color", setting("color")),
-                ("countryCode", setting("country"))]
-    wlan = settings["wlan"]
-    if wlan["send"]:
-        children.append(("infrastructureConfig", [
-            (name, certificates()[name] if wlan[name] is None else wlan[name])
-            for name in ("band", "cacertificate", "channel", "clientcertificate", "credentials",
-                         "keypass", "mode", "securityLevel", "ssid")]))
-    children.append(("date", [(key, date.get(key, "")) for key in
-                              ("minute", "hour", "day", "month", "year", "timezone")]))
+    host_name, wlan = setting("hostname"), settings["wlan"]
+    children = [("device", None if host_name is None else [("hostname", host_name), ("type", None)]),
+                ("deviceDetails", None), ("color", setting("color")), ("countryCode", setting("country")),
+                ("infrastructureConfig", [
+                    (name, certificates()[name] if wlan[name] is None else wlan[name])
+                    for name in ("band", "cacertificate", "channel", "clientcertificate", "credentials",
+                                 "keypass", "mode", "securityLevel", "ssid")] if wlan["send"] else None),
+                ("date", [(key, date.get(key, "")) for key in
+                          ("minute", "hour", "day", "month", "year", "timezone")]),
+                ("components", None)]
     update = settings["update"]
     application, firmware = box["app"], box["firmware"]
     location = [("protocol", "http"), ("ip", ""), ("port", "80"), ("context", ""), ("attributes", [])]
@@ -252,12 +272,11 @@ def return_element(settings, box, order, image, certificates):
                 ("item", [("key", "MD5CHKSM"),
                           ("value", image.md5 if update["md5"] is None else update["md5"])]),
                 ("item", [("key", "FILENAME"), ("value", update["filename"])])])]
-    children.append(("updateConfigurationExt", [
+    children.append(("updateConfigurationExt", None if settings["form"] == "nil" and not order else [
         ("updateSoftware", "true" if order else "false"), ("currentVersion", box["firmware"]),
         ("updateType", update["type"] if order else "TAVO"), ("updateLocation", location),
         ("appVersion", application), ("firmwareVersion", firmware), ("softwareVersion", application)]))
-    answer = Answer(settings["form"], settings["omit"])
-    return "".join(answer.element(*child) for child in children)
+    return Answer(settings["form"], settings["omit"]).elements(children)
 
 
 def build_answer(settings, operation, fault, content):
@@ -267,7 +286,8 @@ def build_answer(settings, operation, fault, content):
     pre = operation == "preSignInTavo"
 
     def normal(more="", inner=content):
-        inner = f"<preSignInTavoReturn>{more}{inner}</preSignInTavoReturn>" if pre else more
+        tag = "preSignInTavoReturn"
+        inner = f"<{tag}{answer.type('ns2:' + tag)}>{more}{inner}</{tag}>" if pre else more
         return answer.response(response, inner)
 
     def with_entity(definitions, reference):
@@ -285,7 +305,7 @@ def build_answer(settings, operation, fault, content):
         case "missing-return":
             return 200, answer.response(response, "") if pre else envelope("")
         case "schema-invalid":
-            return 200, normal("<coffee><cups>two</cups></coffee>")
+            return 200, normal("<date><year>soon</year></date>")
         case "empty-answer":
             return 200, b""
         case "huge-answer":

@@ -48,14 +48,14 @@ CONTENTS = {
     "namespaces of one": f"<reserveDevice{attributes(70000, 'u', 'xmlns:')[:ROOM - 20]}'/>",
     "namespaces in scope": nested(500, f"<{'p' * 37}a:a/>"),
     "many more in scope": nested(20000, f"<{'p' * 37}a:a/>"),
-    "attributes of each": "<executeGenericCommand><pSubSystem/><pCommand/>" + filled(f"<pParameters{attributes(250)}/>", 260) +
-                          "</executeGenericCommand>",
-    "messages": "<executeGenericCommand><pSubSystem/><pCommand/>" + filled("<pParameters a='' b='' c=''>x</pParameters>", 9900) +
-                "</executeGenericCommand>",
+    "attributes of each": "<executeGenericCommand>" + filled(f"<pParameters{attributes(250)}/>", 260) + "</executeGenericCommand>",
+    "parameters": "<executeGenericCommand>" + filled("<p><e/></p>", MOST_ELEMENTS // 2) + "</executeGenericCommand>",
+    "messages": "<a>" + filled("<e:Body e:mustUnderstand='x'>x</e:Body>", MOST_ELEMENTS) + "</a>",
     "elements": "<reserveDevice>" + filled("<a/>") + "</reserveDevice>",
     "unknown names": filled("<a:a/>", MOST_ELEMENTS),
     "long names": filled(f"<{'n' * 40000}{attributes(250, prefix='p:')}/>"),
-    "types": filled("<a xmlns:i='http://www.w3.org/2001/XMLSchema-instance' i:type='i:x'/>", MOST_ELEMENTS),
+    "types": "<executeGenericCommand>" + filled("<a xmlns:i='http://www.w3.org/2001/XMLSchema-instance' i:type='i:x' i:nil='1'/>", 9900)
+             + "</executeGenericCommand>",
     "long namespace": f"<a xmlns='{'u' * (ROOM // 2)}'>" + f"<e:Body e:mustUnderstand='x'/>" * 8000 + "</a>",
     "comments": "<reserveDevice>" + filled("a<!---->") + "</reserveDevice>",
     "instructions": "<reserveDevice>" + filled("<?a?>") + "</reserveDevice>",
@@ -121,7 +121,8 @@ RETURN = "<preSignInTavoResponse><preSignInTavoReturn>{}</preSignInTavoReturn></
 ANSWERS = {
     "attributes": BODIES["attributes of the envelope"],
     "blanks": envelope(RETURN.format(f"<infrastructureConfig><band>{filled(' ')}x</band></infrastructureConfig>")),
-    "messages": envelope(RETURN.format(filled("<device a='' b=''>x</device>", MOST_ELEMENTS))),
+    "messages": envelope(RETURN.format(filled("<device>x</device>", MOST_ELEMENTS))),
+    "unknown": envelope(RETURN.format(filled("<device><a/></device>", MOST_ELEMENTS // 2) + "<a>" * 250 + "</a>" * 250)),
     "items": envelope(RETURN.format("<updateConfigurationExt><attributes>" + filled("<item><key>a</key></item>", 4900) +
                                     "</attributes></updateConfigurationExt>")),
 }

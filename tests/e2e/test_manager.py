@@ -66,12 +66,14 @@ def test_found_by_multicast_then_remembered():
     assert "asks directly" in manager.output()
 
 
-@pytest.mark.parametrize("form", ["unqualified", "qualified", "bare"])
+@pytest.mark.parametrize("form", ["unqualified", "qualified", "bare", "typed", "nil", "newer"])
 def test_new_name_and_color(form):
-    manager, _ = sign_in("rename", f"form={form}", "hostname=bay-7", "color=#be1110", "country=AT")
-    assert manager.problems() == []
+    """An update, too: all that the box reads, once."""
+    manager, text = sign_in("application-update", f"form={form}", "hostname=bay-7", "color=#be1110")
+    assert manager.problems() == [] and "cannot be used" not in text
+    assert len(manager.bodies("preSignInTavo")) == 2 and text.count("ZEL master signals") == (form != "nil")
     assert (settings()["tavo.hostname"], settings()["tavo.color"], settings()["country.code"]) == (
-        "bay-7", "red", "AT")
+        "bay-7", "red", "DE")
     (body,) = manager.bodies("signInTavo")
     assert "<ns2:hostname>bay-7</ns2:hostname>" in body, "known by its new name at once"
 

@@ -5,6 +5,7 @@
 
 #include "Fuzzing.h"
 #include "HttpMessageReader.h"
+#include "ManagerElements.h"
 #include "PreSignInResponse.h"
 #include "ServiceSchemas.h"
 #include "SocketGuard.h"
@@ -61,13 +62,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (answer == nullptr) {
         return 0;
     }
+    xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
+    ManagerElements::DropNil(result);
+    const SoftwareUpdate update(result);
+    ManagerElements::DropUnknown(answer);
     // Applied also when it is not valid: one check less must not be one fault more.
     schemas.Accept(answer, errors);
     ZelConfig config;
-    const xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
+    result = XmlText::FindChild(answer, "preSignInTavoReturn");
     if (result != nullptr) {
         PreSignInResponse::Apply(config, result);
-        const SoftwareUpdate update(result);
         CheckSettings(config);
     }
     return 0;
