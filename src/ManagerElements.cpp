@@ -10,6 +10,8 @@
 namespace ManagerElements {
 namespace {
 
+constexpr char kReturn[] = "preSignInTavoReturn";
+
 /// Calls `isDropped` with the child elements, and frees those for which it is true.
 template <typename Predicate>
 void DropChildren(xmlNode* parent, Predicate isDropped) {
@@ -35,8 +37,8 @@ using Names = std::set<std::string_view>;
 /// The elements that hold others, with those of them that the box reads.
 const std::map<std::string_view, Names>& Known() {
     static const std::map<std::string_view, Names> known = {
-        {"preSignInTavoResponse", {"preSignInTavoReturn"}},
-        {"preSignInTavoReturn",
+        {"preSignInTavoResponse", {kReturn}},
+        {kReturn,
          {"device", "color", "countryCode", "infrastructureConfig", "date",
           "updateConfigurationExt"}},
         {"device", {"hostname"}},
@@ -56,36 +58,36 @@ const std::map<std::string_view, Names>& Known() {
 
 }  // namespace
 
-void DropNil(xmlNode* preSignInReturn) {
-    if (preSignInReturn == nullptr) {
+void DropForeignAndNil(xmlNode* answer) {
+    if (answer == nullptr) {
         return;
     }
-    DropChildren(preSignInReturn, [](xmlNode* child) {
-        const bool isDropped = XmlText::IsNil(child) || IsForeign(child);
-        if (!isDropped) {
-            DropNil(child);
+    DropChildren(answer, [](xmlNode* child) {
+        if (IsForeign(child) || (XmlText::IsNil(child) && XmlText::LocalName(child) != kReturn)) {
+            return true;
         }
-        return isDropped;
+        DropForeignAndNil(child);
+        return false;
     });
 }
 
-void DropUnknown(xmlNode* preSignInResponse) {
-    if (preSignInResponse == nullptr) {
+void DropUnknown(xmlNode* answer) {
+    if (answer == nullptr) {
         return;
     }
-    const auto known = Known().find(XmlText::LocalName(preSignInResponse));
+    xmlFreePropList(answer->properties);
+    answer->properties = nullptr;
+    const auto known = Known().find(XmlText::LocalName(answer));
     if (known == Known().end()) {
         return;  // it holds a text
     }
-    DropChildren(preSignInResponse, [&names = known->second](xmlNode* child) {
-        const bool isDropped = names.count(XmlText::LocalName(child)) == 0 || IsForeign(child);
-        if (!isDropped) {
-            child->ns = nullptr;
-            xmlFreePropList(child->properties);
-            child->properties = nullptr;
-            DropUnknown(child);
+    DropChildren(answer, [&names = known->second](xmlNode* child) {
+        if (IsForeign(child) || names.count(XmlText::LocalName(child)) == 0) {
+            return true;
         }
-        return isDropped;
+        child->ns = nullptr;
+        DropUnknown(child);
+        return false;
     });
 }
 

@@ -2,17 +2,17 @@
 
 #include <libxml/tree.h>
 
-/// What the box knows of a manager's answer to a PreSignIn. Managers write it with or without
-/// namespaces, say of an element that it has no value, and write more than the box reads.
+/// What the box knows of a manager's answer to a PreSignIn, the element preSignInTavoResponse
+/// (null: nothing is done). Managers write it with or without namespaces, and write more than the
+/// box reads.
 namespace ManagerElements {
 
-/// Takes away what is no value of this manager's service: the elements below `preSignInReturn`
-/// (null: nothing) that are nil, and those in a namespace of somebody else's.
-void DropNil(xmlNode* preSignInReturn);
+/// Takes away what tells the box nothing: elements below the answer in a namespace that is not of
+/// the manager's service, and those that are nil. A nil preSignInTavoReturn stays, as an empty one.
+void DropForeignAndNil(xmlNode* answer);
 
-/// Takes away the elements below `preSignInResponse` (null: nothing) that the box reads nothing
-/// of, wherever they stand, and from the others their attributes and namespace, which say nothing
-/// to it. The content of what is left is checked by the schemas.
-void DropUnknown(xmlNode* preSignInResponse);
+/// Takes away the elements below the answer that the box does not read, wherever they stand, and
+/// of what is left attributes and namespaces. Its content is not checked.
+void DropUnknown(xmlNode* answer);
 
 }  // namespace ManagerElements

@@ -203,8 +203,8 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
         return false;
     }
     xmlNode* answer = XmlText::FindChild(soapBody, "preSignInTavoResponse");
-    xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
-    ManagerElements::DropNil(result);
+    ManagerElements::DropForeignAndNil(answer);
+    const xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
     const SoftwareUpdate update(result);  // it finds attributes in what is not known, too
     ManagerElements::DropUnknown(answer);
     if (!IsContentValid(soapBody)) {

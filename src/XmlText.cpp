@@ -49,8 +49,7 @@ bool TellsType(const xmlAttr* attribute) {
 }
 
 bool TellsNil(const xmlAttr* attribute) {
-    const xmlChar* value =
-        attribute->children == nullptr ? nullptr : attribute->children->content;
+    const xmlChar* value = attribute->children == nullptr ? nullptr : attribute->children->content;
     return IsSame(attribute->name, "nil") && (IsSame(value, "true") || IsSame(value, "1"));
 }
 

@@ -62,8 +62,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (answer == nullptr) {
         return 0;
     }
-    xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
-    ManagerElements::DropNil(result);
+    ManagerElements::DropForeignAndNil(answer);
+    const xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
     const SoftwareUpdate update(result);
     ManagerElements::DropUnknown(answer);
     // Applied also when it is not valid: one check less must not be one fault more.
