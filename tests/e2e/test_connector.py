@@ -179,15 +179,18 @@ def test_generic_commands():
     for subsystem, name in (("..", "sh"), ("diag", "../diag/echo"), ("diag", "none"), ("", "")):
         assert "<ns4:key>error</ns4:key>" in command(handle, subsystem, name)
     # The schemas leave all of it to the handler, which knows shortened names.
-    for first, second in (("<pParameters><value>2</value><key>b</key></pParameters>",
-                           "<pParameters xmlns:t='urn:t' t:array='' id='x'><key>a</key><value>1</value></pParameters>"),
-                          ("<p><k>b</k><v>2</v><key>c</key></p>", "<Param xmlns='urn:x'><x/><val>1</val>x<ke>a</ke></Param>"),
-                          ("<pParam><ey>b</ey><alue>2</alue></pParam><Param1><key>c</key></Param1>",
-                           "<parameters><key>d</key></parameters><ram><key>a</key><value><b>1</b></value></ram>")):
-        for start in ("executeGenericCommand", f'executeGenericCommand xmlns="{box.SERVICE}"'):
-            request = (f"<{start}>{first}<pCommand>echo</pCommand><other><p>{second}</p></other><handle>{handle}</handle>"
-                       f"{second}<pSubSystem><![CDATA[di]]>ag</pSubSystem></executeGenericCommand>")
-            assert exchange(post(envelope(request))).decode().endswith(command_answer(0, "result", "a=1\nb=2\n")), first
+    for first, second in (
+            ("<pParameters><value>2</value><key>b</key></pParameters>",
+             "<pParameters xmlns:t='urn:t' t:array='' id='x'><key>a</key><value>1</value></pParameters>"),
+            ("<p><k>b</k><v>2</v><key>c</key></p>", "<Param xmlns='urn:x'><x/><val>1</val>x<ke>a</ke></Param>"),
+            ("<pParam><ey>b</ey><alue>2</alue></pParam><Param1><key>c</key></Param1>",
+             "<parameters><key>d</key></parameters><ram><key>a</key><value><b>1</b></value></ram>")):
+        for tag in ("executeGenericCommand", f'executeGenericCommand xmlns="{box.SERVICE}"'):
+            request = (f"<{tag}>{first}<pCommand>echo</pCommand><other><p>{second}</p></other>"
+                       f"<handle>{handle}</handle>{second}<pSubSystem><![CDATA[di]]>ag</pSubSystem>"
+                       "</executeGenericCommand>")
+            answer = exchange(post(envelope(request))).decode()
+            assert answer.endswith(command_answer(0, "result", "a=1\nb=2\n")), first
     assert release(handle) == "0"
 
 

@@ -69,11 +69,11 @@ def test_found_by_multicast_then_remembered():
 @pytest.mark.parametrize("form", ["unqualified", "qualified", "bare", "typed", "nil", "newer"])
 def test_new_name_and_color(form):
     """An update, too: all that the box reads, once."""
-    manager, text = sign_in("application-update", f"form={form}", "hostname=bay-7", "color=#be1110")
+    manager, text = sign_in("application-update", f"form={form}", "hostname=bay-7", "color=#be1110", "country=AT")
     assert manager.problems() == [] and "cannot be used" not in text
     assert len(manager.bodies("preSignInTavo")) == 2 and text.count("ZEL master signals") == (form != "nil")
     assert (settings()["tavo.hostname"], settings()["tavo.color"], settings()["country.code"]) == (
-        "bay-7", "red", "DE")
+        "bay-7", "red", "AT")
     (body,) = manager.bodies("signInTavo")
     assert "<ns2:hostname>bay-7</ns2:hostname>" in body, "known by its new name at once"
 
