@@ -179,10 +179,10 @@ int WlanDevice::Connect() {
         return status;
     }
     for (int attempt = 0; attempt < kAssociationAttempts; ++attempt) {
+        SupplicantLog::Limit();
         if (HasLink() != 0) {
             return 0;
         }
-        SupplicantLog::Limit();
         usleep(kAssociationPause);
     }
     KillSupplicant();
