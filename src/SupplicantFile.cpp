@@ -29,8 +29,9 @@ std::string Hexadecimal(std::string_view text) {
 }  // namespace
 
 bool SupplicantFile::CanQuote(std::string_view text) {
-    // The supplicant goes by the last quote of a line when it looks for the end of the text, but by
-    // the second one when it looks for comments behind it.
+    // The text ends at the last quote of its line, but before that the supplicant has taken away
+    // what it believes to be a comment: from a "#" on that stands behind the second quote, or, in
+    // other versions, behind any even number of them.
     const std::size_t quote = text.find('"');
     return IsOneLine(text) &&
            (quote == std::string_view::npos || text.find('#', quote) == std::string_view::npos);
