@@ -229,7 +229,7 @@ def load(name, file=None, assignments=()):
     wlan = settings["wlan"]
     if wlan["credentials"] is None:
         try:
-            wlan["credentials"] = raw_key(wlan["passphrase"], wlan["ssid"])
+            wlan["credentials"] = raw_key(str(wlan["passphrase"]), str(wlan["ssid"]))
         except ValueError as error:
             raise BadScenario(f"wlan.passphrase: {error}") from None
     return settings
