@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -23,9 +25,17 @@ constexpr char kWpa2Psk[] = "105";
 
 // What stands for "as before".
 constexpr char kDummyCredentials[] = "Dummy-Credentials";
-constexpr char kDummyCaCertificate[] = "Dummy-CA-Cert";
-constexpr char kDummyClientCertificate[] = "Dummy-Client-Cert";
-constexpr char kDummyKeyPass[] = "Lomitrax";
+
+/// A file of the enterprise WLAN, and what the answer has for it.
+struct SecretFile {
+    const char* element;
+    const char* placeholder;
+    const char* path;
+};
+constexpr SecretFile kSecretFiles[] = {
+    {"cacertificate", "Dummy-CA-Cert", WlanEnterprise::kCaCertificate},
+    {"clientcertificate", "Dummy-Client-Cert", WlanEnterprise::kClientCertificate},
+    {"keypass", "Lomitrax", WlanEnterprise::kPrivateKey}};
 
 constexpr char kCredentialsKey[] = "wlan.conf.infra.credentials";
 constexpr char kPassPhraseKey[] = "wlan.conf.infra.psk";
@@ -136,32 +146,29 @@ void ApplyCountry(ZelConfig& config, const xmlNode* country) {
     }
 }
 
-/// Puts the certificates and the key that are new in the place of the present ones. A placeholder,
-/// and what is not sent, stands for the present file, which has to be there in the second case.
+/// The text of a new file; empty for the placeholder and for nothing, which stand for the present
+/// one.
+std::string NewText(const xmlNode* wlan, const SecretFile& file) {
+    std::string text = XmlText::ChildText(wlan, file.element);
+    ZEL_DEBUG("PreSignIn response %s: %s", file.element, LogText::Of(text).c_str());
+    return IsBlank(text) || Trimmed(text) == file.placeholder ? std::string() : text;
+}
+
 bool TakeCertificates(const xmlNode* wlan) {
-    const auto newText = [wlan](const char* name, const char* placeholder, const char* file,
-                                bool& isComplete) {
-        const std::string text = XmlText::ChildText(wlan, name);
-        ZEL_DEBUG("PreSignIn response %s: %s", name, LogText::Of(text).c_str());
-        const std::string trimmed = Trimmed(text);
-        isComplete &= !trimmed.empty() || access(file, F_OK) == 0;
-        return trimmed.empty() || trimmed == placeholder ? std::string() : text;
+    std::array<std::string, std::size(kSecretFiles)> texts;
+    std::transform(std::begin(kSecretFiles), std::end(kSecretFiles), texts.begin(),
+                   [wlan](const SecretFile& file) { return NewText(wlan, file); });
+    const auto isMissing = [wlan](const SecretFile& file) {
+        return IsBlank(XmlText::ChildText(wlan, file.element)) && access(file.path, F_OK) != 0;
     };
-    bool isComplete = true;
-    const std::string caCertificate =
-        newText("cacertificate", kDummyCaCertificate, WlanEnterprise::kCaCertificate, isComplete);
-    const std::string clientCertificate = newText("clientcertificate", kDummyClientCertificate,
-                                                  WlanEnterprise::kClientCertificate, isComplete);
-    const std::string keyPass =
-        newText("keypass", kDummyKeyPass, WlanEnterprise::kPrivateKey, isComplete);
-    if (!isComplete) {
+    if (std::any_of(std::begin(kSecretFiles), std::end(kSecretFiles), isMissing)) {
         return Refuse("set of certificates, of which a part is missing,");
     }
-    if (caCertificate.empty() && clientCertificate.empty() && keyPass.empty()) {
+    if (std::all_of(texts.begin(), texts.end(), [](const auto& text) { return text.empty(); })) {
         ZEL_DEBUG("Wlan enterprise configuration not new");
         return true;
     }
-    return WlanEnterprise::WriteCertificates(caCertificate, clientCertificate, keyPass);
+    return WlanEnterprise::WriteCertificates(texts[0], texts[1], texts[2]);
 }
 
 /// Stores a new pre-shared key. False when the WLAN settings stay as they are.
