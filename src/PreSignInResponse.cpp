@@ -1,11 +1,16 @@
 #include "PreSignInResponse.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <iterator>
 #include <string>
 #include <string_view>
 
 #include "ColorTable.h"
 #include "LogText.h"
+#include "SlpEscapes.h"
 #include "WlanEnterprise.h"
 #include "XmlText.h"
 #include "ZelLogging.h"
@@ -20,13 +25,24 @@ constexpr char kWpa2Psk[] = "105";
 
 // What stands for "as before".
 constexpr char kDummyCredentials[] = "Dummy-Credentials";
-constexpr char kDummyCaCertificate[] = "Dummy-CA-Cert";
-constexpr char kDummyClientCertificate[] = "Dummy-Client-Cert";
-constexpr char kDummyKeyPass[] = "Lomitrax";
+
+/// A file of the enterprise WLAN, and what the answer has for it.
+struct SecretFile {
+    const char* element;
+    const char* placeholder;
+    const char* path;
+};
+constexpr SecretFile kSecretFiles[] = {
+    {"cacertificate", "Dummy-CA-Cert", WlanEnterprise::kCaCertificate},
+    {"clientcertificate", "Dummy-Client-Cert", WlanEnterprise::kClientCertificate},
+    {"keypass", "Lomitrax", WlanEnterprise::kPrivateKey}};
+
+constexpr char kCredentialsKey[] = "wlan.conf.infra.credentials";
+constexpr char kPassPhraseKey[] = "wlan.conf.infra.psk";
 
 constexpr char kDefaultCountry[] = "DE";
 
-constexpr std::size_t kMaxHostName = 63;     // one label (RFC 1035, section 2.3.4)
+constexpr std::size_t kMaxHostName = 63;     // characters
 constexpr std::size_t kMaxSsid = 32;         // IEEE 802.11
 constexpr std::size_t kMaxCredentials = 64;  // a pass phrase has up to 63, a key 64 digits
 
@@ -34,11 +50,23 @@ bool IsAlphanumeric(char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
 }
 
+/// Without the white space that the layout of a document may put around a value.
+std::string Trimmed(const std::string& text) {
+    constexpr char kWhiteSpace[] = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(kWhiteSpace);
+    return first == std::string::npos
+               ? std::string()
+               : text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
+}
+
+bool IsBlank(const std::string& text) {
+    return Trimmed(text).empty();
+}
+
+/// Printable text: nothing in it that a log line or an SLP list could hold only escaped.
 bool IsHostName(std::string_view text) {
-    return !text.empty() && text.size() <= kMaxHostName && text.front() != '-' &&
-           text.front() != '.' && std::all_of(text.begin(), text.end(), [](char c) {
-               return IsAlphanumeric(c) || c == '-' || c == '.' || c == '_';
-           });
+    return !text.empty() && SlpEscapes::FirstCharacters(text, kMaxHostName) == text &&
+           LogText::Of(text) == text && SlpEscapes::Escape(text) == text;
 }
 
 bool IsCountry(std::string_view text) {
@@ -63,6 +91,11 @@ bool IsNumber(std::string_view text) {
            text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
+bool IsRawKey(std::string_view text) {
+    return text.size() == kMaxCredentials &&
+           text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
+}
+
 bool Refuse(const char* what) {
     ZEL_ERROR("PreSignIn response: the %s cannot be used, keeping the present one", what);
     return false;
@@ -76,7 +109,7 @@ void ApplyHostName(ZelConfig& config, const xmlNode* device) {
     if (XmlText::FindChild(device, "hostname") == nullptr) {
         return;
     }
-    const std::string hostName = XmlText::ChildText(device, "hostname");
+    const std::string hostName = Trimmed(XmlText::ChildText(device, "hostname"));
     if (IsHostName(hostName)) {
         Store(config, "tavo.hostname", hostName);
     } else {
@@ -113,42 +146,86 @@ void ApplyCountry(ZelConfig& config, const xmlNode* country) {
     }
 }
 
+/// The text of a new file; empty for the placeholder and for nothing, which stand for the present
+/// one.
+std::string NewText(const xmlNode* wlan, const SecretFile& file) {
+    std::string text = XmlText::ChildText(wlan, file.element);
+    ZEL_DEBUG("PreSignIn response %s: %s", file.element, LogText::Of(text).c_str());
+    return IsBlank(text) || Trimmed(text) == file.placeholder ? std::string() : text;
+}
+
 bool TakeCertificates(const xmlNode* wlan) {
-    const std::string caCertificate = XmlText::ChildText(wlan, "cacertificate");
-    const std::string clientCertificate = XmlText::ChildText(wlan, "clientcertificate");
-    const std::string keyPass = XmlText::ChildText(wlan, "keypass");
-    ZEL_DEBUG("PreSignIn response cacertificate: %s", LogText::Of(caCertificate).c_str());
-    ZEL_DEBUG("PreSignIn response clientcertificate: %s", LogText::Of(clientCertificate).c_str());
-    ZEL_DEBUG("PreSignIn response keypass: %s", LogText::Of(keyPass).c_str());
-    if (caCertificate == kDummyCaCertificate && clientCertificate == kDummyClientCertificate &&
-        keyPass == kDummyKeyPass) {
+    std::array<std::string, std::size(kSecretFiles)> texts;
+    std::transform(std::begin(kSecretFiles), std::end(kSecretFiles), texts.begin(),
+                   [wlan](const SecretFile& file) { return NewText(wlan, file); });
+    const auto isMissing = [wlan](const SecretFile& file) {
+        return IsBlank(XmlText::ChildText(wlan, file.element)) && access(file.path, F_OK) != 0;
+    };
+    if (std::any_of(std::begin(kSecretFiles), std::end(kSecretFiles), isMissing)) {
+        return Refuse("set of certificates, of which a part is missing,");
+    }
+    if (std::all_of(texts.begin(), texts.end(), [](const auto& text) { return text.empty(); })) {
         ZEL_DEBUG("Wlan enterprise configuration not new");
         return true;
     }
-    if (caCertificate.empty() || clientCertificate.empty() || keyPass.empty()) {
-        return Refuse("set of certificates, of which a part is missing,");
-    }
-    // A placeholder beside new files stands for the present one, too.
-    const auto newOrNone = [](const std::string& text, const char* placeholder) {
-        return text == placeholder ? std::string() : text;
-    };
-    return WlanEnterprise::WriteCertificates(newOrNone(caCertificate, kDummyCaCertificate),
-                                             newOrNone(clientCertificate, kDummyClientCertificate),
-                                             newOrNone(keyPass, kDummyKeyPass));
+    return WlanEnterprise::WriteCertificates(texts[0], texts[1], texts[2]);
 }
 
+/// Stores a new pre-shared key. False when the WLAN settings stay as they are.
+bool TakeKey(ZelConfig& config, const std::string& credentials) {
+    ZEL_DEBUG("PreSignIn response credentials: %s", LogText::Of(credentials).c_str());
+    const std::string trimmed = Trimmed(credentials);
+    if (trimmed == kDummyCredentials) {
+        ZEL_DEBUG("Wlan psk configuration not new");
+        return false;
+    }
+    const bool hasPassPhrase = !config.Get(kPassPhraseKey).empty();
+    if (trimmed.empty()) {
+        const bool hasKey = config.Get(kCredentialsKey) != WlanEnterprise::kDirectory;
+        return hasPassPhrase || hasKey || Refuse("WLAN configuration, which has no key,");
+    }
+    if (!IsLine(credentials, kMaxCredentials)) {
+        return Refuse("WLAN configuration");
+    }
+    if (!IsRawKey(credentials)) {
+        ZEL_ERROR(
+            "PreSignIn response: the WLAN key is not %zu hexadecimal digits, no access point can "
+            "be "
+            "joined with it",
+            kMaxCredentials);
+    } else if (hasPassPhrase) {
+        ZEL_INFO("PreSignIn response: the new WLAN key takes the place of the pass phrase");
+        Store(config, kPassPhraseKey, "");
+    }
+    Store(config, kCredentialsKey, credentials);
+    return true;
+}
+
+/// Stores a value unless there is none, which stands for the present one.
+void StoreNew(ZelConfig& config, const char* key, const std::string& value) {
+    if (!value.empty()) {
+        Store(config, key, value);
+    }
+}
+
+bool IsNumberOrNone(std::string_view text) {
+    return text.empty() || IsNumber(text);
+}
+
+/// False when the enterprise WLAN's files cannot be written.
 bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
-    if (XmlText::FindChild(wlan, "securityLevel") == nullptr ||
-        XmlText::FindChild(wlan, "ssid") == nullptr) {
+    const auto number = [wlan](const char* name) {
+        return Trimmed(XmlText::ChildText(wlan, name));
+    };
+    const std::string level = number("securityLevel");
+    const std::string ssid = XmlText::ChildText(wlan, "ssid");
+    const std::string band = number("band");
+    const std::string channel = number("channel");
+    if (level.empty() || IsBlank(ssid)) {
         return true;
     }
-    const std::string level = XmlText::ChildText(wlan, "securityLevel");
-    const std::string ssid = XmlText::ChildText(wlan, "ssid");
-    const std::string band = XmlText::ChildText(wlan, "band");
-    const std::string channel = XmlText::ChildText(wlan, "channel");
-    const std::string credentials = XmlText::ChildText(wlan, "credentials");
-    if (!IsNumber(level) || !IsLine(ssid, kMaxSsid) || (!band.empty() && !IsNumber(band)) ||
-        (!channel.empty() && !IsNumber(channel))) {
+    if (!IsNumber(level) || !IsLine(ssid, kMaxSsid) || !IsNumberOrNone(band) ||
+        !IsNumberOrNone(channel)) {
         Refuse("WLAN configuration");
         return true;
     }
@@ -157,23 +234,15 @@ bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
             !WlanEnterprise::WriteSupplicantFile(ssid, config.Get("hardware.devid"))) {
             return false;
         }
-        Store(config, "wlan.conf.infra.credentials", WlanEnterprise::kDirectory);
-    } else if (level == kWpaPsk || level == kWpa2Psk) {
-        ZEL_DEBUG("PreSignIn response credentials: %s", LogText::Of(credentials).c_str());
-        if (credentials == kDummyCredentials) {
-            ZEL_DEBUG("Wlan psk configuration not new");
-            return true;
-        }
-        if (!IsLine(credentials, kMaxCredentials)) {
-            Refuse("WLAN configuration");
-            return true;
-        }
-        Store(config, "wlan.conf.infra.credentials", credentials);
+        Store(config, kCredentialsKey, WlanEnterprise::kDirectory);
+    } else if ((level == kWpaPsk || level == kWpa2Psk) &&
+               !TakeKey(config, XmlText::ChildText(wlan, "credentials"))) {
+        return true;
     }
     Store(config, "wlan.conf.infra.security.level", level);
     Store(config, "wlan.conf.infra.ssid", ssid);
-    Store(config, "wlan.conf.infra.band", band);
-    Store(config, "wlan.conf.infra.channel", channel);
+    StoreNew(config, "wlan.conf.infra.band", band);
+    StoreNew(config, "wlan.conf.infra.channel", channel);
     return true;
 }
 

@@ -10,9 +10,10 @@
 #include <limits>
 #include <string_view>
 
-#include "DurableFile.h"
 #include "LogText.h"
 #include "Shell.h"
+#include "SupplicantFile.h"
+#include "SupplicantLog.h"
 #include "WpaCliInterface.h"
 #include "ZelLogging.h"
 
@@ -38,9 +39,6 @@ constexpr int kOtherEnterprise = 108;
 constexpr int kLastLevel = 109;
 
 constexpr std::size_t kMaxSsid = 32;
-// The supplicant reads its file in pieces of 511 bytes: the rest of a longer line would count as a
-// setting of its own.
-constexpr std::size_t kMaxSecret = 256;
 // A longer path would cut the supplicant's command line, and without its last options the
 // supplicant stays in the foreground.
 constexpr std::size_t kMaxPath = 256;
@@ -50,36 +48,6 @@ int DecimalValue(const std::string& text) {
     const long value = std::strtol(text.c_str(), nullptr, 10);
     return static_cast<int>(
         std::clamp<long>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
-}
-
-bool HasControlCharacter(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
-}
-
-/// In double quotes the supplicant takes every byte as it is, but its lines end at a line break
-/// and, behind a second quote, at a comment: such an SSID is written in hexadecimal.
-std::string SsidValue(const std::string& ssid) {
-    const bool mayLookLikeComment =
-        ssid.find('"') != std::string::npos && ssid.find('#') != std::string::npos;
-    if (!HasControlCharacter(ssid) && !mayLookLikeComment) {
-        return "\"" + ssid + "\"";
-    }
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string digits;
-    for (const char c : ssid) {
-        const auto byte = static_cast<unsigned char>(c);
-        digits += kDigits[byte / 16];
-        digits += kDigits[byte % 16];
-    }
-    return digits;
-}
-
-/// Whether the supplicant reads the value as one: a comment begins with "#" unless quotes, of which
-/// there are no others, enclose it.
-bool IsUsableSecret(const std::string& secret, bool isQuoted) {
-    const bool hasComment = secret.find('#') != std::string::npos &&
-                            (!isQuoted || secret.find('"') != std::string::npos);
-    return secret.size() <= kMaxSecret && !HasControlCharacter(secret) && !hasComment;
 }
 
 /// A path that the shell takes as one word and that fits into the command line.
@@ -92,10 +60,15 @@ bool IsPlainPath(const std::string& path) {
            });
 }
 
-/// Writes the network with this SSID and these further settings.
-int WriteNetworkFile(const std::string& ssid, const std::string& settings) {
-    const std::string text = "network={\n\tssid=" + SsidValue(ssid) + "\n" + settings + "}\n";
-    if (!DurableFile::Replace(kNetworkFile, text, DurableFile::kSecret)) {
+/// A network file that begins with this SSID.
+SupplicantFile NetworkFile(const std::string& ssid) {
+    SupplicantFile file("\t");
+    file.AddText("ssid", ssid);
+    return file;
+}
+
+int Write(const SupplicantFile& file) {
+    if (!file.Replace(kNetworkFile)) {
         ZEL_ERROR("Can't write %s", kNetworkFile);
         return -1;
     }
@@ -206,6 +179,7 @@ int WlanDevice::Connect() {
         return status;
     }
     for (int attempt = 0; attempt < kAssociationAttempts; ++attempt) {
+        SupplicantLog::Limit();
         if (HasLink() != 0) {
             return 0;
         }
@@ -231,9 +205,8 @@ bool WlanDevice::CanWriteNetworkFile() const {
         case kOtherRsnPsk:
         case kThirdRsnPsk:
         case kWpaPsk: {
-            const bool hasPassPhrase = !values_.Psk().empty();
-            if (!IsUsableSecret(hasPassPhrase ? values_.Psk() : values_.Credentials(),
-                                hasPassPhrase)) {
+            if (!(values_.Psk().empty() ? SupplicantFile::CanStandAlone(values_.Credentials())
+                                        : SupplicantFile::CanQuote(values_.Psk()))) {
                 ZEL_ERROR(
                     "The WLAN key is too long or has control characters or a comment mark, check "
                     "wlan.conf.infra.psk and wlan.conf.infra.credentials");
@@ -306,24 +279,29 @@ int WlanDevice::StartSupplicant() {
 
 int WlanDevice::WriteOpenConfig() const {
     ZEL_DEBUG("Write open config");
-    return WriteNetworkFile(values_.Ssid(), "\tkey_mgmt=NONE\n");
+    SupplicantFile file = NetworkFile(values_.Ssid());
+    file.Add("key_mgmt", "NONE");
+    return Write(file);
 }
 
 int WlanDevice::WritePskConfig() const {
     ZEL_DEBUG("Write wpa psk config");
-    std::string settings = "\tproto=";
-    settings += values_.SecurityLevel() == kWpaPsk ? "WPA\n" : "RSN\n";
+    SupplicantFile file = NetworkFile(values_.Ssid());
+    file.Add("proto", values_.SecurityLevel() == kWpaPsk ? "WPA" : "RSN");
     if (!values_.EncryptionType().empty()) {
         // The preferred cipher first; the other is allowed.
-        const std::string ciphers =
-            values_.EncryptionType() == "AES" ? "CCMP TKIP\n" : "TKIP CCMP\n";
-        settings += "\tpairwise=" + ciphers + "\tgroup=" + ciphers;
+        const char* const ciphers = values_.EncryptionType() == "AES" ? "CCMP TKIP" : "TKIP CCMP";
+        file.Add("pairwise", ciphers);
+        file.Add("group", ciphers);
     }
+    file.Add("key_mgmt", "WPA-PSK");
     // A pass phrase, or else a raw key.
-    const std::string secret =
-        values_.Psk().empty() ? values_.Credentials() : "\"" + values_.Psk() + "\"";
-    settings += "\tkey_mgmt=WPA-PSK\n\tpsk=" + secret + "\n";
-    return WriteNetworkFile(values_.Ssid(), settings);
+    if (values_.Psk().empty()) {
+        file.Add("psk", values_.Credentials());
+    } else {
+        file.AddText("psk", values_.Psk());
+    }
+    return Write(file);
 }
 
 std::string WlanDevice::GetMacAddress() {

@@ -1,6 +1,7 @@
 #include "WlanEnterprise.h"
 
 #include "DurableFile.h"
+#include "SupplicantFile.h"
 #include "ZelLogging.h"
 
 namespace WlanEnterprise {
@@ -23,22 +24,19 @@ bool WriteCertificates(const std::string& caCertificate, const std::string& clie
 }
 
 bool WriteSupplicantFile(const std::string& ssid, const std::string& deviceId) {
-    const auto quoted = [](const char* name, const std::string& value) {
-        return std::string("  ") + name + "=\"" + value + "\"\n";
-    };
-    const std::string text =
-        "ap_scan=1\n"
-        "network={\n"
-        "  scan_ssid=1\n"
-        "  proto=RSN WPA\n"
-        "  key_mgmt=WPA-EAP\n"
-        "  pairwise=CCMP TKIP\n"
-        "  group=CCMP TKIP\n"
-        "  eap=TLS\n" +
-        quoted("ssid", ssid) + quoted("identity", "host/" + deviceId) +
-        quoted("ca_cert", kCaCertificate) + quoted("client_cert", kClientCertificate) +
-        quoted("private_key", kPrivateKey) + "}\n";
-    if (!DurableFile::Replace(kSupplicantFile, text, DurableFile::kSecret)) {
+    SupplicantFile file("  ", "ap_scan=1\n");
+    file.Add("scan_ssid", "1");
+    file.Add("proto", "RSN WPA");
+    file.Add("key_mgmt", "WPA-EAP");
+    file.Add("pairwise", "CCMP TKIP");
+    file.Add("group", "CCMP TKIP");
+    file.Add("eap", "TLS");
+    file.AddText("ssid", ssid);
+    file.AddText("identity", "host/" + deviceId);
+    file.AddText("ca_cert", kCaCertificate);
+    file.AddText("client_cert", kClientCertificate);
+    file.AddText("private_key", kPrivateKey);
+    if (!file.Replace(kSupplicantFile)) {
         ZEL_ERROR("Can't open %s", kSupplicantFile);
         return false;
     }

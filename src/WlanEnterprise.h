@@ -17,8 +17,7 @@ inline constexpr char kSupplicantFile[] = "/config/wpa.conf";
 bool WriteCertificates(const std::string& caCertificate, const std::string& clientCertificate,
                        const std::string& privateKey);
 
-/// Replaces the supplicant's network file. `ssid` and `deviceId` hold no line break. Returns false
-/// when it cannot be written.
+/// Replaces the supplicant's network file. Returns false when it cannot be written.
 bool WriteSupplicantFile(const std::string& ssid, const std::string& deviceId);
 
 }  // namespace WlanEnterprise

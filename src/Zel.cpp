@@ -19,6 +19,7 @@
 #include "OplaMode.h"
 #include "SetDateTime.h"
 #include "StoreSetup.h"
+#include "SupplicantLog.h"
 #include "UpdateFirmware.h"
 #include "WlanCountryCode.h"
 #include "WlanDeviceDetector.h"
@@ -245,6 +246,7 @@ bool Zel::IdleUntilStopped() {
     while (running != 0) {
         ppoll(nullptr, 0, &kIdleTime, &unblocked);
         StartServices();
+        SupplicantLog::Limit();
         if (served_.exchange(false)) {
             malloc_trim(0);  // what many requests at once have taken goes back to the system
         }

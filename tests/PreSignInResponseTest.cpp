@@ -11,6 +11,7 @@
 #include "Namespaces.h"
 #include "PreSignInResponse.h"
 #include "ServiceSchemas.h"
+#include "Support.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ const std::string kSsid = "wlan.conf.infra.ssid";
 const std::string kBand = "wlan.conf.infra.band";
 const std::string kChannel = "wlan.conf.infra.channel";
 const std::string kCredentials = "wlan.conf.infra.credentials";
+const std::string kPassPhrase = "wlan.conf.infra.psk";
 
 /// What the box has before each answer.
 const Settings kBefore = {{"tavo.hostname", "BAY-7"},
@@ -30,7 +32,8 @@ const Settings kBefore = {{"tavo.hostname", "BAY-7"},
                           {kSsid, "before"},
                           {kBand, "1"},
                           {kChannel, "2"},
-                          {kCredentials, "secret before"}};
+                          {kCredentials, "secret before"},
+                          {kPassPhrase, "pass phrase before"}};
 
 constexpr char kCertificates[] =
     "<cacertificate>ca\nca</cacertificate><clientcertificate>client</clientcertificate>"
@@ -80,10 +83,17 @@ protected:
     ZelConfig config_;
 };
 
+std::string HostName(const std::string& name) {
+    return "<device><hostname>" + name + "</hostname></device>";
+}
+
 TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
-    const std::string longName(63, 'n');
+    std::string longName;
+    for (int i = 0; i < 63; ++i) {
+        longName += "\U0001f527";
+    }
     const std::string longSsid(32, 's');
-    const std::string longKey(64, 'f');
+    const std::string longKey(64, 'F');
     const struct {
         const char* name;
         std::string content;
@@ -91,10 +101,9 @@ TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
     } cases[] = {
         {"nothing", "", {}},
         {"all of it",
-         "<device><hostname>lane-3.hall_2</hostname></device><color>#163279</color>"
-         "<countryCode>FR</countryCode>" +
+         HostName("lane-3.hall_2") + "<color>#163279</color><countryCode>FR</countryCode>" +
              Wlan("102", "Hall &amp; Yard",
-                  "<band>2</band><channel>36</channel>"
+                  "<band>2</band><channel> 36 </channel>"
                   "<credentials> pass phrase=1 </credentials>"),
          {{"tavo.hostname", "lane-3.hall_2"},
           {"tavo.color", "blue"},
@@ -105,20 +114,25 @@ TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
           {kChannel, "36"},
           {kCredentials, " pass phrase=1 "}}},
         {"one bad value beside a good one",
-         "<device><hostname>a b</hostname></device><color>#be1110</color>",
+         HostName("a=b") + "<color>#be1110</color>",
          {{"tavo.color", "red"}}},
         {"empty country", "<countryCode/>", {{"country.code", "DE"}}},
-        {"longest host name",
-         "<device><hostname>" + longName + "</hostname></device>",
-         {{"tavo.hostname", longName}}},
+        {"longest host name", HostName(longName), {{"tavo.hostname", longName}}},
+        {"host name of all kinds",
+         HostName("\n\t #1 Bühne; -H `id` &quot;&amp;'*:/|\u00a0\n "),
+         {{"tavo.hostname", "#1 Bühne; -H `id` \"&'*:/|\u00a0"}}},
         {"device without host name", "<device><type>TAVO</type></device>", {}},
         // A pre-shared key that the manager does not tell again.
         {"WLAN as before",
-         Wlan("105", "other", "<credentials>Dummy-Credentials</credentials>"),
+         Wlan("105", "other", "<credentials>\n Dummy-Credentials\n</credentials>"),
          {}},
-        {"longest SSID and key",
+        {"longest SSID and a key, which is newer than the pass phrase",
          Wlan("105", longSsid, "<credentials>" + longKey + "</credentials>"),
-         {{kSsid, longSsid}, {kCredentials, longKey}, {kBand, ""}, {kChannel, ""}}},
+         {{kSsid, longSsid}, {kCredentials, longKey}, {kPassPhrase, ""}}},
+        {"only an SSID", Wlan("102", " \"#' ", ""), {{kLevel, "102"}, {kSsid, " \"#' "}}},
+        {"nothing in the others",
+         Wlan("105", "other", "<band/><channel> </channel><credentials>\n  </credentials>"),
+         {{kSsid, "other"}}},
         {"open WLAN has no key",
          Wlan("2", "open", "<band>1</band><channel>-1</channel><credentials>x</credentials>"),
          {{kLevel, "2"}, {kSsid, "open"}, {kChannel, "-1"}}},
@@ -126,6 +140,8 @@ TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
         {"without SSID",
          "<infrastructureConfig><securityLevel>2</securityLevel></infrastructureConfig>",
          {}},
+        {"blank level", Wlan(" ", "s", ""), {}},
+        {"blank SSID", Wlan("104", "\n ", "<band>0</band>"), {}},
     };
     for (const auto& c : cases) {
         for (const auto& [key, value] : kBefore) {
@@ -138,25 +154,25 @@ TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
 }
 
 TEST_F(PreSignInResponseTest, WhatCouldDoHarmChangesNothing) {
-    const auto hostName = [](const std::string& name) {
-        return "<device><hostname>" + name + "</hostname></device>";
-    };
     const std::string contents[] = {
-        hostName(""),
-        hostName("a&#10;opla.mode=OPLA-Next"),
-        hostName("a&#13;b"),
-        hostName("a`reboot`"),
-        hostName("$(reboot)"),
-        hostName("two words"),
-        hostName("-H"),
-        hostName(std::string(64, 'n')),
+        HostName("&#10; "),
+        HostName("a&#10;opla.mode=OPLA-Next"),
+        HostName("a\tb"),
+        HostName("a\u007f"),
+        HostName("a\u0085"),
+        HostName("a\u2028b"),
+        HostName("$(reboot)"),
+        HostName("a\\b"),
+        HostName("a,b"),
+        HostName("~"),
+        HostName("a!b&gt;"),
+        HostName(std::string(64, 'n')),
         "<color>blue</color>",
         "<color>#163279&#10;a=b</color>",
         "<countryCode>DEU</countryCode>",
         "<countryCode>D&#10;</countryCode>",
         "<countryCode>;a</countryCode>",
         Wlan("105&#10;a=b", "s", ""),
-        Wlan("", "s", ""),
         Wlan("1234567890", "s", ""),
         Wlan("2", "s&#10;a=b", ""),
         Wlan("2", "s&#9;", ""),
@@ -175,10 +191,9 @@ TEST_F(PreSignInResponseTest, WhatCouldDoHarmChangesNothing) {
     EXPECT_FALSE(std::filesystem::exists("/config/cacert"));
 }
 
-TEST_F(PreSignInResponseTest, AnEnterpriseWlanThatCannotBeTaken) {
-    const std::string incomplete =
-        Wlan("106", "s", "<cacertificate>ca</cacertificate><keypass>k</keypass>");
-    EXPECT_FALSE(Apply(incomplete)) << "no client certificate";
+TEST_F(PreSignInResponseTest, AnEnterpriseWlan) {
+    EXPECT_FALSE(Apply(Wlan("106", "s", "<cacertificate>ca</cacertificate><keypass>k</keypass>")))
+        << "no client certificate";
     for (const char* path : {"/config/cacert", "/config/keypass", "/config/wpa.conf"}) {
         // A directory that holds something cannot be replaced by a file.
         std::filesystem::remove(path);
@@ -188,6 +203,21 @@ TEST_F(PreSignInResponseTest, AnEnterpriseWlanThatCannotBeTaken) {
     }
     ExpectSettings({}, "none of them");
     EXPECT_TRUE(Apply(Wlan("106", "s", kCertificates)));
+    // What stands for the present files; the name of the network is new all the same.
+    EXPECT_TRUE(Apply(Wlan("106", "a\"b #c",
+                           "<cacertificate>new</cacertificate><clientcertificate/>"
+                           "<keypass>Lomitrax</keypass>")));
+    config_.Set(kPassPhrase, "", ZelConfig::Kind::kPersistent);
+    const Settings taken = {
+        {kLevel, "106"}, {kSsid, "a\"b #c"}, {kCredentials, "/config"}, {kPassPhrase, ""}};
+    ExpectSettings(taken, "the second");
+    EXPECT_EQ(ReadFile("/config/cacert"), "new");
+    EXPECT_EQ(ReadFile("/config/clientcert"), "client");
+    EXPECT_EQ(ReadFile("/config/keypass"), "key & pass");
+    EXPECT_NE(ReadFile("/config/wpa.conf").find("\n  ssid=612262202363\n"), std::string::npos);
+
+    EXPECT_TRUE(Apply(Wlan("105", "s", ""))) << "there is no key that it could be joined with";
+    ExpectSettings(taken, "still");
 }
 
 class SignInSchemasTest : public testing::Test {

@@ -3,7 +3,9 @@
 import copy
 import json
 
-WLAN_LEVELS = {"open": "1", "wpa-psk": "102", "wpa2-psk": "105", "enterprise": "106"}
+from wlan_key import raw_key
+
+WLAN_LEVELS = {"open": "104", "wpa-psk": "102", "wpa2-psk": "105", "enterprise": "106"}
 
 # Every setting, as it is when nothing else is asked for. null stands for what the comment says.
 DEFAULTS = {
@@ -28,7 +30,8 @@ DEFAULTS = {
         "band": "1", "channel": "6", "mode": "1",
         "securityLevel": WLAN_LEVELS["wpa2-psk"],
         "ssid": "workshop",
-        "credentials": "Dummy-Credentials",
+        "credentials": "Dummy-Credentials",     # null: the key of the pass phrase for the SSID
+        "passphrase": "psk-of-the-workshop",
         # null: the PEM text of the given or made certificates
         "cacertificate": "Dummy-CA-Cert",
         "clientcertificate": "Dummy-Client-Cert",
@@ -102,7 +105,6 @@ FAULTS = {
     "drop-between": "closes behind an answer that promised to keep the connection",
 }
 
-WPA_KEY = "psk-of-the-workshop"
 HOSTILE_COMMAND = '"; touch /tmp/intruder; `touch /tmp/intruder`; $(touch /tmp/intruder); echo "'
 
 
@@ -120,8 +122,8 @@ SCENARIOS = {
     "rename": ("a new name, colour and country",
                {"hostname": "BAY-7", "color": "#163279", "country": "AT"}),
     "wlan-open": ("an open WLAN", wlan("open")),
-    "wlan-wpa-psk": ("WPA with a pre-shared key (102)", wlan("wpa-psk", credentials=WPA_KEY)),
-    "wlan-wpa2-psk": ("WPA2 with a pre-shared key (105)", wlan("wpa2-psk", credentials=WPA_KEY)),
+    "wlan-wpa-psk": ("WPA with a pre-shared key (102)", wlan("wpa-psk", credentials=None)),
+    "wlan-wpa2-psk": ("WPA2 with a pre-shared key (105)", wlan("wpa2-psk", credentials=None)),
     "wlan-enterprise": ("WPA enterprise (106) with certificates",
                         wlan("enterprise", cacertificate=None, clientcertificate=None, keypass=None)),
     "wlan-unchanged": ("WPA enterprise, the placeholders that say: nothing new", wlan("enterprise")),
@@ -227,4 +229,10 @@ def load(name, file=None, assignments=()):
             value = {part: value}
         merge(settings, value)
     check(settings)
+    wlan = settings["wlan"]
+    if wlan["credentials"] is None:
+        try:
+            wlan["credentials"] = raw_key(str(wlan["passphrase"]), str(wlan["ssid"]))
+        except ValueError as error:
+            raise BadScenario(f"wlan.passphrase: {error}") from None
     return settings

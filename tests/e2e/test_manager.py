@@ -11,8 +11,8 @@ import pytest
 
 import box
 import workshop
-from workshop import (Manager, active_image, agent, ask, log, service_request, settings, sign_in_ended,
-                      wait_for_log)
+from workshop import (Manager, active_image, agent, ask, log, network, service_request, settings,
+                      sign_in_ended, wait_for_log)
 
 CONFIG = pathlib.Path("/config")
 REBOOTS = pathlib.Path("/tmp/reboot.log")
@@ -69,27 +69,32 @@ def test_found_by_multicast_then_remembered():
 @pytest.mark.parametrize("form", ["unqualified", "qualified", "bare", "typed", "nil", "newer"])
 def test_new_name_and_color(form):
     """An update, too: all that the box reads, once."""
-    manager, text = sign_in("application-update", f"form={form}", "hostname=bay-7", "color=#be1110", "country=AT")
+    manager, text = sign_in("application-update", f"form={form}", "hostname= Bühne & 7 ", "color=#be1110", "country=AT")
     assert manager.problems() == [] and "cannot be used" not in text
     assert len(manager.bodies("preSignInTavo")) == 2 and text.count("ZEL master signals") == (form != "nil")
     assert (settings()["tavo.hostname"], settings()["tavo.color"], settings()["country.code"]) == (
-        "bay-7", "red", "AT")
+        "Bühne & 7", "red", "AT")
     (body,) = manager.bodies("signInTavo")
-    assert "<ns2:hostname>bay-7</ns2:hostname>" in body, "known by its new name at once"
+    assert "<ns2:hostname>Bühne &amp; 7</ns2:hostname>" in body, "known by its new name at once"
 
 
-@pytest.mark.parametrize("scenario, level", [("wlan-wpa-psk", "102"), ("wlan-wpa2-psk", "105"),
-                                             ("wlan-open", None)])
-def test_wlan_settings(scenario, level):
-    manager, _ = sign_in(scenario, "wlan.ssid=work shop", "wlan.credentials=secret-phrase")
+@pytest.mark.parametrize("scenario, level, access_point", [
+    ("wlan-open", "104", ["open"]),
+    ("wlan-wpa2-psk", "105", ["psk", "--passphrase", "correct horse"]),
+    ("wlan-enterprise", "106", ["tls"])])
+def test_the_wlan_that_the_manager_has_sent_is_joined(scenario, level, access_point, workshop_in_order):
+    ssid = 'Bühne 7" #2'  # which quotes cannot hold
+    manager, _ = sign_in(scenario, f"wlan.ssid={ssid}", "wlan.passphrase=correct horse")
     assert manager.problems() == []
     stored = settings()
-    assert stored["wlan.conf.infra.ssid"] == "work shop"
-    if level:
-        assert stored["wlan.conf.infra.security.level"] == level
-        assert stored["wlan.conf.infra.credentials"] == "secret-phrase"
-    else:
-        assert "wlan.conf.infra.credentials" not in stored
+    assert (stored["wlan.conf.infra.security.level"], stored["wlan.conf.infra.ssid"]) == (level, ssid)
+    for arguments in (["cable", "out"], ["adapter", "ralink"], ["access-point", *access_point, "--ssid", ssid]):
+        network(*arguments)
+    with agent(None):
+        wait_for_log("WLAN interface configured, IP: 192.168.68.43")
+        status = subprocess.run(["wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status"],
+                                capture_output=True, text=True, check=True).stdout
+    assert r'ssid=B\xc3\xbchne 7\" #2' in status.splitlines()
 
 
 def test_enterprise_wlan_and_the_clock_at_the_next_start():

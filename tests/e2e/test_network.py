@@ -152,7 +152,13 @@ def test_a_switch_without_cable_returns_to_the_wlan():
         file = pathlib.Path("/tmp/supplicant/wpa.conf")
         assert file.read_text() == "network={\n\tssid=61226220232063\n\tkey_mgmt=NONE\n}\n"
         assert file.stat().st_mode & 0o777 == 0o600
+        log = pathlib.Path("/tmp/log/wpa_supplicant")
+        with log.open("a") as file:
+            file.write("filler\n" * 300_000)
+        box.wait_until(lambda: log.stat().st_size < 1 << 20, "the supplicant's log is cut")
         assert 'ssid=a\\"b # c\n' in run("wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status")
+        kept, _, new = log.read_text().rpartition("filler\n")
+        assert set(kept.splitlines()[1:]) == {"filler"} and new.startswith("1"), "and written on behind its end"
         assert switch("3", WLAN_BOX) == 19
         assert addresses() == [] and addresses("ra0") == [f"{WLAN_BOX}/16"]
     assert not list(pathlib.Path("/tmp").glob("wpa_ctrl_*"))

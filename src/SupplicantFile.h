@@ -1,0 +1,31 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+/// A configuration file of the WPA supplicant (wpa_supplicant.conf) with one network.
+class SupplicantFile {
+public:
+    /// Whether the supplicant reads `text`, in double quotes, as it is meant.
+    static bool CanQuote(std::string_view text);
+    /// Whether it reads `value`, without quotes, as one value.
+    static bool CanStandAlone(std::string_view value);
+
+    /// `before` stands in front of the network, `indent` in front of each of its settings.
+    explicit SupplicantFile(std::string indent, std::string_view before = {});
+
+    /// Adds a setting whose value is written as it stands.
+    void Add(std::string_view name, std::string_view value);
+    /// Adds a setting whose value is any text: in double quotes, or in hexadecimal where they
+    /// cannot hold it. The supplicant takes both for an SSID or an identity, but not for a pass
+    /// phrase.
+    void AddText(std::string_view name, std::string_view text);
+
+    /// Puts the file in the place of the one at `path`; it is its owner's alone. Returns false when
+    /// it cannot be written.
+    [[nodiscard]] bool Replace(const std::string& path) const;
+
+private:
+    std::string indent_;
+    std::string text_;
+};
