@@ -16,6 +16,13 @@ bool DiscoverModeCtrl::SharesNetworkWith(const std::string& peer) const {
     return CurrentMode() != kLinkLocal || peer.starts_with(kLinkLocalPrefix);
 }
 
+void DiscoverModeCtrl::Assigned(unsigned mode) {
+    const std::lock_guard lock(mutex_);
+    if (follows_) {
+        currentMode_ = mode;
+    }
+}
+
 void DiscoverModeCtrl::Event(Trigger trigger, unsigned value) {
     const std::lock_guard lock(mutex_);
     if (!enabled_) {

@@ -35,6 +35,14 @@ public:
     /// otherwise.
     void Event(Trigger trigger, unsigned value = 0);
 
+    /// The box has got an address of that mode. Nothing but the current mode follows, and that only
+    /// from Follow() on.
+    void Assigned(unsigned mode);
+
+    /// From now on the current mode is that of every address that the box gets, whatever the state,
+    /// enabled or not: a client moves the box from one mode to another, of which no event tells.
+    void Follow() { follows_ = true; }
+
     /// The mode reported last, 0 before the first report. Never waits.
     unsigned CurrentMode() const { return currentMode_; }
 
@@ -52,6 +60,7 @@ private:
     HeldMutex mutex_;
     State state_ = State::kIdle;
     std::atomic<unsigned> currentMode_ = 0;
+    std::atomic<bool> follows_ = false;
     unsigned firstMode_ = 0;
     bool rewrittenOnSearch_ = false;
     bool enabled_ = false;

@@ -1,12 +1,32 @@
 #pragma once
 
+#include <chrono>
+#include <functional>
+
 #include "NetDevice.h"
 
 /// The wired interface, "eth0".
 class LanDevice : public NetDevice {
 public:
+    /// Asked while something is waited for; true ends the wait.
+    using StopRequested = std::function<bool()>;
+
+    /// What a real one takes at most until it has a link after it was set up.
+    static constexpr std::chrono::seconds kSetUpTime{3};
+
     explicit LanDevice(const Context& context);
 
     /// Whether the cable is in and the other end alive (ETHTOOL_GLINK).
     int HasLink() override;
+
+    /// Asks until there is a link, for that long; the log has one line about it. An interface that
+    /// cannot be asked has none.
+    bool AwaitLink(std::chrono::milliseconds patience, const StopRequested& stopRequested);
+
+    /// Does so for kSetUpTime when EnableInterface has really set the interface up, else asks once.
+    bool AwaitLinkAfterSetUp(const StopRequested& stopRequested);
+
+private:
+    /// The link value, negative when the interface cannot be asked.
+    int AskLink();
 };

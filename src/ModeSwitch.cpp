@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <mutex>
 
@@ -15,18 +16,18 @@ namespace {
 constexpr char kLanAddress[] = "network.current.lan.ip";
 constexpr char kLinkLocalPrefix[] = "169.254.";
 
-// How long link and address are waited for.
-constexpr useconds_t kPollInterval = 100000;
-constexpr int kPolls = 50;
+// Of the link, and then of the address.
+constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::milliseconds kPollInterval{100};
 // The WLAN is tried at every pass but the first three.
 constexpr int kRecoveryPasses = 10;
 
 bool PollUntil(const std::function<bool()>& condition) {
-    for (int poll = 0; poll < kPolls; ++poll) {
+    for (auto polls = kPatience / kPollInterval; polls > 0; --polls) {
         if (condition()) {
             return true;
         }
-        usleep(kPollInterval);
+        usleep(std::chrono::microseconds(kPollInterval).count());
     }
     return condition();
 }
@@ -58,6 +59,7 @@ ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr asked, FormerAddress& for
     onWlan_ = !NetworkType::IsLan(context_.config);
     const std::string netmask = context_.config.Get(onWlan_ ? "network.current.wlan.netmask"
                                                             : "network.current.lan.netmask");
+    context_.discoverMode.Follow();
     LanDevice lan(context_);
     const Outcome outcome = Switch(lan, mode);
     if (outcome != Outcome::kDone && (onWlan_ || context_.config.Get(kLanAddress).empty())) {
@@ -80,7 +82,7 @@ ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, long mode) {
         }
         lan.EnableInterface();
     }
-    if (!PollUntil([&lan] { return lan.HasLink() != 0; })) {
+    if (!lan.AwaitLink(kPatience, [] { return false; })) {
         return Outcome::kNotConfirmed;
     }
     NetworkType::Set(context_.config, NetworkType::kLan);
@@ -113,8 +115,7 @@ void ModeSwitch::Recover(LanDevice& lan) {
         return;
     }
     if (setNet_.SetUpWlan() != 0) {
-        int passes = 0;
-        setNet_.SetUpNetwork([&passes] { return ++passes == kRecoveryPasses; });
+        setNet_.SetUpNetwork([] { return false; }, kRecoveryPasses);
     }
 }
 

@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
+#include <optional>
 
 #include "LogText.h"
 #include "NetRequests.h"
@@ -32,7 +35,68 @@ bool ReadAddress(const ZelConfig& config, const char* key, const char* message, 
     return true;
 }
 
+std::string Dotted(in_addr_t address) {
+    std::array<char, INET_ADDRSTRLEN> dotted{};
+    return inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
+}
+
+/// Of 169.254.0.0/16 (RFC 3927); in host byte order.
+bool IsLinkLocal(std::uint32_t address) {
+    constexpr std::uint32_t kPrefix = 0xa9fe;
+    return address >> IN_CLASSB_NSHIFT == kPrefix;
+}
+
+/// Addresses that no host has, this one's own ones and the groups'. In host byte order.
+bool IsNoHost(std::uint32_t address) {
+    const std::uint32_t network = address >> IN_CLASSA_NSHIFT;
+    return network == 0 || network == IN_LOOPBACKNET || IN_MULTICAST(address) ||
+           address == INADDR_BROADCAST;
+}
+
+struct Misfit {
+    const char* what;
+    const char* key;
+};
+
+/// What the kernel does not like about static values in host byte order. None it likes, or it has
+/// refused them for another reason.
+std::optional<Misfit> FindMisfit(std::uint32_t ip, std::uint32_t netmask, std::uint32_t gateway) {
+    if ((~netmask & (~netmask + 1)) != 0) {
+        return Misfit{"The netmask is not ones, then zeros", "netmask"};
+    }
+    if (IsNoHost(ip)) {
+        return Misfit{"The ip is no address of a host", "ip"};
+    }
+    if (gateway == ip) {
+        return std::nullopt;
+    }
+    if (IsNoHost(gateway)) {
+        return Misfit{"The gateway is no address of a host", "gateway"};
+    }
+    if (netmask == 0) {
+        return Misfit{"The netmask leaves no network", "netmask"};
+    }
+    if (((gateway ^ ip) & netmask) != 0) {
+        return Misfit{"The gateway is not in the network of ip and netmask",
+                      "gateway, or the other two,"};
+    }
+    if ((gateway | netmask) == INADDR_BROADCAST) {
+        return Misfit{"The gateway is the broadcast address of the network", "gateway"};
+    }
+    return std::nullopt;
+}
+
 }  // namespace
+
+void NetDevice::StaticValues::ExplainRefusal() const {
+    if (const auto misfit = FindMisfit(ntohl(ip_), ntohl(netmask_), ntohl(gateway_))) {
+        ZEL_ERROR(
+            "%s: ip '%s', netmask '%s', gateway '%s'; correct network.config.static.%s in the "
+            "settings",
+            misfit->what, Dotted(ip_).c_str(), Dotted(netmask_).c_str(), Dotted(gateway_).c_str(),
+            misfit->key);
+    }
+}
 
 bool NetDevice::StaticValues::Read(const ZelConfig& config) {
     return ReadAddress(config, "network.config.static.ip", "Ip", ip_) &&
@@ -53,7 +117,10 @@ int NetDevice::HasLink() {
 
 int NetDevice::EnableInterface() {
     ZEL_INFO("Enable interface '%s'", name_.c_str());
-    return NetRequests::ChangeFlags(name_, IFF_UP | IFF_RUNNING, 0);
+    short former = 0;
+    const int status = NetRequests::ChangeFlags(name_, IFF_UP | IFF_RUNNING, 0, former);
+    isFreshlyUp_ = isFreshlyUp_ || (status == 0 && (former & IFF_UP) == 0);
+    return status;
 }
 
 int NetDevice::DisableInterface() {
@@ -63,7 +130,8 @@ int NetDevice::DisableInterface() {
         return -1;
     }
     // Unlike on the way up, IFF_RUNNING stays as it is.
-    return NetRequests::ChangeFlags(name_, 0, IFF_UP);
+    short former = 0;
+    return NetRequests::ChangeFlags(name_, 0, IFF_UP, former);
 }
 
 int NetDevice::SetIp(in_addr_t address) {
@@ -151,7 +219,20 @@ int NetDevice::StopDhcpClient() {
     return Shell::KillByPidFile(DhcpPidFile());
 }
 
+void NetDevice::TakeAddressesAway() {
+    constexpr int kMostAddresses = 16;
+    for (int taken = 0; taken < kMostAddresses && HasAddress(); ++taken) {
+        SetIp(INADDR_ANY);
+    }
+}
+
+bool NetDevice::HasAddress() const {
+    return NetRequests::ReadAddress(name_) != INADDR_ANY;
+}
+
 int NetDevice::StartDhcp() {
+    // Else one that is left from before would be taken for a leased one.
+    TakeAddressesAway();
     std::string output;
     const Shell::Fate fate =
         Shell::RunWithin({}, output,
@@ -163,10 +244,11 @@ int NetDevice::StartDhcp() {
         // Else a later process that has got its number would be taken for it.
         unlink(DhcpPidFile().c_str());
     }
-    if (isCutShort || output.find("No lease, failing") != std::string::npos) {
+    if (isCutShort || output.find("No lease, failing") != std::string::npos || !HasAddress()) {
         ZEL_INFO("Got no lease");
         return -1;
     }
+    context_.discoverMode.Assigned(DiscoverModeCtrl::kDhcp);
     return 0;
 }
 
@@ -175,6 +257,12 @@ int NetDevice::StartApipa() {
     Shell::RunSystemWithResult(
         output, "/sbin/zcip -fq %s /etc/network/zcip.script > /dev/null 2>&1", name_.c_str());
     Shell::RunSystem("route add default dev " + name_);
+    // An address from before may still be there.
+    if (IsLinkLocal(ntohl(NetRequests::ReadAddress(name_)))) {
+        context_.discoverMode.Assigned(DiscoverModeCtrl::kLinkLocal);
+    } else {
+        ZEL_ERROR("Got no link-local address");
+    }
     return 0;
 }
 
@@ -199,6 +287,7 @@ int NetDevice::SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway) {
     if (SetIp(ip) != 0 || SetNetmask(netmask) != 0 || SetGateway(gateway) != 0) {
         return -1;
     }
+    context_.discoverMode.Assigned(DiscoverModeCtrl::kStatic);
     return FinishConfiguration();
 }
 
@@ -247,7 +336,7 @@ int NetDevice::ConfigureInterface() {
         default:
             return -2;
     }
-    return status == 0 ? FinishConfiguration() : -1;
+    return status == 0 && HasAddress() ? FinishConfiguration() : -1;
 }
 
 int NetDevice::ConfigureDhcp() {
@@ -258,7 +347,11 @@ int NetDevice::ConfigureDhcp() {
         return 0;
     }
     const int status = StartApipa();
-    context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kFellBack, DiscoverModeCtrl::kLinkLocal);
+    // Without an address it has not, and the next pass begins with DHCP again.
+    if (HasAddress()) {
+        context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kFellBack,
+                                    DiscoverModeCtrl::kLinkLocal);
+    }
     return status;
 }
 
@@ -267,7 +360,11 @@ int NetDevice::ConfigureApipa() {
     context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kAssigning,
                                 DiscoverModeCtrl::kLinkLocal);
     DelDefaultGateway();
-    return EnableInterface() == 0 ? StartApipa() : -1;
+    if (EnableInterface() != 0) {
+        return -1;
+    }
+    TakeAddressesAway();
+    return StartApipa();
 }
 
 int NetDevice::ConfigureStatic() {
@@ -278,7 +375,13 @@ int NetDevice::ConfigureStatic() {
         context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kFellBack, DiscoverModeCtrl::kDhcp);
         return -1;
     }
-    const bool done = EnableInterface() == 0 && SetIp(values.Ip()) == 0 &&
-                      SetNetmask(values) == 0 && SetGateway(values) == 0;
-    return done ? 0 : -1;
+    if (EnableInterface() != 0) {
+        return -1;
+    }
+    if (SetIp(values.Ip()) != 0 || SetNetmask(values) != 0 || SetGateway(values) != 0) {
+        values.ExplainRefusal();
+        return -1;
+    }
+    context_.discoverMode.Assigned(DiscoverModeCtrl::kStatic);
+    return 0;
 }

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <string>
+#include <utility>
 
 #include "DiscoverModeCtrl.h"
 #include "ZelConfig.h"
@@ -43,6 +44,10 @@ public:
         in_addr_t Netmask() const { return netmask_; }
         in_addr_t Gateway() const { return gateway_; }
 
+        /// For a technician: says in the log why the kernel has refused the values, if it is their
+        /// fault.
+        void ExplainRefusal() const;
+
     private:
         in_addr_t ip_ = 0;
         in_addr_t netmask_ = 0;
@@ -59,14 +64,16 @@ public:
 
     /// Non-zero when there is a link.
     virtual int HasLink();
-    /// Gives the interface its address by the address mode, and the routes that belong to it.
+    /// Gives the interface its address by the address mode, and the routes that belong to it. An
+    /// address that the tools have not brought does not count, and is taken away before them.
     virtual int ConfigureInterface();
     virtual int EnableInterface();
     /// Takes the address away and the interface down.
     virtual int DisableInterface();
 
-    /// Gives the interface an address of that kind, whatever the address mode. Link-local
-    /// addressing is only tried for: its tool's failure is none here.
+    /// Gives the interface an address of that kind, whatever the address mode. DHCP takes the
+    /// address away that is there. Link-local addressing is only tried for: its tool's failure is
+    /// none here.
     int SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway);
     int SetDhcp();
     int SetApipa();
@@ -99,9 +106,14 @@ protected:
 
     const ZelConfig& Config() const { return context_.config; }
 
+    /// Whether EnableInterface has really set the interface up since the last call.
+    bool TakeFreshlyUp() { return std::exchange(isFreshlyUp_, false); }
+
 private:
     int DoSetGateway(unsigned short flags, long long dst, long long gw, long long mask);
     int DoDelGateway(unsigned short flags, long long dst, long long gw);
+    void TakeAddressesAway();
+    bool HasAddress() const;
     int StartDhcp();
     int StartApipa();
     int FinishConfiguration();
@@ -113,5 +125,6 @@ private:
 
     std::string name_;
     AddressMode mode_;
+    bool isFreshlyUp_ = false;
     Context context_;
 };

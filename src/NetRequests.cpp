@@ -31,6 +31,11 @@ InterfaceName CutName(const std::string& name) {
     return cut;
 }
 
+void FillIn(const std::string& interface, ifreq& request) {
+    const InterfaceName name = CutName(interface);
+    std::memcpy(request.ifr_name, name.data(), name.size());
+}
+
 /// A socket to send requests to the kernel through; the failure is logged.
 int OpenRequestSocket() {
     const int opened = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -63,8 +68,7 @@ int Send(const std::string& interface, ifreq* request, unsigned long code) {
     if (request == nullptr) {
         return kRequestFailed;
     }
-    const InterfaceName name = CutName(interface);
-    std::memcpy(request->ifr_name, name.data(), name.size());
+    FillIn(interface, *request);
     const SocketGuard socketGuard(OpenRequestSocket());
     if (socketGuard.Get() < 0) {
         return kNoSocket;
@@ -94,14 +98,27 @@ int SetAddress(const std::string& interface, in_addr_t address, unsigned long co
     return Send(interface, &request, code);
 }
 
-int ChangeFlags(const std::string& interface, short set, short cleared) {
+int ChangeFlags(const std::string& interface, short set, short cleared, short& former) {
     ifreq request{};
     const int status = Send(interface, &request, SIOCGIFFLAGS);
     if (status != 0) {
         return status;
     }
-    request.ifr_flags = static_cast<short>((request.ifr_flags | set) & ~cleared);
+    former = request.ifr_flags;
+    request.ifr_flags = static_cast<short>((former | set) & ~cleared);
     return Send(interface, &request, SIOCSIFFLAGS);
+}
+
+in_addr_t ReadAddress(const std::string& interface) {
+    ifreq request{};
+    FillIn(interface, request);
+    const SocketGuard socketGuard(OpenRequestSocket());
+    if (socketGuard.Get() < 0 || ioctl(socketGuard.Get(), SIOCGIFADDR, &request) != 0) {
+        return INADDR_ANY;
+    }
+    sockaddr_in address{};
+    std::memcpy(&address, &request.ifr_addr, sizeof address);
+    return address.sin_addr.s_addr;
 }
 
 int AddRoute(const std::string& interface, unsigned short flags, const Route& route) {

@@ -24,7 +24,12 @@ int Send(const std::string& interface, ifreq* request, unsigned long code);
 /// `code` is the request that takes an address of that kind; `address` is in network byte order.
 int SetAddress(const std::string& interface, in_addr_t address, unsigned long code);
 
-int ChangeFlags(const std::string& interface, short set, short cleared);
+/// Sets `former` to the flags before the change.
+int ChangeFlags(const std::string& interface, short set, short cleared, short& former);
+
+/// The first IPv4 address that the interface has under its very name, not under an alias label, in
+/// network byte order. INADDR_ANY when it has none, which is no failure.
+in_addr_t ReadAddress(const std::string& interface);
 
 /// The ends of a route, in the lower 32 bits and network byte order.
 struct Route {

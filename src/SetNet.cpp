@@ -15,15 +15,19 @@ constexpr int kPassesForLan = 3;
 SetNet::SetNet(const NetDevice::Context& context)
     : context_(context), lan_(context), wlan_(WlanDeviceDetectorEx().CreateDevice(context)) {}
 
-int SetNet::SetUpNetwork(const StopRequested& stopRequested) {
+int SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
     // Not refilled: once the cable has been waited for, every pass without link tries the WLAN.
     int budget = kPassesForLan;
-    for (;;) {
+    for (int pass = 1;; ++pass) {
         lan_.EnableInterface();
         if (wlan_) {
             wlan_->DisableInterface();
         }
-        if (lan_.HasLink() != 0) {
+        const bool hasLink = lan_.AwaitLinkAfterSetUp(stopRequested);
+        if (stopRequested()) {
+            return -1;
+        }
+        if (hasLink) {
             ZEL_DEBUG("Lan link detect, set ip address");
             if (lan_.ConfigureInterface() == 0) {
                 ZEL_INFO("LAN interface configured, IP: %s",
@@ -41,7 +45,7 @@ int SetNet::SetUpNetwork(const StopRequested& stopRequested) {
         }
         ZEL_ERROR("No network configured, restart initializing");
         sleep(1);
-        if (stopRequested()) {
+        if (stopRequested() || pass == passes) {
             return -1;
         }
     }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 
 #include "LanDevice.h"
@@ -9,8 +8,9 @@
 /// Brings the box onto the network: by cable, or by WLAN when the cable has no link.
 class SetNet {
 public:
-    /// Asked between two passes of the bring-up; true ends it.
-    using StopRequested = std::function<bool()>;
+    /// Asked while the link is waited for and between two passes of the bring-up; true ends it.
+    using StopRequested = LanDevice::StopRequested;
+    static constexpr int kWithoutEnd = 0;
 
     /// Looks for the WLAN adapter. The context outlives the object.
     explicit SetNet(const NetDevice::Context& context);
@@ -18,9 +18,9 @@ public:
     SetNet(const SetNet&) = delete;
     SetNet& operator=(const SetNet&) = delete;
 
-    /// Tries once a second until an interface is configured. Returns 0 then, or -1 when it was
-    /// asked to stop before.
-    int SetUpNetwork(const StopRequested& stopRequested);
+    /// Makes passes, a second apart, until an interface is configured. Returns 0 then, or -1 when
+    /// it was asked to stop or has made that many passes before.
+    int SetUpNetwork(const StopRequested& stopRequested, int passes = kWithoutEnd);
 
     /// One attempt to get onto the WLAN; takes the wired interface down. Returns 0 or -1.
     int SetUpWlan();

@@ -111,10 +111,12 @@ TEST_F(NetDeviceTest, StatusesOfRequests) {
 }
 
 TEST_F(NetDeviceTest, TheFirstConfigurationSettlesTheMode) {
-    const std::tuple<const char*, std::string, unsigned> cases[] = {
-        {"3", udhcpc, 3}, {"200", udhcpc, 3}, {"", udhcpc, 3},
-        {"2", zcip, 2},   {"201", zcip, 2},   {"202", "", 1}};
-    for (const auto& [first, commands, current] : cases) {
+    constexpr char kLeased[] = "10.7.7.7/8 t0\n";
+    constexpr char kClaimed[] = "169.254.7.7/16 t0\n";
+    const std::tuple<const char*, std::string, const char*, unsigned> cases[] = {
+        {"3", udhcpc, kLeased, 3}, {"200", udhcpc, kLeased, 3}, {"", udhcpc, kLeased, 3},
+        {"2", zcip, kClaimed, 2},  {"201", zcip, kClaimed, 2},  {"202", "", "10.1.0.5/16 t0\n", 1}};
+    for (const auto& [first, commands, address, current] : cases) {
         SCOPED_TRACE(first);
         DiscoverModeCtrl mode(config_);
         mode.Enable();
@@ -123,11 +125,12 @@ TEST_F(NetDeviceTest, TheFirstConfigurationSettlesTheMode) {
             Set(kModeKey, stored);
             Ip("address flush dev t0");
             Ip("address add 10.1.0.9/16 dev t0");
+            Ip("address add 10.1.0.10/16 dev t0");
             Ip("route replace default via 10.1.0.1");
             EXPECT_EQ(device.ConfigureInterface(), 0);
             EXPECT_EQ(Recorded(), commands + arping);
             EXPECT_EQ(mode.CurrentMode(), current);
-            EXPECT_EQ(Addresses("t0"), commands.empty() ? "10.1.0.5/16 t0\n" : "10.1.0.9/16 t0\n");
+            EXPECT_EQ(Addresses("t0"), address);
             EXPECT_EQ(Routes("default dev t0"), commands.empty() ? "default via 10.1.0.1 \n" : "");
             EXPECT_TRUE(Routes().ends_with(slpRoutes));
         }
@@ -197,15 +200,86 @@ debug int NetDevice::DoDelGateway(short unsigned int, long long int, long long i
 }
 
 TEST_F(NetDeviceTest, WithoutALeaseTheAddressIsLinkLocal) {
-    Record("/sbin/udhcpc", "echo started; echo 'No lease, failing'; exit 1");
-    EXPECT_EQ(device_.ConfigureInterface(), 0);
-    EXPECT_EQ(Recorded(), udhcpc + zcip + arping);
-    mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
-    EXPECT_EQ(config_.Get(kModeKey), "2");
-    EXPECT_EQ(device_.SetDhcp(), -1);
-    EXPECT_EQ(Recorded(), udhcpc);
+    const char* clients[] = {
+        "echo started; echo 'No lease, failing'; exit 1",
+        "ip address add 10.1.0.7/16 dev t0; echo 'No lease, failing'; exit 1",
+        "ip address add 10.1.0.7/16 dev t0; kill -9 $PPID $$",
+        "kill -9 $$",
+        "echo 'udhcpc: no lease, failing'; exit 1",
+        "ip address add 10.1.0.7/16 dev t0 label t0:0",
+        "exit 127",
+        "",
+    };
+    for (const char* client : clients) {
+        SCOPED_TRACE(client);
+        Record("/sbin/udhcpc", client);
+        Set(kModeKey, "3");
+        Ip("address add 10.1.0.5/16 dev t0");
+        DiscoverModeCtrl mode(config_);
+        mode.Enable();
+        NetDevice device("t0", {config_, mode});
+        EXPECT_EQ(device.SetDhcp(), -1);
+        EXPECT_EQ(Recorded(), udhcpc);
+        Ip("address flush dev t0");
+        EXPECT_EQ(device.ConfigureInterface(), 0);
+        EXPECT_EQ(Recorded(), udhcpc + zcip + arping);
+        mode.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+        EXPECT_EQ(config_.Get(kModeKey), "2");
+        EXPECT_EQ(device.SetApipa(), 0);
+        EXPECT_EQ(Recorded(), zcip + arping);
+        Ip("address flush dev t0");
+    }
+}
+
+TEST_F(NetDeviceTest, WithoutALinkLocalAddressTheInterfaceIsNotConfigured) {
+    Record("/sbin/udhcpc");
+    Record("/sbin/zcip");
+    Ip("address add 10.1.0.5/16 dev t0");
     EXPECT_EQ(device_.SetApipa(), 0);
-    EXPECT_EQ(Recorded(), zcip + arping);
+    Set(kModeKey, "201");
+    EXPECT_EQ(NetDevice("t0", context_).ConfigureInterface(), -1);
+    Set(kModeKey, "3");
+    EXPECT_EQ(device_.ConfigureInterface(), -1);
+    EXPECT_EQ(mode_.CurrentMode(), DiscoverModeCtrl::kDhcp);
+    Record("/sbin/udhcpc", "ip address add 10.1.0.7/16 dev t0");
+    EXPECT_EQ(device_.ConfigureInterface(), 0);
+    mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
+    EXPECT_EQ(mode_.CurrentMode(), DiscoverModeCtrl::kDhcp) << "it never was on another";
+    EXPECT_EQ(config_.Get(kModeKey), "3");
+}
+
+TEST_F(NetDeviceTest, WhatIsWrongWithStaticValuesThatTheKernelRefuses) {
+    const std::tuple<const char*, const char*, const char*, std::string> cases[] = {
+        {"10.1.0.5", "255.255.0.0", "10.2.0.1", "gateway is not in the network of ip and netmask"},
+        {"10.1.0.5", "255.255.255.255", "10.1.0.1",
+         "gateway is not in the network of ip and netmask"},
+        {"10.1.0.5", "255.255.0.0", "10.1.255.255",
+         "gateway is the broadcast address of the network"},
+        {"10.1.0.5", "255.255.0.0", "0.0.0.0", "gateway is no address of a host"},
+        {"10.1.0.5", "255.255.0.0", "224.0.0.1", "gateway is no address of a host"},
+        {"10.1.0.5", "255.0.255.0", "10.1.0.1", "netmask is not ones, then zeros"},
+        {"10.1.0.5", "0.0.0.255", "10.1.0.1", "netmask is not ones, then zeros"},
+        {"10.1.0.5", "0.0.0.0", "10.1.0.1", "netmask leaves no network"},
+        {"0.0.0.0", "255.255.0.0", "10.1.0.1", "ip is no address of a host"},
+        {"239.1.0.5", "255.255.0.0", "239.1.0.1", "ip is no address of a host"},
+        {"10.1.0.5", "255.255.0.0", "10.1.0.5", ""},
+        {"10.1.0.5", "255.255.255.254", "10.1.0.4", ""}};
+    Ip("link del eth0");
+    Set(kModeKey, "202");
+    for (const auto& [ip, netmask, gateway, what] : cases) {
+        SCOPED_TRACE(std::string(ip) + " " + netmask + " " + gateway);
+        Ip("address flush dev t0");
+        Set("network.config.static.ip", ip);
+        Set("network.config.static.netmask", netmask);
+        Set("network.config.static.gateway", gateway);
+        std::filesystem::resize_file(ZelLogging::kLogFile, 0);
+        EXPECT_EQ(NetDevice("t0", context_).ConfigureInterface(), what.empty() ? 0 : -1);
+        const std::string line = " The " + what + ": ip '" + ip + "', netmask '" + netmask +
+                                 "', gateway '" + gateway + "'; correct network.config.static.";
+        const std::string log = ReadFile(ZelLogging::kLogFile);
+        EXPECT_EQ(log.find("; correct ") == std::string::npos, what.empty()) << log;
+        EXPECT_EQ(log.find(line) == std::string::npos, what.empty()) << log;
+    }
 }
 
 TEST_F(NetDeviceTest, BadStaticValuesChangeNoAddress) {

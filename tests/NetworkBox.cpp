@@ -22,11 +22,17 @@ extern "C" int ioctl(int descriptor, unsigned long code, ...) noexcept {
 }
 
 // NOLINTBEGIN(readability-identifier-naming)
-extern "C" unsigned sleep(unsigned) {
+extern "C" unsigned sleep(unsigned seconds) {
+    if (onPause) {
+        onPause(std::chrono::seconds(seconds));
+    }
     return 0;
 }
 
-extern "C" int usleep(useconds_t) {
+extern "C" int usleep(useconds_t microseconds) {
+    if (onPause) {
+        onPause(std::chrono::microseconds(microseconds));
+    }
     return 0;
 }
 // NOLINTEND(readability-identifier-naming)

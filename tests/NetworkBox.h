@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -22,21 +23,29 @@
 /// kernel.
 using Answer = std::optional<int>;
 inline std::function<Answer(unsigned long code, ifreq& request)> answerRequest;
+/// Comes in the place of every sleep.
+inline std::function<void(std::chrono::microseconds)> onPause;
 
 /// A box with a spare interface, "t0" (its other end is "t1"), and with tools that write their
-/// command lines down. Nothing sleeps in it.
+/// command lines down; those that ask for an address set one. Nothing sleeps in it.
 class NetworkBox : public testing::Test {
 protected:
     NetworkBox() {
         mode_.Enable();
         AddInterface("t0");
         for (const char* tool :
-             {"/sbin/udhcpc", "/sbin/zcip", "/usr/sbin/route", "/sbin/iwpriv", "/usr/bin/arping",
-              "/sbin/ifconfig", "/usr/sbin/insmod", "/app/velka/wlan/sta/wpa_supplicant"}) {
+             {"/usr/sbin/route", "/sbin/iwpriv", "/usr/bin/arping", "/sbin/ifconfig",
+              "/usr/sbin/insmod", "/app/velka/wlan/sta/wpa_supplicant"}) {
             Record(tool);
         }
+        Record("/sbin/udhcpc",
+               "while [ $1 != -i ]; do shift; done; ip address replace 10.7.7.7/8 dev $2");
+        Record("/sbin/zcip", "ip address replace 169.254.7.7/16 dev $2");
     }
-    ~NetworkBox() override { answerRequest = nullptr; }
+    ~NetworkBox() override {
+        answerRequest = nullptr;
+        onPause = nullptr;
+    }
 
     static std::string Run(const std::string& command) {
         std::string output;

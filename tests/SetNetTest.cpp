@@ -1,3 +1,5 @@
+#include <vector>
+
 #include "NetworkBox.h"
 #include "NetworkType.h"
 #include "SetNet.h"
@@ -9,10 +11,16 @@ protected:
     /// Runs the bring-up for at most that many passes; `onPass` comes behind each.
     int RunPasses(int passes, const std::function<void(int)>& onPass) {
         int pass = 0;
-        return SetNet(context_).SetUpNetwork([&] {
-            onPass(++pass);
-            return pass == passes;
-        });
+        onPause = [&](std::chrono::microseconds pause) {
+            if (pause == std::chrono::seconds(1)) {
+                onPass(++pass);
+            }
+        };
+        return SetNet(context_).SetUpNetwork([] { return false; }, passes);
+    }
+
+    static std::string Count(const std::string& line) {
+        return Run("grep -c '" + line + "$' " + ZelLogging::kLogFile);
     }
 
     void AddWlan() {
@@ -34,8 +42,7 @@ TEST_F(SetNetTest, TheCableIsTakenWhenItHasALink) {
 TEST_F(SetNetTest, TheCableIsWaitedForThreePasses) {
     SetCable("down");
     const auto expectLog = [](int pass) {
-        EXPECT_EQ(Run(std::string("grep -c 'No WLAN interface found$' ") + ZelLogging::kLogFile),
-                  std::to_string(std::max(pass - 3, 0)) + "\n");
+        EXPECT_EQ(Count("No WLAN interface found"), std::to_string(std::max(pass - 3, 0)) + "\n");
     };
     EXPECT_EQ(RunPasses(5, expectLog), -1);
     EXPECT_EQ(Recorded(), "");
@@ -44,6 +51,42 @@ TEST_F(SetNetTest, TheCableIsWaitedForThreePasses) {
     EXPECT_EQ(LanDevice(context_).HasLink(), 1);
     Ip("link del eth0");
     EXPECT_EQ(LanDevice(context_).HasLink(), 0);
+}
+
+TEST_F(SetNetTest, TheLinkOfAnInterfaceThatWasSetUpIsWaitedFor) {
+    AddWlan();
+    Set("wlan.conf.infra.band", "none");
+    SetCable("down");
+    for (const bool comes : {true, false}) {
+        Ip("link set eth0 down");
+        std::filesystem::resize_file(ZelLogging::kLogFile, 0);
+        std::vector<std::chrono::microseconds> waits(1);
+        onPause = [&](std::chrono::microseconds pause) {
+            if (pause == std::chrono::seconds(1)) {
+                waits.emplace_back();
+            } else if ((waits.back() += pause) == std::chrono::milliseconds(2900) &&
+                       waits.size() == 5 && comes) {
+                SetCable("up");
+            }
+        };
+        // Every attempt for the WLAN takes the interface down.
+        EXPECT_EQ(SetNet(context_).SetUpNetwork([] { return false; }, 5), comes ? 0 : -1);
+        const auto limit = std::chrono::seconds(3);
+        const auto last = comes ? std::chrono::milliseconds(2900) : limit;
+        waits.resize(5);
+        EXPECT_EQ(waits, (std::vector<std::chrono::microseconds>{limit, {}, {}, {}, last}));
+        EXPECT_EQ(Count("Lan is not link") + Count("Lan is link"), comes ? "4\n1\n" : "5\n0\n");
+        SetCable("down");
+    }
+}
+
+TEST_F(SetNetTest, AStopEndsTheWaitForTheLink) {
+    SetCable("down");
+    Ip("link set eth0 down");
+    int asked = 0;
+    EXPECT_EQ(SetNet(context_).SetUpNetwork([&asked] { return ++asked > 3; }), -1);
+    EXPECT_EQ(Count("Lan is not link") + Count("No network configured, restart initializing"),
+              "1\n0\n");
 }
 
 TEST_F(SetNetTest, TheWlanIsTriedInEveryPassThen) {

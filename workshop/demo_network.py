@@ -3,7 +3,7 @@
 import re
 import subprocess
 
-from stage import (BOLD, BOX, CONFIGURATION, DEVICE_ID, PLAIN, PROJECT, REFUSED, check, log,
+from stage import (BOX, CONFIGURATION, DEVICE_ID, MANAGER_OUTPUT, PROJECT, REFUSED, check, log,
                    log_of_this_start, setting, start_agent, start_manager, stop, title,
                    wait_until, wait_until_serving, zelctl)
 
@@ -261,6 +261,51 @@ def mode_switch():
     stop(agent)
 
 
+def late_cable():
+    """a port that takes 2.5 s for a link, and a cable that is plugged in late"""
+    title("No cable; the switch's port takes 2.5 s for a link, as a real one. The box has a WLAN card, but no settings")
+    network("port", "--delay", "2500")
+    pull_cable()
+    agent = start(ALONE + "network.config.discover.mode=3\n")
+    wait_until(lambda: "try wlan" in log_of_this_start(), "the box has tried its WLAN")
+    say()
+
+    title("The cable is plugged in: the next pass sets the card up anew, and waits for the link")
+    network("cable", "in")
+    wait_until(lambda: "LAN interface configured" in log_of_this_start(), "it has come by cable")
+    check(address() == BOX, f"it has come by cable, and has leased {BOX}")
+    wait_until_serving(agent)
+    find_box(BOX)
+    stop(agent)
+    network("port", "--delay", "0")
+
+
+def sign_in_with(scenario, *notable):
+    """Starts manager and box, and shows what both have to say of the sign-in."""
+    manager = start_manager(scenario)
+    agent = start(BASE + "network.config.discover.mode=3\n")
+    wait_until(lambda: re.search(r"\* SignIn succeed|SignIn failed", log_of_this_start()), "the sign-in has ended")
+    told = [line[:13] + line.split()[1] + " " + line.split()[3].rstrip(":")
+            for line in MANAGER_OUTPUT.read_text().splitlines() if "signInTavo" in line or "SignInTavo" in line]
+    print("".join(f"  the manager has seen: {line}\n" for line in told), end="")
+    said = [line[:26] + " " + line[42:] for line in log_of_this_start().splitlines()
+            if any(each in line for each in (*notable, "SignIn succeed"))]
+    print("".join(f"  the box says: {line}\n" for line in said), end="")
+    check("* SignIn succeed" in log_of_this_start(), "the box is signed in")
+    wait_until_serving(agent)
+    find_box(BOX)
+    stop(agent)
+    manager.terminate()
+
+
+def slow_manager():
+    """a manager that takes six seconds for an answer, and one whose SOAP port opens late"""
+    title("The manager takes six seconds for an answer; the box asks again after five")
+    sign_in_with("slow-manager", "Send ", "outstanding", "Received")
+    title("Another one takes connections only 0.7 s after it was found")
+    sign_in_with("late-port", "Can't connect")
+
+
 SCENARIOS = {
     "dhcp": dhcp,
     "link-local": link_local,
@@ -270,9 +315,6 @@ SCENARIOS = {
     "wlan-tls": wlan_tls,
     "cable-back": cable_back,
     "mode-switch": mode_switch,
+    "late-cable": late_cable,
+    "slow-manager": slow_manager,
 }
-
-
-def tell(name):
-    print(f"{BOLD}{name}: {SCENARIOS[name].__doc__}{PLAIN}", flush=True)
-    SCENARIOS[name]()
