@@ -277,7 +277,6 @@ def late_cable():
     wait_until_serving(agent)
     find_box(BOX)
     stop(agent)
-    network("port", "--delay", "0")
 
 
 def sign_in_with(scenario, *notable):

@@ -10,7 +10,8 @@ import pytest
 import box
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
-SCENARIOS = ("dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back", "mode-switch")
+SCENARIOS = ("power-cut", "dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back",
+             "mode-switch", "late-cable", "slow-manager")
 
 
 @pytest.mark.parametrize("options", [[], *(["--scenario", name] for name in SCENARIOS)])
