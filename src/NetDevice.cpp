@@ -219,20 +219,11 @@ int NetDevice::StopDhcpClient() {
     return Shell::KillByPidFile(DhcpPidFile());
 }
 
-void NetDevice::TakeAddressesAway() {
-    constexpr int kMostAddresses = 16;
-    for (int taken = 0; taken < kMostAddresses && HasAddress(); ++taken) {
-        SetIp(INADDR_ANY);
-    }
-}
-
 bool NetDevice::HasAddress() const {
     return NetRequests::ReadAddress(name_) != INADDR_ANY;
 }
 
 int NetDevice::StartDhcp() {
-    // Else one that is left from before would be taken for a leased one.
-    TakeAddressesAway();
     std::string output;
     const Shell::Fate fate =
         Shell::RunWithin({}, output,
@@ -244,11 +235,15 @@ int NetDevice::StartDhcp() {
         // Else a later process that has got its number would be taken for it.
         unlink(DhcpPidFile().c_str());
     }
-    if (isCutShort || output.find("No lease, failing") != std::string::npos || !HasAddress()) {
+    const in_addr_t address = NetRequests::ReadAddress(name_);
+    if (isCutShort || output.find("No lease, failing") != std::string::npos ||
+        address == INADDR_ANY) {
         ZEL_INFO("Got no lease");
         return -1;
     }
-    context_.discoverMode.Assigned(DiscoverModeCtrl::kDhcp);
+    // A link-local one is no server's: it was there before, or the client's script has set it.
+    context_.discoverMode.Assigned(IsLinkLocal(ntohl(address)) ? DiscoverModeCtrl::kLinkLocal
+                                                               : DiscoverModeCtrl::kDhcp);
     return 0;
 }
 
@@ -360,11 +355,7 @@ int NetDevice::ConfigureApipa() {
     context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kAssigning,
                                 DiscoverModeCtrl::kLinkLocal);
     DelDefaultGateway();
-    if (EnableInterface() != 0) {
-        return -1;
-    }
-    TakeAddressesAway();
-    return StartApipa();
+    return EnableInterface() == 0 ? StartApipa() : -1;
 }
 
 int NetDevice::ConfigureStatic() {

@@ -64,16 +64,15 @@ public:
 
     /// Non-zero when there is a link.
     virtual int HasLink();
-    /// Gives the interface its address by the address mode, and the routes that belong to it. An
-    /// address that the tools have not brought does not count, and is taken away before them.
+    /// Gives the interface its address by the address mode, and the routes that belong to it. It is
+    /// not configured as long as it has none, whatever the tools say.
     virtual int ConfigureInterface();
     virtual int EnableInterface();
     /// Takes the address away and the interface down.
     virtual int DisableInterface();
 
-    /// Gives the interface an address of that kind, whatever the address mode. DHCP takes the
-    /// address away that is there. Link-local addressing is only tried for: its tool's failure is
-    /// none here.
+    /// Gives the interface an address of that kind, whatever the address mode. Link-local
+    /// addressing is only tried for: its tool's failure is none here.
     int SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway);
     int SetDhcp();
     int SetApipa();
@@ -112,7 +111,6 @@ protected:
 private:
     int DoSetGateway(unsigned short flags, long long dst, long long gw, long long mask);
     int DoDelGateway(unsigned short flags, long long dst, long long gw);
-    void TakeAddressesAway();
     bool HasAddress() const;
     int StartDhcp();
     int StartApipa();

@@ -37,9 +37,9 @@ TEST_F(ModeSwitchTest, TheFormerAddressIsLentAsLongAsItIsHeld) {
         {3, "201", "/sbin/udhcpc", "192.168.7.7/16", 0, 3},
         {2, "3", "/sbin/zcip", "10.7.7.7/8", 19, 3},
         {1, "201", "/sbin/zcip", "169.254.7.7/16", 0, 2},
-        {3, "201", "/sbin/udhcpc", "169.254.7.7/16", 19, 3},
+        {3, "201", "/sbin/udhcpc", "169.254.7.7/16", 19, 2},
         {1, "202", "", "10.7.7.7/8", 0, 1},
-        {1, "3", "/sbin/udhcpc", "169.254.7.7/16", 0, 3}};
+        {1, "3", "/sbin/udhcpc", "169.254.7.7/16", 0, 2}};
     Set("network.config.static.ip", "10.7.7.7");
     Set("network.config.static.netmask", "255.0.0.0");
     Set("network.config.static.gateway", "10.7.7.1");
