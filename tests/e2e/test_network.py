@@ -13,7 +13,7 @@ import box
 import workshop
 from workshop import network
 
-pytestmark = pytest.mark.usefixtures("workshop_in_order")
+pytestmark = pytest.mark.usefixtures("workshop_in_order", "real_port")
 
 SWITCHES = int(os.environ.get("ZEL_SWITCHES", "30"))
 WLAN_BOX = "192.168.68.43"
@@ -25,6 +25,14 @@ FAST_ZCIP = """#!/bin/sh
 export interface=$2 ip=169.254.9.9
 $3 init; $3 config
 """
+
+
+@pytest.fixture(scope="module")
+def real_port():
+    """The box's card takes its time until it has a link."""
+    network("port", "--delay", "2000")
+    yield
+    network("port", "--delay", "0")
 
 
 def run(*command):
@@ -74,7 +82,7 @@ def switch(*arguments, **options):
 def insert_card():
     run("ip", "link", "add", "eth0", "address", "02:00:00:12:34:56", "type", "veth", "peer", "name", "box",
         "netns", "/run/netns/switch")
-    run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "box", "master", "bridge", "up")
+    run("nsenter", "--net=/run/netns/switch", "ip", "link", "set", "box", "master", "bridge")
 
 
 def test_a_restart_finds_its_own_address_in_place():
@@ -162,6 +170,28 @@ def test_a_switch_without_cable_returns_to_the_wlan():
         assert switch("3", WLAN_BOX) == 19
         assert addresses() == [] and addresses("ra0") == [f"{WLAN_BOX}/16"]
     assert not list(pathlib.Path("/tmp").glob("wpa_ctrl_*"))
+
+
+def test_a_late_cable_is_found_beside_a_wlan_that_is_tried():
+    network("cable", "out")
+    network("adapter", "ralink")
+    with workshop.agent(ALONE + "3\n"):  # no WLAN is configured
+        box.wait_until(lambda: workshop.log().count("try wlan") >= 2, "the WLAN is tried", 60)
+        network("cable", "in")
+        box.wait_until(set_up, "the box is on the network", 60)
+        assert addresses() == [f"{box.BOX}/16"]
+        assert workshop.log().count("Lan is link") == 1, "it is waited for, and told once"
+
+
+def test_a_box_that_is_moved_to_dhcp_finds_its_manager():
+    run("ip", "address", "flush", "dev", "eth0")
+    with workshop.replaced("/sbin/zcip", FAST_ZCIP), workshop.Manager("plain"), \
+            workshop.agent(workshop.PLAIN.replace(workshop.MANAGER, "")):
+        with workshop.replaced("/sbin/udhcpc", None):  # ends without a lease, and without a word of it
+            workshop.wait_for_log("go to receive")
+            assert addresses() == ["169.254.9.9/16"]
+        assert switch("3", "169.254.9.9") == 0
+        workshop.wait_for_log("* SignIn succeed")
 
 
 def test_a_loose_cable_leaves_nothing_behind():
