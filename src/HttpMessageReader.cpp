@@ -116,8 +116,9 @@ int HttpMessageReader::WaitForInput() {
     if (Buffered() > 0) {
         return 1;
     }
+    // Rounded up: who has waited in vain finds that the deadline has passed.
     const auto untilDeadline =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now());
+        std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now());
     const auto wait = std::min(lineTimeout_, untilDeadline);
     if (wait.count() <= 0) {
         return 0;  // also when there is always something to be read
