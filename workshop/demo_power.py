@@ -135,6 +135,9 @@ def tell(bays):
         wait_until(story.is_signed_in, "it finds its manager and signs in", LIMIT)
         check(True, f"it has found its manager, and is signed in {story.end_of_sign_in()}")
 
+    title("The boxes are switched off")
+    check(not any([bay.switch_off() for bay in bays]), "every agent ends with status 0")
+
 
 def find(stories):
     """The lines of zelctl when it has found every box free."""
