@@ -206,5 +206,11 @@ class Agent:
         return names
 
     def connections(self):
-        """Ids of the threads that serve a connection."""
-        return [tid for tid, name in self.threads().items() if name == "WebServer:Proto"]
+        """Ids of the threads that serve a connection; one that has just begun has the name of the server's own yet."""
+        return sorted(tid for tid, name in self.threads().items() if name.startswith("WebServer"))[1:]
+
+    def at_rest(self):
+        """How many descriptors and threads there are when nobody is served."""
+        call("getDeviceInformation")  # who connected before and is not served yet is so before this is answered
+        wait_until(lambda: not self.connections(), "nobody is served")
+        return self.descriptors(), len(self.threads())

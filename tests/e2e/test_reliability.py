@@ -113,11 +113,6 @@ def serve_a_client():
     assert box.release(handle) == "0" and box.rules() == []
 
 
-def at_rest(running):
-    box.wait_until(lambda: not running.connections(), "nobody is served")
-    return running.descriptors(), len(running.threads())
-
-
 FAULTS = {  # and when a new client is answered
     "full disk": (full_disk, "at once"),
     "read-only settings": (read_only_settings, "at once"),
@@ -137,7 +132,7 @@ def test_a_fault_that_comes_and_goes(name, shim):
     with agent(ALONE, shim) as running:
         running.wait_until_serving()
         serve_a_client()
-        before, stored = at_rest(running), settings()
+        before, stored = running.at_rest(), settings()
         _, handle = box.reserve()
         with connect() as kept:
             use(kept)
@@ -155,7 +150,7 @@ def test_a_fault_that_comes_and_goes(name, shim):
             assert ANSWER in box.read_all(new)
         new.close()
         serve_a_client()
-        assert at_rest(running) == before and settings() == stored
+        assert running.at_rest() == before and settings() == stored
         assert f"Closing connection to {box.BOX}" in log().splitlines()[-1], "it goes on logging"
 
 
@@ -209,7 +204,7 @@ def test_an_address_that_goes_away_under_open_connections():
     pathlib.Path("/tmp/large").write_bytes(b"x" * 20_000_000)
     with agent(ALONE) as running, contextlib.ExitStack() as stack:
         running.wait_until_serving()
-        before = at_rest(running)
+        before = running.at_rest()
         for data in [KEPT] * 5 + [INFORMATION[:-20], b"GET /web/show.jsp?file=/tmp/large HTTP/1.0\r\n\r\n"]:
             stack.enter_context(connect()).sendall(data)
         box.wait_until(lambda: len(running.connections()) == 7, "all are served")
@@ -220,7 +215,7 @@ def test_an_address_that_goes_away_under_open_connections():
             subprocess.run(["ip", "address", "add", f"{box.BOX}/16", "brd", "+", "dev", "eth0"], check=True)
             subprocess.run(["ip", "route", "replace", "default", "via", box.CLIENT, "dev", "eth0"], check=True)
         serve_a_client()
-        assert at_rest(running) == before
+        assert running.at_rest() == before
         assert workshop.ask(workshop.service_request())[1] == 2
 
 

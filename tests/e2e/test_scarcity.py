@@ -44,7 +44,7 @@ def test_output_that_nobody_reads(kind):
 @pytest.mark.skipif(box.SANITIZED or box.EMULATED, reason="they reserve address space of their own")
 def test_lack_of_memory_ends_requests_only():
     agent = Agent(CONFIGURATION).wait_until_serving()
-    box.wait_until(lambda: not agent.connections(), "it is at rest")
+    agent.at_rest()
     threads = set(agent.threads().values())  # a thread that begins has its parent's name
 
     def send(data):

@@ -3,7 +3,6 @@
 import concurrent.futures
 import random
 import socket
-import time
 
 import pytest
 
@@ -116,7 +115,7 @@ def mixed_request(random_number):
     elif kind < 4:
         data, expected = random_number.choice([case for case in BAD_REQUESTS if len(case[0]) < 9999])
         assert expected in send_and_end(data)
-    elif kind == 4:
+    elif kind == 4 and random_number.random() < 0.2:  # its rules take the processor's time
         code, handle = reserve()
         assert code in ("0", "10") and (code == "10" or release(handle) == "0")
     else:
@@ -131,18 +130,13 @@ def test_many_requests_leave_nothing_behind(agent):
         for _ in range(requests):
             mixed_request(random_number)
 
-    def at_rest():
-        box.wait_until(lambda: not agent.connections(), "it is at rest")
-        time.sleep(0.1)
-        return agent.status("VmRSS"), agent.descriptors(), len(agent.threads())
-
     run(0, count // 5)  # what is kept for ever (schemas, error texts) is there now
-    before = at_rest()
+    before, memory_before = agent.at_rest(), agent.status("VmRSS")
     with concurrent.futures.ThreadPoolExecutor(2) as pool:  # more would only wait for the backlog
         for done in [pool.submit(run, seed, count // 2) for seed in (1, 2)]:
             done.result()
-    after = at_rest()
-    assert after[1:] == before[1:]
-    if not box.SANITIZED:  # a sanitizer keeps freed memory for a while
-        assert after[0] - before[0] < 1024, f"from {before[0]} kB to {after[0]} kB"
+    assert agent.at_rest() == before
+    memory = agent.status("VmRSS")
+    # A sanitizer keeps freed memory for a while.
+    assert box.SANITIZED or memory - memory_before < 1024, f"from {memory_before} kB to {memory} kB"
     assert box.rules() == []
