@@ -82,40 +82,18 @@ TEST(HttpMessageReaderTest, HeadLinesAreTakenByPrefix) {
     check(dropped);
 }
 
-TEST(HttpMessageReaderTest, RequestLines) {
-    const struct {
-        std::string line;
-        std::optional<std::string> url;
-        HttpRequest::Method method;
-        bool keepAlive;
-        bool chunked;
-    } cases[] = {
-        {"GET /x HTTP/1.0", "/x", HttpRequest::Method::kGet, false, false},
-        {"GET ", "", HttpRequest::Method::kGet, false, false},
-        {"GET /x\nConnection: Keep-Alive, more", "/x", HttpRequest::Method::kGet, true, false},
-        {"GET /x\nTransfer-Encoding: chunked", "/x", HttpRequest::Method::kGet, false, true},
-    };
-    for (const auto& c : cases) {
-        Peer peer;
-        peer.Send(c.line + "\n\n");
-        HttpRequest request;
-        HttpMessageReader reader(peer.Descriptor());
-        EXPECT_TRUE(reader.ReadHead(request)) << c.line;
-        EXPECT_EQ(request.url, c.url) << c.line;
-        EXPECT_EQ(request.method, c.method) << c.line;
-        EXPECT_EQ(request.keepAlive, c.keepAlive) << c.line;
-        EXPECT_EQ(request.chunked, c.chunked) << c.line;
-    }
-}
-
-TEST(HttpMessageReaderTest, HeadsThatDoNotEndAreGivenUp) {
-    for (const std::string& start :
-         {std::string(), std::string("GET /x"), std::string("GET /x\r\n"), std::string("\n\n\n")}) {
+TEST(HttpMessageReaderTest, MessagesThatDoNotEndAreGivenUp) {
+    for (const std::string start :
+         {"", "GET /x", "GET /x\r\n", "\n\n\n", "GET /x\r\nContent-Length: 10\r\n\r\n123",
+          "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n",
+          "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n12",
+          "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n12"}) {
         Peer silent;
         silent.Send(start);
         HttpRequest request;
         HttpMessageReader reader(silent.Descriptor(), kShort);
-        EXPECT_FALSE(reader.ReadHead(request)) << "silent after " << start;
+        EXPECT_EQ(reader.ReadHead(request), start.find("\r\n\r\n") != std::string::npos) << start;
+        EXPECT_FALSE(reader.ReadBody(request)) << "silent after " << start;
     }
     for (const std::string& piece : {std::string(1000, 'x'), std::string(1000, '\n'),
                                      "X: " + std::string(500, 'y') + "\r\n"}) {
@@ -207,7 +185,7 @@ TEST(HttpMessageReaderTest, ChunkedBodies) {
         {"empty line is the end", "3\r\nabc\r\n\r\n", "abc"},
         {"nothing", "0\r\n", ""},
         {"largest chunk", "10000\r\n" + full + "\r\n0\r\n", full},
-        {"chunk too large", "10001\r\n" + full, std::nullopt},
+        {"chunk too large", "10001\r\n" + full + "c\r\n0\r\n", std::nullopt},
         {"number too large", "FFFFFFFFFFFFFFFFFFFF\r\n", std::nullopt},
         {"extension", "3;x=y\r\nabc\r\n0\r\n", std::nullopt},
         {"sign", "-3\r\nabc\r\n0\r\n", std::nullopt},
@@ -265,20 +243,6 @@ TEST(HttpMessageReaderTest, LargeBodiesAreCountedAsLongAsTheyAreHeld) {
     held[7] = {};
     further = {};
     EXPECT_TRUE(read(further));
-}
-
-TEST(HttpMessageReaderTest, ASilentPeerInABodyIsGivenUp) {
-    for (const std::string& message : {std::string("Content-Length: 10\r\n\r\n123"),
-                                       std::string("Transfer-Encoding: chunked\r\n\r\n"),
-                                       std::string("Transfer-Encoding: chunked\r\n\r\n5\r\n12"),
-                                       std::string("Transfer-Encoding: chunked\r\n\r\n2\r\n12")}) {
-        Peer peer;
-        peer.Send("POST / HTTP/1.0\r\n" + message);
-        HttpRequest request;
-        HttpMessageReader reader(peer.Descriptor(), kShort);
-        ASSERT_TRUE(reader.ReadHead(request));
-        EXPECT_FALSE(reader.ReadBody(request)) << message;
-    }
 }
 
 }  // namespace

@@ -161,13 +161,3 @@ def test_a_rule_that_was_not_deleted_does_not_meet_the_next_owner():
             assert release(handle) == "0"
         assert reserve(host_lock=box.CLIENT)[0] == "0"
         assert len(box.rules()) == len(PORTS) and all(box.CLIENT in rule for rule in box.rules())
-
-
-def test_a_stop_while_the_packet_filter_hangs():
-    def reserve_in_vain():
-        with contextlib.suppress(OSError, ValueError, AssertionError):
-            reserve()
-    with serving() as agent, hanging_filter(reserve_in_vain):
-        begin = time.monotonic()
-        assert agent.stop(10) == 0 and (time.monotonic() - begin < 3 or box.SANITIZED)
-    assert box.rules() == []
