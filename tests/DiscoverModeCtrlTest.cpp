@@ -93,6 +93,28 @@ TEST(DiscoverModeCtrlTest, OnlyALinkLocalBoxTellsNetworksApart) {
     EXPECT_TRUE(mode.SharesNetworkWith("169.254.4.1"));
 }
 
+TEST(DiscoverModeCtrlTest, AModeThatIsFollowedTouchesNothingElse) {
+    ZelConfig config;
+    config.Set(kModeKey, "-", ZelConfig::Kind::kPersistent);
+    DiscoverModeCtrl mode(config);
+    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
+    EXPECT_EQ(mode.CurrentMode(), 0U);
+    mode.Follow();
+    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
+    EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal) << "not enabled";
+    mode.Enable();
+    mode.Event(kNotFound);
+    mode.Event(kAssigning, DiscoverModeCtrl::kStatic);
+    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
+    mode.Event(kFellBack, DiscoverModeCtrl::kDhcp);
+    EXPECT_EQ(config.Get(kModeKey), "3") << "it began static";
+    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
+    mode.Event(kNotFound);
+    EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal);
+    mode.Event(kCommunicated);
+    EXPECT_EQ(config.Get(kModeKey), "3") << "it was not rewritten on the search";
+}
+
 TEST(DiscoverModeCtrlTest, EventsOfSeveralThreads) {
     ZelConfig config;
     DiscoverModeCtrl mode(config);
