@@ -19,7 +19,8 @@ bool IsOneLine(std::string_view text) {
 std::string Hexadecimal(std::string_view text) {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string digits;
-    for (const unsigned char byte : text) {
+    for (const char each : text) {
+        const auto byte = static_cast<unsigned char>(each);
         digits += kDigits[byte / 16];
         digits += kDigits[byte % 16];
     }
