@@ -9,6 +9,7 @@
 #include <new>
 #include <random>
 
+#include "Ipv4.h"
 #include "SocketGuard.h"
 #include "ZelLogging.h"
 
@@ -29,8 +30,7 @@ std::string ToDottedAddress(const std::string& text) {
     if (inet_aton(text.c_str(), &address) == 0) {
         address.s_addr = INADDR_NONE;
     }
-    char dotted[INET_ADDRSTRLEN];
-    return inet_ntop(AF_INET, &address, dotted, sizeof dotted);
+    return Ipv4::Dotted(address);
 }
 
 std::uint64_t DrawFromKernel() {

@@ -1,10 +1,10 @@
 #include "DiscoverModeCtrl.h"
 
+#include "Ipv4.h"
 #include "ZelLogging.h"
 
 namespace {
 constexpr char kModeKey[] = "network.config.discover.mode";
-constexpr char kLinkLocalPrefix[] = "169.254.";
 }  // namespace
 
 void DiscoverModeCtrl::Enable() {
@@ -13,7 +13,7 @@ void DiscoverModeCtrl::Enable() {
 }
 
 bool DiscoverModeCtrl::SharesNetworkWith(const std::string& peer) const {
-    return CurrentMode() != kLinkLocal || peer.starts_with(kLinkLocalPrefix);
+    return CurrentMode() != kLinkLocal || Ipv4::IsLinkLocal(peer);
 }
 
 void DiscoverModeCtrl::Assigned(unsigned mode) {

@@ -35,8 +35,8 @@ public:
     /// otherwise.
     void Event(Trigger trigger, unsigned value = 0);
 
-    /// The box has got an address of that mode. Nothing but the current mode follows, and that only
-    /// from Follow() on.
+    /// The box has got an address of that mode. Changes nothing but the current mode, and that only
+    /// after Follow().
     void Assigned(unsigned mode);
 
     /// From now on the current mode is that of every address that the box gets, whatever the state,

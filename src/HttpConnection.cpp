@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "Console.h"
+#include "Ipv4.h"
 #include "LogText.h"
 #include "ZelLogging.h"
 
@@ -103,9 +104,7 @@ void HttpConnection::Serve() {
     }
     HttpRequest local;
     SetLocalEnd(socket_.Get(), local);
-    std::array<char, INET_ADDRSTRLEN> address{};
-    inet_ntop(AF_INET, &local.localAddress, address.data(), address.size());
-    ZEL_DEBUG("Closing connection to %s", address.data());
+    ZEL_DEBUG("Closing connection to %s", Ipv4::Dotted(local.localAddress).c_str());
 }
 
 bool HttpConnection::ServeRequest() {

@@ -11,7 +11,7 @@ public:
     /// Asked while something is waited for; true ends the wait.
     using StopRequested = std::function<bool()>;
 
-    /// What a real one takes at most until it has a link after it was set up.
+    /// Longest time that a real interface takes for a link after it was set up.
     static constexpr std::chrono::seconds kSetUpTime{3};
 
     explicit LanDevice(const Context& context);
@@ -19,8 +19,9 @@ public:
     /// Whether the cable is in and the other end alive (ETHTOOL_GLINK).
     int HasLink() override;
 
-    /// Asks until there is a link, for that long; the log has one line about it. An interface that
-    /// cannot be asked has none.
+    /// Asks until there is a link, or `patience` is over, or it is asked to stop; at least once.
+    /// Returns whether there is one, with one line in the log. An interface that cannot be asked
+    /// has none.
     bool AwaitLink(std::chrono::milliseconds patience, const StopRequested& stopRequested);
 
     /// Does so for kSetUpTime when EnableInterface has really set the interface up, else asks once.

@@ -27,7 +27,7 @@ public:
     /// `address` is the manager's, dotted.
     explicit ManagerConnection(std::string address) : address_(std::move(address)) {}
 
-    /// To be called before a message that is another one than the last. A connection on which
+    /// To be called before a message other than the last one is sent. A connection on which
     /// answers are outstanding is closed, so that none of them is taken for the answer to it: in
     /// order, which takes until the manager has closed its end, kSettleTime is over or `deadline`
     /// has come.

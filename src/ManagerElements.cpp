@@ -1,8 +1,8 @@
 #include "ManagerElements.h"
 
+#include <algorithm>
 #include <map>
 #include <set>
-#include <string_view>
 
 #include "Namespaces.h"
 #include "XmlText.h"
@@ -89,6 +89,13 @@ void DropUnknown(xmlNode* answer) {
         DropUnknown(child);
         return false;
     });
+}
+
+bool IsLine(std::string_view value, std::size_t maxLength) {
+    constexpr char kDelete = 0x7f;
+    return value.size() <= maxLength && std::none_of(value.begin(), value.end(), [](char c) {
+               return static_cast<unsigned char>(c) < ' ' || c == kDelete;
+           });
 }
 
 }  // namespace ManagerElements

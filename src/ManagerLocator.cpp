@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Ipv4.h"
 #include "LogText.h"
 #include "ZelLogging.h"
 
@@ -22,20 +23,17 @@ constexpr char kServiceMark[] = "Service=zel-manager";
 constexpr char kAddressMark[] = "ClusterIP=";
 constexpr char kAddressAttribute[] = "ClusterIP";
 
-/// Whether a host other than the box itself can have that address, a dotted one (RFC 6890, section
-/// 2.2.2): no group, no broadcast, not "this host".
+/// Whether it is the dotted address that a host can have.
 bool IsHostAddress(const std::string& text) {
     in_addr address{};
     if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
         return false;
     }
-    constexpr std::uint32_t kNetworkBits = 24;
     const std::uint32_t value = ntohl(address.s_addr);
-    const std::uint32_t network = value >> kNetworkBits;
-    return network != 0 && network != IN_LOOPBACKNET && !IN_MULTICAST(value) && !IN_BADCLASS(value);
+    return Ipv4::IsHost(value) && !IN_BADCLASS(value);
 }
 
-/// `value` without the characters that enclose it.
+/// `value` without its first and last character, which enclose the address.
 std::string Enclosed(const std::string& value) {
     constexpr std::size_t kEnclosing = 2;
     return value.size() <= kEnclosing ? "" : value.substr(1, value.size() - kEnclosing);

@@ -24,8 +24,8 @@ public:
     static constexpr char kFoundKey[] =
         "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
 
-    /// Most values that are no manager's address which are logged, each once: anybody can send
-    /// them.
+    /// Most lines of the log in a start for values that no manager can have as its address, each
+    /// once: anybody can send them.
     static constexpr std::size_t kMaxComplaints = 8;
 
     ManagerLocator(ZelConfig& config, DiscoverModeCtrl& mode, const SlpBase& socket);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 
+#include "Ipv4.h"
 #include "NetworkAttributes.h"
 #include "NetworkType.h"
 #include "ZelLogging.h"
@@ -14,9 +15,8 @@
 namespace {
 
 constexpr char kLanAddress[] = "network.current.lan.ip";
-constexpr char kLinkLocalPrefix[] = "169.254.";
 
-// Of the link, and then of the address.
+// How long the link, and then the address, is waited for.
 constexpr std::chrono::seconds kPatience{5};
 constexpr std::chrono::milliseconds kPollInterval{100};
 // The WLAN is tried at every pass but the first three.
@@ -103,7 +103,7 @@ ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, long mode) {
 
 bool ModeSwitch::HasAddress(long mode) const {
     const std::string address = context_.config.Get(kLanAddress);
-    const bool isLinkLocal = address.starts_with(kLinkLocalPrefix);
+    const bool isLinkLocal = Ipv4::IsLinkLocal(address);
     return !address.empty() && (mode == kConfigured || isLinkLocal == (mode == kLinkLocal));
 }
 

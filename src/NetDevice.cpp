@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <optional>
 
+#include "Ipv4.h"
 #include "LogText.h"
 #include "NetRequests.h"
 #include "Shell.h"
@@ -35,42 +35,24 @@ bool ReadAddress(const ZelConfig& config, const char* key, const char* message, 
     return true;
 }
 
-std::string Dotted(in_addr_t address) {
-    std::array<char, INET_ADDRSTRLEN> dotted{};
-    return inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
-}
-
-/// Of 169.254.0.0/16 (RFC 3927); in host byte order.
-bool IsLinkLocal(std::uint32_t address) {
-    constexpr std::uint32_t kPrefix = 0xa9fe;
-    return address >> IN_CLASSB_NSHIFT == kPrefix;
-}
-
-/// Addresses that no host has, this one's own ones and the groups'. In host byte order.
-bool IsNoHost(std::uint32_t address) {
-    const std::uint32_t network = address >> IN_CLASSA_NSHIFT;
-    return network == 0 || network == IN_LOOPBACKNET || IN_MULTICAST(address) ||
-           address == INADDR_BROADCAST;
-}
-
 struct Misfit {
     const char* what;
     const char* key;
 };
 
-/// What the kernel does not like about static values in host byte order. None it likes, or it has
+/// What the kernel does not like about static values, in host byte order. Nothing when it has
 /// refused them for another reason.
 std::optional<Misfit> FindMisfit(std::uint32_t ip, std::uint32_t netmask, std::uint32_t gateway) {
     if ((~netmask & (~netmask + 1)) != 0) {
         return Misfit{"The netmask is not ones, then zeros", "netmask"};
     }
-    if (IsNoHost(ip)) {
+    if (!Ipv4::IsHost(ip)) {
         return Misfit{"The ip is no address of a host", "ip"};
     }
     if (gateway == ip) {
         return std::nullopt;
     }
-    if (IsNoHost(gateway)) {
+    if (!Ipv4::IsHost(gateway)) {
         return Misfit{"The gateway is no address of a host", "gateway"};
     }
     if (netmask == 0) {
@@ -93,8 +75,8 @@ void NetDevice::StaticValues::ExplainRefusal() const {
         ZEL_ERROR(
             "%s: ip '%s', netmask '%s', gateway '%s'; correct network.config.static.%s in the "
             "settings",
-            misfit->what, Dotted(ip_).c_str(), Dotted(netmask_).c_str(), Dotted(gateway_).c_str(),
-            misfit->key);
+            misfit->what, Ipv4::Dotted({ip_}).c_str(), Ipv4::Dotted({netmask_}).c_str(),
+            Ipv4::Dotted({gateway_}).c_str(), misfit->key);
     }
 }
 
@@ -242,8 +224,9 @@ int NetDevice::StartDhcp() {
         return -1;
     }
     // A link-local one is no server's: it was there before, or the client's script has set it.
-    context_.discoverMode.Assigned(IsLinkLocal(ntohl(address)) ? DiscoverModeCtrl::kLinkLocal
-                                                               : DiscoverModeCtrl::kDhcp);
+    context_.discoverMode.Assigned(Ipv4::IsLinkLocal(Ipv4::Dotted({address}))
+                                       ? DiscoverModeCtrl::kLinkLocal
+                                       : DiscoverModeCtrl::kDhcp);
     return 0;
 }
 
@@ -253,7 +236,7 @@ int NetDevice::StartApipa() {
         output, "/sbin/zcip -fq %s /etc/network/zcip.script > /dev/null 2>&1", name_.c_str());
     Shell::RunSystem("route add default dev " + name_);
     // An address from before may still be there.
-    if (IsLinkLocal(ntohl(NetRequests::ReadAddress(name_)))) {
+    if (Ipv4::IsLinkLocal(Ipv4::Dotted({NetRequests::ReadAddress(name_)}))) {
         context_.discoverMode.Assigned(DiscoverModeCtrl::kLinkLocal);
     } else {
         ZEL_ERROR("Got no link-local address");
@@ -342,7 +325,7 @@ int NetDevice::ConfigureDhcp() {
         return 0;
     }
     const int status = StartApipa();
-    // Without an address it has not, and the next pass begins with DHCP again.
+    // Without an address it has not fallen back: the next pass begins with DHCP again.
     if (HasAddress()) {
         context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kFellBack,
                                     DiscoverModeCtrl::kLinkLocal);

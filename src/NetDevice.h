@@ -44,8 +44,8 @@ public:
         in_addr_t Netmask() const { return netmask_; }
         in_addr_t Gateway() const { return gateway_; }
 
-        /// For a technician: says in the log why the kernel has refused the values, if it is their
-        /// fault.
+        /// Says in the log why the kernel has refused the values, and which of them to correct;
+        /// nothing when they are not the reason.
         void ExplainRefusal() const;
 
     private:

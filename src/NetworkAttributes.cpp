@@ -15,6 +15,7 @@
 // Clashes with <net/if.h> unless it comes behind it.
 #include <linux/wireless.h>
 
+#include "Ipv4.h"
 #include "SocketGuard.h"
 
 namespace NetworkAttributes {
@@ -33,12 +34,6 @@ bool Ask(const std::string& interface, unsigned long code, Request& request, cha
     return socketGuard.Get() >= 0 && ioctl(socketGuard.Get(), code, &request) == 0;
 }
 
-std::string ToDotted(in_addr address) {
-    std::array<char, INET_ADDRSTRLEN> dotted{};
-    inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
-    return dotted.data();
-}
-
 /// `code` asks for the address or the net mask; both answers lie in the same place.
 bool ReadAddress(const std::string& interface, unsigned long code, std::string& out) {
     ifreq request{};
@@ -47,7 +42,7 @@ bool ReadAddress(const std::string& interface, unsigned long code, std::string& 
     }
     sockaddr_in address{};
     std::memcpy(&address, &request.ifr_addr, sizeof address);
-    out = ToDotted(address.sin_addr);
+    out = Ipv4::Dotted(address.sin_addr);
     return true;
 }
 
@@ -76,7 +71,7 @@ bool ProvideDefaultGateway(const std::string& /*key*/, std::string& out) {
                 std::errc()) {
                 return false;
             }
-            out = ToDotted(address);
+            out = Ipv4::Dotted(address);
             return true;
         }
     }

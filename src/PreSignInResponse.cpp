@@ -10,6 +10,7 @@
 
 #include "ColorTable.h"
 #include "LogText.h"
+#include "ManagerElements.h"
 #include "SlpEscapes.h"
 #include "WlanEnterprise.h"
 #include "XmlText.h"
@@ -26,12 +27,13 @@ constexpr char kWpa2Psk[] = "105";
 // What stands for "as before".
 constexpr char kDummyCredentials[] = "Dummy-Credentials";
 
-/// A file of the enterprise WLAN, and what the answer has for it.
+/// A file of the enterprise WLAN, and the element of the answer that brings a new one.
 struct SecretFile {
     const char* element;
     const char* placeholder;
     const char* path;
 };
+// In the order of WlanEnterprise::WriteCertificates.
 constexpr SecretFile kSecretFiles[] = {
     {"cacertificate", "Dummy-CA-Cert", WlanEnterprise::kCaCertificate},
     {"clientcertificate", "Dummy-Client-Cert", WlanEnterprise::kClientCertificate},
@@ -72,14 +74,6 @@ bool IsHostName(std::string_view text) {
 bool IsCountry(std::string_view text) {
     constexpr std::size_t kLength = 2;
     return text.size() == kLength && std::all_of(text.begin(), text.end(), IsAlphanumeric);
-}
-
-/// One line that the supplicant's file and the configuration file can hold.
-bool IsLine(std::string_view text, std::size_t maxLength) {
-    constexpr char kDelete = 0x7f;
-    return text.size() <= maxLength && std::none_of(text.begin(), text.end(), [](char c) {
-               return static_cast<unsigned char>(c) < ' ' || c == kDelete;
-           });
 }
 
 bool IsNumber(std::string_view text) {
@@ -184,7 +178,7 @@ bool TakeKey(ZelConfig& config, const std::string& credentials) {
         const bool hasKey = config.Get(kCredentialsKey) != WlanEnterprise::kDirectory;
         return hasPassPhrase || hasKey || Refuse("WLAN configuration, which has no key,");
     }
-    if (!IsLine(credentials, kMaxCredentials)) {
+    if (!ManagerElements::IsLine(credentials, kMaxCredentials)) {
         return Refuse("WLAN configuration");
     }
     if (!IsRawKey(credentials)) {
@@ -212,7 +206,7 @@ bool IsNumberOrNone(std::string_view text) {
     return text.empty() || IsNumber(text);
 }
 
-/// False when the enterprise WLAN's files cannot be written.
+/// False when the files of an enterprise WLAN are incomplete or cannot be written.
 bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
     const auto number = [wlan](const char* name) {
         return Trimmed(XmlText::ChildText(wlan, name));
@@ -224,7 +218,7 @@ bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
     if (level.empty() || IsBlank(ssid)) {
         return true;
     }
-    if (!IsNumber(level) || !IsLine(ssid, kMaxSsid) || !IsNumberOrNone(band) ||
+    if (!IsNumber(level) || !ManagerElements::IsLine(ssid, kMaxSsid) || !IsNumberOrNone(band) ||
         !IsNumberOrNone(channel)) {
         Refuse("WLAN configuration");
         return true;

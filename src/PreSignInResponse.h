@@ -6,8 +6,8 @@
 
 /// What the manager's answer to a PreSignIn changes on the box. Values are the manager's: one that
 /// could do harm where it is used later (a control character, a host name with what SLP reserves, a
-/// country code that is none) is refused with a line in the log, and the box keeps what it has. So
-/// it does with what an answer does not hold, or holds without content.
+/// country code that is none) is refused with a line in the log, and the box keeps what it has, as
+/// it does where an answer has nothing, or an element without content.
 namespace PreSignInResponse {
 
 /// Takes host name, colour, country and WLAN settings from the element preSignInTavoReturn into the

@@ -10,6 +10,7 @@ class SetNet {
 public:
     /// Asked while the link is waited for and between two passes of the bring-up; true ends it.
     using StopRequested = LanDevice::StopRequested;
+    /// Number of passes that never end the bring-up.
     static constexpr int kWithoutEnd = 0;
 
     /// Looks for the WLAN adapter. The context outlives the object.
@@ -19,7 +20,7 @@ public:
     SetNet& operator=(const SetNet&) = delete;
 
     /// Makes passes, a second apart, until an interface is configured. Returns 0 then, or -1 when
-    /// it was asked to stop or has made that many passes before.
+    /// it is asked to stop or has made `passes` of them first.
     int SetUpNetwork(const StopRequested& stopRequested, int passes = kWithoutEnd);
 
     /// One attempt to get onto the WLAN; takes the wired interface down. Returns 0 or -1.

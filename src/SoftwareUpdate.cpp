@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "LogText.h"
+#include "ManagerElements.h"
 #include "Shell.h"
 #include "UpdateFirmware.h"
 #include "XmlText.h"
@@ -78,7 +79,7 @@ rlim_t RoomForImage() {
 }
 
 /// "01.02.03" as "10203", the form in which the box reads its versions at start; another text as it
-/// is. Empty when it is none that can be shown.
+/// is. Empty when that is no line, or too long.
 std::string ToRecorded(const std::string& version) {
     std::array<int, 3> parts{};
     constexpr int kMaxPart = 99;
@@ -91,11 +92,7 @@ std::string ToRecorded(const std::string& version) {
         std::snprintf(text.data(), text.size(), "%d%02d%02d", parts[0], parts[1], parts[2]);
         return text.data();
     }
-    const bool isLine = std::none_of(version.begin(), version.end(), [](char c) {
-        constexpr char kDelete = 0x7f;
-        return static_cast<unsigned char>(c) < ' ' || c == kDelete;
-    });
-    return isLine && version.size() <= SoftwareUpdate::kMaxVersion ? version : "";
+    return ManagerElements::IsLine(version, SoftwareUpdate::kMaxVersion) ? version : "";
 }
 
 }  // namespace

@@ -25,8 +25,8 @@ public:
     static constexpr std::size_t kMaxVersion = 64;
 
     /// What has been installed since the start: a type of image with its MD5 sum, and with its
-    /// version. Either makes an update the same: what the box says of itself is not what the
-    /// manager goes by.
+    /// version. Either makes an update the same: a manager that does not go by what the box
+    /// tells of itself would order it again and again.
     using Installed = std::set<std::pair<std::string, std::string>>;
 
     /// Reads the order from the element preSignInTavoReturn.

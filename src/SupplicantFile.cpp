@@ -7,12 +7,8 @@
 
 namespace {
 
-// The supplicant reads its file in pieces of 511 bytes: the rest of a longer line would count as a
-// setting of its own.
-constexpr std::size_t kMaxValue = 256;
-
 bool IsOneLine(std::string_view text) {
-    return text.size() <= kMaxValue &&
+    return text.size() <= SupplicantFile::kMaxValue &&
            std::none_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; });
 }
 

@@ -1,14 +1,20 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 /// A configuration file of the WPA supplicant (wpa_supplicant.conf) with one network.
 class SupplicantFile {
 public:
-    /// Whether the supplicant reads `text`, in double quotes, as it is meant.
+    /// Most bytes of a value. The supplicant reads its file in pieces of 511 bytes: the rest of a
+    /// longer line would count as a setting of its own.
+    static constexpr std::size_t kMaxValue = 256;
+
+    /// Whether the supplicant reads `text`, in double quotes, as it is meant: not when it is too
+    /// long, has control characters, or would end at a comment mark.
     static bool CanQuote(std::string_view text);
-    /// Whether it reads `value`, without quotes, as one value.
+    /// The same of `value` without quotes.
     static bool CanStandAlone(std::string_view value);
 
     /// `before` stands in front of the network, `indent` in front of each of its settings.

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include <new>
 #include <string>
 
+#include "Ipv4.h"
 #include "LogText.h"
 #include "ZelLogging.h"
 
@@ -151,9 +151,7 @@ void WebServer::Accept(int listener) const {
         }
         return;  // otherwise the peer has left already
     }
-    std::array<char, INET_ADDRSTRLEN> address{};
-    inet_ntop(AF_INET, &peer.sin_addr, address.data(), address.size());
-    ZEL_DEBUG("Webservices connection from %s", address.data());
+    ZEL_DEBUG("Webservices connection from %s", Ipv4::Dotted(peer.sin_addr).c_str());
     try {
         StartConnection(socket, peer.sin_addr);
     } catch (const std::bad_alloc&) {

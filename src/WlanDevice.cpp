@@ -299,7 +299,7 @@ int WlanDevice::WritePskConfig() const {
     if (values_.Psk().empty()) {
         file.Add("psk", values_.Credentials());
     } else {
-        file.AddText("psk", values_.Psk());
+        file.AddText("psk", values_.Psk());  // Connect has seen that quotes can hold it
     }
     return Write(file);
 }

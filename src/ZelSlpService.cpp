@@ -3,12 +3,12 @@
 #include <arpa/inet.h>
 #include <strings.h>
 
-#include <array>
 #include <limits>
 #include <new>
 #include <string>
 #include <utility>
 
+#include "Ipv4.h"
 #include "OplaMode.h"
 #include "SlpAttributes.h"
 #include "ZelLogging.h"
@@ -147,10 +147,9 @@ bool ZelSlpService::IsWithinLimit(const SlpRequest& request) {
     const auto now = SlpAnswerLimit::Clock::now();
     const bool isAdmitted = limit_.Admit({inet_addr(request.peerAddress.c_str())}, now);
     if (const auto report = limit_.TakeReport(now)) {
-        std::array<char, INET_ADDRSTRLEN> last{};
-        inet_ntop(AF_INET, &report->last, last.data(), last.size());
         ZEL_ERROR("Too many SLP requests: %llu not answered, the last one of %s",
-                  static_cast<unsigned long long>(report->dropped), last.data());
+                  static_cast<unsigned long long>(report->dropped),
+                  Ipv4::Dotted(report->last).c_str());
     }
     return isAdmitted;
 }

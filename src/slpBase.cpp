@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "Ipv4.h"
 #include "LogText.h"
 #include "SlpCodec.h"
 #include "ZelLogging.h"
@@ -38,9 +39,7 @@ void JoinGroupsAt(int descriptor, int interface) {
 }
 
 void FillPeer(const sockaddr_in& peer, SlpHead& head) {
-    std::array<char, INET_ADDRSTRLEN> dotted{};
-    inet_ntop(AF_INET, &peer.sin_addr, dotted.data(), dotted.size());
-    head.peerAddress = dotted.data();
+    head.peerAddress = Ipv4::Dotted(peer.sin_addr);
     head.peerPort = ntohs(peer.sin_port);
 }
 

@@ -22,7 +22,7 @@ DEFAULTS = {
     },
     "soap": {
         "delays": [0],          # seconds before each answer, whoever asked; the last one stays
-        "one_at_a_time": False, # whether all connections wait for the answer to one
+        "one_at_a_time": False,  # whether all connections wait for the answer to one
         "opens_after": 0,       # seconds from the first SLP answer on in which connections are refused
     },
     "wlan": {

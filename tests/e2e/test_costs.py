@@ -35,9 +35,14 @@ def nested(declared, inner):
     """`inner` where so many namespaces are declared, 256 by each element, filling a body."""
     start = end = ""
     for first in range(0, declared, 256):
-        start += "<n" + "".join(f" xmlns:{'p' * 37}{name}='u'" for name in NAMES[first:min(first + 256, declared)]) + ">"
+        names = NAMES[first:min(first + 256, declared)]
+        start += "<n" + "".join(f" xmlns:{'p' * 37}{name}='u'" for name in names) + ">"
         end += "</n>"
     return start + inner * min(MOST_ELEMENTS, (ROOM - len(start + end)) // len(inner)) + end
+
+
+def command(parameters):
+    return f"<executeGenericCommand>{parameters}</executeGenericCommand>"
 
 
 # What stands in the Body of an envelope or in the data of a packet.
@@ -48,15 +53,14 @@ CONTENTS = {
     "namespaces of one": f"<reserveDevice{attributes(70000, 'u', 'xmlns:')[:ROOM - 20]}'/>",
     "namespaces in scope": nested(500, f"<{'p' * 37}a:a/>"),
     "many more in scope": nested(20000, f"<{'p' * 37}a:a/>"),
-    "attributes of each": "<executeGenericCommand>" + filled(f"<pParameters{attributes(250)}/>", 260) + "</executeGenericCommand>",
-    "parameters": "<executeGenericCommand>" + filled("<p><e/></p>", MOST_ELEMENTS // 2) + "</executeGenericCommand>",
+    "attributes of each": command(filled(f"<pParameters{attributes(250)}/>", 260)),
+    "parameters": command(filled("<p><e/></p>", MOST_ELEMENTS // 2)),
     "messages": "<a>" + filled("<e:Body e:mustUnderstand='x'>x</e:Body>", MOST_ELEMENTS) + "</a>",
     "elements": "<reserveDevice>" + filled("<a/>") + "</reserveDevice>",
     "unknown names": filled("<a:a/>", MOST_ELEMENTS),
     "long names": filled(f"<{'n' * 40000}{attributes(250, prefix='p:')}/>"),
-    "types": "<executeGenericCommand>" + filled("<a xmlns:i='http://www.w3.org/2001/XMLSchema-instance' i:type='i:x' i:nil='1'/>", 9900)
-             + "</executeGenericCommand>",
-    "long namespace": f"<a xmlns='{'u' * (ROOM // 2)}'>" + f"<e:Body e:mustUnderstand='x'/>" * 8000 + "</a>",
+    "types": command(filled("<a xmlns:i='http://www.w3.org/2001/XMLSchema-instance' i:type='i:x' i:nil='1'/>", 9900)),
+    "long namespace": f"<a xmlns='{'u' * (ROOM // 2)}'>" + "<e:Body e:mustUnderstand='x'/>" * 8000 + "</a>",
     "comments": "<reserveDevice>" + filled("a<!---->") + "</reserveDevice>",
     "instructions": "<reserveDevice>" + filled("<?a?>") + "</reserveDevice>",
     "sections": "<reserveDevice><owner>" + filled("a<![CDATA[b]]>") + "</owner></reserveDevice>",
@@ -122,7 +126,8 @@ ANSWERS = {
     "attributes": BODIES["attributes of the envelope"],
     "blanks": envelope(RETURN.format(f"<infrastructureConfig><band>{filled(' ')}x</band></infrastructureConfig>")),
     "messages": envelope(RETURN.format(filled("<device>x</device>", MOST_ELEMENTS))),
-    "unknown": envelope(RETURN.format(filled("<device><a/></device>", MOST_ELEMENTS // 2) + "<a>" * 250 + "</a>" * 250)),
+    "unknown": envelope(RETURN.format(filled("<device><a/></device>", MOST_ELEMENTS // 2) +
+                                      "<a>" * 250 + "</a>" * 250)),
     "items": envelope(RETURN.format("<updateConfigurationExt><attributes>" + filled("<item><key>a</key></item>", 4900) +
                                     "</attributes></updateConfigurationExt>")),
 }

@@ -172,17 +172,6 @@ def test_a_switch_without_cable_returns_to_the_wlan():
     assert not list(pathlib.Path("/tmp").glob("wpa_ctrl_*"))
 
 
-def test_a_late_cable_is_found_beside_a_wlan_that_is_tried():
-    network("cable", "out")
-    network("adapter", "ralink")
-    with workshop.agent(ALONE + "3\n"):  # no WLAN is configured
-        box.wait_until(lambda: workshop.log().count("try wlan") >= 2, "the WLAN is tried", 60)
-        network("cable", "in")
-        box.wait_until(set_up, "the box is on the network", 60)
-        assert addresses() == [f"{box.BOX}/16"]
-        assert workshop.log().count("Lan is link") == 1, "it is waited for, and told once"
-
-
 def test_a_box_that_is_moved_to_dhcp_finds_its_manager():
     run("ip", "address", "flush", "dev", "eth0")
     with workshop.replaced("/sbin/zcip", FAST_ZCIP), workshop.Manager("plain"), \
