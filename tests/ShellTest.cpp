@@ -142,6 +142,8 @@ TEST_F(ShellTest, AfterTheEndOfAllOnlyWhatTheStopNeedsIsStarted) {
         std::exit(isRefused && result_ == "b\n" ? 0 : 1);
     };
     signal(SIGCHLD, SIG_DFL);  // it waits for the process that does it
+    // In a program of its own: the end is all of this one's.
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
     EXPECT_NE(ReadFile(ZelLogging::kLogFile).find("'echo a' finished with number '125': '"),
               std::string::npos);
