@@ -16,7 +16,8 @@ namespace {
 
 constexpr char kLayers[] = "/layers";
 /// Folders that a test may write to, and what is mounted below them.
-constexpr const char* kFolders[] = {"/app", "/config", "/etc", "/proc/bus", "/proc/sys", "/run", "/tmp", "/usr", "/var"};
+constexpr const char* kFolders[] = {"/app", "/config", "/etc", "/proc/bus", "/proc/sys",
+                                    "/run", "/tmp",    "/usr", "/var"};
 constexpr const char* kMounts[] = {"/run/netns", "/proc/sys/net"};
 
 /// The network card that a fresh box has (simbox/init), in the place of all that there are.
