@@ -7,7 +7,6 @@ import uuid
 
 import pytest
 
-import box
 import workshop
 
 DOCUMENTS = ("protocols", "security")

@@ -220,8 +220,8 @@ def test_an_address_that_goes_away_under_open_connections():
 
 
 @pytest.mark.parametrize("manager, phase", [
-    (None, "Lan is not link"), (None, "using multicast"), ("no-slp", "using multicast"), ("silent", "Wait for response"),
-    ("slow", "Wait for response"), ("image-stall", "Downloading update file")])
+    (None, "Lan is not link"), (None, "using multicast"), ("no-slp", "using multicast"),
+    ("silent", "Wait for response"), ("slow", "Wait for response"), ("image-stall", "Downloading update file")])
 def test_sigterm(manager, phase, shim):
     """Within three seconds, whatever the clock says then."""
     with Manager(manager) if manager else contextlib.nullcontext():

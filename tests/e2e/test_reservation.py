@@ -9,7 +9,7 @@ import time
 
 import box
 import workshop
-from box import call, envelope, exchange, fields, post, release, reserve, value
+from box import call, envelope, exchange, fields, post, release, reserve
 
 FILTER = pathlib.Path("/usr/sbin/iptables")
 FILTER_AS_IT_IS = FILTER.readlink()

@@ -5,12 +5,11 @@ import contextlib
 import os
 import re
 import resource
-import time
 
 import pytest
 
 import box
-from box import Agent, connect, envelope, exchange, post, read_all
+from box import Agent, connect, envelope, exchange, post
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
@@ -19,7 +18,8 @@ CONFIGURATION = "opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\nweb.listen
 GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
 INFORMATION = post(envelope("<getDeviceInformation/>"))
 LARGE = [post(envelope("<a/>" * 250000)), post("<a/>" * 250000), post("x" * 1000000),
-         b"POST /x HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n" + (b"10000\r\n" + b"y" * 65536 + b"\r\n") * 16 + b"0\r\n"]
+         b"POST /x HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n"
+         + (b"10000\r\n" + b"y" * 65536 + b"\r\n") * 16 + b"0\r\n"]
 
 
 @pytest.mark.parametrize("kind", ["pipe", "socket"])

@@ -232,7 +232,8 @@ def test_what_old_clients_do_is_logged():
             ("rkoGetDeviceStatus", EMPTY, PACKET.format(data),
              ["debug", "rKo::rkoGetDeviceStatus\n", f"\n\n{{{shown}}} {{LEN={len(data)}}}\n\n\n"]),
             ("rko\tget" + "x" * 300, EMPTY, UNKNOWN,
-             ["debug", "rKo::rko\\tgetxxx", "x... (307 bytes)\n", "error", "rKo wddx method 'rko\\tgetx", "x... (307 bytes)' not found\n"]),
+             ["debug", "rKo::rko\\tgetxxx", "x... (307 bytes)\n",
+              "error", "rKo wddx method 'rko\\tgetx", "x... (307 bytes)' not found\n"]),
             ("rkoGetVersion", "<a", INTERNAL, ["error", "Can't create doc node\n"]),
             ("rkoReleaseDevice", "<wddxPacket/>", EMPTY, ["error", "rKo wddx method failed\n"])):
         assert rko(function, packet)[1] == answer

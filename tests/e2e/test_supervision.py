@@ -6,7 +6,6 @@ import pathlib
 import platform
 import signal
 import socket
-import sys
 import time
 
 import box

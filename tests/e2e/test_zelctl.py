@@ -92,7 +92,8 @@ def test_who_is_not_there_or_is_no_box():
 
 def test_several_boxes_some_hostile(tmp_path):
     one = "(Serial=TAVO7),(DevId=one),(State=5),(Owner=me),(State=4),(Color=#be1110),(NetworkType=1),(SignalStrength=7)"
-    with workshop.other_boxes(one, f"(Serial={HOSTILE}),(Owner={HOSTILE * 20}),({HOSTILE}=1),(Color=#zzzzzz)", "((((=),(Serial=TAVO9),("):
+    two = f"(Serial={HOSTILE}),(Owner={HOSTILE * 20}),({HOSTILE}=1),(Color=#zzzzzz)"
+    with workshop.other_boxes(one, two, "((((=),(Serial=TAVO9),("):
         addresses = [found["address"] for found in json.loads(zelctl("find", "--json"))]
         assert addresses == [box.BOX, "192.168.70.1", "192.168.70.2", "192.168.70.3"]
         assert re.search(r"^192.168.70.1 +TAVO7 +one +red +reserved +me +WLAN 7$", zelctl("find"), re.M)
@@ -100,7 +101,8 @@ def test_several_boxes_some_hostile(tmp_path):
         assert hostile["Serial"] == HOSTILE and hostile[HOSTILE] == "1"
         assert "4 boxes answer, name one: 192.168.68.42 (TAVO0012345), 192.168.70.1" in zelctl("info", status=2)
         assert "192.168.70.3:5302 cannot be reached" in zelctl("info", "9", status=3)
-        soon = lambda *arguments, status=0: zelctl(*arguments, "--wait", "0.5", status=status, XDG_STATE_HOME=str(tmp_path))
+        soon = lambda *arguments, status=0: zelctl(
+            *arguments, "--wait", "0.5", status=status, XDG_STATE_HOME=str(tmp_path))
         assert "name one" in soon("release", status=2)
         soon("reserve", box.BOX, "--owner", "me")
         assert "kl30" in soon("command", "vehicle", "voltage")
