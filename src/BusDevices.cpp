@@ -3,7 +3,7 @@
 #include <fstream>
 #include <string>
 
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace BusDevices {
 namespace {

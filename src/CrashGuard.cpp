@@ -12,7 +12,7 @@
 #include <cstdlib>
 
 #include "HeldMutex.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace CrashGuard {
 namespace {

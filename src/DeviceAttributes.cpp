@@ -12,7 +12,7 @@
 #include "KvadVin.h"
 #include "NetworkAttributes.h"
 #include "WlanMacFile.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 
 #include "Ipv4.h"
 #include "SocketGuard.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

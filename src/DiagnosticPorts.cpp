@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "SocketGuard.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

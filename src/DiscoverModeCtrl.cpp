@@ -1,7 +1,7 @@
 #include "DiscoverModeCtrl.h"
 
 #include "Ipv4.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 constexpr char kModeKey[] = "network.config.discover.mode";

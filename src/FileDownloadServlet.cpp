@@ -9,7 +9,7 @@
 
 #include "LogText.h"
 #include "SocketGuard.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

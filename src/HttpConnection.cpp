@@ -18,7 +18,7 @@
 #include "Console.h"
 #include "Ipv4.h"
 #include "LogText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

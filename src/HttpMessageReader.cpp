@@ -17,7 +17,7 @@
 #include <string_view>
 
 #include "LogText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "NetworkAttributes.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

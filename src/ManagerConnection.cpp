@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "LogText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

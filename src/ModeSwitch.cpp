@@ -10,7 +10,7 @@
 #include "Ipv4.h"
 #include "NetworkAttributes.h"
 #include "NetworkType.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "LogText.h"
 #include "NetRequests.h"
 #include "Shell.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "SocketGuard.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace NetRequests {
 namespace {

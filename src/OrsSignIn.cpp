@@ -10,7 +10,7 @@
 #include "Reboot.h"
 #include "SignInRequests.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

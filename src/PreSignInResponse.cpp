@@ -14,7 +14,7 @@
 #include "SlpEscapes.h"
 #include "WlanEnterprise.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace PreSignInResponse {
 namespace {

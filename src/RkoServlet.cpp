@@ -8,7 +8,7 @@
 #include "LogText.h"
 #include "RkoRequest.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

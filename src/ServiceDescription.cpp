@@ -4,7 +4,7 @@
 #include <fstream>
 
 #include "ServiceSchemas.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace ServiceDescription {
 

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "CrashGuard.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

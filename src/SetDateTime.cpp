@@ -12,7 +12,7 @@
 
 #include "Shell.h"
 #include "WlanEnterprise.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "NetworkType.h"
 #include "WlanDeviceDetector.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include <fstream>
 #include <utility>
 
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

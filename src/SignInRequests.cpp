@@ -6,7 +6,7 @@
 #include "Namespaces.h"
 #include "NetworkType.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace SignInRequests {
 namespace {

@@ -12,7 +12,7 @@
 #include "DiagnosticChannels.h"
 #include "NetworkType.h"
 #include "SlpEscapes.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace SlpAttributes {
 namespace {

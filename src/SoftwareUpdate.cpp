@@ -14,7 +14,7 @@
 #include "Shell.h"
 #include "UpdateFirmware.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include "NetworkType.h"
 #include "OplaMode.h"
 #include "Revision.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <array>
 
 #include "SocketGuard.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace SupplicantLog {
 namespace {

@@ -16,7 +16,7 @@
 
 #include "Ipv4.h"
 #include "LogText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include "NetRequests.h"
 #include "NetworkAttributes.h"
 #include "Shell.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <string>
 
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace WlanCountryCode {
 namespace {

@@ -15,7 +15,7 @@
 #include "SupplicantFile.h"
 #include "SupplicantLog.h"
 #include "WpaCliInterface.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include "BusDevices.h"
 #include "WlanAtherosDevice.h"
 #include "WlanRalinkDevice.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 WlanDeviceDetector::Adapter WlanDeviceDetector::Detect() const {
     if (BusDevices::HasAtherosCard()) {

@@ -2,7 +2,7 @@
 
 #include "DurableFile.h"
 #include "SupplicantFile.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace WlanEnterprise {
 

@@ -5,7 +5,7 @@
 
 #include "DurableFile.h"
 #include "ZelConfig.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace WlanMacFile {
 namespace {

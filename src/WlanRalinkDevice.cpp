@@ -10,7 +10,7 @@
 
 #include "NetworkAttributes.h"
 #include "Shell.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -24,6 +24,7 @@
 #include "WlanCountryCode.h"
 #include "WlanDeviceDetector.h"
 #include "WlanMacFile.h"
+#include "ZelLog.h"
 
 namespace {
 

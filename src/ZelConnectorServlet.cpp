@@ -12,7 +12,7 @@
 #include "Namespaces.h"
 #include "NetworkType.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "Ipv4.h"
 #include "OplaMode.h"
 #include "SlpAttributes.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 
@@ -86,7 +86,7 @@ bool ZelSlpService::Stop(unsigned flags) {
 
 void ZelSlpService::AnswerRequests() {
     const auto receive = [this] {
-        const ZelLogging::Limit rubbish;
+        const ZelLog::Limit rubbish;
         return socket_.Receive();
     };
     while (!socket_.IsInterrupted()) {
@@ -105,7 +105,7 @@ void ZelSlpService::Handle(SlpMessage& message) {
     if (auto* const received = std::get_if<SlpReply>(&message)) {
         // Also before the box is open to clients: the manager is located meanwhile.
         if (received->functionId == SlpFunction::kAttrRply) {
-            const ZelLogging::Limit rubbish;
+            const ZelLog::Limit rubbish;
             locator_.OnAttributeReply(*received);
         }
         return;

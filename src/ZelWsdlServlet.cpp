@@ -12,7 +12,7 @@
 #include "Namespaces.h"
 #include "ServiceSchemas.h"
 #include "XmlText.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "Ipv4.h"
 #include "LogText.h"
 #include "SlpCodec.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 namespace {
 

@@ -13,6 +13,7 @@
 
 #include "Console.h"
 #include "Support.h"
+#include "ZelLog.h"
 #include "ZelLogging.h"
 
 namespace {
@@ -24,9 +25,9 @@ TEST(ZelLoggingTest, DebugLinesReachTheFileOnly) {
         ZEL_INFO("an %s line", "info");
         ZEL_DEBUG("a debug line");
         ZEL_ERROR("an error line");
-        LogHandler::GetLogHandler("selftestloghandler").Log(ZelLogging::kInfo, "", 1, "self test");
-        LogHandler::GetLogHandler("UpdateFirmwareLog").Log(ZelLogging::kError, "", 1, "update");
-        LogHandler::GetLogHandler("DispatcherLog").Log(ZelLogging::kDebug, "", 1, "command");
+        LogHandler::GetLogHandler("selftestloghandler").Log(ZelLog::kInfo, "", 1, "self test");
+        LogHandler::GetLogHandler("UpdateFirmwareLog").Log(ZelLog::kError, "", 1, "update");
+        LogHandler::GetLogHandler("DispatcherLog").Log(ZelLog::kDebug, "", 1, "command");
     }
     const std::string console = testing::internal::GetCapturedStdout();
     EXPECT_NE(console.find("an info line"), std::string::npos);
@@ -53,7 +54,7 @@ TEST(ZelLoggingTest, DebugLinesReachTheFileOnly) {
 TEST(ZelLoggingTest, ALimitedThreadWashesNothingOut) {
     const ZelLogging logging;
     std::thread([] {
-        const ZelLogging::Limit limit;
+        const ZelLog::Limit limit;
         for (int i = 0; i < 20000; ++i) {
             ZEL_DEBUG("rubbish");
         }

@@ -10,7 +10,7 @@
 
 #include "Fuzzing.h"
 #include "StoreSetup.h"
-#include "ZelLogging.h"
+#include "ZelLog.h"
 
 using Fuzzing::Require;
 
@@ -66,7 +66,7 @@ ServiceBox::Log::Log() {
         }
     };
     SetLayout(std::make_unique<MessageOnly>());
-    ZelLogging::Handler().AddClient(*this);
+    ZelLog::Handler().AddClient(*this);
 }
 
 void ServiceBox::Log::Write(const std::string& line) {
