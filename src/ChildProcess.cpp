@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <optional>
 #include <string_view>
 
+#include "Descriptors.h"
 #include "SocketGuard.h"
 
 namespace {
@@ -59,8 +59,7 @@ int EndEvent() {
 }
 
 bool IsEndRequested() {
-    pollfd event{EndEvent(), POLLIN, 0};
-    return poll(&event, 1, 0) > 0;
+    return Descriptors::IsReady(EndEvent(), POLLIN);
 }
 
 bool IsStopPending() {
@@ -78,6 +77,7 @@ struct Task {
     int output;
     int report;
     rlim_t maxFileSize;
+    bool isWaitedFor;
 };
 
 /// What the process in between reports.
@@ -127,6 +127,9 @@ void KeepOnly(const Task& task) {
 }
 
 [[noreturn]] void ExecProgram(const Task& task, int errorPipe) {
+    if (!task.isWaitedFor) {
+        setsid();  // out of the group that is ended
+    }
     if (task.maxFileSize != RLIM_INFINITY) {
         const rlimit limit{task.maxFileSize, task.maxFileSize};
         setrlimit(RLIMIT_FSIZE, &limit);
@@ -155,7 +158,7 @@ void KeepOnly(const Task& task) {
         if (read(errorPipe[0], &report.startError, sizeof report.startError) < 0) {
             report.startError = errno;
         }
-        if (waitpid(program, &report.waitStatus, 0) < 0) {
+        if (task.isWaitedFor && waitpid(program, &report.waitStatus, 0) < 0) {
             EndOwnGroup(SIGTERM);  // where a handler runs only behind the call that is interrupted
         }
     }
@@ -214,11 +217,11 @@ public:
                 shutdown(polled_[kInput].fd, SHUT_WR);
                 polled_[kInput].fd = -1;
             }
-            const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
-            if (left <= milliseconds(0)) {
+            const int left = Descriptors::MillisecondsUntil(deadline);
+            if (left == 0) {
                 return End::kTimeLimit;
             }
-            if (poll(polled_.data(), polled_.size(), static_cast<int>(left.count())) <= 0) {
+            if (poll(polled_.data(), polled_.size(), left) <= 0) {
                 continue;
             }
             if (polled_[kEndAll].revents != 0) {
@@ -339,7 +342,8 @@ ChildProcess::Result ChildProcess::Run(const Order& order) {
                     in.theirs.Get(),
                     order.keepsOutput ? out.theirs.Get() : STDOUT_FILENO,
                     report.theirs.Get(),
-                    order.maxFileSize};
+                    order.maxFileSize,
+                    order.isWaitedFor};
     const pid_t between = fork();
     if (between == 0) {
         RunInBetween(task);
@@ -378,20 +382,11 @@ void ChildProcess::EndAll() {
 }
 
 bool ChildProcess::Start(const std::string& path) {
-    char* const arguments[] = {const_cast<char*>(path.c_str()), nullptr};
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t all;
-    sigfillset(&all);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(
-        &attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
-    pid_t child = 0;
-    const int error = posix_spawn(&child, path.c_str(), nullptr, &attributes, arguments, environ);
-    posix_spawnattr_destroy(&attributes);
-    return error == 0;
+    constexpr milliseconds kTimeToStart{10000};
+    return Run({.path = path,
+                .timeLimit = kTimeToStart,
+                .keepsOutput = false,
+                .runsInStop = true,
+                .isWaitedFor = false})
+               .exitStatus == 0;
 }

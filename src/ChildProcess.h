@@ -32,6 +32,9 @@ public:
         rlim_t maxFileSize = RLIM_INFINITY;  ///< bytes that it may write into one file
         bool keepsOutput = true;  ///< false: its standard output is that of the calling process
         bool runsInStop = false;  ///< is started and runs on after EndAll()
+        /// False: the start is the end of the wait, with exit status 0, and the program runs on,
+        /// also when the calling process ends.
+        bool isWaitedFor = true;
     };
 
     struct Result {

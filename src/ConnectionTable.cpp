@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <tuple>
 
+#include "Descriptors.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -17,11 +19,6 @@ constexpr int kReceivingRank = 2;
 constexpr int kSendingRank = 3;
 constexpr int kJustSendingRank = 4;
 constexpr int kStays = 5;
-
-bool Shows(int socket, short events) {
-    pollfd state{socket, events, 0};
-    return poll(&state, 1, 0) > 0;
-}
 
 }  // namespace
 
@@ -46,9 +43,9 @@ int ConnectionTable::YieldRank(const Place& place, Clock::time_point now) {
         switch (place.phase_) {
             case Phase::kIdle:
                 // Where bytes have come in, its thread only has not seen them yet.
-                return Shows(place.socket_, POLLIN) ? kStays : kIdleRank;
+                return Descriptors::IsReady(place.socket_, POLLIN) ? kStays : kIdleRank;
             case Phase::kServing:
-                return Shows(place.socket_, POLLRDHUP) ? kHungUpRank : kStays;
+                return Descriptors::IsReady(place.socket_, POLLRDHUP) ? kHungUpRank : kStays;
             case Phase::kReceiving:
                 return kReceivingRank;
             case Phase::kSending:

@@ -1,6 +1,5 @@
 #include "DeviceReservation.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/random.h>
 #include <unistd.h>
@@ -26,11 +25,7 @@ constexpr mode_t kMarkerMode = 0644;
 constexpr char kRandomDevice[] = "/dev/urandom";
 
 std::string ToDottedAddress(const std::string& text) {
-    in_addr address{};
-    if (inet_aton(text.c_str(), &address) == 0) {
-        address.s_addr = INADDR_NONE;
-    }
-    return Ipv4::Dotted(address);
+    return Ipv4::Dotted(Ipv4::ParseAnyForm(text).value_or(in_addr{INADDR_NONE}));
 }
 
 std::uint64_t DrawFromKernel() {

@@ -1,6 +1,5 @@
 #include "DiagnosticPorts.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Descriptors.h"
+#include "Ipv4.h"
 #include "SocketGuard.h"
 #include "ZelLog.h"
 
@@ -47,7 +48,7 @@ void SetForwarding(int on) {
 void SwitchForwardingOff() {
     constexpr std::string_view kOff = "0\n";
     const SocketGuard file(open(kForwarding, O_WRONLY | O_TRUNC | O_CLOEXEC));
-    if (write(file.Get(), kOff.data(), kOff.size()) != static_cast<ssize_t>(kOff.size())) {
+    if (!Descriptors::WriteAll(file.Get(), kOff)) {
         ZEL_ERROR("Can't write %s: %s", kForwarding, std::strerror(errno));
     }
 }
@@ -74,9 +75,8 @@ std::optional<Rule> ParseRule(std::string_view line) {
         }
         source.remove_prefix(kSource.size());
         source.remove_suffix(kOneHost.size());
-        in_addr address{};
         std::string host(source);
-        if (inet_pton(AF_INET, host.c_str(), &address) != 1) {
+        if (!Ipv4::Parse(host)) {
             return std::nullopt;
         }
         return Rule{std::move(host), port};

@@ -1,6 +1,5 @@
 #include "HttpConnection.h"
 
-#include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -16,6 +15,7 @@
 #include <utility>
 
 #include "Console.h"
+#include "Descriptors.h"
 #include "Ipv4.h"
 #include "LogText.h"
 #include "ZelLog.h"
@@ -35,25 +35,10 @@ constexpr std::size_t kFileBlock = 16 * 1024;
 constexpr std::chrono::seconds kLingerTime{2};
 constexpr std::size_t kLingerBytes = 4 * 1024 * 1024;
 
-int MillisecondsUntil(Clock::time_point time) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(time - Clock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
-}
-
-/// Waits until the descriptor is ready for `events`; false when it is not by `deadline`.
-bool WaitFor(int descriptor, short events, Clock::time_point deadline) {
-    pollfd waited{descriptor, events, 0};
-    int ready = 0;
-    do {
-        ready = poll(&waited, 1, MillisecondsUntil(deadline));
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0;
-}
-
 void SetLocalEnd(int descriptor, HttpRequest& request) {
     sockaddr_in address{};
     socklen_t size = sizeof address;
-    if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0) {
+    if (getsockname(descriptor, Ipv4::Generic(address), &size) == 0) {
         request.localPort = ntohs(address.sin_port);
         request.localAddress = address.sin_addr;
     }
@@ -208,7 +193,8 @@ bool HttpConnection::SendAll(std::span<iovec> parts, Clock::time_point deadline)
         if (sent < 0) {
             const bool full = errno == EAGAIN || errno == EWOULDBLOCK;
             const Clock::time_point patience = std::min(deadline, Clock::now() + kSendTimeout);
-            if (errno == EINTR || (full && WaitFor(socket_.Get(), POLLOUT, patience))) {
+            if (errno == EINTR ||
+                (full && Descriptors::WaitUntil(socket_.Get(), POLLOUT, patience))) {
                 continue;
             }
             return false;
@@ -230,14 +216,5 @@ bool HttpConnection::SendAll(std::span<iovec> parts, Clock::time_point deadline)
 void HttpConnection::Linger() {
     place_.SetPhase(Phase::kReceiving);
     shutdown(socket_.Get(), SHUT_WR);
-    const Clock::time_point deadline = Clock::now() + kLingerTime;
-    std::array<char, 4096> discarded{};
-    std::size_t total = 0;
-    while (total < kLingerBytes && WaitFor(socket_.Get(), POLLIN, deadline)) {
-        const ssize_t received = recv(socket_.Get(), discarded.data(), discarded.size(), 0);
-        if (received < 1) {
-            return;
-        }
-        total += static_cast<std::size_t>(received);
-    }
+    Descriptors::ReadAway(socket_.Get(), kLingerBytes, Clock::now() + kLingerTime);
 }

@@ -16,7 +16,9 @@
 #include <optional>
 #include <string_view>
 
+#include "Descriptors.h"
 #include "LogText.h"
+#include "Numbers.h"
 #include "ZelLog.h"
 
 namespace {
@@ -56,12 +58,6 @@ LargeBodies& AllLargeBodies() {
     return all;
 }
 
-/// As strtol reads it: leading blanks, a sign, digits up to the first other character.
-std::int32_t ParseDecimal(const std::string& text) {
-    const long value = std::strtol(text.c_str(), nullptr, 10);
-    return static_cast<std::int32_t>(std::clamp<long>(value, INT32_MIN, INT32_MAX));
-}
-
 /// The size in a chunk line; without value when the line holds anything but hexadecimal digits,
 /// blanks and the two control characters that some clients pad it with.
 std::optional<std::size_t> ParseChunkSize(const std::string& line) {
@@ -92,13 +88,13 @@ void TakeHeaderLine(const std::string& line, HttpRequest& request) {
         request.method = HttpRequest::Method::kGet;
         request.url = rest;
     } else if (is("HTTP/1.0 ") || is("HTTP/1.1 ")) {
-        request.status = ParseDecimal(rest);
+        request.status = Numbers::Leading<std::int32_t>(rest);
     } else if (is("Content-Type: ")) {
         request.contentType = rest;
     } else if (is("Accept-Encoding: ")) {
         request.acceptEncoding = rest;
     } else if (is("Content-Length: ")) {
-        request.contentLength = ParseDecimal(rest);
+        request.contentLength = Numbers::Leading<std::int32_t>(rest);
     } else if (is("Host: ")) {
         request.host = rest;
     } else if (is("User-Agent: ")) {
@@ -123,12 +119,7 @@ int HttpMessageReader::WaitForInput() {
     if (wait.count() <= 0) {
         return 0;  // also when there is always something to be read
     }
-    pollfd input{descriptor_, POLLIN, 0};
-    int ready = 0;
-    do {
-        ready = poll(&input, 1, static_cast<int>(wait.count()));
-    } while (ready < 0 && errno == EINTR);
-    return ready;
+    return Descriptors::WaitUntil(descriptor_, POLLIN, Clock::now() + wait) ? 1 : 0;
 }
 
 long HttpMessageReader::Receive(char* out, std::size_t size) {

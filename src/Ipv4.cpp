@@ -11,6 +11,33 @@ std::string Dotted(in_addr address) {
     return inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
 }
 
+std::optional<in_addr> Parse(const std::string& dotted) {
+    in_addr address{};
+    return inet_pton(AF_INET, dotted.c_str(), &address) == 1 ? std::optional(address)
+                                                             : std::nullopt;
+}
+
+std::optional<in_addr> ParseAnyForm(const std::string& text) {
+    in_addr address{};
+    return inet_aton(text.c_str(), &address) != 0 ? std::optional(address) : std::nullopt;
+}
+
+sockaddr_in SocketAddress(in_addr address, std::uint16_t port) {
+    sockaddr_in end{};
+    end.sin_family = AF_INET;
+    end.sin_port = htons(port);
+    end.sin_addr = address;
+    return end;
+}
+
+const sockaddr* Generic(const sockaddr_in& address) {
+    return reinterpret_cast<const sockaddr*>(&address);
+}
+
+sockaddr* Generic(sockaddr_in& address) {
+    return reinterpret_cast<sockaddr*>(&address);
+}
+
 bool IsLinkLocal(std::string_view dotted) {
     return dotted.starts_with("169.254.");
 }

@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <string_view>
+
+#include "Characters.h"
+#include "File.h"
 
 namespace {
 
@@ -14,8 +16,7 @@ constexpr std::size_t kLineSize = 1024;
 std::string Clean(std::string_view text) {
     std::string clean;
     for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= ' ' && byte != 0x7f && (c != ' ' || !clean.empty())) {
+        if (!Characters::IsControl(c) && (c != ' ' || !clean.empty())) {
             clean += c;
         }
     }
@@ -26,10 +27,7 @@ std::string Clean(std::string_view text) {
 }  // namespace
 
 bool KvadVin::Read() {
-    struct CloseFile {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(kPath, "re"));
+    const File file = OpenToRead(kPath);
     if (!file) {
         return false;
     }

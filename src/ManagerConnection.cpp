@@ -1,43 +1,24 @@
 #include "ManagerConnection.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
+#include "Descriptors.h"
+#include "Ipv4.h"
 #include "LogText.h"
 #include "ZelLog.h"
 
 namespace {
 
-/// One address and port of a manager. False when `dotted` is no address.
-bool ToSocketAddress(const std::string& dotted, sockaddr_in& address) {
-    address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(ManagerConnection::kPort);
-    return inet_pton(AF_INET, dotted.c_str(), &address.sin_addr) == 1;
-}
-
 void LogConnectFailure(const std::string& address, int error) {
     ZEL_ERROR("Can't connect to %s because of: %s", LogText::Of(address).c_str(),
               std::strerror(error));
-}
-
-/// Reads what still comes until the peer has closed its end.
-void ReadToEnd(int descriptor, ManagerConnection::Clock::time_point deadline) {
-    std::array<char, 4096> part{};
-    pollfd input{descriptor, POLLIN, 0};
-    std::chrono::milliseconds left{};
-    do {
-        left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - ManagerConnection::Clock::now());
-    } while (left.count() > 0 && poll(&input, 1, static_cast<int>(left.count())) > 0 &&
-             recv(descriptor, part.data(), part.size(), MSG_DONTWAIT) > 0);
 }
 
 bool IsProvisional(const HttpRequest& response) {
@@ -52,7 +33,8 @@ void ManagerConnection::Settle(Clock::time_point deadline) {
     if (outstanding_ > 0) {
         ZEL_DEBUG("%d answers are outstanding on the socket, reopen", outstanding_);
         shutdown(socket_.Get(), SHUT_WR);
-        ReadToEnd(socket_.Get(), std::min(deadline, Clock::now() + kSettleTime));
+        Descriptors::ReadAway(socket_.Get(), std::numeric_limits<std::size_t>::max(),
+                              std::min(deadline, Clock::now() + kSettleTime));
         Close();
     }
 }
@@ -142,10 +124,9 @@ bool ManagerConnection::Connect(Clock::time_point deadline) {
 /// Not when there is something to be read: the end of the connection, or what nobody asked for. An
 /// answer to the first attempt that comes between the two has been asked for.
 bool ManagerConnection::IsUsable() const {
-    pollfd input{socket_.Get(), POLLIN, 0};
     char next = 0;
     return !reader_->HasUnread() &&
-           (poll(&input, 1, 0) == 0 ||
+           (!Descriptors::IsReady(socket_.Get(), POLLIN) ||
             (outstanding_ > 0 && recv(socket_.Get(), &next, 1, MSG_PEEK | MSG_DONTWAIT) > 0));
 }
 
@@ -164,12 +145,10 @@ bool ManagerConnection::Open(Clock::time_point deadline) {
     }
     const int on = 1;
     setsockopt(socket_.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    int error = !ToSocketAddress(address_, address) ? EINVAL
-                : !LimitSending(deadline)           ? ETIMEDOUT
-                                                    : 0;
-    if (error == 0 &&
-        connect(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const std::optional<in_addr> manager = Ipv4::Parse(address_);
+    const sockaddr_in address = Ipv4::SocketAddress(manager.value_or(in_addr{}), kPort);
+    int error = !manager ? EINVAL : !LimitSending(deadline) ? ETIMEDOUT : 0;
+    if (error == 0 && connect(socket_.Get(), Ipv4::Generic(address), sizeof address) != 0) {
         // The system's word for a connect that ran out of its time is misleading.
         error = errno == EINPROGRESS ? ETIMEDOUT : errno;
         refused_ = error != ETIMEDOUT;

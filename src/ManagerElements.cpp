@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 
+#include "Characters.h"
 #include "Namespaces.h"
 #include "XmlText.h"
 
@@ -92,9 +93,8 @@ void DropUnknown(xmlNode* answer) {
 }
 
 bool IsLine(std::string_view value, std::size_t maxLength) {
-    constexpr char kDelete = 0x7f;
     return value.size() <= maxLength && std::none_of(value.begin(), value.end(), [](char c) {
-               return static_cast<unsigned char>(c) < ' ' || c == kDelete;
+               return Characters::IsControl(c);
            });
 }
 

@@ -25,11 +25,8 @@ constexpr char kAddressAttribute[] = "ClusterIP";
 
 /// Whether it is the dotted address that a host can have.
 bool IsHostAddress(const std::string& text) {
-    in_addr address{};
-    if (inet_pton(AF_INET, text.c_str(), &address) != 1) {
-        return false;
-    }
-    const std::uint32_t value = ntohl(address.s_addr);
+    const std::optional<in_addr> address = Ipv4::Parse(text);
+    const std::uint32_t value = address ? ntohl(address->s_addr) : INADDR_ANY;
     return Ipv4::IsHost(value) && !IN_BADCLASS(value);
 }
 

@@ -26,12 +26,12 @@ constexpr unsigned short kGatewayRoute = RTF_UP | RTF_GATEWAY;
 
 bool ReadAddress(const ZelConfig& config, const char* key, const char* message, in_addr_t& out) {
     const std::string text = config.Get(key);
-    in_addr address{};
-    if (inet_aton(text.c_str(), &address) == 0) {
+    const std::optional<in_addr> address = Ipv4::ParseAnyForm(text);
+    if (!address) {
         ZEL_ERROR("%s '%s' is not correct", message, LogText::Of(text).c_str());
         return false;
     }
-    out = address.s_addr;
+    out = address->s_addr;
     return true;
 }
 

@@ -9,12 +9,12 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 // Clashes with <net/if.h> unless it comes behind it.
 #include <linux/wireless.h>
 
+#include "File.h"
 #include "Ipv4.h"
 #include "SocketGuard.h"
 
@@ -47,10 +47,7 @@ bool ReadAddress(const std::string& interface, unsigned long code, std::string& 
 }
 
 bool ProvideDefaultGateway(const std::string& /*key*/, std::string& out) {
-    struct CloseFile {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(kRouteFile, "re"));
+    const File file = OpenToRead(kRouteFile);
     if (!file) {
         return false;
     }

@@ -10,6 +10,7 @@
 #include <tuple>
 #include <utility>
 
+#include "Numbers.h"
 #include "Shell.h"
 #include "WlanEnterprise.h"
 #include "ZelLog.h"
@@ -74,7 +75,7 @@ SetDateTime::SetDateTime(const ZelConfig& config, SetClock setClock)
     : config_(config), setClock_(std::move(setClock)) {}
 
 int SetDateTime::Set() const {
-    const long level = std::strtol(config_.Get(kLevelKey).c_str(), nullptr, 10);
+    const long level = Numbers::Leading(config_.Get(kLevelKey));
     if (std::find(std::begin(kEnterpriseLevels), std::end(kEnterpriseLevels), level) ==
         std::end(kEnterpriseLevels)) {
         ZEL_INFO("No enterprise set, don't set time");

@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
 #include <utility>
 
+#include "Characters.h"
 #include "ZelLog.h"
 
 namespace {
@@ -48,8 +48,7 @@ bool MakeDirectory(const std::string& path, mode_t mode) {
 /// Zero is none: "kill 0" would end the agent.
 bool IsProcessId(const std::string& text) {
     return text.find_first_not_of('0') != std::string::npos &&
-           std::all_of(text.begin(), text.end(),
-                       [](unsigned char c) { return std::isdigit(c) != 0; });
+           std::all_of(text.begin(), text.end(), Characters::IsDigit);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include "SlpEscapes.h"
 
-#include <charconv>
-
+#include "Characters.h"
+#include "Numbers.h"
 #include "Utf8.h"
 
 namespace SlpEscapes {
@@ -13,40 +13,29 @@ constexpr std::size_t kEscapeSize = 1 + kDigits;
 
 bool IsReserved(char character) {
     constexpr std::string_view kReserved("(),\\!<=>~");
-    constexpr unsigned char kFirstPrintable = 0x20;
-    constexpr unsigned char kDelete = 0x7f;
-    const auto code = static_cast<unsigned char>(character);
-    return code < kFirstPrintable || code == kDelete ||
-           kReserved.find(character) != std::string_view::npos;
+    return Characters::IsControl(character) || kReserved.find(character) != std::string_view::npos;
 }
 
 /// Whether `text` begins with an escape, and the byte that it stands for.
 bool ReadEscape(std::string_view text, char& byte) {
-    constexpr int kHexadecimal = 16;
     if (text.size() < kEscapeSize || text.front() != kMark) {
         return false;
     }
-    unsigned char code = 0;
-    const char* const end = text.data() + kEscapeSize;
-    const auto [rest, error] = std::from_chars(text.data() + 1, end, code, kHexadecimal);
-    byte = static_cast<char>(code);
-    return error == std::errc() && rest == end;
+    const auto code = Numbers::Parse<unsigned char>(text.substr(1, kDigits), Numbers::kHexadecimal);
+    byte = static_cast<char>(code.value_or(0));
+    return code.has_value();
 }
 
 }  // namespace
 
 std::string Escape(std::string_view value, std::string_view kept) {
-    constexpr char kHexDigits[] = "0123456789abcdef";
-    constexpr unsigned kDigitBits = 4;
-    constexpr unsigned kDigitMask = 0xf;
     std::string escaped;
     for (const char character : value) {
         if (!IsReserved(character) || kept.find(character) != std::string_view::npos) {
             escaped += character;
             continue;
         }
-        const auto code = static_cast<unsigned char>(character);
-        escaped += {kMark, kHexDigits[code >> kDigitBits], kHexDigits[code & kDigitMask]};
+        escaped += kMark + Characters::Hex(character);
     }
     return escaped;
 }

@@ -1,6 +1,5 @@
 #include "WebServer.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -8,33 +7,31 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <list>
 #include <new>
 #include <string>
 
+#include "Descriptors.h"
 #include "Ipv4.h"
 #include "LogText.h"
+#include "Numbers.h"
 #include "ZelLog.h"
 
 namespace {
 
 constexpr char kBacklogKey[] = "web.listen.backlog";
-constexpr int kStartupPollMilliseconds = 100;
-constexpr int kPauseMilliseconds = 100;
+constexpr std::chrono::milliseconds kStartupPoll{100};
+constexpr std::chrono::milliseconds kPause{100};
 constexpr std::chrono::milliseconds kStopTime{500};
 
 int OpenListener(std::uint16_t port, int backlog) {
     SocketGuard listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    const sockaddr_in address = Ipv4::SocketAddress({INADDR_ANY}, port);
     if (listener.Get() < 0 ||
         setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        bind(listener.Get(), Ipv4::Generic(address), sizeof address) != 0 ||
         listen(listener.Get(), backlog) != 0) {
         return -1;
     }
@@ -84,9 +81,8 @@ bool WebServer::Stop() {
 }
 
 bool WebServer::WaitForStartupEnd() const {
-    pollfd stop{stopEvent_.Get(), POLLIN, 0};
     while (config_.Get("zel.state.startup") == "0") {
-        if (poll(&stop, 1, kStartupPollMilliseconds) > 0) {
+        if (IsStoppedWithin(kStartupPoll)) {
             return false;
         }
     }
@@ -98,10 +94,8 @@ int WebServer::Backlog() const {
     if (!config_.Get(kBacklogKey, value)) {
         return kBacklog;
     }
-    int backlog = 0;
-    const char* const end = value.data() + value.size();
-    const auto [rest, error] = std::from_chars(value.data(), end, backlog);
-    if (error != std::errc() || rest != end || backlog < 1 || backlog > kMaxBacklog) {
+    const int backlog = Numbers::Parse<int>(value).value_or(0);
+    if (backlog < 1 || backlog > kMaxBacklog) {
         ZEL_ERROR("%s is '%s', not a number from 1 to %d: %d is taken", kBacklogKey,
                   LogText::Of(value).c_str(), kMaxBacklog, kBacklog);
         return kBacklog;
@@ -143,7 +137,7 @@ void WebServer::Listen() {
 void WebServer::Accept(int listener) const {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
-    SocketGuard socket(accept4(listener, reinterpret_cast<sockaddr*>(&peer), &size, SOCK_CLOEXEC));
+    SocketGuard socket(accept4(listener, Ipv4::Generic(peer), &size, SOCK_CLOEXEC));
     if (socket.Get() < 0) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             ZEL_ERROR("Can't accept a connection: %s", std::strerror(errno));
@@ -177,6 +171,9 @@ void WebServer::StartConnection(SocketGuard& socket, in_addr peer) const {
 
 /// After what fails for want of something, so that trying again does not keep the processor busy.
 void WebServer::Pause() const {
-    pollfd stop{stopEvent_.Get(), POLLIN, 0};
-    poll(&stop, 1, kPauseMilliseconds);
+    static_cast<void>(IsStoppedWithin(kPause));
+}
+
+bool WebServer::IsStoppedWithin(std::chrono::milliseconds time) const {
+    return Descriptors::WaitUntil(stopEvent_.Get(), POLLIN, Descriptors::Clock::now() + time);
 }

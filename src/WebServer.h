@@ -58,6 +58,7 @@ private:
     void Accept(int listener) const;
     void StartConnection(SocketGuard& socket, in_addr peer) const;
     void Pause() const;
+    bool IsStoppedWithin(std::chrono::milliseconds time) const;
 
     const ZelConfig& config_;
     std::chrono::milliseconds lineTimeout_;

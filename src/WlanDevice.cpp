@@ -4,13 +4,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <string_view>
 
+#include "Characters.h"
 #include "LogText.h"
+#include "Numbers.h"
 #include "Shell.h"
 #include "SupplicantFile.h"
 #include "SupplicantLog.h"
@@ -43,20 +43,12 @@ constexpr std::size_t kMaxSsid = 32;
 // supplicant stays in the foreground.
 constexpr std::size_t kMaxPath = 256;
 
-/// The number at the beginning of a text, 0 without one.
-int DecimalValue(const std::string& text) {
-    const long value = std::strtol(text.c_str(), nullptr, 10);
-    return static_cast<int>(
-        std::clamp<long>(value, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()));
-}
-
 /// A path that the shell takes as one word and that fits into the command line.
 bool IsPlainPath(const std::string& path) {
     constexpr std::string_view kOthers = "/._-";
     return !path.empty() && path.size() <= kMaxPath &&
-           std::all_of(path.begin(), path.end(), [&kOthers](unsigned char c) {
-               return std::isalnum(c) != 0 ||
-                      kOthers.find(static_cast<char>(c)) != std::string_view::npos;
+           std::all_of(path.begin(), path.end(), [&kOthers](char c) {
+               return Characters::IsAlphanumeric(c) || kOthers.find(c) != std::string_view::npos;
            });
 }
 
@@ -82,7 +74,7 @@ void KillSupplicant() {
 }  // namespace
 
 int WlanDevice::WlanValues::Read(const ZelConfig& config) {
-    channel_ = DecimalValue(config.Get("wlan.conf.infra.channel"));
+    channel_ = Numbers::Leading<int>(config.Get("wlan.conf.infra.channel"));
     band_ = config.Get("wlan.conf.infra.band");
     if (band_ != "0" && band_ != "1") {
         ZEL_ERROR("Band '%s' is not correct", LogText::Of(band_).c_str());
@@ -111,7 +103,7 @@ int WlanDevice::WlanValues::Read(const ZelConfig& config) {
 
 int WlanDevice::WlanValues::ReadSecurity(const ZelConfig& config) {
     const std::string level = config.Get("wlan.conf.infra.security.level");
-    securityLevel_ = DecimalValue(level);
+    securityLevel_ = Numbers::Leading<int>(level);
     if (securityLevel_ < kFirstLevel || securityLevel_ > kLastLevel) {
         ZEL_ERROR("security.level '%s' is not correct", LogText::Of(level).c_str());
         return -3;

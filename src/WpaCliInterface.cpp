@@ -8,9 +8,11 @@
 #include <atomic>
 #include <cstdio>
 
+#include "Descriptors.h"
+
 namespace {
 
-constexpr int kReplyMilliseconds = 100;
+constexpr std::chrono::milliseconds kReplyTime{100};
 constexpr std::size_t kReplySize = 4096;
 
 std::atomic<unsigned> openings = 0;
@@ -52,8 +54,7 @@ int WpaCliInterface::Request(const std::string& command, std::string& reply) {
     // A full or closed socket shows as a missing reply.
     static_cast<void>(
         send(socket_.Get(), command.data(), command.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
-    pollfd waited{socket_.Get(), POLLIN, 0};
-    if (poll(&waited, 1, kReplyMilliseconds) < 1) {
+    if (!Descriptors::WaitUntil(socket_.Get(), POLLIN, Descriptors::Clock::now() + kReplyTime)) {
         return 0;
     }
     std::array<char, kReplySize> buffer{};

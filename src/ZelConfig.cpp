@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <utility>
 
 #include "DefaultConfiguration.h"
 #include "DurableFile.h"
+#include "File.h"
 
 namespace {
 
@@ -16,15 +16,6 @@ constexpr std::size_t kLineSize = 8192;
 const std::string kFile = ZelConfig::kConfigurationFile;
 const std::string kNewFile = kFile + ".new";
 const std::string kOldFile = kFile + ".old";
-
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, CloseFile>;
-
-File OpenToRead(const std::string& path) {
-    return File(std::fopen(path.c_str(), "re"));
-}
 
 std::string Line(const std::string& key, const std::string& value) {
     std::string line = key + "=" + value;

@@ -1,16 +1,16 @@
 #include "ZelConnectorServlet.h"
 
-#include <arpa/inet.h>
-
 #include <array>
 #include <cstdio>
 #include <cstdlib>
 
 #include "DiagnosticChannels.h"
 #include "Dispatcher.h"
+#include "Ipv4.h"
 #include "LogText.h"
 #include "Namespaces.h"
 #include "NetworkType.h"
+#include "Numbers.h"
 #include "XmlText.h"
 #include "ZelLog.h"
 
@@ -80,19 +80,16 @@ const ZelConnectorServlet::Device& DeviceOf(const ZelWsdlServlet& servlet) {
 /// A dotted address as the signed decimal of its 32-bit value, first octet most significant; other
 /// text gives an empty one. Clients expect the sign.
 std::string SignedAddress(const std::string& dotted) {
-    in_addr address{};
-    if (inet_pton(AF_INET, dotted.c_str(), &address) != 1) {
-        return "";
-    }
-    return std::to_string(static_cast<std::int32_t>(ntohl(address.s_addr)));
+    const std::optional<in_addr> address = Ipv4::Parse(dotted);
+    return address ? std::to_string(static_cast<std::int32_t>(ntohl(address->s_addr))) : "";
 }
 
 /// The text as a hexadecimal number up to its first other character (of a MAC address: the first
 /// byte), in decimal and cut at 15 characters.
 std::string HexPrefixAsDecimal(const std::string& text) {
-    std::array<char, 16> decimal{};
-    std::snprintf(decimal.data(), decimal.size(), "%lld", std::strtoll(text.c_str(), nullptr, 16));
-    return decimal.data();
+    constexpr std::size_t kMaxDigits = 15;
+    return std::to_string(Numbers::Leading<long long>(text, Numbers::kHexadecimal))
+        .substr(0, kMaxDigits);
 }
 
 bool IsOtherDevice(const ZelConfig& config, const std::string& deviceId) {
@@ -223,11 +220,10 @@ int SwitchMode(const xmlNode* method, const HttpRequest& request, HttpResponse& 
                ZelWsdlServlet& servlet) {
     const ZelConnectorServlet::Device& device = DeviceOf(servlet);
     const auto run = [&] {
-        constexpr int kDecimal = 10;
         const std::string mode = XmlText::ChildText(method, "mode");
         ModeSwitch::FormerAddress former;
-        const ModeSwitch::Outcome outcome = device.modeSwitch.Run(
-            std::strtol(mode.c_str(), nullptr, kDecimal), request.localAddress, former);
+        const ModeSwitch::Outcome outcome =
+            device.modeSwitch.Run(Numbers::Leading(mode), request.localAddress, former);
         response.keptUntilReceived = std::move(former);
         return static_cast<int>(outcome);
     };

@@ -1,6 +1,5 @@
 #include "slpBase.h"
 
-#include <arpa/inet.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -11,6 +10,7 @@
 #include <cstring>
 #include <memory>
 
+#include "Descriptors.h"
 #include "Ipv4.h"
 #include "LogText.h"
 #include "SlpCodec.h"
@@ -21,18 +21,11 @@ namespace {
 constexpr const char* kGroups[] = {SlpBase::kMulticastAddress, "239.255.1.1"};
 constexpr std::chrono::milliseconds kFailurePause{1000};
 
-bool ToSocketAddress(const std::string& dotted, std::uint32_t port, sockaddr_in& address) {
-    address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    return inet_pton(AF_INET, dotted.c_str(), &address.sin_addr) == 1;
-}
-
 /// Receives what is sent to the groups over one interface; a second time is no harm.
 void JoinGroupsAt(int descriptor, int interface) {
     for (const char* group : kGroups) {
         ip_mreqn membership{};
-        inet_pton(AF_INET, group, &membership.imr_multiaddr);
+        membership.imr_multiaddr = Ipv4::Parse(group).value_or(in_addr{});
         membership.imr_ifindex = interface;
         setsockopt(descriptor, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership);
     }
@@ -70,10 +63,11 @@ bool SlpBase::Open(const std::string& address, std::uint16_t port) {
     Close();
     SocketGuard opened(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     const int on = 1;
-    sockaddr_in local{};
-    if (opened.Get() < 0 || !ToSocketAddress(address, port, local) ||
+    const std::optional<in_addr> host = Ipv4::Parse(address);
+    const sockaddr_in local = Ipv4::SocketAddress(host.value_or(in_addr{}), port);
+    if (opened.Get() < 0 || !host ||
         setsockopt(opened.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        bind(opened.Get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+        bind(opened.Get(), Ipv4::Generic(local), sizeof local) != 0) {
         return false;
     }
     // The second one passes the system's limit, where the agent may do so.
@@ -109,7 +103,7 @@ std::optional<SlpMessage> SlpBase::Receive() const {
         }
         // A datagram that woke the wait up may turn out to be damaged and be gone.
         received = recvfrom(socket_.Get(), datagram.data(), datagram.size(), MSG_DONTWAIT,
-                            reinterpret_cast<sockaddr*>(&peer), &peerSize);
+                            Ipv4::Generic(peer), &peerSize);
     } while (received < 0 && (errno == EAGAIN || errno == EINTR));
     if (received <= 0) {
         ZEL_DEBUG("recvfrom() == %lu\n", static_cast<unsigned long>(received));
@@ -140,8 +134,8 @@ bool SlpBase::WaitForDatagram(int milliseconds) const {
 }
 
 bool SlpBase::IsInterruptedWithin(std::chrono::milliseconds patience) const {
-    pollfd polled{interruption_.Get(), POLLIN, 0};
-    return poll(&polled, 1, static_cast<int>(patience.count())) > 0;
+    return Descriptors::WaitUntil(interruption_.Get(), POLLIN,
+                                  Descriptors::Clock::now() + patience);
 }
 
 void SlpBase::Interrupt() const {
@@ -151,13 +145,14 @@ void SlpBase::Interrupt() const {
 template <typename Record>
 int SlpBase::SendRecord(Record& record) const {
     SlpCodec::Datagram datagram{};
-    sockaddr_in peer{};
     const std::size_t size = SlpCodec::Encode(record, datagram);
-    if (size > 0 && ToSocketAddress(record.peerAddress, record.peerPort, peer)) {
+    if (const auto host = Ipv4::Parse(record.peerAddress); size > 0 && host) {
+        const sockaddr_in peer =
+            Ipv4::SocketAddress(*host, static_cast<std::uint16_t>(record.peerPort));
         // Answers to addresses that nobody has wait in the buffer for their neighbours: who asked
         // in their name must not hold the thread up.
-        sendto(socket_.Get(), datagram.data(), size, MSG_DONTWAIT,
-               reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
+        sendto(socket_.Get(), datagram.data(), size, MSG_DONTWAIT, Ipv4::Generic(peer),
+               sizeof peer);
     }
     return 0;
 }

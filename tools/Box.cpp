@@ -1,10 +1,10 @@
 #include "Box.h"
 
 #include <array>
-#include <charconv>
 #include <cstdio>
 
 #include "ColorTable.h"
+#include "Numbers.h"
 #include "SafeText.h"
 #include "SlpEscapes.h"
 
@@ -62,13 +62,12 @@ std::string Box::Color() const {
 
 std::string Box::Voltage() const {
     std::string text = Attribute("Kl30Voltage");
-    unsigned millivolts = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), millivolts);
-    if (error != std::errc() || end != text.data() + text.size()) {
+    const auto millivolts = Numbers::Parse<unsigned>(text);
+    if (!millivolts) {
         return text;
     }
     std::array<char, 32> volts{};
-    std::snprintf(volts.data(), volts.size(), "%.1f V", millivolts / 1000.0);
+    std::snprintf(volts.data(), volts.size(), "%.1f V", *millivolts / 1000.0);
     return volts.data();
 }
 

@@ -1,6 +1,5 @@
 #include "BoxFinder.h"
 
-#include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <poll.h>
@@ -14,6 +13,8 @@
 #include <random>
 #include <utility>
 
+#include "Descriptors.h"
+#include "Ipv4.h"
 #include "SlpCodec.h"
 #include "SocketGuard.h"
 
@@ -52,14 +53,10 @@ void Ask(int descriptor, std::uint16_t xid) {
     request.url = "service:zel.connector";
     SlpCodec::Datagram datagram{};
     const std::size_t size = SlpCodec::Encode(request, datagram);
-    sockaddr_in group{};
-    group.sin_family = AF_INET;
-    group.sin_port = htons(kPort);
-    inet_pton(AF_INET, kGroup, &group.sin_addr);
+    const sockaddr_in group = Ipv4::SocketAddress(Ipv4::Parse(kGroup).value_or(in_addr{}), kPort);
     for (const in_addr& own : OwnAddresses()) {
         if (setsockopt(descriptor, IPPROTO_IP, IP_MULTICAST_IF, &own, sizeof own) == 0) {
-            sendto(descriptor, datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&group),
-                   sizeof group);
+            sendto(descriptor, datagram.data(), size, 0, Ipv4::Generic(group), sizeof group);
         }
     }
 }
@@ -70,7 +67,7 @@ std::optional<std::pair<std::uint32_t, Box>> Receive(int descriptor, std::uint16
     sockaddr_in peer{};
     socklen_t peerSize = sizeof peer;
     const ssize_t size = recvfrom(descriptor, datagram.data(), datagram.size(), MSG_DONTWAIT,
-                                  reinterpret_cast<sockaddr*>(&peer), &peerSize);
+                                  Ipv4::Generic(peer), &peerSize);
     if (size < 1 || SlpCodec::DeclaredLength(datagram) != static_cast<std::size_t>(size)) {
         return std::nullopt;
     }
@@ -79,14 +76,8 @@ std::optional<std::pair<std::uint32_t, Box>> Receive(int descriptor, std::uint16
     if (reply == nullptr || !reply->attrList || reply->xid != xid || reply->errorCode != 0) {
         return std::nullopt;
     }
-    std::array<char, INET_ADDRSTRLEN> dotted{};
-    inet_ntop(AF_INET, &peer.sin_addr, dotted.data(), dotted.size());
-    return std::pair(ntohl(peer.sin_addr.s_addr), Box::Read(dotted.data(), *reply->attrList));
-}
-
-int MillisecondsUntil(Clock::time_point time) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    return std::pair(ntohl(peer.sin_addr.s_addr),
+                     Box::Read(Ipv4::Dotted(peer.sin_addr), *reply->attrList));
 }
 
 }  // namespace
@@ -101,7 +92,7 @@ std::vector<Box> Find(std::chrono::milliseconds wait,
     Ask(socket.Get(), xid);
     while (Clock::now() < end) {
         std::array<pollfd, 2> polled{{{socket.Get(), POLLIN, 0}, {interruption, POLLIN, 0}}};
-        poll(polled.data(), polled.size(), MillisecondsUntil(std::min(askAgain, end)));
+        poll(polled.data(), polled.size(), Descriptors::MillisecondsUntil(std::min(askAgain, end)));
         if (polled[1].revents != 0) {
             break;
         }

@@ -1,15 +1,14 @@
 #include "BoxName.h"
 
-#include <arpa/inet.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <memory>
 
 #include "BoxFinder.h"
+#include "Ipv4.h"
+#include "Numbers.h"
 #include "SafeText.h"
 
 namespace BoxName {
@@ -17,11 +16,6 @@ namespace {
 
 constexpr std::size_t kMaxListed = 8;
 constexpr std::size_t kListedWidth = 32;
-
-bool IsAddress(const std::string& text) {
-    in_addr address{};
-    return inet_pton(AF_INET, text.c_str(), &address) == 1;
-}
 
 /// The dotted address of a host name; empty when nobody knows it.
 std::string LookUp(const std::string& host) {
@@ -33,10 +27,7 @@ std::string LookUp(const std::string& host) {
         return "";
     }
     const std::unique_ptr<addrinfo, void (*)(addrinfo*)> owned(found, freeaddrinfo);
-    std::array<char, INET_ADDRSTRLEN> dotted{};
-    const auto* const address = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
-    inet_ntop(AF_INET, &address->sin_addr, dotted.data(), dotted.size());
-    return dotted.data();
+    return Ipv4::Dotted(reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr);
 }
 
 }  // namespace
@@ -46,10 +37,8 @@ std::optional<Parts> Split(const std::string& name) {
     if (colon == std::string::npos) {
         return Parts{name, std::nullopt};
     }
-    const char* const end = name.data() + name.size();
-    std::uint16_t port = 0;
-    const auto [rest, error] = std::from_chars(name.data() + colon + 1, end, port);
-    if (error != std::errc() || rest != end || port == 0 || colon == 0) {
+    const auto port = Numbers::Parse<std::uint16_t>(std::string_view(name).substr(colon + 1));
+    if (!port || *port == 0 || colon == 0) {
         return std::nullopt;
     }
     return Parts{name.substr(0, colon), port};
@@ -89,7 +78,7 @@ Outcome Resolve(const Options& options, BoxAddress& address,
     }
     address.port = parts->port.value_or(address.port);
     address.host = parts->host;
-    if (IsAddress(parts->host)) {
+    if (Ipv4::Parse(parts->host)) {
         return {};
     }
     if (parts->host.find('.') == std::string::npos) {

@@ -1,10 +1,7 @@
 #include "ConnectorCommands.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -12,6 +9,8 @@
 
 #include "BoxName.h"
 #include "HandleStore.h"
+#include "Ipv4.h"
+#include "Numbers.h"
 #include "SafeText.h"
 #include "SoapClient.h"
 
@@ -128,8 +127,7 @@ Outcome Call(const Options& options, const Session& session, const std::string& 
 
 /// What is no address to the box, it would open its ports to nobody for.
 Outcome CheckHost(const std::string& host) {
-    in_addr address{};
-    if (inet_aton(host.c_str(), &address) != 0) {
+    if (Ipv4::ParseAnyForm(host)) {
         return {};
     }
     return {ExitStatus::kUsage, "'" + host + "' is no address; give one, or 0 for every host"};
@@ -149,16 +147,12 @@ std::string Readable(std::string_view name, const std::string& value) {
         return Box{"", {{"State", value}}}.State();
     }
     constexpr std::string_view kAddresses[] = {"ip", "ip4Address", "gateway", "netmask"};
-    std::int32_t number = 0;
-    const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), number);
+    const auto number = Numbers::Parse<std::int32_t>(value);
     if (std::find(std::begin(kAddresses), std::end(kAddresses), name) == std::end(kAddresses) ||
-        error != std::errc() || end != value.data() + value.size()) {
+        !number) {
         return value;
     }
-    const in_addr address{htonl(static_cast<std::uint32_t>(number))};
-    std::array<char, INET_ADDRSTRLEN> dotted{};
-    inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
-    return dotted.data();
+    return Ipv4::Dotted({htonl(static_cast<std::uint32_t>(*number))});
 }
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;

@@ -1,12 +1,10 @@
 #include "HandleStore.h"
 
-#include <array>
-#include <cctype>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
+#include "Characters.h"
 #include "DurableFile.h"
 
 namespace HandleStore {
@@ -23,15 +21,8 @@ std::string Directory(const char* variable) {
 std::string FileName(const std::string& deviceId) {
     std::string name;
     for (const char c : deviceId) {
-        const auto byte = static_cast<unsigned char>(c);
-        const bool isPlain = byte < 0x80 && (std::isalnum(byte) != 0 || c == '-' || c == '_');
-        if (isPlain) {
-            name += c;
-        } else {
-            std::array<char, 4> escape{};
-            std::snprintf(escape.data(), escape.size(), "%%%02x", byte);
-            name += escape.data();
-        }
+        const bool isPlain = Characters::IsAlphanumeric(c) || c == '-' || c == '_';
+        name += isPlain ? std::string(1, c) : "%" + Characters::Hex(c);
     }
     return name;
 }

@@ -1,6 +1,5 @@
 #include "HttpClient.h"
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -9,6 +8,7 @@
 #include <string_view>
 
 #include "HttpMessageReader.h"
+#include "Ipv4.h"
 #include "SocketGuard.h"
 
 namespace HttpClient {
@@ -22,18 +22,17 @@ Outcome Unreachable(const BoxAddress& box, const std::string& why) {
 }
 
 Outcome Open(const BoxAddress& box, std::chrono::milliseconds timeout, SocketGuard& guard) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(box.port);
     guard.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
     // Also limits the time of the connect.
     const timeval patience{seconds.count(), std::chrono::microseconds(timeout - seconds).count()};
     setsockopt(guard.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    if (inet_pton(AF_INET, box.host.c_str(), &address.sin_addr) != 1) {
+    const std::optional<in_addr> host = Ipv4::Parse(box.host);
+    if (!host) {
         return Unreachable(box, "no address");
     }
-    if (connect(guard.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    const sockaddr_in address = Ipv4::SocketAddress(*host, box.port);
+    if (connect(guard.Get(), Ipv4::Generic(address), sizeof address) != 0) {
         // The system's word for a connect that ran out of its time is misleading.
         return Unreachable(box, std::strerror(errno == EINPROGRESS ? ETIMEDOUT : errno));
     }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "Characters.h"
 #include "Utf8.h"
 
 namespace SafeText {
@@ -13,18 +14,19 @@ namespace {
 constexpr char kReplacement = '?';
 
 /// Control characters, and those that are not seen but set directions and joins (Unicode's general
-/// category Cf, its common part, and the line separators).
+/// category Cf, its common part).
 bool IsHarmful(std::uint32_t code) {
     struct Range {
         std::uint32_t first;
         std::uint32_t last;
     };
-    constexpr Range kHarmful[] = {
-        {0, 0x1f},        {0x7f, 0x9f},     {0xad, 0xad},     {0x61c, 0x61c},   {0x200b, 0x200f},
-        {0x2028, 0x202e}, {0x2060, 0x206f}, {0xfeff, 0xfeff}, {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
-    return std::any_of(std::begin(kHarmful), std::end(kHarmful), [code](const Range& range) {
-        return code >= range.first && code <= range.last;
-    });
+    constexpr Range kHarmful[] = {{0xad, 0xad},     {0x61c, 0x61c},    {0x200b, 0x200f},
+                                  {0x202a, 0x202e}, {0x2060, 0x206f},  {0xfeff, 0xfeff},
+                                  {0xfff9, 0xfffb}, {0xe0000, 0xe007f}};
+    return Characters::IsControl(code) ||
+           std::any_of(std::begin(kHarmful), std::end(kHarmful), [code](const Range& range) {
+               return code >= range.first && code <= range.last;
+           });
 }
 
 template <typename Handle>

@@ -2,9 +2,8 @@
 
 #include <libxml/xmlerror.h>
 
-#include <charconv>
-
 #include "Namespaces.h"
+#include "Numbers.h"
 
 namespace SoapClient {
 namespace {
@@ -51,12 +50,8 @@ Outcome Call(const BoxAddress& box, const std::string& path, const std::string& 
 }
 
 std::optional<int> ErrorCode(const Answer& answer) {
-    const std::string text =
-        XmlText::ChildText(XmlText::FindChild(answer.response, "out"), "error");
-    int code = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code);
-    const bool isNumber = error == std::errc() && end == text.data() + text.size();
-    return isNumber ? std::optional(code) : std::nullopt;
+    return Numbers::Parse<int>(
+        XmlText::ChildText(XmlText::FindChild(answer.response, "out"), "error"));
 }
 
 }  // namespace SoapClient

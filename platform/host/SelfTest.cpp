@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "ChildProcess.h"
-#include "FileTools.h"
+#include "DurableFile.h"
 #include "LogHandler.h"
 #include "LogText.h"
 
@@ -62,7 +62,7 @@ int SelfTest::DoSelfTest() {
     }
     std::error_code error;
     std::filesystem::create_directories(kResultDirectory, error);
-    if (!FileTools::Replace(kResultFile, report)) {
+    if (!DurableFile::Replace(kResultFile, report, DurableFile::kPublic)) {
         Log().Log(kError, "SelfTest", __LINE__, "Can't write %s", kResultFile);
         return -1;
     }

@@ -1,10 +1,11 @@
 #include "UpdateFirmware.h"
 
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <system_error>
 
-#include "FileTools.h"
+#include "DurableFile.h"
 #include "LogHandler.h"
 
 // An image type has a directory with
@@ -35,17 +36,27 @@ bool IsImage(const std::string& path) {
            std::filesystem::file_size(path, error) > 0 && !error;
 }
 
+/// First line of a file, empty when it cannot be read.
+std::string FirstLine(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
 bool WriteState(const std::string& directory, const char* state) {
-    return FileTools::Replace(directory + "state", std::string(state) + "\n");
+    return DurableFile::Replace(directory + "state", std::string(state) + "\n",
+                                DurableFile::kPublic);
 }
 
 bool Install(const std::string& directory, const std::string& imagePath) {
-    const std::string slot = FileTools::FirstLine(directory + "active") == "a" ? "b" : "a";
+    const std::string slot = FirstLine(directory + "active") == "a" ? "b" : "a";
     std::error_code error;
     std::filesystem::create_directories(directory + slot, error);
-    return FileTools::SyncDirectory(directory) &&
-           FileTools::ReplaceByCopy(directory + slot + "/image", imagePath) &&
-           FileTools::Replace(directory + "active", slot + "\n");
+    return DurableFile::SyncDirectoryOf(directory) &&
+           DurableFile::ReplaceByCopy(directory + slot + "/image", imagePath,
+                                      DurableFile::kPublic) &&
+           DurableFile::Replace(directory + "active", slot + "\n", DurableFile::kPublic);
 }
 
 }  // namespace
@@ -69,7 +80,7 @@ int UpdateFirmware::DoUpdateFirmware(ImageType type, const std::string& imagePat
         return -1;
     }
     Log().Log(kInfo, "UpdateFirmware", __LINE__, "%s is installed, slot %s is active",
-              imagePath.c_str(), FileTools::FirstLine(directory + "active").c_str());
+              imagePath.c_str(), FirstLine(directory + "active").c_str());
     return 0;
 }
 
@@ -79,6 +90,6 @@ int UpdateFirmware::GetUpdateState(ImageType type) const {
     if (!std::filesystem::exists(path, error)) {
         return error ? UNKNOWN : CLEAN;  // never updated
     }
-    const std::string state = FileTools::FirstLine(path);
+    const std::string state = FirstLine(path);
     return state == kClean ? CLEAN : state == kDirty ? DIRTY : UNKNOWN;
 }
