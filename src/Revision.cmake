@@ -1,4 +1,4 @@
-# Run at every build: writes OUTPUT with the revision text, and leaves it alone when nothing changed.
+# Run at every build: writes OUTPUT with version and revision text, and leaves it alone when nothing changed.
 cmake_minimum_required(VERSION 3.25)
 if(NOT REVISION)
     execute_process(COMMAND git describe --always --dirty WORKING_DIRECTORY "${SOURCE}"
@@ -10,6 +10,7 @@ endif()
 file(CONFIGURE OUTPUT "${OUTPUT}" @ONLY CONTENT
 "#pragma once
 
-/// Revision text of this build.
+/// Version, and revision text of this build.
+inline constexpr char kVersion[] = \"@VERSION@\";
 inline constexpr char kRevision[] = \"@REVISION@\";
 ")

@@ -17,7 +17,7 @@ constexpr struct {
     {"zel.state.startup", "0"},
     {"zel.state.owner", ""},
     {"zel.state.uuid", DeviceReservation::kFreeUuid},
-    {"zel.version", "01.02.02"},
+    {"zel.version", kVersion},
     {"zel.svn.version", kRevision},
     {NetworkType::kKey, NetworkType::kLan},
     {kOplaModeKey, "OPLA"},
