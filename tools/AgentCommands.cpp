@@ -17,47 +17,54 @@ Outcome Call(const Options& options, const BoxAddress& box, const std::string& o
              const std::string& children, SoapClient::Answer& answer) {
     std::string element = "<" + operation;
     element += children.empty() ? "/>" : ">" + children + "</" + operation + ">";
-    Outcome outcome = SoapClient::Call(box, SoapClient::kAgent, element, options.timeout, answer);
-    if (!outcome.Failed() && XmlText::LocalName(answer.response) != operation + "Response") {
-        outcome = {ExitStatus::kNotUnderstood,
-                   box.ToText() + " does not answer what it was asked (" + operation + ")"};
+    if (Outcome outcome =
+            SoapClient::Call(box, SoapClient::kAgent, element, options.timeout, answer);
+        outcome.Failed()) {
+        return outcome;
     }
-    return outcome;
+    if (XmlText::LocalName(answer.response) != operation + "Response") {
+        return {ExitStatus::kNotUnderstood,
+                box.ToText() + " does not answer what it was asked (" + operation + ")"};
+    }
+    return {};
 }
 
 /// Finds the box and calls one operation.
 Outcome FindAndCall(const Options& options, const std::string& operation,
                     const std::string& children, SoapClient::Answer& answer) {
     BoxAddress box;
-    const Outcome outcome = BoxName::Resolve(options, box);
-    return outcome.Failed() ? outcome : Call(options, box, operation, children, answer);
+    if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
+        return outcome;
+    }
+    return Call(options, box, operation, children, answer);
 }
 
 }  // namespace
 
 Outcome SelfTest(const Options& options) {
     SoapClient::Answer answer;
-    Outcome outcome = FindAndCall(options, "doSelftest", "", answer);
-    if (!outcome.Failed()) {
-        std::string lines = XmlText::ChildText(answer.response, "return");
-        std::replace(lines.begin(), lines.end(), ';', '\n');
-        std::fputs(SafeText::Lines(lines).c_str(), stdout);
+    if (Outcome outcome = FindAndCall(options, "doSelftest", "", answer); outcome.Failed()) {
+        return outcome;
     }
-    return outcome;
+    std::string lines = XmlText::ChildText(answer.response, "return");
+    std::replace(lines.begin(), lines.end(), ';', '\n');
+    std::fputs(SafeText::Lines(lines).c_str(), stdout);
+    return {};
 }
 
 Outcome Status(const Options& options) {
     BoxAddress box;
-    Outcome outcome = BoxName::Resolve(options, box);
+    if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
+        return outcome;
+    }
     SoapClient::Answer running;
+    if (Outcome outcome = Call(options, box, "isServiceRunning", kService, running);
+        outcome.Failed()) {
+        return outcome;
+    }
     SoapClient::Answer monitored;
-    if (!outcome.Failed()) {
-        outcome = Call(options, box, "isServiceRunning", kService, running);
-    }
-    if (!outcome.Failed()) {
-        outcome = Call(options, box, "getMonitoringStatus", kGroup, monitored);
-    }
-    if (outcome.Failed()) {
+    if (Outcome outcome = Call(options, box, "getMonitoringStatus", kGroup, monitored);
+        outcome.Failed()) {
         return outcome;
     }
     const bool isRunning = XmlText::ChildText(running.response, "return") == "true";

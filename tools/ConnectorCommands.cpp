@@ -63,16 +63,21 @@ struct Session {
 /// Finds the box and asks who it is.
 Outcome Begin(const Options& options, Session& session,
               const std::function<bool(const Box&)>& isPreferred = {}) {
-    Outcome outcome = BoxName::Resolve(options, session.address, isPreferred);
-    if (!outcome.Failed()) {
-        outcome = SoapClient::Call(session.address, SoapClient::kConnector,
-                                   "<getDeviceInformation/>", options.timeout, session.information);
+    if (Outcome outcome = BoxName::Resolve(options, session.address, isPreferred);
+        outcome.Failed()) {
+        return outcome;
     }
-    if (!outcome.Failed() && session.Values() == nullptr) {
-        outcome = {ExitStatus::kNotUnderstood,
-                   session.address.ToText() + " does not say what it is; is it a box?"};
+    if (Outcome outcome =
+            SoapClient::Call(session.address, SoapClient::kConnector, "<getDeviceInformation/>",
+                             options.timeout, session.information);
+        outcome.Failed()) {
+        return outcome;
     }
-    return outcome;
+    if (session.Values() == nullptr) {
+        return {ExitStatus::kNotUnderstood,
+                session.address.ToText() + " does not say what it is; is it a box?"};
+    }
+    return {};
 }
 
 /// As Begin(); the box that is reserved from here need not be named.
@@ -88,7 +93,11 @@ std::string HandleOf(const Options& options, const Session& session) {
     return options.handle.empty() ? HandleStore::Get(session.DeviceId()) : options.handle;
 }
 
-Outcome NeedHandle(const Options& options, const Session& session, std::string& handle) {
+/// As BeginWithReserved(), for what cannot be done without the handle.
+Outcome BeginWithHandle(const Options& options, Session& session, std::string& handle) {
+    if (Outcome outcome = BeginWithReserved(options, session); outcome.Failed()) {
+        return outcome;
+    }
     handle = HandleOf(options, session);
     if (!handle.empty()) {
         return {};
@@ -101,9 +110,9 @@ Outcome NeedHandle(const Options& options, const Session& session, std::string& 
 /// Calls an operation; a code other than 0 is a refusal. `code` is that of an understood answer.
 Outcome Call(const Options& options, const Session& session, const std::string& operation,
              Answer& answer, int* code = nullptr) {
-    Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
-                                       options.timeout, answer);
-    if (outcome.Failed()) {
+    if (Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
+                                           options.timeout, answer);
+        outcome.Failed()) {
         return outcome;
     }
     const std::optional<int> error = SoapClient::ErrorCode(answer);
@@ -220,30 +229,29 @@ std::string ParameterElements(const std::vector<std::string>& parameters) {
 
 Outcome Info(const Options& options) {
     Session session;
-    Outcome outcome = Begin(options, session);
-    if (!outcome.Failed()) {
-        Pairs pairs;
-        Flatten(session.Values(), "", pairs);
-        options.json ? PrintJson(pairs) : PrintText(pairs);
+    if (Outcome outcome = Begin(options, session); outcome.Failed()) {
+        return outcome;
     }
-    return outcome;
+    Pairs pairs;
+    Flatten(session.Values(), "", pairs);
+    options.json ? PrintJson(pairs) : PrintText(pairs);
+    return {};
 }
 
 Outcome Reserve(const Options& options) {
+    Outcome lock = options.lock.empty() ? Outcome() : CheckHost(options.lock);
+    if (lock.Failed()) {
+        return lock;
+    }
     Session session;
-    Outcome outcome = options.lock.empty() ? Outcome() : CheckHost(options.lock);
-    if (!outcome.Failed()) {
-        outcome = Begin(options, session);
+    if (Outcome outcome = Begin(options, session); outcome.Failed()) {
+        return outcome;
     }
     Answer answer;
-    if (!outcome.Failed()) {
-        outcome = Call(options, session,
-                       "<reserveDevice>" + Element("deviceId", session.DeviceId()) +
-                           Element("owner", options.owner) + Element("hostLock", options.lock) +
-                           "</reserveDevice>",
-                       answer);
-    }
-    if (outcome.Failed()) {
+    const std::string operation = "<reserveDevice>" + Element("deviceId", session.DeviceId()) +
+                                  Element("owner", options.owner) +
+                                  Element("hostLock", options.lock) + "</reserveDevice>";
+    if (Outcome outcome = Call(options, session, operation, answer); outcome.Failed()) {
         return outcome;
     }
     const std::string handle =
@@ -264,19 +272,15 @@ Outcome Reserve(const Options& options) {
 Outcome Release(const Options& options) {
     Session session;
     std::string handle;
-    Outcome outcome = BeginWithReserved(options, session);
-    if (!outcome.Failed()) {
-        outcome = NeedHandle(options, session, handle);
-    }
-    if (outcome.Failed()) {
+    if (Outcome outcome = BeginWithHandle(options, session, handle); outcome.Failed()) {
         return outcome;
     }
     Answer answer;
     int code = -1;
-    outcome = Call(options, session,
-                   "<releaseDevice>" + Element("handle", handle) +
-                       Element("deviceId", session.DeviceId()) + "</releaseDevice>",
-                   answer, &code);
+    Outcome outcome = Call(options, session,
+                           "<releaseDevice>" + Element("handle", handle) +
+                               Element("deviceId", session.DeviceId()) + "</releaseDevice>",
+                           answer, &code);
     const bool isOver = code == 0 || code == kWrongHandle || code == kNotReserved;
     if (isOver && handle == HandleStore::Get(session.DeviceId())) {
         HandleStore::Forget(session.DeviceId());
@@ -286,22 +290,19 @@ Outcome Release(const Options& options) {
 
 Outcome Lock(const Options& options) {
     const std::string& host = options.arguments.front();
-    Outcome outcome = CheckHost(host);
-    if (outcome.Failed()) {
+    if (Outcome outcome = CheckHost(host); outcome.Failed()) {
         return outcome;
     }
     Session session;
     std::string handle;
-    outcome = BeginWithReserved(options, session);
-    if (!outcome.Failed()) {
-        outcome = NeedHandle(options, session, handle);
+    if (Outcome outcome = BeginWithHandle(options, session, handle); outcome.Failed()) {
+        return outcome;
     }
     Answer answer;
-    return outcome.Failed() ? outcome
-                            : Call(options, session,
-                                   "<setHostLock>" + Element("handle", handle) +
-                                       Element("hostLock", host) + "</setHostLock>",
-                                   answer);
+    return Call(
+        options, session,
+        "<setHostLock>" + Element("handle", handle) + Element("hostLock", host) + "</setHostLock>",
+        answer);
 }
 
 Outcome Mode(const Options& options) {
@@ -311,35 +312,30 @@ Outcome Mode(const Options& options) {
                                         "' is no mode; give dhcp, linklocal or configured"};
     }
     Session session;
-    const Outcome outcome = BeginWithReserved(options, session);
+    if (Outcome outcome = BeginWithReserved(options, session); outcome.Failed()) {
+        return outcome;
+    }
     Answer answer;
     // A free box needs no handle.
-    return outcome.Failed()
-               ? outcome
-               : Call(options, session,
-                      "<switchMode>" + Element("deviceId", session.DeviceId()) +
-                          Element("mode", *number) + Element("handle", HandleOf(options, session)) +
-                          "</switchMode>",
-                      answer);
+    return Call(options, session,
+                "<switchMode>" + Element("deviceId", session.DeviceId()) +
+                    Element("mode", *number) + Element("handle", HandleOf(options, session)) +
+                    "</switchMode>",
+                answer);
 }
 
 Outcome Command(const Options& options) {
     Session session;
     std::string handle;
-    Outcome outcome = BeginWithReserved(options, session);
-    if (!outcome.Failed()) {
-        outcome = NeedHandle(options, session, handle);
+    if (Outcome outcome = BeginWithHandle(options, session, handle); outcome.Failed()) {
+        return outcome;
     }
     Answer answer;
-    if (!outcome.Failed()) {
-        outcome = Call(options, session,
-                       "<executeGenericCommand>" + Element("handle", handle) +
-                           Element("pSubSystem", options.arguments[0]) +
-                           Element("pCommand", options.arguments[1]) +
-                           ParameterElements(options.parameters) + "</executeGenericCommand>",
-                       answer);
-    }
-    if (outcome.Failed()) {
+    const std::string operation =
+        "<executeGenericCommand>" + Element("handle", handle) +
+        Element("pSubSystem", options.arguments[0]) + Element("pCommand", options.arguments[1]) +
+        ParameterElements(options.parameters) + "</executeGenericCommand>";
+    if (Outcome outcome = Call(options, session, operation, answer); outcome.Failed()) {
         return outcome;
     }
     const xmlNode* const result =

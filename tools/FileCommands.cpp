@@ -48,33 +48,30 @@ void Follow(const Options& options, const BoxAddress& box, const std::string& fi
 
 Outcome Log(const Options& options) {
     BoxAddress box;
-    Outcome outcome = BoxName::Resolve(options, box);
+    if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
+        return outcome;
+    }
     std::string text;
-    if (!outcome.Failed()) {
-        outcome = HttpClient::Get(box, kLog, options.timeout, text);
+    if (Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text); outcome.Failed()) {
+        return outcome;
     }
-    if (!outcome.Failed()) {
-        if (options.follow) {
-            Follow(options, box, text);
-        } else {
-            Print(text);
-        }
-    }
-    return outcome;
+    options.follow ? Follow(options, box, text) : Print(text);
+    return {};
 }
 
 Outcome Wsdl(const Options& options) {
     BoxAddress box;
-    Outcome outcome = BoxName::Resolve(options, box);
+    if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
+        return outcome;
+    }
+    const std::string path = options.agent ? SoapClient::kAgent : SoapClient::kConnector;
     std::string text;
-    if (!outcome.Failed()) {
-        const std::string path = options.agent ? SoapClient::kAgent : SoapClient::kConnector;
-        outcome = HttpClient::Get(box, path + "?wsdl", options.timeout, text);
+    if (Outcome outcome = HttpClient::Get(box, path + "?wsdl", options.timeout, text);
+        outcome.Failed()) {
+        return outcome;
     }
-    if (!outcome.Failed()) {
-        Print(text);
-    }
-    return outcome;
+    Print(text);
+    return {};
 }
 
 }  // namespace FileCommands

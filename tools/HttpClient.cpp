@@ -53,8 +53,7 @@ bool Send(int descriptor, std::string_view text) {
 Outcome Exchange(const BoxAddress& box, const std::string& request,
                  std::chrono::milliseconds timeout, HttpRequest& response) {
     SocketGuard socket;
-    Outcome opened = Open(box, timeout, socket);
-    if (opened.Failed()) {
+    if (Outcome opened = Open(box, timeout, socket); opened.Failed()) {
         return opened;
     }
     if (!Send(socket.Get(), request)) {

@@ -13,7 +13,7 @@ enum class ExitStatus {
 };
 
 /// How something ended, and if it failed, one line that says why.
-struct Outcome {
+struct [[nodiscard]] Outcome {
     ExitStatus status = ExitStatus::kDone;
     std::string text;
 
