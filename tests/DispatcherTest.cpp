@@ -1,78 +1,37 @@
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <string>
-
 #include "ChildProcess.h"
 #include "Dispatcher.h"
 #include "Support.h"
 
-namespace {
-
-using Parameters = std::map<std::string, std::string>;
-
-const std::string kDirectory = "/app/zel/commands/test/";
-
-/// As the agent runs: children are reaped by the system, and writing to the dead is no signal.
-class DispatcherTest : public testing::Test {
-protected:
-    DispatcherTest() {
-        struct sigaction action {};
-        action.sa_handler = SIG_IGN;
-        action.sa_flags = SA_NOCLDWAIT;
-        sigaction(SIGCHLD, &action, nullptr);
-    }
-
-    int Run(const std::string& command, const Parameters& parameters = {}) {
-        return Dispatcher::CommandExecution("test", command, parameters, result_);
-    }
-    std::string result_;
-};
-
-TEST_F(DispatcherTest, CommandsReallyRun) {
-    InstallProgram(kDirectory + "echo", "cat");
-    EXPECT_EQ(Run("echo", {{"b", "2 $(id)"}, {"a", "x=y"}}), 0);
-    EXPECT_EQ(result_, "a=x=y\nb=2 $(id)\n");
-    InstallProgram(kDirectory + "fail", "echo reason; exit 3");
-    EXPECT_EQ(Run("fail"), 3);
-    EXPECT_EQ(result_, "reason\n");
-    InstallProgram(kDirectory + "killed", "kill -9 $$");
-    EXPECT_NE(Run("killed"), 0);
-    EXPECT_NE(result_.find("signal 9"), std::string::npos) << result_;
-}
-
-TEST_F(DispatcherTest, WhatCannotRunSaysWhy) {
-    WriteFile(kDirectory + "plain", "no program");
-    const struct {
-        const char* subsystem;
-        const char* command;
-        Parameters parameters;
-        const char* reason;
-    } cases[] = {
-        {"..", "echo", {}, "subsystem name '..'"},
-        {"", "echo", {}, "subsystem name ''"},
-        {"test", "../test/echo", {}, "command name '../test/echo'"},
-        {"test", "a b", {}, "command name 'a b'"},
-        {"test", "none", {}, "No such file"},
-        {"none", "none", {}, "No such file"},
-        {"test", "echo", {{"a=b", ""}}, "parameter 'a=b'"},
-        {"test", "echo", {{"a", "1\nb=2"}}, "parameter 'a'"},
-    };
-    InstallProgram(kDirectory + "echo", "cat");
-    for (const auto& c : cases) {
-        EXPECT_NE(Dispatcher::CommandExecution(c.subsystem, c.command, c.parameters, result_), 0);
-        EXPECT_NE(result_.find(c.reason), std::string::npos) << result_;
+TEST(DispatcherTest, CommandsRunOrTellWhyNot) {
+    signal(SIGCHLD, SIG_IGN);  // as in the agent: the system reaps children
+    const std::string directory = "/app/zel/commands/test/";
+    WriteFile(directory + "plain", "no program");
+    InstallProgram(directory + "echo", "cat");
+    InstallProgram(directory + "fail", "echo reason; exit 3");
+    InstallProgram(directory + "killed", "kill -9 $$");
+    InstallProgram(directory + "deaf", "head -c 3000000 /dev/zero | tr '\\0' x");
+    const std::string large(900000, 'z');
+    constexpr int kWrong = -1;  // any other than 0, and the result says why
+    using Parameters = std::map<std::string, std::string>;
+    for (const auto& [subsystem, command, parameters, code, result] :
+         Table<const char*, const char*, Parameters, int, std::string>{
+             {"test", "echo", {{"b", "2 $(id)"}, {"a", "x=y"}}, 0, "a=x=y\nb=2 $(id)\n"},
+             {"test", "echo", {{"v", large}}, 0, "v=" + large + "\n"},
+             {"test", "deaf", {{"v", large}}, 0, std::string(ChildProcess::kMaxOutput, 'x')},
+             {"test", "fail", {}, 3, "reason\n"},
+             {"test", "killed", {}, kWrong, "signal 9"},
+             {"..", "echo", {}, kWrong, "subsystem name '..'"},
+             {"", "echo", {}, kWrong, "subsystem name ''"},
+             {"test", "../test/echo", {}, kWrong, "command name '../test/echo'"},
+             {"test", "a b", {}, kWrong, "command name 'a b'"},
+             {"test", "plain", {}, kWrong, "Permission denied"},
+             {"none", "none", {}, kWrong, "No such file"},
+             {"test", "echo", {{"a=b", ""}}, kWrong, "parameter 'a=b'"},
+             {"test", "echo", {{"a", "1\nb=2"}}, kWrong, "parameter 'a'"}}) {
+        SCOPED_TRACE(std::string(subsystem) + "/" + command);
+        std::string got;
+        const int status = Dispatcher::CommandExecution(subsystem, command, parameters, got);
+        EXPECT_TRUE(code == kWrong ? status != 0 : status == code) << status;
+        EXPECT_TRUE(code == kWrong ? got.find(result) != got.npos : got == result) << got;
     }
 }
-
-TEST_F(DispatcherTest, LargeInputAndOutputDoNotBlock) {
-    InstallProgram(kDirectory + "deaf", "head -c 3000000 /dev/zero | tr '\\0' x");
-    EXPECT_EQ(Run("deaf", {{"large", std::string(1000000, 'y')}}), 0);
-    EXPECT_EQ(result_.size(), ChildProcess::kMaxOutput);
-    InstallProgram(kDirectory + "wide", "cat");
-    const std::string value(900000, 'z');
-    EXPECT_EQ(Run("wide", {{"v", value}}), 0);
-    EXPECT_EQ(result_, "v=" + value + "\n");
-}
-
-}  // namespace
