@@ -1,12 +1,8 @@
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include "MeasureDevice.h"
 #include "Reboot.h"
 #include "Support.h"
-
-namespace {
 
 TEST(MeasureDeviceTest, WhatIsNoAnswerIsAFailure) {
     WriteFile("/dev/measure/0", "?\n");
@@ -24,5 +20,3 @@ TEST(RebootTest, TellsThatTheToolIsMissing) {
     std::filesystem::remove("/usr/sbin/reboot");
     EXPECT_EQ(Reboot().DoReboot(), -1);
 }
-
-}  // namespace
