@@ -1,44 +1,29 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
-#include <cstdlib>
-#include <filesystem>
-
 #include "HandleStore.h"
+#include "Support.h"
 
 TEST(HandleStoreTest, HandlesAreKeptForTheUserAlone) {
     setenv("XDG_STATE_HOME", "/tmp/state/of/user", 1);
-    EXPECT_TRUE(HandleStore::Put("TAVO1", "-12"));
-    EXPECT_TRUE(HandleStore::Put("TAVO1", "34"));
-    EXPECT_TRUE(HandleStore::Put("TAVO2", "56"));
-    EXPECT_EQ(HandleStore::Get("TAVO1"), "34");
-    struct stat status {};
-    ASSERT_EQ(stat("/tmp/state/of/user/zelctl", &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0700U);
+    for (const auto& [id, handle] : Table<const char*, const char*>{
+             {"TAVO1", "-12"}, {"TAVO1", "34"}, {"TAVO2", "56"}, {"TAVO3", "7"}}) {
+        EXPECT_TRUE(HandleStore::Put(id, handle));
+        EXPECT_EQ(HandleStore::Get(id), handle);
+    }
     HandleStore::Forget("TAVO1");
     EXPECT_EQ(HandleStore::Get("TAVO1"), "");
-    EXPECT_EQ(HandleStore::Get("TAVO2"), "56");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator("/tmp/state/of/user/zelctl"), {}),
-              1);
+    EXPECT_EQ(OutputOf("cd /tmp/state/of/user; stat -c %a zelctl; ls zelctl"),
+              "700\nTAVO2\nTAVO3\n");
 }
 
 TEST(HandleStoreTest, NoDeviceIdLeavesTheDirectory) {
     setenv("HOME", "/root", 1);
-    struct Case {
-        const char* state;
-        const char* id;
-        const char* path;
-    };
-    constexpr Case kCases[] = {
-        {"/s", "TAVO-1_x", "/s/zelctl/TAVO-1_x"},
-        {"/s", "../../x", "/s/zelctl/%2e%2e%2f%2e%2e%2fx"},
-        {"/s", "%2e\n\xff", "/s/zelctl/%252e%0a%ff"},
-        {"", "T", "/root/.local/state/zelctl/T"},
-        {"relative", "T", "/root/.local/state/zelctl/T"},
-    };
-    for (const Case& each : kCases) {
-        setenv("XDG_STATE_HOME", each.state, 1);
-        EXPECT_EQ(HandleStore::PathOf(each.id), each.path);
+    for (const auto& [state, id, path] : Table<const char*, const char*, const char*>{
+             {"/s", "TAVO-1_x", "/s/zelctl/TAVO-1_x"},
+             {"/s", "../../x", "/s/zelctl/%2e%2e%2f%2e%2e%2fx"},
+             {"/s", "%2e\n\xff", "/s/zelctl/%252e%0a%ff"},
+             {"", "T", "/root/.local/state/zelctl/T"},
+             {"relative", "T", "/root/.local/state/zelctl/T"}}) {
+        setenv("XDG_STATE_HOME", state, 1);
+        EXPECT_EQ(HandleStore::PathOf(id), path);
     }
     EXPECT_FALSE(HandleStore::Put("", "1"));
     unsetenv("XDG_STATE_HOME");
