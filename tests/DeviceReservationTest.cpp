@@ -1,13 +1,8 @@
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
 #include <regex>
 #include <set>
-#include <string>
 
 #include "DeviceReservation.h"
-#include "Shell.h"
+#include "Support.h"
 
 namespace {
 
@@ -15,41 +10,28 @@ class DeviceReservationTest : public testing::Test {
 protected:
     DeviceReservationTest() { config_.Set("zel.state.current", "4", ZelConfig::Kind::kFixed); }
 
-    /// The packet filter's rules for incoming packets, one a line.
-    static std::string Rules() {
-        std::string rules;
-        EXPECT_TRUE(Shell::RunSystemWithResult(rules, "/sbin/iptables -S INPUT | grep -v ^-P"));
-        return rules;
-    }
-
-    static std::string RulesFor(const std::string& source) {
-        std::string rules;
-        for (const char* port : {"6801", "6802", "52410", "52411"}) {
-            rules += "-A INPUT " + source + "-p tcp -m tcp --dport " + port + " -j ACCEPT\n";
-        }
-        return rules;
-    }
-
-    static std::string Forwarding() {
-        std::string value;
-        ReadFirstLine("/proc/sys/net/ipv4/ip_forward", value);
-        return value;
-    }
-
+    static constexpr char kForwarding[] = "/proc/sys/net/ipv4/ip_forward";
     ZelConfig config_;
     DeviceReservation reservation_{config_};
 };
 
 TEST_F(DeviceReservationTest, WhatAReservationLeavesInTheBox) {
+    // A lock that was never set is not cleared.
+    config_.Set("zel.state.current", "5", ZelConfig::Kind::kFixed);
+    config_.Set("zel.state.handle", "1", ZelConfig::Kind::kFixed);
+    WriteFile(kForwarding, "1\n");
+    EXPECT_TRUE(reservation_.Release("1"));
+    EXPECT_EQ(ReadFile(kForwarding), "1\n");
+
     std::string handle;
     ASSERT_TRUE(reservation_.Reserve("owner", "192.168.68.1", handle));
     EXPECT_TRUE(std::regex_match(handle, std::regex("-?[0-9]{1,19}"))) << handle;
     EXPECT_EQ(config_.Get("zel.state.handle"), handle);
-    EXPECT_EQ(Forwarding(), "1");
+    EXPECT_EQ(ReadFile(kForwarding), "1\n");
     EXPECT_TRUE(std::filesystem::is_empty("/tmp/forceconnect"));
     EXPECT_TRUE(reservation_.Release(handle));
     EXPECT_EQ(config_.Get("zel.state.handle"), "");
-    EXPECT_EQ(Forwarding(), "0");
+    EXPECT_EQ(ReadFile(kForwarding), "0\n");
     EXPECT_FALSE(reservation_.Release(""));
     EXPECT_FALSE(reservation_.ReleaseOwnedBy(""));
 
@@ -57,34 +39,26 @@ TEST_F(DeviceReservationTest, WhatAReservationLeavesInTheBox) {
     EXPECT_FALSE(reservation_.Reserve("owner", "0", handle));
 }
 
-TEST_F(DeviceReservationTest, ALockThatWasNeverSetIsNotCleared) {
-    config_.Set("zel.state.current", "5", ZelConfig::Kind::kFixed);
-    config_.Set("zel.state.handle", "1", ZelConfig::Kind::kFixed);
-    std::ofstream("/proc/sys/net/ipv4/ip_forward") << "1\n";
-    EXPECT_TRUE(reservation_.Release("1"));
-    EXPECT_EQ(Forwarding(), "1");
-}
-
 TEST_F(DeviceReservationTest, HostLockIsWhateverTheSystemReadsAsAnAddress) {
-    const struct {
-        const char* hostLock;
-        const char* stored;
-        const char* source;
-    } cases[] = {
-        {"", "0.0.0.0", ""},
-        {"0", "0.0.0.0", ""},
-        {"127.0.0.1", "127.0.0.1", "-s 127.0.0.1/32 "},
-        {"0x0a.1", "10.0.0.1", "-s 10.0.0.1/32 "},
-        {"10.0.0.1; reboot", "255.255.255.255", "-s 255.255.255.255/32 "},
-        {"workshop-pc", "255.255.255.255", "-s 255.255.255.255/32 "},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [hostLock, stored, source] : Table<const char*, const char*, const char*>{
+             {"", "0.0.0.0", ""},
+             {"0", "0.0.0.0", ""},
+             {"127.0.0.1", "127.0.0.1", "-s 127.0.0.1/32 "},
+             {"0x0a.1", "10.0.0.1", "-s 10.0.0.1/32 "},
+             {"10.0.0.1; reboot", "255.255.255.255", "-s 255.255.255.255/32 "},
+             {"workshop-pc", "255.255.255.255", "-s 255.255.255.255/32 "}}) {
+        SCOPED_TRACE(hostLock);
+        std::string expected;
+        for (const char* port : {"6801", "6802", "52410", "52411"}) {
+            expected += std::string("-A INPUT ") + source + "-p tcp -m tcp --dport " + port +
+                        " -j ACCEPT\n";
+        }
         std::string handle;
-        ASSERT_TRUE(reservation_.Reserve("owner", c.hostLock, handle)) << c.hostLock;
-        EXPECT_EQ(config_.Get("zel.state.hostlock"), c.stored) << c.hostLock;
-        EXPECT_EQ(Rules(), RulesFor(c.source)) << c.hostLock;
+        ASSERT_TRUE(reservation_.Reserve("owner", hostLock, handle));
+        EXPECT_EQ(config_.Get("zel.state.hostlock"), stored);
+        EXPECT_EQ(OutputOf("/sbin/iptables -S INPUT | grep -v ^-P"), expected);
         ASSERT_TRUE(reservation_.Release(handle));
-        EXPECT_EQ(Rules(), "") << c.hostLock;
+        EXPECT_EQ(OutputOf("/sbin/iptables -S INPUT | grep -v ^-P"), "");
     }
 }
 
