@@ -1,15 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
-#include <sys/socket.h>
-
-#include <array>
-#include <cstdint>
-#include <string>
-#include <string_view>
-#include <thread>
 
 #include "SocketGuard.h"
 #include "Support.h"
@@ -44,27 +36,16 @@ public:
     static constexpr char kBoxAddress[] = "192.168.68.42";
 
     explicit SlpPeer(std::uint16_t port) {
-        std::thread([this] {
+        std::thread([this, port] {
             const SocketGuard space(open("/run/netns/client", O_RDONLY | O_CLOEXEC));
             EXPECT_EQ(setns(space.Get(), CLONE_NEWNET), 0);
-            socket_.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+            socket_.Reset(OpenSocket(SOCK_DGRAM, "0.0.0.0", port));
         }).join();
-        const sockaddr_in any = Address("0.0.0.0", port);
-        EXPECT_EQ(bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&any), sizeof any), 0);
-        const timeval patience{30, 0};
-        setsockopt(socket_.Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-        const in_addr card = Address(kAddress, 0).sin_addr;
-        const ip_mreq membership{Address("239.255.255.253", 0).sin_addr, card};
-        EXPECT_EQ(setsockopt(socket_.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
-                             sizeof membership),
-                  0);
+        Set(IPPROTO_IP, IP_ADD_MEMBERSHIP,
+            ip_mreq{Address("239.255.255.253", 0).sin_addr, Address(kAddress, 0).sin_addr});
         // It has no route for groups.
-        const std::string_view interface = "eth0";
-        EXPECT_EQ(setsockopt(socket_.Get(), SOL_SOCKET, SO_BINDTODEVICE, interface.data(),
-                             static_cast<socklen_t>(interface.size())),
-                  0);
-        const unsigned char off = 0;
-        setsockopt(socket_.Get(), IPPROTO_IP, IP_MULTICAST_LOOP, &off, sizeof off);
+        Set(SOL_SOCKET, SO_BINDTODEVICE, std::array<char, 5>{"eth0"});
+        Set(IPPROTO_IP, IP_MULTICAST_LOOP, 0);
     }
 
     void Send(const std::string& datagram, const char* to = kBoxAddress) {
@@ -76,18 +57,15 @@ public:
 
     /// The next datagram, which must come from the box's SLP port; empty when none comes.
     std::string Receive() {
-        std::array<char, 8192> datagram{};
+        std::string datagram(8192, '\0');
         sockaddr_in from{};
         socklen_t size = sizeof from;
         const ssize_t received = recvfrom(socket_.Get(), datagram.data(), datagram.size(), 0,
                                           reinterpret_cast<sockaddr*>(&from), &size);
-        if (received < 0) {
-            ADD_FAILURE() << "nothing comes";
-            return "";
-        }
+        EXPECT_GE(received, 0) << "nothing comes";
         EXPECT_EQ(from.sin_addr.s_addr, Address(kBoxAddress, 0).sin_addr.s_addr);
         EXPECT_EQ(ntohs(from.sin_port), 427);
-        return {datagram.data(), static_cast<std::size_t>(received)};
+        return datagram.substr(0, static_cast<std::size_t>(std::max<ssize_t>(received, 0)));
     }
 
     std::string Ask(const std::string& datagram) {
@@ -96,5 +74,10 @@ public:
     }
 
 private:
+    template <typename Value>
+    void Set(int level, int option, const Value& value) {
+        EXPECT_EQ(setsockopt(socket_.Get(), level, option, &value, sizeof value), 0) << option;
+    }
+
     SocketGuard socket_;
 };
