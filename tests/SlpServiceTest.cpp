@@ -1,28 +1,18 @@
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <new>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "SlpAttributes.h"
 #include "SlpCodec.h"
 #include "SlpPeer.h"
 #include "StoreSetup.h"
-#include "Support.h"
 #include "ZelLogging.h"
 #include "ZelSlpService.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using Kind = ZelConfig::Kind;
 
 const std::string kTypes = "service:zel.connector,service:hux-vci,";
 
@@ -30,7 +20,8 @@ std::string SrvRqst(const std::string& type, std::size_t xid = 7) {
     return Message(1, xid, Zeros(2) + Text(type) + Text("default") + Zeros(4));
 }
 
-std::string AttrRqst(const std::string& url, const std::string& scope, std::size_t xid = 7) {
+std::string AttrRqst(const std::string& url, const std::string& scope = "default",
+                     std::size_t xid = 7) {
     return Message(6, xid, Zeros(2) + Text(url) + Text(scope) + Zeros(4));
 }
 
@@ -47,16 +38,18 @@ class SlpServiceTest : public testing::Test {
 protected:
     SlpServiceTest() {
         SetUpStore(config_, trigger15_, [] { return ""; });
-        config_.Set("zel.state.startup", "1", Kind::kFixed);
-        config_.Set("tavo.hostname", "TAVO0012345", Kind::kFixed);
+        Set("zel.state.startup", "1");
+        Set("tavo.hostname", "TAVO0012345");
     }
 
-    void Set(const char* key, const char* value) { config_.Set(key, value, Kind::kFixed); }
+    void Set(const std::string& key, const std::string& value) {
+        config_.Set(key, value, ZelConfig::Kind::kFixed);
+    }
 
     /// Nothing comes for `datagram`: the answer to the request behind it comes first.
-    void ExpectSilence(const std::string& datagram, const std::string& name) {
+    void ExpectSilence(const std::string& datagram) {
         client_.Send(datagram);
-        EXPECT_EQ(client_.Ask(SrvRqst("service:hux-vci", 99)), SrvRply(99)) << name;
+        EXPECT_EQ(client_.Ask(SrvRqst("service:hux-vci", 99)), SrvRply(99));
     }
 
     Trigger15 trigger15_;
@@ -72,151 +65,116 @@ protected:
 
 TEST_F(SlpServiceTest, WhatIsAnsweredAndWhatIsNot) {
     ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering));
-    EXPECT_EQ(client_.Ask(SrvRqst("service:zel.connector", 0xABCD)), SrvRply(0xABCD));
-    EXPECT_EQ(client_.Ask(SrvRqst("my service:hux-vci://x")), SrvRply(7)) << "part of the type";
-    EXPECT_EQ(client_.Ask(SrvRqst("")), SrvRply(7)) << "any type";
     const std::string types = Message(10, 5, Zeros(2) + Text(kTypes) + Zeros(1));
-    EXPECT_EQ(client_.Ask(Message(9, 5, Zeros(2) + Word(0xFFFF) + Text("any"), "de")), types);
-    client_.Send(Message(9, 5, Zeros(6)), "239.255.255.253");
-    EXPECT_EQ(client_.Receive(), types) << "the multicast group is joined";
-
-    const std::string legacy = client_.Ask(AttrRqst("SERVICE:hux-vci", "DeFault"));
-    EXPECT_EQ(legacy, AttrRply(SlpAttributes::LegacyList(config_)));
+    const std::string legacy = AttrRply(SlpAttributes::LegacyList(config_));
     std::string announced = SrvRqst("service:zel.connector");
     announced[4] = static_cast<char>(announced[4] + 1);
-    const struct {
-        const char* name;
-        std::string datagram;
-    } silent[] = {
-        {"another type", SrvRqst("service:printer")},
-        {"a type in capitals", SrvRqst("SERVICE:HUX-VCI")},
-        {"another scope", AttrRqst("service:zel.connector", "default,other")},
-        {"no scope", AttrRqst("service:zel.connector", "")},
-        {"a third URL", AttrRqst("service:zel.connector://x", "default")},
-        {"a reply", SrvRply(7)},
-        {"attributes nobody asked for", AttrRply("(Service=zel-manager),(ClusterIP='10.0.0.1')")},
-        {"a registration", Message(3, 7, Zeros(10))},
-        {"an answer of another kind", Message(2, 7, Zeros(2) + Word(0xFFFF))},
-        {"lengths beyond the end", std::string("\2\6\0\20\0", 5) + std::string(4091, '\xFF')},
-        {"a wrong length", announced},
-        {"an empty datagram", ""},
-        {"two bytes", std::string("\2\1")},
-        {"a large one", Message(1, 7, Zeros(5000))},
-    };
-    for (const auto& s : silent) {
-        ExpectSilence(s.datagram, s.name);
-    }
-}
-
-TEST_F(SlpServiceTest, TheConnectorsAttributes) {
-    Set("zel.state.owner", "J\xC3\xB6rg (first)~, <o\\k>=!");
-    Set("network.current.lan.netmask", "255.255.0.0");
-    Set("network.current.defaultgateway", "192.168.68.1");
-    ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering));
-    const auto expectParts = [this](const std::string& url, const std::vector<std::string>& parts) {
-        const std::string answer = client_.Ask(AttrRqst(url, "default"));
-        for (const std::string& part : parts) {
-            EXPECT_NE(answer.find(part), std::string::npos) << part << " in " << answer;
+    for (const auto& [name, request, answer] : Table<const char*, std::string, std::string>{
+             {"a type", SrvRqst("service:zel.connector", 0xABCD), SrvRply(0xABCD)},
+             {"part of the type", SrvRqst("my service:hux-vci://x"), SrvRply(7)},
+             {"any type", SrvRqst(""), SrvRply(7)},
+             {"types", Message(9, 5, Zeros(2) + Word(0xFFFF) + Text("any"), "de"), types},
+             {"attributes", AttrRqst("SERVICE:hux-vci", "DeFault"), legacy},
+             {"another type", SrvRqst("service:printer"), ""},
+             {"a type in capitals", SrvRqst("SERVICE:HUX-VCI"), ""},
+             {"another scope", AttrRqst("service:zel.connector", "default,other"), ""},
+             {"no scope", AttrRqst("service:zel.connector", ""), ""},
+             {"a third URL", AttrRqst("service:zel.connector://x"), ""},
+             {"a reply", SrvRply(7), ""},
+             {"nobody asked", AttrRply("(Service=zel-manager),(ClusterIP='10.0.0.1')"), ""},
+             {"a registration", Message(3, 7, Zeros(10)), ""},
+             {"an answer of another kind", Message(2, 7, Zeros(2) + Word(0xFFFF)), ""},
+             {"lengths beyond the end", std::string("\2\6\0\20\0", 5) + std::string(4091, '\xFF'),
+              ""},
+             {"a wrong length", announced, ""},
+             {"an empty datagram", "", ""},
+             {"two bytes", "\2\1", ""},
+             {"a large one", Message(1, 7, Zeros(5000)), ""}}) {
+        SCOPED_TRACE(name);
+        if (answer.empty()) {
+            ExpectSilence(request);
+        } else {
+            EXPECT_EQ(client_.Ask(request), answer);
         }
-    };
-    Set("diag.connected.tavo_c", "0");
-    Set("diag.connected.tavo_d", "0");
-    Set("diag.most.lighton", "0");
-    expectParts("Service:Zel.Connector",
-                {"(Counter=-2147483648)",
-                 "(Owner=J\xC3\xB6rg \\28first\\29\\7e\\2c \\3co\\5ck\\3e\\3d\\21)",
-                 "(VciChannels=[KLine,DCAN])"});
-    client_.Ask(AttrRqst("service:hux-vci", "default"));
-    Set("diag.connected.tavo_d", "1");
-    Set("diag.most.lighton", "1");
-    Set("diag.most.tavobstate", "1");
-    Set("net.current.networktype", "1");
-    Set("network.current.wlan.netmask", "0xFF.0377.x.0");
-    // The last parts of the net mask are the gateway's.
-    expectParts("", {"(Counter=-2147483647)", "(VciChannels=[KLine,MOST])", "(Netmask=-48127)",
-                     "(NetGateway=-1062714367)", "(NetworkType=1)"});
+    }
+    client_.Send(Message(9, 5, Zeros(6)), "239.255.255.253");
+    EXPECT_EQ(client_.Receive(), types) << "the multicast group is joined";
 }
 
-TEST_F(SlpServiceTest, AddressesThatCannotBeReadAndValuesThatAreMissing) {
-    const auto numbers = [this](const char* gateway, const char* netmask) {
-        Set("network.current.defaultgateway", gateway);
-        Set("network.current.lan.netmask", netmask);
-        const std::string list = SlpAttributes::ConnectorList(config_, 0);
-        const std::size_t begin = list.find("(Netmask=");
-        return list.substr(begin, list.find(",(NetworkType") - begin);
-    };
-    EXPECT_EQ(numbers("0.0.0.0", "255.255.255.0"), "(Netmask=-256),(NetGateway=0)");
-    EXPECT_EQ(numbers("", ""), "(Netmask=0),(NetGateway=0)");
-    EXPECT_EQ(numbers("1.2", "x"), "(Netmask=16908288),(NetGateway=16908288)");
-    EXPECT_EQ(numbers("1.2.3.4", "9 .9"), "(Netmask=151126788),(NetGateway=16909060)");
-    EXPECT_EQ(numbers("-1.0.0.0", "0.0.0.99999999999999999999"),
-              "(Netmask=2147483647),(NetGateway=-16777216)");
-
-    std::ofstream("/proc/sys/kl30") << "99999999999999999999 V";
-    std::filesystem::remove("/proc/sys/atmel/kl15_ewb");
-    std::filesystem::remove("/tmp/kvadvin");
-    Set("system.voltage.kl15trig", "");
-    Set("tavo.color", "mauve");
-    const std::string list = SlpAttributes::ConnectorList(config_, 0);
-    for (const char* part : {"(Kl30Voltage=99999999999999999999 V)", "(Kl15Voltage=)",
-                             "(Kl15Trigger=true)", "(VIN=)", "(Diag=[])", "(Color=)"}) {
-        EXPECT_NE(list.find(part), std::string::npos) << part << " in " << list;
+// What a box in the usual state tells is seen in its answers.
+TEST_F(SlpServiceTest, AttributesFollowTheStore) {
+    using Settings = std::vector<std::pair<const char*, const char*>>;
+    const char* const gateway = "network.current.defaultgateway";
+    const char* const netmask = "network.current.lan.netmask";
+    WriteFile("/proc/sys/kl30", "99999999999999999999 V");
+    OutputOf("rm /proc/sys/atmel/kl15_ewb /tmp/kvadvin");
+    for (const auto& [settings, parts] : Table<Settings, std::vector<std::string>>{
+             {{{"diag.connected.tavo_c", "0"},
+               {"diag.connected.tavo_d", "0"},
+               {"diag.most.lighton", "0"},
+               {"system.voltage.kl15trig", ""},
+               {"tavo.color", "mauve"}},
+              {"(VciChannels=[KLine,DCAN])", "(Kl30Voltage=99999999999999999999 V)",
+               "(Kl15Voltage=)", "(Kl15Trigger=true)", "(VIN=)", "(Diag=[])", "(Color=)"}},
+             {{{"diag.connected.tavo_d", "1"},
+               {"diag.most.lighton", "1"},
+               {"diag.most.tavobstate", "1"}},
+              {"(VciChannels=[KLine,MOST])"}},
+             {{{gateway, "0.0.0.0"}, {netmask, "255.255.255.0"}},
+              {"(Netmask=-256),(NetGateway=0),(NetworkType=0)"}},
+             {{{gateway, ""}, {netmask, ""}}, {"(Netmask=0),(NetGateway=0)"}},
+             // Parts that are missing in the net mask are the gateway's.
+             {{{gateway, "1.2"}, {netmask, "x"}}, {"(Netmask=16908288),(NetGateway=16908288)"}},
+             {{{gateway, "1.2.3.4"}, {netmask, "9 .9"}},
+              {"(Netmask=151126788),(NetGateway=16909060)"}},
+             {{{gateway, "-1.0.0.0"}, {netmask, "0.0.0.99999999999999999999"}},
+              {"(Netmask=2147483647),(NetGateway=-16777216)"}},
+             {{{gateway, "192.168.68.1"},
+               {"net.current.networktype", "1"},
+               {"network.current.wlan.netmask", "0xFF.0377.x.0"}},
+              {"(Netmask=-48127),(NetGateway=-1062714367),(NetworkType=1)"}}}) {
+        for (const auto& [key, value] : settings) {
+            Set(key, value);
+        }
+        ExpectParts(SlpAttributes::ConnectorList(config_, 0), parts);
     }
+    Set("network.current.lan.ip", "192.168.68.42");
+    Set("network.current.wlan.ip", "10.0.0.9");
+    Set("system.version.app", "12");
+    ExpectParts(SlpAttributes::LegacyList(config_),
+                {"(DevClass=HUX-VCI)(FirmwareRev=12)(Mac", "(IpAddress=10.0.0.9)(Assigned"});
 }
 
 TEST_F(SlpServiceTest, ValuesOfPeersStayValuesAndListsStayShort) {
     const std::string car = "\xF0\x9F\x9A\x97";
-    const auto times = [](std::size_t count, const std::string& text) {
-        std::string all;
-        for (std::size_t i = 0; i < count; ++i) {
-            all += text;
-        }
-        return all;
-    };
-    const auto ownerIn = [this](const std::string& owner) {
-        config_.Set("zel.state.owner", owner, Kind::kFixed);
-        const std::string list = SlpAttributes::ConnectorList(config_, 0);
-        const std::size_t begin = list.find("(Owner=") + 7;
-        return list.substr(begin, list.find("),(Kl15Voltage=") - begin);
-    };
-    EXPECT_EQ(ownerIn("x),(State=4"), "x\\29\\2c\\28State\\3d4");
-    EXPECT_EQ(ownerIn("a\n\x7f\x1b[m"), "a\\0a\\7f\\1b[m");
-    EXPECT_EQ(ownerIn(times(5000, "b,")), times(32, "b\\2c")) << "64 characters";
-    EXPECT_EQ(ownerIn(times(65, car)), times(64, car));
-    EXPECT_EQ(ownerIn(times(65, "\xF0\x9F")), times(32, "\xF0\x9F")) << "broken ones are bytes";
-
-    std::ofstream kvadVin("/tmp/kvadvin");
-    kvadVin << "KVAD=TESTVIN0123456789\nDIAG_ADR=1),(State=4\n";
-    for (int i = 0; i < 300; ++i) {
-        kvadVin << "DIAG_ADR=0x10\n";
+    for (const auto& [owner, told] : Table<std::string, std::string>{
+             {"x),(State=4", "x\\29\\2c\\28State\\3d4"},
+             {"J\xC3\xB6rg~, <o\\k>!", "J\xC3\xB6rg\\7e\\2c \\3co\\5ck\\3e\\21"},
+             {"a\n\x7f\x1b[m", "a\\0a\\7f\\1b[m"},
+             {Times(5000, "b,"), Times(32, "b\\2c")},  // 64 characters
+             {Times(65, car), Times(64, car)},
+             {Times(65, "\xF0\x9F"), Times(32, "\xF0\x9F")}}) {  // broken ones are bytes
+        Set("zel.state.owner", owner);
+        ExpectParts(SlpAttributes::ConnectorList(config_, 0),
+                    {"(Owner=" + told + "),(Kl15Voltage="});
     }
-    kvadVin.close();
+
+    WriteFile("/tmp/kvadvin",
+              "KVAD=TESTVIN0123456789\nDIAG_ADR=1),(State=4\n" + Times(300, "DIAG_ADR=0x10\n"));
     for (const std::size_t size : {1U, 63U, 100U, 5000U}) {
         for (const std::string& name : {std::string("n"), std::string(")"), car}) {
-            config_.Set("tavo.hostname", times(size, name), Kind::kFixed);
-            config_.Set("hardware.devtype", times(size, name), Kind::kFixed);
+            Set("tavo.hostname", Times(size, name));
+            Set("hardware.devtype", Times(size, name));
             const std::string list = SlpAttributes::ConnectorList(config_, -2147483647);
             const std::string legacy = SlpAttributes::LegacyList(config_);
             EXPECT_LE(std::max(list.size(), legacy.size()), 1400U - 22) << size << name;
             EXPECT_EQ(std::count(list.begin(), list.end(), '('), 25) << list;
             EXPECT_EQ(std::count(legacy.begin(), legacy.end(), ')'), 12) << legacy;
-            for (const char* part :
-                 {"(Diag=[1\\29,\\28State\\3d4,0x10,", "0x10]),(AccuCapacity=0)",
-                  "(VIN=TESTVIN0123456789)", "(UUID=00000000-0000-0000-0000-000000000000)"}) {
-                EXPECT_NE(list.find(part), std::string::npos) << part << " in " << list;
-            }
+            ExpectParts(list,
+                        {"(Diag=[1\\29,\\28State\\3d4,0x10,", "0x10]),(AccuCapacity=0)",
+                         "(VIN=TESTVIN0123456789)", "(UUID=00000000-0000-0000-0000-000000000000)"});
         }
     }
-}
-
-TEST_F(SlpServiceTest, TheLegacyAttributes) {
-    Set("network.current.lan.ip", "192.168.68.42");
-    Set("network.current.wlan.ip", "10.0.0.9");
-    Set("net.current.networktype", "1");
-    Set("system.version.app", "12");
-    const std::string list = SlpAttributes::LegacyList(config_);
-    EXPECT_TRUE(list.starts_with("(DevClass=HUX-VCI)(FirmwareRev=12)(Mac")) << list;
-    EXPECT_NE(list.find("(IpAddress=10.0.0.9)(Assigned"), std::string::npos) << list;
 }
 
 TEST_F(SlpServiceTest, OnlyAFullAnswerToANeighbourCountsAsFound) {
@@ -226,7 +184,7 @@ TEST_F(SlpServiceTest, OnlyAFullAnswerToANeighbourCountsAsFound) {
     Set("network.config.discover.mode", "-");
     ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering));
     client_.Ask(SrvRqst("service:zel.connector"));
-    client_.Ask(AttrRqst("", "default"));
+    client_.Ask(AttrRqst(""));
     EXPECT_EQ(config_.Get("network.config.discover.mode"), "-") << "from another network";
     mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
     EXPECT_EQ(config_.Get("network.config.discover.mode"), "2") << "nothing had been signalled";
@@ -238,8 +196,8 @@ TEST_F(SlpServiceTest, OnlyAFullAnswerToANeighbourCountsAsFound) {
     service_.Stop(ZelSlpService::kAnswering);
     ZelSlpService other(wired, finished, [] {});
     ASSERT_TRUE(other.Start(ZelSlpService::kAnswering));
-    client_.Ask(AttrRqst("service:hux-vci", "default"));
-    client_.Ask(AttrRqst("", "default"));
+    client_.Ask(AttrRqst("service:hux-vci"));
+    client_.Ask(AttrRqst(""));
     finished.Event(DiscoverModeCtrl::Trigger::kAssigning, DiscoverModeCtrl::kStatic);
     EXPECT_EQ(finished.CurrentMode(), DiscoverModeCtrl::kDhcp) << "the answer was the last event";
 }
@@ -265,7 +223,7 @@ TEST_F(SlpServiceTest, LackOfMemoryLosesADatagramAndNoThread) {
     config_.Register("diag.kvad.gateway",
                      [](const std::string&, std::string&) -> bool { throw std::bad_alloc(); });
     ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering));
-    ExpectSilence(AttrRqst("", "default"), "no memory for it");
+    ExpectSilence(AttrRqst(""));
 }
 
 TEST_F(SlpServiceTest, StopsWhileItWaits) {
@@ -325,9 +283,9 @@ TEST(SlpBaseTest, RefusedDatagramsAreLogged) {
     ASSERT_EQ(incomplete.size(), 61U);
     incomplete[4] = 60;
     incomplete.resize(59);
-    const std::string datagrams[] = {incomplete, Message(3, 1, Zeros(2)), Message(8, 1, Zeros(2)),
-                                     "", Message(7, 1, Zeros(6000))};
-    for (const std::string& datagram : datagrams) {
+    for (const std::string& datagram :
+         {incomplete, Message(3, 1, Zeros(2)), Message(8, 1, Zeros(2)), Zeros(0),
+          Message(7, 1, Zeros(6000))}) {
         peer.Send(datagram);
         EXPECT_FALSE(socket.ReceiveWithin(30s));
     }
@@ -337,12 +295,10 @@ TEST(SlpBaseTest, RefusedDatagramsAreLogged) {
     const auto& request = std::get<SlpRequest>(*message);
     EXPECT_EQ(request.peerAddress, SlpPeer::kAddress);
     EXPECT_EQ(request.peerPort, 4000U);
-    const std::string log = ReadFile(ZelLogging::kLogFile);
-    for (const char* line : {"incomplete packet (60 != 59)\n", "Unsupported SLP request type 3\n",
-                             "Unsupported SLP request type 8\n", "recvfrom() == 0\n",
-                             "incomplete packet (6016 != 4096)\n"}) {
-        EXPECT_NE(log.find(line), std::string::npos) << line;
-    }
+    ExpectParts(ReadFile(ZelLogging::kLogFile),
+                {"incomplete packet (60 != 59)\n", "Unsupported SLP request type 3\n",
+                 "Unsupported SLP request type 8\n", "recvfrom() == 0\n",
+                 "incomplete packet (6016 != 4096)\n"});
 }
 
 /// A loop around it neither spins nor waits for ever.
@@ -352,8 +308,7 @@ TEST(SlpBaseTest, AClosedSocketIsLoggedAndPaused) {
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(socket.Receive());
     EXPECT_GT(std::chrono::steady_clock::now() - begin, 900ms);
-    const std::string log = ReadFile(ZelLogging::kLogFile);
-    EXPECT_NE(log.find("recvfrom() == " + std::to_string(-1UL) + "\n"), std::string::npos);
+    ExpectParts(ReadFile(ZelLogging::kLogFile), {"recvfrom() == " + std::to_string(-1UL) + "\n"});
 
     auto receiving = std::async(std::launch::async, [&socket] {
         while (!socket.IsInterrupted()) {
