@@ -1,14 +1,6 @@
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-
-#include <array>
-#include <chrono>
-#include <optional>
-#include <string>
-#include <thread>
-
 #include "HttpMessageReader.h"
 #include "SocketGuard.h"
+#include "Support.h"
 
 namespace {
 
@@ -23,9 +15,12 @@ public:
         near_.Reset(ends[0]);
         far_.Reset(ends[1]);
     }
-    void Send(const std::string& data) {
-        // The reader may have given up already.
-        static_cast<void>(send(far_.Get(), data.data(), data.size(), MSG_NOSIGNAL));
+    /// Sends that much at a time; the reader may have given up already.
+    void Send(const std::string& data, std::size_t pieceSize = std::string::npos) {
+        for (std::size_t i = 0; i < data.size(); i += std::min(pieceSize, data.size())) {
+            const std::string piece = data.substr(i, pieceSize);
+            send(far_.Get(), piece.data(), piece.size(), MSG_NOSIGNAL);
+        }
     }
     void Close() { far_.Reset(); }
     int Descriptor() const { return near_.Get(); }
@@ -35,7 +30,17 @@ private:
     SocketGuard far_;
 };
 
-constexpr auto kShort = 100ms;
+/// Reads the message that `send` sends meanwhile. 0 when its head is none, 1 when its body is none,
+/// 2 when it is complete.
+int Read(HttpRequest& request, const std::function<void(Peer&)>& send,
+         std::chrono::milliseconds patience = 60s) {
+    Peer peer;
+    const std::jthread sender([&] { send(peer); });
+    HttpMessageReader reader(peer.Descriptor(), patience);
+    const int read = !reader.ReadHead(request) ? 0 : reader.ReadBody(request) ? 2 : 1;
+    shutdown(peer.Descriptor(), SHUT_RDWR);
+    return read;
+}
 
 TEST(HttpMessageReaderTest, HeadLinesAreTakenByPrefix) {
     const std::string head =
@@ -50,7 +55,11 @@ TEST(HttpMessageReaderTest, HeadLinesAreTakenByPrefix) {
         "Transfer-Encoding: chunked \r\n"
         "Connection: keep-alive\r\n"
         "\r\n";
-    const auto check = [](const HttpRequest& request) {
+    for (const std::size_t pieceSize : {head.size(), std::size_t{1}}) {
+        HttpRequest request;
+        EXPECT_EQ(Read(
+                      request, [&](Peer& peer) { peer.Send(head, pieceSize); }, 1000ms),
+                  1);
         EXPECT_EQ(request.url, "/path?query");
         EXPECT_EQ(request.method, HttpRequest::Method::kPost);
         EXPECT_EQ(request.contentLength, 12);
@@ -58,90 +67,88 @@ TEST(HttpMessageReaderTest, HeadLinesAreTakenByPrefix) {
         EXPECT_EQ(request.host, "box");
         EXPECT_EQ(request.userAgent, "me");
         EXPECT_EQ(request.acceptEncoding, "none");
-        EXPECT_FALSE(request.chunked);
-        EXPECT_FALSE(request.keepAlive);
-    };
-    Peer whole;
-    whole.Send(head);
-    HttpRequest request;
-    HttpMessageReader reader(whole.Descriptor());
-    EXPECT_TRUE(reader.ReadHead(request));
-    check(request);
-
-    Peer drop;
-    std::thread sender([&] {
-        for (const char c : head) {
-            drop.Send(std::string(1, c));
-            std::this_thread::yield();
-        }
-    });
-    HttpRequest dropped;
-    HttpMessageReader dropReader(drop.Descriptor());
-    EXPECT_TRUE(dropReader.ReadHead(dropped));
-    sender.join();
-    check(dropped);
+        EXPECT_FALSE(request.chunked || request.keepAlive);
+    }
 }
 
 TEST(HttpMessageReaderTest, MessagesThatDoNotEndAreGivenUp) {
-    for (const std::string start :
-         {"", "GET /x", "GET /x\r\n", "\n\n\n", "GET /x\r\nContent-Length: 10\r\n\r\n123",
-          "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n",
-          "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n5\r\n12",
-          "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n2\r\n12"}) {
-        Peer silent;
-        silent.Send(start);
+    const std::string chunked = "GET /x\r\nTransfer-Encoding: chunked\r\n\r\n";
+    for (const auto& [start, read] :
+         Table<std::string, int>{{"", 0},
+                                 {"GET /x", 0},
+                                 {"GET /x\r\n", 0},
+                                 {"\n\n\n", 0},
+                                 {"GET /x\r\nContent-Length: 10\r\n\r\n123", 1},
+                                 {chunked, 1},
+                                 {chunked + "5\r\n12", 1},
+                                 {chunked + "2\r\n12", 1}}) {
         HttpRequest request;
-        HttpMessageReader reader(silent.Descriptor(), kShort);
-        EXPECT_EQ(reader.ReadHead(request), start.find("\r\n\r\n") != std::string::npos) << start;
-        EXPECT_FALSE(reader.ReadBody(request)) << "silent after " << start;
+        EXPECT_EQ(Read(
+                      request, [text = start](Peer& peer) { peer.Send(text); }, 100ms),
+                  read)
+            << "silent after " << start;
     }
     for (const std::string& piece : {std::string(1000, 'x'), std::string(1000, '\n'),
                                      "X: " + std::string(500, 'y') + "\r\n"}) {
-        Peer flood;
-        std::thread sender([&] {
-            for (std::size_t sent = 0; sent <= HttpMessageReader::kMaxHead; sent += piece.size()) {
-                flood.Send(piece);
-            }
-        });
         HttpRequest request;
-        HttpMessageReader reader(flood.Descriptor());
-        EXPECT_FALSE(reader.ReadHead(request));
-        sender.join();
+        EXPECT_EQ(Read(request,
+                       [&piece](Peer& peer) {
+                           peer.Send(Times(HttpMessageReader::kMaxHead / piece.size() + 1, piece),
+                                     piece.size());
+                       }),
+                  0);
     }
 }
 
-TEST(HttpMessageReaderTest, SizedBodies) {
+TEST(HttpMessageReaderTest, Bodies) {
     constexpr std::size_t kMax = HttpMessageReader::kMaxBody;
-    const struct {
-        std::string length;
-        std::size_t sent;
-        bool result;
-        std::optional<std::size_t> size;
-    } cases[] = {
-        {"5", 5, true, 5},
-        {"5", 3, false, 3},
-        {std::to_string(kMax), 500, false, 500},
-        {"0", 0, false, std::nullopt},
-        {"-1", 3, false, std::nullopt},
-        {"99999999999999999999", 3, false, std::nullopt},
-        {std::to_string(kMax), kMax, true, kMax},
-        {std::to_string(kMax + 1), 10, false, std::nullopt},
+    const auto sized = [](const std::string& length, const std::string& body) {
+        return "Content-Length: " + length + "\r\n\r\n" + body;
     };
-    for (const auto& c : cases) {
-        Peer peer;
-        std::thread sender([&] {
-            peer.Send("POST / HTTP/1.0\r\nContent-Length: " + c.length + "\r\n\r\n");
-            peer.Send(std::string(c.sent, 'b'));
-            peer.Close();
-        });
-        HttpRequest request;
-        HttpMessageReader reader(peer.Descriptor());
-        ASSERT_TRUE(reader.ReadHead(request));
-        EXPECT_EQ(reader.ReadBody(request), c.result) << c.length;
-        sender.join();
-        EXPECT_EQ(request.body.has_value(), c.size.has_value()) << c.length;
-        EXPECT_EQ(request.body.value_or("").size(), c.size.value_or(0)) << c.length;
-        EXPECT_LE(request.body.value_or("").capacity(), 2 * c.sent + 100) << "what was announced";
+    const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n";
+    const std::string full(HttpMessageReader::kMaxChunk, 'c');
+    const std::string many = chunked + Times(17, "10000\r\n" + full + "\r\n");
+    const std::string large(kMax, 'b');
+    for (const auto& [message, isComplete, body] :
+         Table<std::string, bool, std::optional<std::string>>{
+             {sized("5", "bbbbb"), true, "bbbbb"},
+             {sized("5", "bbb"), false, "bbb"},
+             {sized(std::to_string(kMax), "bbb"), false, "bbb"},
+             {sized("0", ""), false, {}},
+             {sized("-1", "bbb"), false, {}},
+             {sized("99999999999999999999", "bbb"), false, {}},
+             {sized(std::to_string(kMax), large), true, large},
+             {sized(std::to_string(kMax + 1), "bbb"), false, {}},
+             {chunked + "3\r\nabc\r\nA \r\n0123456789\r\n0\r\n", true, "abc0123456789"},
+             {chunked + " 3\x10\x13\r\nabc\r\n0\r\n", true, "abc"},
+             {chunked + "3\r\nabc\r\n\r\n", true, "abc"},  // an empty line is the end
+             {chunked + "0\r\n", true, ""},
+             {chunked + "10000\r\n" + full + "\r\n0\r\n", true, full},
+             {chunked + "10001\r\n" + full + "c\r\n0\r\n", false, {}},
+             {chunked + "FFFFFFFFFFFFFFFFFFFF\r\n", false, {}},
+             {chunked + "3;x=y\r\nabc\r\n0\r\n", false, {}},
+             {chunked + "-3\r\nabc\r\n0\r\n", false, {}},
+             {chunked + "xyz\r\n", false, {}},
+             {many + "0\r\n", true, Times(17, full)},  // 1 MiB and one chunk
+             {many + "1\r\nx\r\n0\r\n", false, {}},
+             {chunked + "5\r\nab", false, {}},
+             {chunked + "2\r\nab", false, {}},
+             {chunked + "2\r\nab\r\n", false, {}}}) {
+        for (const std::size_t pieceSize : {std::size_t{1} << 20, std::size_t{1}, std::size_t{7}}) {
+            if (message.size() / pieceSize > 100000) {
+                continue;
+            }
+            SCOPED_TRACE(message.substr(0, 60) + " by " + std::to_string(pieceSize));
+            HttpRequest request;
+            const int read = Read(request, [pieceSize, text = message](Peer& peer) {
+                peer.Send("POST / HTTP/1.0\r\n" + text, pieceSize);
+                peer.Close();
+            });
+            EXPECT_EQ(read, isComplete ? 2 : 1);
+            EXPECT_TRUE(request.body == body) << request.body.value_or("none").substr(0, 60);
+            EXPECT_LE(request.body.value_or("").capacity(), 2 * message.size() + 100)
+                << "what was announced";
+        }
     }
 }
 
@@ -149,7 +156,7 @@ TEST(HttpMessageReaderTest, ABodyInPartsTakesBytesOfTheNextRequest) {
     Peer peer;
     peer.Send("POST / HTTP/1.0\r\nContent-Length: 10\r\n\r\n12345");
     HttpRequest request;
-    HttpMessageReader reader(peer.Descriptor(), kShort);
+    HttpMessageReader reader(peer.Descriptor(), 100ms);
     ASSERT_TRUE(reader.ReadHead(request));
     peer.Send("67890GET /next HTTP/1.0\r\n\r\n");
     EXPECT_FALSE(reader.ReadBody(request)) << "more than announced is not complete";
@@ -158,91 +165,34 @@ TEST(HttpMessageReaderTest, ABodyInPartsTakesBytesOfTheNextRequest) {
     EXPECT_TRUE(reader.ReadHead(next)) << "what is left of the line is no request line";
     EXPECT_FALSE(next.url.has_value());
 
-    Peer whole;
-    whole.Send("POST / HTTP/1.0\r\nContent-Length: 5\r\n\r\n12345GET /next HTTP/1.0\r\n\r\n");
-    HttpMessageReader wholeReader(whole.Descriptor());
-    HttpRequest first;
-    HttpRequest second;
-    EXPECT_TRUE(wholeReader.ReadHead(first) && wholeReader.ReadBody(first));
-    EXPECT_EQ(first.body, "12345");
-    EXPECT_TRUE(wholeReader.ReadHead(second));
-    EXPECT_EQ(second.url, "/next");
-}
-
-TEST(HttpMessageReaderTest, ChunkedBodies) {
-    const std::string full(HttpMessageReader::kMaxChunk, 'c');
-    std::string many;
-    for (int i = 0; i < 17; ++i) {
-        many += "10000\r\n" + full + "\r\n";
-    }
-    const struct {
-        std::string name;
-        std::string chunks;
-        std::optional<std::string> body;
-    } cases[] = {
-        {"chunks", "3\r\nabc\r\nA \r\n0123456789\r\n0\r\n", "abc0123456789"},
-        {"padded size", " 3\x10\x13\r\nabc\r\n0\r\n", "abc"},
-        {"empty line is the end", "3\r\nabc\r\n\r\n", "abc"},
-        {"nothing", "0\r\n", ""},
-        {"largest chunk", "10000\r\n" + full + "\r\n0\r\n", full},
-        {"chunk too large", "10001\r\n" + full + "c\r\n0\r\n", std::nullopt},
-        {"number too large", "FFFFFFFFFFFFFFFFFFFF\r\n", std::nullopt},
-        {"extension", "3;x=y\r\nabc\r\n0\r\n", std::nullopt},
-        {"sign", "-3\r\nabc\r\n0\r\n", std::nullopt},
-        {"no number", "xyz\r\n", std::nullopt},
-        {"1 MiB and one chunk", many + "0\r\n", std::string(17 * full.size(), 'c')},
-        {"more than that", many + "1\r\nx\r\n0\r\n", std::nullopt},
-        {"cut in a chunk", "5\r\nab", std::nullopt},
-        {"cut behind a chunk", "2\r\nab", std::nullopt},
-        {"no end", "2\r\nab\r\n", std::nullopt},
-    };
-    for (const auto& c : cases) {
-        for (const std::size_t pieceSize : {std::size_t{1} << 20, std::size_t{1}, std::size_t{7}}) {
-            const std::string data =
-                "POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n" + c.chunks;
-            if (data.size() / pieceSize > 100000) {
-                continue;
-            }
-            Peer peer;
-            std::thread sender([&] {
-                for (std::size_t i = 0; i < data.size(); i += pieceSize) {
-                    peer.Send(data.substr(i, pieceSize));
-                }
-                peer.Close();
-            });
-            HttpRequest request;
-            HttpMessageReader reader(peer.Descriptor());
-            EXPECT_TRUE(reader.ReadHead(request));
-            EXPECT_EQ(reader.ReadBody(request), c.body.has_value()) << c.name << ' ' << pieceSize;
-            EXPECT_EQ(request.body, c.body) << c.name << ' ' << pieceSize;
-            shutdown(peer.Descriptor(), SHUT_RDWR);
-            sender.join();
-        }
-    }
+    peer.Send("POST / HTTP/1.0\r\nContent-Length: 5\r\n\r\n12345GET /next HTTP/1.0\r\n\r\n");
+    HttpRequest whole;
+    EXPECT_TRUE(reader.ReadHead(whole) && reader.ReadBody(whole));
+    EXPECT_EQ(whole.body, "12345");
+    EXPECT_TRUE(reader.ReadHead(next));
+    EXPECT_EQ(next.url, "/next");
 }
 
 TEST(HttpMessageReaderTest, LargeBodiesAreCountedAsLongAsTheyAreHeld) {
     const auto read = [](HttpRequest& request, std::chrono::milliseconds patience = 60s) {
-        Peer peer;
-        std::thread sender([&peer] {
-            peer.Send("POST / HTTP/1.0\r\nContent-Length: 65537\r\n\r\n" + std::string(65537, 'b'));
-        });
-        HttpMessageReader reader(peer.Descriptor(), patience);
-        const bool complete = reader.ReadHead(request) && reader.ReadBody(request);
-        shutdown(peer.Descriptor(), SHUT_RDWR);
-        sender.join();
-        return complete;
+        return Read(
+            request,
+            [](Peer& peer) {
+                peer.Send("POST / HTTP/1.0\r\nContent-Length: 65537\r\n\r\n" +
+                          std::string(65537, 'b'));
+            },
+            patience);
     };
     std::array<HttpRequest, HttpMessageReader::kMaxLargeBodies> held;
     for (HttpRequest& request : held) {
-        ASSERT_TRUE(read(request));
+        ASSERT_EQ(read(request), 2);
     }
     HttpRequest further;
-    EXPECT_FALSE(read(further, 1000ms));
+    EXPECT_EQ(read(further, 1000ms), 1);
     EXPECT_LE(further.body.value_or("").size(), HttpMessageReader::kSmallBody);
     held[7] = {};
     further = {};
-    EXPECT_TRUE(read(further));
+    EXPECT_EQ(read(further), 2);
 }
 
 }  // namespace
