@@ -65,9 +65,8 @@ TEST_F(ManagerLocatorTest, TheRememberedManagerIsAskedFirst) {
     EXPECT_TRUE(located.get());
     EXPECT_EQ(locator_.ManagerAddress(), "10.0.0.7");
     EXPECT_EQ(config_.Get("zel.state.startup"), "0") << "opened by the sign-in only";
-    EXPECT_EQ(ReadFile(ZelConfig::kConfigurationFile),
-              std::string(ManagerLocator::kRememberedKey) + "=192.168.68.1\n" +
-                  ManagerLocator::kFoundKey + "=10.0.0.7\n");
+    ZelConfig saved;
+    EXPECT_TRUE(saved.Load() && saved.Get(ManagerLocator::kFoundKey) == "10.0.0.7");
 }
 
 TEST_F(ManagerLocatorTest, TheGroupIsAskedUntilAManagerAnswers) {

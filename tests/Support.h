@@ -58,7 +58,7 @@ inline std::string ReadToEnd(int descriptor) {
 /// What a shell command prints, its errors included.
 inline std::string OutputOf(const std::string& command) {
     FILE* const output = popen(("exec 2>&1; " + command).c_str(), "r");
-    const std::string text = ReadToEnd(fileno(output));
+    std::string text = ReadToEnd(fileno(output));
     pclose(output);
     return text;
 }

@@ -86,8 +86,7 @@ TEST(ToolCommandsTest, AnswersOfStrangersAreJudged) {
              {soap("text"), kNotUnderstood},
              {"<E/>", kNotUnderstood},
              {"", kNotUnderstood},
-             {std::string(100000, '<'), kNotUnderstood},
-             {"<!DOCTYPE E [<!ENTITY e 'x'>]>" + soap("<r>&e;</r>"), kNotUnderstood}}) {
+             {std::string(100000, '<'), kNotUnderstood}}) {
         SoapClient::Answer answer;
         const ExitStatus status = SoapClient::Read(body, "box", answer).status;
         EXPECT_EQ(status, code == kNotUnderstood ? ExitStatus::kNotUnderstood : ExitStatus::kDone)
