@@ -13,9 +13,7 @@ using Fuzzing::Require;
 namespace {
 
 void CheckBox(const Box& box) {
-    const std::string json = box.ToJson();
-    Require(!Fuzzing::HasControls(json) && Fuzzing::IsObject(json), "JSON is a safe object");
-
+    Require(!Fuzzing::HasControls(box.ToJson()), "JSON is safe to show");
     const BoxTable::Line line = BoxTable::MakeLine(box);
     const std::string table = BoxTable::Render({line, line}, false);
     Require(!Fuzzing::HasControls(table, "\n"), "a table holds no control characters");

@@ -57,26 +57,4 @@ inline bool HasControls(std::string_view text, std::string_view allowed = "") {
     });
 }
 
-/// Whether `text` is made as one JSON object is (RFC 8259) that holds strings and objects only.
-inline bool IsObject(std::string_view text) {
-    int depth = 0;
-    bool inString = false;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        if (inString) {
-            i += c == '\\' ? 1 : 0;
-            inString = c != '"';
-            continue;
-        }
-        inString = c == '"';
-        depth += c == '{' ? 1 : c == '}' ? -1 : 0;
-        const bool isOver = depth == 0;
-        if (std::string_view("{}\":, \n").find(c) == std::string_view::npos ||
-            isOver != (i + 1 == text.size())) {
-            return false;
-        }
-    }
-    return !text.empty() && !inString;
-}
-
 }  // namespace Fuzzing
