@@ -105,7 +105,9 @@ TEST(HttpMessageReaderTest, Bodies) {
     const auto sized = [](const std::string& length, const std::string& body) {
         return "Content-Length: " + length + "\r\n\r\n" + body;
     };
-    const std::string chunked = "Transfer-Encoding: chunked\r\n\r\n";
+    const auto chunked = [](const std::string& chunks) {
+        return "Transfer-Encoding: chunked\r\n\r\n" + chunks;
+    };
     const std::string full(HttpMessageReader::kMaxChunk, 'c');
     const std::string many = Times(17, "10000\r\n" + full + "\r\n");
     const std::string large(kMax, 'b');
@@ -119,21 +121,21 @@ TEST(HttpMessageReaderTest, Bodies) {
              {sized("99999999999999999999", "bbb"), false, {}},
              {sized(std::to_string(kMax), large), true, large},
              {sized(std::to_string(kMax + 1), "bbb"), false, {}},
-             {chunked + "3\r\nabc\r\nA \r\n0123456789\r\n0\r\n", true, "abc0123456789"},
-             {chunked + " 3\x10\x13\r\nabc\r\n0\r\n", true, "abc"},
-             {chunked + "3\r\nabc\r\n\r\n", true, "abc"},  // an empty line is the end
-             {chunked + "0\r\n", true, ""},
-             {chunked + "10000\r\n" + full + "\r\n0\r\n", true, full},
-             {chunked + "10001\r\n" + full + "c\r\n0\r\n", false, {}},
-             {chunked + "FFFFFFFFFFFFFFFFFFFF\r\n", false, {}},
-             {chunked + "3;x=y\r\nabc\r\n0\r\n", false, {}},
-             {chunked + "-3\r\nabc\r\n0\r\n", false, {}},
-             {chunked + "xyz\r\n", false, {}},
-             {chunked + many + "0\r\n", true, Times(17, full)},  // 1 MiB and one chunk
-             {chunked + many + "1\r\nx\r\n0\r\n", false, {}},
-             {chunked + "5\r\nab", false, {}},
-             {chunked + "2\r\nab", false, {}},
-             {chunked + "2\r\nab\r\n", false, {}}}) {
+             {chunked("3\r\nabc\r\nA \r\n0123456789\r\n0\r\n"), true, "abc0123456789"},
+             {chunked(" 3\x10\x13\r\nabc\r\n0\r\n"), true, "abc"},
+             {chunked("3\r\nabc\r\n\r\n"), true, "abc"},  // an empty line is the end
+             {chunked("0\r\n"), true, ""},
+             {chunked("10000\r\n" + full + "\r\n0\r\n"), true, full},
+             {chunked("10001\r\n" + full + "c\r\n0\r\n"), false, {}},
+             {chunked("FFFFFFFFFFFFFFFFFFFF\r\n"), false, {}},
+             {chunked("3;x=y\r\nabc\r\n0\r\n"), false, {}},
+             {chunked("-3\r\nabc\r\n0\r\n"), false, {}},
+             {chunked("xyz\r\n"), false, {}},
+             {chunked(many + "0\r\n"), true, Times(17, full)},  // 1 MiB and one chunk
+             {chunked(many + "1\r\nx\r\n0\r\n"), false, {}},
+             {chunked("5\r\nab"), false, {}},
+             {chunked("2\r\nab"), false, {}},
+             {chunked("2\r\nab\r\n"), false, {}}}) {
         for (const std::size_t pieceSize : {std::size_t{1} << 20, std::size_t{1}, std::size_t{7}}) {
             if (message.size() / pieceSize > 100000) {
                 continue;
