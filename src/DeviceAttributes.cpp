@@ -11,6 +11,8 @@
 
 #include "KvadVin.h"
 #include "NetworkAttributes.h"
+#include "Numbers.h"
+#include "StoreKeys.h"
 #include "WlanMacFile.h"
 #include "ZelLog.h"
 
@@ -39,26 +41,28 @@ const char* ToDigit(bool value) {
 bool SetFromFile(ZelConfig& config, const std::string& key, const char* path) {
     std::string value;
     const bool read = ReadFirstLine(path, value);
-    return config.Set(key, value, Kind::kFixed) && read;
+    config.SetFixed(key, value);
+    return read;
+}
+
+void SetSource(ZelConfig& config, const char* key, const char* path) {
+    static_cast<void>(config.Set(key, path, Kind::kFile));  // a kind that is stored
 }
 
 bool AddIdentity(ZelConfig& config) {
-    bool complete = SetFromFile(config, "hardware.serial", "/proc/sys/sysinfo/sernum");
-    complete &=
-        config.Set("hardware.devid", kDeviceType + config.Get("hardware.serial"), Kind::kFixed);
-    complete &= config.Set("hardware.devtype", kDeviceType, Kind::kFixed);
-    complete &= SetFromFile(config, "hardware.version", "/proc/sys/sysinfo/version");
-    // The key is spelt as its readers spell it.
-    complete &= config.Set("hardware.batttery.capactiy", "0", Kind::kFixed);
-    return complete;
+    const bool hasSerial = SetFromFile(config, StoreKeys::kSerial, "/proc/sys/sysinfo/sernum");
+    config.SetFixed(StoreKeys::kDeviceId, kDeviceType + config.Get(StoreKeys::kSerial));
+    config.SetFixed(StoreKeys::kDeviceType, kDeviceType);
+    config.SetFixed(StoreKeys::kBatteryCapacity, "0");
+    return SetFromFile(config, StoreKeys::kHardwareVersion, "/proc/sys/sysinfo/version") &&
+           hasSerial;
 }
 
 bool AddMacAddresses(ZelConfig& config) {
     std::string mac;
-    bool complete = NetworkAttributes::ReadMacAddress(NetworkAttributes::kLanInterface, mac);
-    complete &= config.Set("network.mac.lan", mac, Kind::kFixed);
-    complete &= SetFromFile(config, "network.mac.wlan", WlanMacFile::kPath);
-    return complete;
+    const bool hasLan = NetworkAttributes::ReadMacAddress(NetworkAttributes::kLanInterface, mac);
+    config.SetFixed(StoreKeys::kLanMac, mac);
+    return SetFromFile(config, StoreKeys::kWlanMac, WlanMacFile::kPath) && hasLan;
 }
 
 /// "APPLICATION_VERSION=01.02.02" becomes "010202".
@@ -81,10 +85,10 @@ bool AddVersions(ZelConfig& config) {
         const char* path;
         std::string text;
     };
-    std::array<Version, 4> versions{{{"system.version.boot", "/etc/VERSION", ""},
-                                     {"system.version.boot_pkg", "/etc/PACKAGE_VERSION", ""},
-                                     {"system.version.app", "/app/VERSION", ""},
-                                     {"system.version.app_pkg", "/app/PACKAGE_VERSION", ""}}};
+    std::array<Version, 4> versions{{{StoreKeys::kBootVersion, "/etc/VERSION", ""},
+                                     {StoreKeys::kBootPackage, "/etc/PACKAGE_VERSION", ""},
+                                     {StoreKeys::kApplicationVersion, "/app/VERSION", ""},
+                                     {StoreKeys::kApplicationPackage, "/app/PACKAGE_VERSION", ""}}};
     bool complete = true;
     for (Version& version : versions) {
         complete &= ReadFirstLine(version.path, version.text);
@@ -94,10 +98,9 @@ bool AddVersions(ZelConfig& config) {
         if (version.text.starts_with('0')) {
             version.text.erase(0, 1);
         }
-        complete &= config.Set(version.key, version.text, Kind::kFixed);
+        config.SetFixed(version.key, version.text);
     }
-    complete &= config.Set("system.version.pkg", std::max(versions[1].text, versions[3].text),
-                           Kind::kFixed);
+    config.SetFixed(StoreKeys::kPackage, std::max(versions[1].text, versions[3].text));
     return complete;
 }
 
@@ -118,9 +121,8 @@ bool ReadTemperature(std::string& temperature, unsigned& status) {
     if (word.starts_with("0x") || word.starts_with("0X")) {
         word.remove_prefix(2);
     }
-    constexpr int kHexadecimal = 16;
-    return std::from_chars(word.data(), word.data() + word.size(), status, kHexadecimal).ec ==
-           std::errc();
+    return std::from_chars(word.data(), word.data() + word.size(), status, Numbers::kHexadecimal)
+               .ec == std::errc();
 }
 
 bool ProvideTemperature(const std::string& key, std::string& out) {
@@ -129,11 +131,11 @@ bool ProvideTemperature(const std::string& key, std::string& out) {
     if (!ReadTemperature(temperature, status)) {
         return false;
     }
-    if (key == "system.thermal.temp") {
+    if (key == StoreKeys::kTemperature) {
         out = temperature;
-    } else if (key == "system.thermal.tempcrit") {
+    } else if (key == StoreKeys::kTooHot) {
         out = ToDigit((status & kTemperatureCritical) != 0);
-    } else if (key == "system.thermal.fanstate") {
+    } else if (key == StoreKeys::kFanOn) {
         out = ToDigit((status & kFanOn) != 0);
     } else {
         return false;
@@ -142,11 +144,11 @@ bool ProvideTemperature(const std::string& key, std::string& out) {
 }
 
 void AddSupply(ZelConfig& config, const Trigger15& trigger15) {
-    config.Set("system.voltage.kl15", "/proc/sys/atmel/kl15_ewb", Kind::kFile);
-    config.Set("system.voltage.kl30", "/proc/sys/kl30", Kind::kFile);
-    config.Set("system.thermal.fanspeed", "/proc/sys/atmel/fanspeed", Kind::kFile);
-    config.Register("system.thermal.fanstate", ProvideTemperature);
-    config.Register("system.voltage.kl15trig", [&trigger15](const std::string&, std::string& out) {
+    SetSource(config, StoreKeys::kKl15, "/proc/sys/atmel/kl15_ewb");
+    SetSource(config, StoreKeys::kKl30, "/proc/sys/kl30");
+    SetSource(config, StoreKeys::kFanSpeed, "/proc/sys/atmel/fanspeed");
+    config.Register(StoreKeys::kFanOn, ProvideTemperature);
+    config.Register(StoreKeys::kKl15Edge, [&trigger15](const std::string&, std::string& out) {
         bool triggered = false;
         if (!trigger15.Query(triggered)) {
             return false;
@@ -161,13 +163,13 @@ bool ProvideVehicleDiagnosis(const std::string& key, std::string& out) {
     if (!vehicle.Read()) {
         return false;
     }
-    if (key == "diag.kvad.vin") {
+    if (key == StoreKeys::kVin) {
         out = vehicle.vin;
-    } else if (key == "diag.kvad.available") {
+    } else if (key == StoreKeys::kHasVin) {
         out = ToDigit(!vehicle.vin.empty());
-    } else if (key == "diag.kvad.gateway") {
+    } else if (key == StoreKeys::kGatewayAddress) {
         out = vehicle.gateway;
-    } else if (key == "diag.kvad.sg_list") {
+    } else if (key == StoreKeys::kControlUnits) {
         out = vehicle.ControlUnitList();
     } else {
         return false;
@@ -190,7 +192,7 @@ bool ProvideOpticalBus(const std::string& key, std::string& out) {
         out = "0";
         return true;
     }
-    if (key == "diag.most.lighton") {
+    if (key == StoreKeys::kOpticalBusLight) {
         return ReadFirstLine(kOpticalBusState, out);
     }
     out = "1";
@@ -235,23 +237,23 @@ bool AddDeviceAttributes(ZelConfig& config, const Trigger15& trigger15,
     complete &= AddMacAddresses(config);
     complete &= AddVersions(config);
     AddSupply(config, trigger15);
-    for (const char* key :
-         {"diag.kvad.vin", "diag.kvad.available", "diag.kvad.gateway", "diag.kvad.sg_list"}) {
+    for (const char* key : {StoreKeys::kVin, StoreKeys::kHasVin, StoreKeys::kGatewayAddress,
+                            StoreKeys::kControlUnits}) {
         config.Register(key, ProvideVehicleDiagnosis);
     }
-    for (const char* key : {"system.thermal.temp", "system.thermal.tempcrit"}) {
+    for (const char* key : {StoreKeys::kTemperature, StoreKeys::kTooHot}) {
         config.Register(key, ProvideTemperature);
     }
-    for (const char* key : {"diag.most.lighton", "diag.most.tavobstate"}) {
+    for (const char* key : {StoreKeys::kOpticalBusLight, StoreKeys::kOpticalBusThere}) {
         config.Register(key, ProvideOpticalBus);
     }
-    config.Register("diag.connected.tavo_c", ProvideHeadC);
-    config.Set("diag.connected.tavo_d", "/proc/sys/tavod_avail", Kind::kFile);
+    config.Register(StoreKeys::kHeadC, ProvideHeadC);
+    SetSource(config, StoreKeys::kHeadD, "/proc/sys/tavod_avail");
     NetworkAttributes::Add(config, wlanInterface);
     return complete;
 }
 
 void AddLateAttributes(ZelConfig& config) {
-    config.Register("system.info.free_ram", ProvideFreeMemory);
-    config.Register("system.timestamp", ProvideTimeStamp);
+    config.Register(StoreKeys::kFreeMemory, ProvideFreeMemory);
+    config.Register(StoreKeys::kTimestamp, ProvideTimeStamp);
 }

@@ -1,9 +1,11 @@
 #include "DiagnosticChannels.h"
 
+#include "StoreKeys.h"
+
 DiagnosticChannels DiagnosticChannels::Read(const ZelConfig& config) {
     const auto isOn = [&config](const char* key) { return config.Get(key) == "1"; };
-    return {.dCan = !isOn("diag.connected.tavo_c") && !isOn("diag.connected.tavo_d"),
-            .most = isOn("diag.most.lighton") && isOn("diag.most.tavobstate")};
+    return {.dCan = !isOn(StoreKeys::kHeadC) && !isOn(StoreKeys::kHeadD),
+            .most = isOn(StoreKeys::kOpticalBusLight) && isOn(StoreKeys::kOpticalBusThere)};
 }
 
 std::string DiagnosticChannels::ToText() const {

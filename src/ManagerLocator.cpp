@@ -8,6 +8,7 @@
 
 #include "Ipv4.h"
 #include "LogText.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
@@ -46,7 +47,7 @@ bool ManagerLocator::LocateManager() {
     if (!TryUnicast() && !TryMulticast()) {
         return false;
     }
-    config_.Set(kFoundKey, ManagerAddress(), ZelConfig::Kind::kPersistent);
+    config_.SetPersistent(StoreKeys::kFoundManager, ManagerAddress());
     if (!config_.Save()) {
         ZEL_ERROR("Can't save the manager's address");
     }
@@ -54,7 +55,7 @@ bool ManagerLocator::LocateManager() {
 }
 
 bool ManagerLocator::TryUnicast() {
-    const std::string remembered = config_.Get(kRememberedKey);
+    const std::string remembered = config_.Get(StoreKeys::kManager);
     if (!remembered.empty() && !IsHostAddress(remembered)) {
         const std::lock_guard lock(mutex_);
         Complain("The remembered '" + LogText::Of(remembered) + "'");
@@ -88,7 +89,7 @@ bool ManagerLocator::TryMulticast() {
 void ManagerLocator::OnMulticastFailure(int attempt) {
     if (attempt == kOpeningAttempt) {
         ZEL_DEBUG("go to receive");
-        config_.Set("zel.state.startup", "1", ZelConfig::Kind::kFixed);
+        config_.SetFixed(StoreKeys::kServing, "1");
     } else if (attempt == kReportingAttempt) {
         mode_.Event(DiscoverModeCtrl::Trigger::kNotFound);
     }

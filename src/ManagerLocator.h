@@ -18,12 +18,6 @@ public:
     /// UDP port that managers listen on.
     static constexpr std::uint16_t kManagerPort = 11352;
 
-    // Keys of the address that is asked first and of the one found; both hold one dotted address.
-    static constexpr char kRememberedKey[] =
-        "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips";
-    static constexpr char kFoundKey[] =
-        "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
-
     /// Most lines of the log in a start for values that no manager can have as its address, each
     /// once: anybody can send them.
     static constexpr std::size_t kMaxComplaints = 8;
@@ -35,8 +29,8 @@ public:
     /// Asks the remembered address three times, one second each, then the multicast group every two
     /// seconds without end. The first multicast attempt that fails opens the box to clients
     /// ("zel.state.startup"), the fourth is reported to the discover-mode controller. Returns true
-    /// once a manager has answered and its address is stored under kFoundKey and saved, false when
-    /// stopped.
+    /// once a manager has answered and its address is stored under StoreKeys::kFoundManager and
+    /// saved, false when stopped.
     bool LocateManager();
 
     /// Sends one request to a dotted address, or to the multicast group when it is empty. Replies

@@ -27,7 +27,7 @@ public:
     /// must not keep the box busy for ever.
     static constexpr int kMaxPreSignIns = 5;
 
-    /// The manager's address is read from the store (ManagerLocator::kFoundKey) by Run().
+    /// The manager's address is read from the store (StoreKeys::kFoundManager) by Run().
     OrsSignIn(ZelConfig& config, DeviceReservation& reservation, DiscoverModeCtrl& mode)
         : config_(config), reservation_(reservation), mode_(mode) {}
     OrsSignIn(const OrsSignIn&) = delete;

@@ -12,6 +12,7 @@
 #include "DiagnosticChannels.h"
 #include "NetworkType.h"
 #include "SlpEscapes.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace SlpAttributes {
@@ -125,7 +126,7 @@ std::string UsableChannels(const Source& source, const char* /*argument*/) {
 
 AddressParts GatewayParts(const Source& source) {
     AddressParts parts{};
-    ReadAddress(source.config.Get("network.current.defaultgateway"), parts);
+    ReadAddress(source.config.Get(StoreKeys::kDefaultGateway), parts);
     return parts;
 }
 
@@ -153,44 +154,44 @@ std::string IsReserved(const Source& source, const char* argument) {
 constexpr char kEnd[] = ")";
 
 constexpr Row kConnectorRows[] = {
-    {"(DevId=", Stored, "tavo.hostname"},
+    {"(DevId=", Stored, StoreKeys::kHostName},
     {"),(Service=", Text, "zel-connector"},
-    {"),(Serial=TAVO", Stored, "hardware.serial"},
-    {"),(MacAddress=", Stored, "network.mac.lan"},
-    {"),(DevType=", Stored, "hardware.devtype"},
-    {"),(ImageVersionBoot=", Stored, "system.version.boot"},
-    {"),(ImageVersionApplication=", Stored, "system.version.app"},
-    {"),(ImageVersionPackage=", Stored, "system.version.pkg"},
-    {"),(Color=", ColorValue, "tavo.color"},
+    {"),(Serial=TAVO", Stored, StoreKeys::kSerial},
+    {"),(MacAddress=", Stored, StoreKeys::kLanMac},
+    {"),(DevType=", Stored, StoreKeys::kDeviceType},
+    {"),(ImageVersionBoot=", Stored, StoreKeys::kBootVersion},
+    {"),(ImageVersionApplication=", Stored, StoreKeys::kApplicationVersion},
+    {"),(ImageVersionPackage=", Stored, StoreKeys::kPackage},
+    {"),(Color=", ColorValue, StoreKeys::kColor},
     {"),(Counter=", Counter, nullptr},
-    {"),(State=", Stored, "zel.state.current"},
-    {"),(Owner=", Owner, "zel.state.owner"},
-    {"),(Kl15Voltage=", Stored, "system.voltage.kl15"},
-    {"),(Kl30Voltage=", Stored, "system.voltage.kl30"},
-    {"),(Kl15Trigger=", IsNotZero, "system.voltage.kl15trig"},
-    {"),(SignalStrength=", StoredOrZero, "network.current.wlan.quality"},
-    {"),(VIN=", Stored, "diag.kvad.vin"},
-    {"),(Gateway=", Stored, "diag.kvad.gateway"},
-    {"),(Diag=", StoredList, "diag.kvad.sg_list"},
+    {"),(State=", Stored, StoreKeys::kState},
+    {"),(Owner=", Owner, StoreKeys::kOwner},
+    {"),(Kl15Voltage=", Stored, StoreKeys::kKl15},
+    {"),(Kl30Voltage=", Stored, StoreKeys::kKl30},
+    {"),(Kl15Trigger=", IsNotZero, StoreKeys::kKl15Edge},
+    {"),(SignalStrength=", StoredOrZero, StoreKeys::kWlanQuality},
+    {"),(VIN=", Stored, StoreKeys::kVin},
+    {"),(Gateway=", Stored, StoreKeys::kGatewayAddress},
+    {"),(Diag=", StoredList, StoreKeys::kControlUnits},
     // The key is spelt as its provider spells it.
-    {"),(AccuCapacity=", Stored, "hardware.batttery.capactiy"},
+    {"),(AccuCapacity=", Stored, StoreKeys::kBatteryCapacity},
     {"),(VciChannels=", UsableChannels, nullptr},
     {"),(Netmask=", NetMask, "netmask"},
     {"),(NetGateway=", NetGateway, nullptr},
     {"),(NetworkType=", Stored, NetworkType::kKey},
-    {"),(UUID=", Stored, "zel.state.uuid"},
+    {"),(UUID=", Stored, StoreKeys::kUuid},
 };
 
 constexpr Row kLegacyRows[] = {
-    {"(DevClass=HUX-VCI)(FirmwareRev=", WithoutLastTwo, "system.version.app"},
-    {")(MacAddress=", Stored, "network.mac.lan"},
-    {")(VciChannel1=TELMANO:", Stored, "tavo.hostname"},
-    {":6801)(VciChannel2=TELMANO:", Stored, "tavo.hostname"},
-    {":6802)(RkoUrl=//", Stored, "tavo.hostname"},
-    {":5302/rKO)(description=TAVO, Velka, QK20417B)(IsAllocated=", IsReserved, "zel.state.current"},
+    {"(DevClass=HUX-VCI)(FirmwareRev=", WithoutLastTwo, StoreKeys::kApplicationVersion},
+    {")(MacAddress=", Stored, StoreKeys::kLanMac},
+    {")(VciChannel1=TELMANO:", Stored, StoreKeys::kHostName},
+    {":6801)(VciChannel2=TELMANO:", Stored, StoreKeys::kHostName},
+    {":6802)(RkoUrl=//", Stored, StoreKeys::kHostName},
+    {":5302/rKO)(description=TAVO, Velka, QK20417B)(IsAllocated=", IsReserved, StoreKeys::kState},
     {")(IpAddress=", CurrentAddress, "ip"},
-    {")(AssignedColor=", Stored, "tavo.color"},
-    {")(VciChannels=2)(DevType=", Stored, "hardware.devtype"},
+    {")(AssignedColor=", Stored, StoreKeys::kColor},
+    {")(VciChannels=2)(DevType=", Stored, StoreKeys::kDeviceType},
 };
 
 /// Bytes of a list without its values.
@@ -256,8 +257,8 @@ int ReadVoltage(const ZelConfig& config, const char* key) {
 }  // namespace
 
 std::string ConnectorList(const ZelConfig& config, std::int32_t counter) {
-    ZEL_DEBUG("Kl30 voltage %d: Kl15 voltage %d", ReadVoltage(config, "system.voltage.kl30"),
-              ReadVoltage(config, "system.voltage.kl15"));
+    ZEL_DEBUG("Kl30 voltage %d: Kl15 voltage %d", ReadVoltage(config, StoreKeys::kKl30),
+              ReadVoltage(config, StoreKeys::kKl15));
     return MakeList(kConnectorRows, {config, counter});
 }
 

@@ -5,6 +5,7 @@
 #include "NetworkType.h"
 #include "OplaMode.h"
 #include "Revision.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
@@ -13,14 +14,14 @@ constexpr struct {
     const char* key;
     const char* value;
 } kInitialState[] = {
-    {"zel.state.current", DeviceReservation::kFree},
-    {"zel.state.startup", "0"},
-    {"zel.state.owner", ""},
-    {"zel.state.uuid", DeviceReservation::kFreeUuid},
-    {"zel.version", kVersion},
-    {"zel.svn.version", kRevision},
+    {StoreKeys::kState, DeviceReservation::kFree},
+    {StoreKeys::kServing, "0"},
+    {StoreKeys::kOwner, ""},
+    {StoreKeys::kUuid, DeviceReservation::kFreeUuid},
+    {StoreKeys::kVersion, kVersion},
+    {StoreKeys::kRevision, kRevision},
     {NetworkType::kKey, NetworkType::kLan},
-    {kOplaModeKey, "OPLA"},
+    {StoreKeys::kOplaMode, "OPLA"},
 };
 
 }  // namespace
@@ -29,11 +30,11 @@ void SetUpStore(ZelConfig& config, Trigger15& trigger15,
                 const NetworkAttributes::InterfaceName& wlanInterface) {
     bool complete = AddDeviceAttributes(config, trigger15, wlanInterface);
     for (const auto& [key, value] : kInitialState) {
-        complete &= config.Set(key, value, ZelConfig::Kind::kFixed);
+        config.SetFixed(key, value);
     }
     complete &= config.Load();
     if (IsOplaNext(config)) {
-        complete &= config.Set("zel.state.startup", "1", ZelConfig::Kind::kFixed);
+        config.SetFixed(StoreKeys::kServing, "1");
     }
     AddLateAttributes(config);
     if (!complete) {

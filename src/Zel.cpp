@@ -18,6 +18,7 @@
 #include "LogText.h"
 #include "OplaMode.h"
 #include "SetDateTime.h"
+#include "StoreKeys.h"
 #include "StoreSetup.h"
 #include "SupplicantLog.h"
 #include "UpdateFirmware.h"
@@ -29,7 +30,6 @@
 namespace {
 
 constexpr char kDefaultHostName[] = "TAVO";
-constexpr char kHostNameKey[] = "tavo.hostname";
 constexpr std::uint16_t kPorts[] = {80, 5302};
 constexpr timespec kIdleTime{1, 0};
 constexpr unsigned kAllSlpThreads = ZelSlpService::kAnswering | ZelSlpService::kSignIn;
@@ -86,7 +86,7 @@ std::uint32_t ConfiguredCountry() {
     }
     std::string line;
     while (std::getline(file, line)) {
-        if (line.find("country.code") == std::string::npos) {
+        if (line.find(StoreKeys::kCountry) == std::string::npos) {
             continue;
         }
         const std::size_t separator = line.find('=');
@@ -126,9 +126,9 @@ int Zel::Main() {
     InstallSignalHandling();
 
     reservation_.CloseLeftPorts();
-    ZEL_INFO("* ZEL %s %s starting on TAVO %s...", config_.Get("zel.version").c_str(),
-             config_.Get("zel.svn.version").c_str(), config_.Get("hardware.serial").c_str());
-    ZEL_INFO("* OPLA-Mode: %s", config_.Get(kOplaModeKey).c_str());
+    ZEL_INFO("* ZEL %s %s starting on TAVO %s...", config_.Get(StoreKeys::kVersion).c_str(),
+             config_.Get(StoreKeys::kRevision).c_str(), config_.Get(StoreKeys::kSerial).c_str());
+    ZEL_INFO("* OPLA-Mode: %s", config_.Get(StoreKeys::kOplaMode).c_str());
     SetClock();
     SetDefaultHostName();
     if (!SetUpNetwork()) {
@@ -204,10 +204,10 @@ bool Zel::StartServices() {
 }
 
 void Zel::SetDefaultHostName() {
-    const std::string hostName = config_.Get(kHostNameKey);
+    const std::string hostName = config_.Get(StoreKeys::kHostName);
     if (hostName.empty() || hostName == kDefaultHostName) {
-        config_.Set(kHostNameKey, kDefaultHostName + config_.Get("hardware.serial"),
-                    ZelConfig::Kind::kPersistent);
+        config_.SetPersistent(StoreKeys::kHostName,
+                              kDefaultHostName + config_.Get(StoreKeys::kSerial));
     }
 }
 

@@ -92,6 +92,14 @@ bool ZelConfig::Set(const std::string& key, const std::string& value, Kind kind)
     }
 }
 
+void ZelConfig::SetFixed(const std::string& key, const std::string& value) {
+    static_cast<void>(Set(key, value, Kind::kFixed));  // a kind that is stored
+}
+
+void ZelConfig::SetPersistent(const std::string& key, const std::string& value) {
+    static_cast<void>(Set(key, value, Kind::kPersistent));  // a kind that is stored
+}
+
 bool ZelConfig::Register(const std::string& key, Provider provider) {
     const std::lock_guard lock(mutex_);
     const auto [position, isNew] = entries_.try_emplace(key);
@@ -107,8 +115,7 @@ bool ZelConfig::Load() {
     if (!file) {
         file = OpenToRead(kOldFile);
     }
-    if (!file) {
-        WriteDefaults();
+    if (!file && WriteDefaults()) {
         file = OpenToRead(kFile);
     }
     if (!file) {

@@ -40,23 +40,27 @@ public:
     /// other than kFixed, kFile and kPersistent store nothing and return false, but change the
     /// kind.
     bool Set(const std::string& key, const std::string& value, Kind kind);
+    /// The same with kFixed, and with kPersistent, which cannot fail.
+    void SetFixed(const std::string& key, const std::string& value);
+    void SetPersistent(const std::string& key, const std::string& value);
 
-    /// Gives `key` a provider. A new key becomes computed; an existing one keeps its kind.
+    /// Gives `key` a provider. A new key becomes computed; an existing one keeps its kind. Returns
+    /// true.
     bool Register(const std::string& key, Provider provider);
 
     /// Reads the configuration file, or the previous one when it is missing, or else writes and
     /// reads the built-in defaults. False when none can be read or a line could not be stored.
-    bool Load();
+    [[nodiscard]] bool Load();
 
     /// Writes all persistent entries to the configuration file, replacing it as a whole; the
     /// previous file is kept with the suffix ".old". False when the new file could not be written
     /// completely or not be given its name; the old one then has it. A line break in a key or value
     /// is written as a blank, and a line is cut at the 8191 bytes that Load() reads, so that one
     /// entry never becomes two. The file holds passwords and is its owner's alone.
-    bool Save() const;
+    [[nodiscard]] bool Save() const;
 
     /// Replaces the configuration file by the built-in default text.
-    bool WriteDefaults() const;
+    [[nodiscard]] bool WriteDefaults() const;
 
 private:
     struct Entry {

@@ -11,11 +11,11 @@
 #include "Ipv4.h"
 #include "OplaMode.h"
 #include "SlpAttributes.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
 
-constexpr char kStartupKey[] = "zel.state.startup";
 constexpr char kDefaultScope[] = "default";
 constexpr char kConnectorType[] = "service:zel.connector";
 constexpr char kLegacyType[] = "service:hux-vci";
@@ -110,7 +110,7 @@ void ZelSlpService::Handle(SlpMessage& message) {
         }
         return;
     }
-    if (config_.Get(kStartupKey) == "0") {
+    if (config_.Get(StoreKeys::kServing) == "0") {
         return;
     }
     const auto& request = std::get<SlpRequest>(message);
@@ -194,7 +194,7 @@ void ZelSlpService::SignIn() {
     }
     Persist([this] {
         ZEL_DEBUG("go to receive");
-        config_.Set(kStartupKey, "1", ZelConfig::Kind::kFixed);
+        config_.SetFixed(StoreKeys::kServing, "1");
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include "ManagerLocator.h"
 #include "SlpPeer.h"
+#include "StoreKeys.h"
 #include "ZelLogging.h"
 
 namespace {
@@ -23,7 +24,7 @@ class ManagerLocatorTest : public testing::Test {
 protected:
     void SetUp() override {
         EXPECT_TRUE(socket_.Open("0.0.0.0", SlpBase::kPort));
-        config_.Set("zel.state.startup", "0", ZelConfig::Kind::kFixed);
+        config_.SetFixed("zel.state.startup", "0");
         mode_.Enable();
     }
     void TearDown() override {
@@ -53,7 +54,7 @@ protected:
 };
 
 TEST_F(ManagerLocatorTest, TheRememberedManagerIsAskedFirst) {
-    config_.Set(ManagerLocator::kRememberedKey, SlpPeer::kAddress, ZelConfig::Kind::kPersistent);
+    config_.SetPersistent(StoreKeys::kManager, SlpPeer::kAddress);
     auto located = Locate();
     EXPECT_EQ(manager_.Receive(), kRequest);
     // What is no manager's reply does not end the search, nor do the malformed and the hostile.
@@ -66,7 +67,7 @@ TEST_F(ManagerLocatorTest, TheRememberedManagerIsAskedFirst) {
     EXPECT_EQ(locator_.ManagerAddress(), "10.0.0.7");
     EXPECT_EQ(config_.Get("zel.state.startup"), "0") << "opened by the sign-in only";
     ZelConfig saved;
-    EXPECT_TRUE(saved.Load() && saved.Get(ManagerLocator::kFoundKey) == "10.0.0.7");
+    EXPECT_TRUE(saved.Load() && saved.Get(StoreKeys::kFoundManager) == "10.0.0.7");
 }
 
 TEST_F(ManagerLocatorTest, TheGroupIsAskedUntilAManagerAnswers) {
@@ -90,7 +91,7 @@ TEST_F(ManagerLocatorTest, TheGroupIsAskedUntilAManagerAnswers) {
     EXPECT_EQ(locator_.ManagerAddress(), "10.0.0.7") << "kept, but not reached from link-local";
     manager_.Send(Reply(ListWith("'169.254.1.2'")));
     EXPECT_TRUE(located.get());
-    EXPECT_EQ(config_.Get(ManagerLocator::kFoundKey), "169.254.1.2");
+    EXPECT_EQ(config_.Get(StoreKeys::kFoundManager), "169.254.1.2");
 }
 
 TEST_F(ManagerLocatorTest, RepliesAreJudged) {

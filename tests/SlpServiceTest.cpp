@@ -6,6 +6,7 @@
 #include "SlpAttributes.h"
 #include "SlpCodec.h"
 #include "SlpPeer.h"
+#include "StoreKeys.h"
 #include "StoreSetup.h"
 #include "ZelLogging.h"
 #include "ZelSlpService.h"
@@ -42,9 +43,7 @@ protected:
         Set("tavo.hostname", "TAVO0012345");
     }
 
-    void Set(const std::string& key, const std::string& value) {
-        config_.Set(key, value, ZelConfig::Kind::kFixed);
-    }
+    void Set(const std::string& key, const std::string& value) { config_.SetFixed(key, value); }
 
     /// Nothing comes for `datagram`: the answer to the request behind it comes first.
     void ExpectSilence(const std::string& datagram) {
@@ -203,7 +202,7 @@ TEST_F(SlpServiceTest, OnlyAFullAnswerToANeighbourCountsAsFound) {
 TEST_F(SlpServiceTest, OpensWhenTheManagerHasSignedTheBoxIn) {
     SlpPeer manager(ManagerLocator::kManagerPort);
     Set("zel.state.startup", "0");
-    Set(ManagerLocator::kRememberedKey, SlpPeer::kAddress);
+    Set(StoreKeys::kManager, SlpPeer::kAddress);
     ASSERT_TRUE(service_.Start(ZelSlpService::kAnswering | ZelSlpService::kSignIn));
     client_.Send(SrvRqst("service:zel.connector", 1));
     client_.Send(AttrRqst("", "default", 2));
@@ -212,7 +211,7 @@ TEST_F(SlpServiceTest, OpensWhenTheManagerHasSignedTheBoxIn) {
     manager.Send(AttrRply("(Service=zel-manager),(ClusterIP='10.0.0.7')", 0));
     ASSERT_TRUE(Eventually([this] { return config_.Get("zel.state.startup") == "1"; }));
     EXPECT_EQ(signIns_, 1);
-    EXPECT_EQ(config_.Get(ManagerLocator::kFoundKey), "10.0.0.7");
+    EXPECT_EQ(config_.Get(StoreKeys::kFoundManager), "10.0.0.7");
     EXPECT_EQ(client_.Ask(SrvRqst("service:zel.connector", 3)), SrvRply(3))
         << "the first answer is to the first request since";
 }
