@@ -6,22 +6,19 @@ import socket
 
 import pytest
 
-import box
-from box import call, connect, envelope, exchange, fields, post, read_all, release, reserve
+import stage
+from soap import CONNECTOR, envelope, post, read_all
+from stage import call, connect, exchange, release, reserve
 
 pytestmark = pytest.mark.usefixtures("agent")
 
 ENVELOPE = envelope("<getDeviceInformation/>").encode()
 INFORMATION = post(ENVELOPE)
-CHUNKED = f"POST {box.CONNECTOR} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
+CHUNKED = f"POST {CONNECTOR} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
 NO_DOCUMENT = b"Can't create xml document from request"
 NOT_FOUND = b"An error 404 has occurred. The requested document could not be found."
 GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
 DTD = '<!DOCTYPE e:Envelope [<!ENTITY a "aaaaaaaaaa"><!ENTITY x SYSTEM "file:///etc/passwd">]>'
-
-
-def sized(length, body=b""):
-    return f"POST {box.CONNECTOR} HTTP/1.1\r\nContent-Length: {length}\r\n\r\n".encode() + body
 
 
 # What a peer sends before it ends its side, and what must be part of the answer; b"" is a close
@@ -40,16 +37,15 @@ BAD_REQUESTS = [
     (b"GET \r\n\r\n", NOT_FOUND),
     (b"GET /test HTTP/1.0\n\n", GREETING),
     (b"GET /t\rest HTTP/1.0\r\n\r\n", GREETING),
-    (sized(0), NO_DOCUMENT),
-    (sized(0x100001, b"<" * 0x100001), NO_DOCUMENT),
-    (sized(0x100000, b"<" * 0x100000), NO_DOCUMENT),
-    (sized(500, ENVELOPE), b"getDeviceInformationResponse"),
-    (sized(500, b"<e:Envelope"), NO_DOCUMENT),
+    (post(b""), NO_DOCUMENT),
+    (post(b"<" * 0x100001), NO_DOCUMENT),
+    (post(b"<" * 0x100000), NO_DOCUMENT),
+    (post(ENVELOPE, length=500), b"getDeviceInformationResponse"),
+    (post(b"<e:Envelope", length=500), NO_DOCUMENT),
     (CHUNKED + b"2\r\n<e\r\n%x\r\n%s\r\n0\r\n" % (len(ENVELOPE) - 2, ENVELOPE[2:]), b"getDeviceInformationResponse"),
     (CHUNKED, NO_DOCUMENT),
     (CHUNKED + b"5;name=value\r\nhello\r\n0\r\n\r\n", NO_DOCUMENT),
-    (CHUNKED + (b"10000\r\n" + b"x" * 0x10000 + b"\r\n") * 18 + b"0\r\n\r\n", NO_DOCUMENT),
-    (post(DTD + envelope(fields("reserveDevice", deviceId="&x;", owner="&a;"))), NO_DOCUMENT),
+    (post(DTD + envelope("<reserveDevice><deviceId>&x;</deviceId><owner>&a;</owner></reserveDevice>")), NO_DOCUMENT),
     (post(envelope("<a>" * 50000)), NO_DOCUMENT),
     (post(envelope("<a>" * 200 + "</a>" * 200)), b"Validation 1 says:"),
     (post(envelope("<dance/>").encode("utf-16")[:-1]), NO_DOCUMENT),
@@ -103,7 +99,7 @@ def mixed_request(random_number):
 
 
 def test_many_requests_leave_nothing_behind(agent):
-    count = 1000 if box.SANITIZED else 10000
+    count = 1000 if stage.SANITIZED else 10000
 
     def run(seed, requests):
         random_number = random.Random(seed)
@@ -118,5 +114,5 @@ def test_many_requests_leave_nothing_behind(agent):
     assert agent.at_rest() == before
     memory = agent.status("VmRSS")
     # A sanitizer keeps freed memory for a while.
-    assert box.SANITIZED or memory - memory_before < 1024, f"from {memory_before} kB to {memory} kB"
-    assert box.rules() == []
+    assert stage.SANITIZED or memory - memory_before < 1024, f"from {memory_before} kB to {memory} kB"
+    assert stage.rules() == []
