@@ -162,6 +162,24 @@ def replaced(path, script):
             kept.rename(tool)
 
 
+@contextlib.contextmanager
+def changed(command, back):
+    """What that command does to the box, and another takes back at the end of the block."""
+    output_of(*command.split())
+    try:
+        yield
+    finally:
+        output_of(*back.split())
+
+
+@contextlib.contextmanager
+def without_address():
+    card = "dev eth0"
+    with changed(f"ip address flush {card}", f"ip route replace default via {CLIENT} {card}"):
+        with changed("true", f"ip address add {BOX}/16 brd + {card}"):
+            yield
+
+
 class Program:
     """A program that writes to a file."""
 
@@ -266,6 +284,12 @@ def agent(configuration=SIGNING_IN, **environment):
         if running.process.poll() is None:
             assert running.stop() == 0
         running.check_output()
+
+
+@contextlib.contextmanager
+def serving(configuration, **environment):
+    with agent(configuration, **environment) as running:
+        yield running.wait_until_serving()
 
 
 # The manager and other boxes --------------------------------------------------------------------

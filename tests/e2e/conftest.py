@@ -20,8 +20,8 @@ def pytest_collection_modifyitems(config, items):
 @pytest.fixture(scope="module")
 def agent():
     """An agent that serves at once; when the module is done it must stop cleanly."""
-    with stage.agent("opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n") as running:
-        yield running.wait_until_serving()
+    with stage.serving("opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n") as running:
+        yield running
 
 
 @pytest.fixture

@@ -1,17 +1,17 @@
 """What the dearest texts cost the box, whichever way they come in: processor time and memory."""
 
 import concurrent.futures
-import contextlib
 import itertools
 import os
 import pathlib
-import socket
 import string
 import threading
+from unittest import mock
 
 import pytest
 
 import stage
+from manager_http import HttpServer
 from soap import AGENT, CONNECTOR, chunked, envelope, post
 from stage import exchange, wait_until
 
@@ -132,25 +132,16 @@ ANSWERS = {
 }
 
 
-def serve(listener, answers):
-    """Answers with the latest body whatever the box asks its manager, until the listener is closed."""
-    with contextlib.suppress(OSError):
-        while True:
-            with listener.accept()[0] as connection:
-                while b"Envelope>" not in connection.recv(65536):
-                    pass
-                head = f"HTTP/1.0 200 OK\r\nContent-Length: {len(answers[-1])}\r\n\r\n"
-                connection.sendall((head + answers[-1]).encode())
-
-
 def test_no_answer_of_a_manager_costs_a_second():
-    with stage.namespace("manager"):
-        listener = socket.create_server((stage.MANAGER, 23005))
-    listener.settimeout(60)
     answers = []
-    thread = threading.Thread(target=serve, args=(listener, answers), daemon=True)
-    thread.start()
-    with stage.Manager("plain", options=("--soap-port", "23006")), listener:
+
+    def handle(connection, _):
+        connection.send(f"HTTP/1.0 200 OK\r\nContent-Length: {len(answers[-1])}\r\n\r\n{answers[-1]}".encode())
+
+    with stage.namespace("manager"):
+        server = HttpServer("HTTP", mock.Mock(), handle, stage.MANAGER, 23005)
+    threading.Thread(target=server.run, daemon=True).start()
+    with stage.Manager("plain", options=("--soap-port", "23006")):
         for name, answer in ANSWERS.items():
             answers.append(answer)
             with stage.agent() as running:
@@ -164,22 +155,18 @@ def ask(request):
     return next(filter(None, (exchange(request) for _ in range(10))), b"")
 
 
-def resting_memory(agent):
-    wait_until(lambda: not agent.connections(), "it is at rest")
-    return agent.status("VmRSS")
-
-
 @pytest.mark.skipif(not MEASURED, reason="other memory than the agent's own")
 @pytest.mark.parametrize("name", ("elements", "attributes of each", "messages", "sections", "value"))
 def test_large_bodies_at_once_take_little_memory_and_give_it_back(agent, name):
     body = BODIES[name].encode()
     request = post(body + b" " * (SIZE - len(body)))
     exchange(request)
-    before = resting_memory(agent)
+    agent.at_rest()
+    before = agent.status("VmRSS")
     pathlib.Path(f"/proc/{agent.pid}/clear_refs").write_text("5")  # the peak begins anew
     with concurrent.futures.ThreadPoolExecutor(20) as pool:
         answers = list(pool.map(ask, [request] * 60))
     assert {answer[:15] for answer in answers} == {b"HTTP/1.0 200 OK"}
     peak = agent.status("VmHWM")
-    wait_until(lambda: resting_memory(agent) < before + 4096, "the memory is given back", 5)
+    wait_until(lambda: agent.at_rest() and agent.status("VmRSS") < before + 4096, "the memory is given back", 5)
     assert peak < 96 * 1024

@@ -27,8 +27,8 @@ LEGACY = ("(DevClass=HUX-VCI)(FirmwareRev=102)(MacAddress=02:00:00:12:34:56)(Vci
 
 @pytest.fixture(name="served")
 def open_box():
-    with stage.agent("opla.mode=OPLA-Next\ntavo.color=white\ntavo.hostname=TAVO\n") as agent:
-        yield agent.wait_until_serving()
+    with stage.serving("opla.mode=OPLA-Next\ntavo.color=white\ntavo.hostname=TAVO\n") as agent:
+        yield agent
 
 
 def test_another_decoder_reads_every_answer(served):

@@ -193,11 +193,8 @@ def test_enterprise_wlan_and_the_clock_at_the_next_start():
 
 def test_a_full_disk_keeps_the_software():
     before, used = active_image(), int(output_of("df", "--output=used", "/").split()[1])
-    output_of("mount", "-o", f"remount,size={used + 4096}k", "/")
-    try:
+    with stage.changed(f"mount -o remount,size={used + 4096}k /", "mount -o remount,size=50% /"):
         _, text = sign_in("application-update", "image.size=4000000")
-    finally:
-        output_of("mount", "-o", "remount,size=50%", "/")
     assert "The update file is larger than the " in text and "No space left" not in text
     assert "Checksum mismatch!" in text and "* SignIn succeed" in text and active_image() == before
 

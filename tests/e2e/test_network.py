@@ -118,9 +118,7 @@ def test_a_link_local_address_is_defended_against_another_box():
 
 @pytest.mark.timeout(600 + 10 * SWITCHES)
 def test_many_switches_leave_nothing_behind():
-    with stage.replaced("/sbin/zcip", FAST_ZCIP), stage.agent(DHCP) as agent:
-        agent.wait_until_serving()
-
+    with stage.replaced("/sbin/zcip", FAST_ZCIP), stage.serving(DHCP) as agent:
         def there_and_back(times):
             for _ in range(times):
                 assert switch("2") == 0 and switch("3", "169.254.9.9") == 0
@@ -202,8 +200,7 @@ def test_a_card_that_disappears_is_reported_and_waited_for(mode, tool):
 def test_a_card_that_disappears_during_a_switch_fails_it():
     # An address of an earlier run is taken back with STOP.
     zcip = '#!/bin/sh\n[ "$1" = STOP ] || ip link delete eth0\n'
-    with stage.replaced("/sbin/zcip", zcip), stage.agent(DHCP) as agent:
-        agent.wait_until_serving()
+    with stage.replaced("/sbin/zcip", zcip), stage.serving(DHCP):
         client = start_switch("2")
         wait_until(lambda: "Change back to state free" in stage.log(), "the switch is over")
         insert_card()

@@ -12,8 +12,8 @@ import pytest
 import slp
 import stage
 from soap import envelope, operation, post, read_all, read_response
-from stage import (BOX, CLIENT, CONFIGURATION, DEVICE_ID, SIGNING_IN, Manager, active_image, agent, connect, log,
-                   network, output_of, release, replaced, reserve, rules, settings, wait_for_log, wait_until)
+from stage import (BOX, CONFIGURATION, DEVICE_ID, SIGNING_IN, Manager, active_image, agent, changed, connect, log,
+                   network, output_of, release, replaced, reserve, rules, serving, settings, wait_for_log, wait_until)
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
@@ -70,26 +70,22 @@ def shim(tmp_path_factory):
 
 @contextlib.contextmanager
 def full_disk(_):
-    output_of("mount", "-o", "remount,size=64m", "/")
     filler = pathlib.Path("/filler")
-    try:
-        with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
-            while file.write(bytes(4096)):
-                pass
-        yield
-    finally:
-        filler.unlink()
-        output_of("mount", "-o", "remount,size=50%", "/")
+    with changed("mount -o remount,size=64m /", "mount -o remount,size=50% /"):
+        try:
+            with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
+                while file.write(bytes(4096)):
+                    pass
+            yield
+        finally:
+            filler.unlink()
 
 
 @contextlib.contextmanager
 def read_only_settings(_):
-    output_of("mount", "--bind", "/config", "/config")
-    output_of("mount", "-o", "remount,bind,ro", "/config")
-    try:
+    with changed("mount --bind /config /config", "umount /config"):
+        output_of("mount", "-o", "remount,bind,ro", "/config")
         yield
-    finally:
-        output_of("umount", "/config")
 
 
 @contextlib.contextmanager
@@ -125,8 +121,7 @@ def test_a_fault_that_comes_and_goes(name, shim):
     fault, answered = FAULTS[name]
     if not shim and name.startswith(("clock", "no threads")):
         pytest.skip("cannot be brought about")
-    with agent(ALONE, LD_PRELOAD=shim) as running:
-        running.wait_until_serving()
+    with serving(ALONE, LD_PRELOAD=shim) as running:
         serve_a_client()
         before, stored = running.at_rest(), settings()
         _, handle = reserve()
@@ -165,19 +160,14 @@ def test_a_start_without_threads_goes_on_when_there_are_some(shim):
 @pytest.mark.parametrize("read_only", [True, False])
 def test_settings_that_cannot_be_stored(read_only):
     """What the manager says holds until the next start, what was stored before stays."""
-    output_of("mount", "-t", "tmpfs", "-o", "size=4k", "small", "/config")
-    try:
+    with changed("mount -t tmpfs -o size=4k small /config", "umount /config"):
         CONFIGURATION.write_text(SIGNING_IN)
         with read_only_settings(None) if read_only else contextlib.nullcontext():
-            with Manager("rename", "hostname=bay-7") as manager, agent(None) as running:
-                running.wait_until_serving()
+            with Manager("rename", "hostname=bay-7") as manager, serving(None):
                 body, = wait_until(lambda: manager.bodies("signInTavo"), "it has signed in")
                 assert "hostname>bay-7<" in body
                 serve_a_client()
-        assert CONFIGURATION.read_text() == SIGNING_IN
-        assert not list(CONFIGURATION.parent.glob("*.new"))
-    finally:
-        output_of("umount", "/config")
+        assert CONFIGURATION.read_text() == SIGNING_IN and not list(CONFIGURATION.parent.glob("*.new"))
 
 
 @pytest.mark.parametrize("text", [None, "#!/bin/bash\nkill -SEGV $$\n"])
@@ -185,31 +175,24 @@ def test_tools_that_are_missing_or_crash(text):
     for tool, mode in [("/sbin/iptables", 3), ("/sbin/udhcpc", 3), ("/sbin/zcip", 201), ("/usr/bin/arping", 3),
                        ("/bin/sh", 3)]:
         output_of("ip", "address", "replace", f"{BOX}/16", "dev", "eth0")
-        with replaced(tool, text), agent(ALONE.replace("mode=3", f"mode={mode}")) as running:
-            running.wait_until_serving()
+        with replaced(tool, text), serving(ALONE.replace("mode=3", f"mode={mode}")):
             code, handle = reserve()
             assert (code, release(handle)) == ("0", "0"), tool
         assert rules() == []
-    with agent(ALONE) as running:
-        running.wait_until_serving()
+    with serving(ALONE):
         serve_a_client()
 
 
 def test_an_address_that_goes_away_under_open_connections():
     """All of them end within the limits of their requests, and the box is there when the address is."""
     pathlib.Path("/tmp/large").write_bytes(b"x" * 20_000_000)
-    with agent(ALONE) as running, contextlib.ExitStack() as stack:
-        running.wait_until_serving()
+    with serving(ALONE) as running, contextlib.ExitStack() as stack:
         before = running.at_rest()
         for data in [KEPT] * 5 + [INFORMATION[:-20], b"GET /web/show.jsp?file=/tmp/large HTTP/1.0\r\n\r\n"]:
             stack.enter_context(connect()).sendall(data)
         wait_until(lambda: len(running.connections()) == 7, "all are served")
-        output_of("ip", "address", "delete", f"{BOX}/16", "dev", "eth0")
-        try:
+        with stage.without_address():
             wait_until(lambda: not running.connections(), "all have ended", SEND_SECONDS + 30)
-        finally:
-            output_of("ip", "address", "add", f"{BOX}/16", "brd", "+", "dev", "eth0")
-            output_of("ip", "route", "replace", "default", "via", CLIENT, "dev", "eth0")
         serve_a_client()
         assert running.at_rest() == before
         assert stage.ask(slp.service_request())[1] == slp.SRV_RPLY
@@ -244,7 +227,7 @@ def test_kill_at_any_moment():
                  "Wait for response", "Downloading", "New version", "Rebooting"]:
         start(sign, lambda running: (running.process.kill(), running.process.wait()))
     start("* SignIn succeed", lambda running: None)
-    assert pathlib.Path("/app/zel/images/application/state").read_text() == "clean\n" and len(seen[-1]) == 200000
+    assert (stage.IMAGES / "application/state").read_text() == "clean\n" and len(seen[-1]) == 200000
     assert set(seen) == {seen[0], seen[-1]}
 
 

@@ -9,7 +9,7 @@ import time
 
 import soap
 import stage
-from stage import call, connect, exchange, wait_until
+from stage import ALONE, call, connect, exchange, serving, wait_until
 
 SYS_TGKILL = {"x86_64": 234, "aarch64": 131, "ppc": 250}
 
@@ -20,17 +20,11 @@ def log_lines():
             for line in stage.log().splitlines() if line.startswith("20")]
 
 
-@contextlib.contextmanager
-def started(configuration="opla.mode=OPLA-Next\n", serving=True):
-    with stage.agent(configuration) as agent:
-        yield agent.wait_until_serving() if serving else agent
-
-
 def test_start_up_tells_what_it_does():
     mac = pathlib.Path("/config/wlan.mac")
     mac.write_text("00:00:00:00:00:00\n")
     with stage.replaced("/app/zel/images/firmware/state", "dirty\n"):
-        with started(configuration="opla.mode=OPLA-Next\ntavo.hostname=\ncountry.code=DE\n") as agent:
+        with serving("opla.mode=OPLA-Next\ntavo.hostname=\ncountry.code=DE\n") as agent:
             wait_until(lambda: "status not Clean" in stage.log(), "start-up is done")
             # A sanitizer may have a thread of its own.
             wait_until(lambda: {"WebServer", "Zel::main"} <= set(agent.threads().values()), "it has these threads")
@@ -50,7 +44,7 @@ def test_start_up_tells_what_it_does():
 
 def test_signals():
     for stop in (signal.SIGTERM, signal.SIGINT):
-        with started() as agent:
+        with serving(ALONE) as agent:
             with connect() as idle, connect() as busy:
                 busy.sendall(b"POST /zel/services/ConnectorService HTTP/1.1\r\nContent-Le")
                 agent.process.send_signal(signal.SIGHUP)
@@ -63,14 +57,14 @@ def test_signals():
 
 def test_the_restart_is_answered():
     """Also when the first that a reboot does is to stop the agent."""
-    with started() as agent, stage.replaced("/usr/sbin/reboot", f"#!/bin/sh\nkill -TERM {agent.pid}\n"):
+    with serving(ALONE) as agent, stage.replaced("/usr/sbin/reboot", f"#!/bin/sh\nkill -TERM {agent.pid}\n"):
         answer = exchange(soap.post(soap.envelope("<restartDevice/>"), "/services/Agent"))
         assert b"restartDeviceResponse" in answer and answer.endswith(b"</S:Envelope>\n")
         assert agent.process.wait(20) == 0
 
 
 def test_without_a_manager_known_it_waits():
-    with started(configuration="opla.mode=OPLA\n", serving=False) as agent:
+    with stage.agent("opla.mode=OPLA\n") as agent:
         wait_until(lambda: "WebServer" in agent.threads().values(), "the server waits")
         time.sleep(0.3)
         with contextlib.suppress(ConnectionRefusedError):
@@ -81,7 +75,7 @@ def test_without_a_manager_known_it_waits():
 def test_a_fault_in_a_connection_ends_only_that():
     tgkill = ctypes.CDLL(None, use_errno=True).syscall
     number = SYS_TGKILL[platform.machine()]
-    with started() as agent:
+    with serving(ALONE) as agent:
         for round_number in range(1, 4):
             wait_until(lambda: not agent.connections(), "nobody is served")
             with connect() as victim:
