@@ -32,13 +32,13 @@ def check_at_rest(running, searching=False):
     """After any sign-in: the box is free, nothing is left open, and clients find it."""
     wait_until(sign_in_ended, "the box is open to clients", 120)
     running.wait_until_serving()
+    wait_until(lambda: searching or "OrsSignInServic" not in running.threads().values(), "the sign-in has ended")
     assert soap.value(stage.call("getDeviceInformation"), "state") == "4" and stage.rules() == []
     assert slp.read_reply(ask(slp.service_request()), slp.SRV_RPLY)
     assert "(State=4)" in slp.read_attributes(ask(slp.attribute_request()))
     children = pathlib.Path(f"/proc/{running.pid}/task").glob("*/children")
     assert "".join(path.read_text() for path in children) == ""
     if not searching:
-        wait_until(lambda: "OrsSignInServic" not in running.threads().values(), "the sign-in has ended")
         before, memory_before = undisturbed()
         assert running.at_rest() == before
         # A sanitizer keeps what is freed, an emulator has a memory of its own.
