@@ -1,6 +1,6 @@
 """What the agent takes of a board, beside its budget and a program that does nothing.
 
-Runs in a simulated box. Arguments: the agent and the other program, both stripped.
+Runs in a simulated stage. Arguments: the agent and the other program, both stripped.
 """
 
 import contextlib
@@ -12,17 +12,17 @@ import sys
 import time
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "tests/e2e"))
-import box
+sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "workshop"))
+import stage
 
 STARTS = 20
 REST_SECONDS = 30
 # The address is there and stays: it is set anew, but not asked for.
 CONFIGURATION = f"""opla.mode=OPLA-Next
 network.config.discover.mode=202
-network.config.static.ip={box.BOX}
+network.config.static.ip={stage.BOX}
 network.config.static.netmask=255.255.0.0
-network.config.static.gateway={box.CLIENT}
+network.config.static.gateway={stage.CLIENT}
 """
 #            what                                      unit        budget
 QUANTITIES = (("file, stripped", "KiB", 700),
@@ -48,7 +48,7 @@ def end(process):
 
 
 def start_agent(program):
-    box.CONFIGURATION.write_text(CONFIGURATION)
+    stage.CONFIGURATION.write_text(CONFIGURATION)
     with open("/dev/null", "w") as output:
         return subprocess.Popen([program], stdout=output, stderr=output)
 
@@ -60,7 +60,7 @@ def first_answer(program):
         assert agent.poll() is None, "the agent has ended"
         assert time.monotonic() - begin < 30, "the agent does not answer"
         with contextlib.suppress(ConnectionRefusedError):
-            answer = box.exchange(b"GET /test HTTP/1.0\r\n\r\n", 80)
+            answer = stage.exchange(b"GET /test HTTP/1.0\r\n\r\n", 80)
             assert answer.startswith(b"HTTP/1.0 200 OK"), answer
             return agent, (time.monotonic() - begin) * 1000
         time.sleep(0.001)

@@ -8,14 +8,10 @@ import shutil
 import signal
 import subprocess
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
-IN_SWITCH = ["nsenter", "--net=/run/netns/switch"]
+from stage import PROJECT, in_network, output_of
+
 ROOT_FILES = PROJECT / "simbox/rootfs"
 PATIENCE = 20  # seconds
-
-
-def run(*command):
-    subprocess.run(command, check=True)
 
 
 class Bay:
@@ -27,10 +23,10 @@ class Bay:
         self.serial = f"{12345 + number:07}"
         self.folder = pathlib.Path(f"/run/{self.name}")
         self.agent = None
-        run("ip", "netns", "add", self.name)
-        run("ip", "link", "add", "eth0", "address", f"02:00:00:12:35:{number:02x}", "netns",
-            f"/run/netns/{self.name}", "type", "veth", "peer", "name", self.name, "netns", "/run/netns/switch")
-        run(*IN_SWITCH, "ip", "link", "set", self.name, "master", "bridge", "up")
+        output_of("ip", "netns", "add", self.name)
+        output_of("ip", "link", "add", "eth0", "address", f"02:00:00:12:35:{number:02x}", "netns",
+                  f"/run/netns/{self.name}", "type", "veth", "peer", "name", self.name, "netns", "/run/netns/switch")
+        output_of("ip", "link", "set", self.name, "master", "bridge", "up", network="switch")
         (self.folder / "run").mkdir(parents=True)
         for part in ("config", "proc", "tmp"):
             shutil.copytree(ROOT_FILES / part, self.folder / part, symlinks=True)
@@ -38,12 +34,9 @@ class Bay:
         (self.folder / "proc/sys/kl30").write_text(f"{voltage}\n")
         (self.folder / "config/agent.configuration").write_text(f"{settings}tavo.hostname={self.name}\n")
 
-    def in_network(self, *command):
-        return ["nsenter", f"--net=/run/netns/{self.name}", *command]
-
     def switch_on(self, agent):
-        self.agent = subprocess.Popen(self.in_network("unshare", "--mount", "--uts", PROJECT / "workshop/bay",
-                                                      self.folder, agent), stdin=subprocess.DEVNULL)
+        self.agent = subprocess.Popen(in_network(self.name, "unshare", "--mount", "--uts", PROJECT / "workshop/bay",
+                                                 self.folder, agent), stdin=subprocess.DEVNULL)
 
     def log(self):
         path = self.folder / "tmp/log/nativezel.log"
@@ -64,6 +57,6 @@ class Bay:
         for file in self.folder.glob("run/*.pid"):  # of the tools that keep its address
             with contextlib.suppress(ProcessLookupError, ValueError):
                 os.kill(int(file.read_text()), signal.SIGTERM)
-        subprocess.run([*IN_SWITCH, "ip", "link", "delete", self.name])
+        subprocess.run(in_network("switch", "ip", "link", "delete", self.name))
         subprocess.run(["ip", "netns", "delete", self.name])
         shutil.rmtree(self.folder, ignore_errors=True)

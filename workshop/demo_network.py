@@ -3,23 +3,19 @@
 import re
 import subprocess
 
-from stage import (BOX, CONFIGURATION, DEVICE_ID, MANAGER_OUTPUT, PROJECT, REFUSED, check, log,
-                   log_of_this_start, setting, start_agent, start_manager, stop, title,
-                   wait_until, wait_until_serving, zelctl)
+import stage
+from stage import (ALONE, BASE, BOX, CONFIGURATION, DEVICE_ID, MANAGER_OUTPUT, WLAN_BOX, Manager, log, output_of,
+                   wait_until)
+from story import REFUSED, check, log_of_this_start, setting, start_agent, stop, title, zelctl
 
-NETWORK = PROJECT / "workshop/network"
-WLAN_BOX = "192.168.68.43"
 LINK_LOCAL = re.compile(r"169\.254\.\d+\.\d+")
 SSID = "Bay 7"
 PASS_PHRASE = "correct horse battery"
-BASE = "tavo.color=white\ntavo.hostname=TAVO\ncountry.code=DE\n"
-# A box that is integrated without a manager serves at once.
-ALONE = BASE + "opla.mode=OPLA-Next\n"
 
 
 def network(*arguments):
     print(f"  workshop/network {' '.join(arguments)}", flush=True)
-    subprocess.run([NETWORK, *arguments], check=True)
+    stage.network(*arguments)
 
 
 def configure(text):
@@ -31,17 +27,14 @@ def configure(text):
 
 def address(device="eth0"):
     """The IPv4 address of the box, and how many it has."""
-    done = subprocess.run(["ip", "-4", "-o", "address", "show", "dev", device], capture_output=True,
-                          text=True, check=True)
-    found = re.findall(r"inet ([\d.]+)/", done.stdout)
+    found = re.findall(r"inet ([\d.]+)/", output_of("ip", "-4", "-o", "address", "show", "dev", device))
     return found[0] if len(found) == 1 else ", ".join(found)
 
 
 def show(*command):
-    done = subprocess.run(command, capture_output=True, text=True, check=True)
-    print(f"  {' '.join(command)}\n" + "".join(f"    {line}\n" for line in done.stdout.splitlines()),
-          end="", flush=True)
-    return done.stdout
+    output = output_of(*command)
+    print(f"  {' '.join(command)}\n" + "".join(f"    {line}\n" for line in output.splitlines()), end="", flush=True)
+    return output
 
 
 def say():
@@ -89,7 +82,7 @@ def dhcp():
     agent = start(ALONE + "network.config.discover.mode=3\n")
     check_lease()
     title("A client finds it there")
-    wait_until_serving(agent)
+    agent.wait_until_serving()
     find_box(BOX)
     stop(agent)
 
@@ -105,7 +98,7 @@ def link_local():
     check(LINK_LOCAL.fullmatch(own), f"it has given itself the link-local address {own}")
 
     title("A client finds it there and talks to it")
-    wait_until_serving(agent, own)
+    agent.wait_until_serving(own)
     find_box(own)
     wait_until(lambda: setting("network.config.discover.mode") == "2", "the mode is remembered")
     check(True, "the box was found: link-local addressing is its mode from now on")
@@ -116,7 +109,7 @@ def link_local():
     agent = start_agent()
     wait_for_network()
     check(LINK_LOCAL.fullmatch(address()), "it does not ask for a lease: it has a link-local address")
-    wait_until_serving(agent, address())
+    agent.wait_until_serving(address())
     stop(agent)
 
 
@@ -132,7 +125,7 @@ def static():
     routes = show("ip", "route")
     check(address() == "192.168.70.7", "it has the configured address")
     check("default via 192.168.68.1" in routes, "and the configured default route")
-    wait_until_serving(agent, "192.168.70.7")
+    agent.wait_until_serving("192.168.70.7")
     find_box("192.168.70.7")
     stop(agent)
 
@@ -152,7 +145,7 @@ def bad_static():
     agent = start_agent()
     wait_for_network()
     check(address() == BOX, f"it has leased {BOX}")
-    wait_until_serving(agent)
+    agent.wait_until_serving()
     stop(agent)
 
 
@@ -177,7 +170,7 @@ def start_with_pass_phrase():
                   f"wlan.conf.infra.ssid={SSID}\nwlan.conf.infra.security.level=103\n"
                   f"wlan.conf.infra.encryption.type=AES\nwlan.conf.infra.psk={PASS_PHRASE}\n")
     check_wlan()
-    wait_until_serving(agent, WLAN_BOX)
+    agent.wait_until_serving(WLAN_BOX)
     return agent
 
 
@@ -196,11 +189,11 @@ def wlan_psk():
 def wlan_tls():
     """no cable: the WLAN, with the certificates that the manager has sent"""
     title("The box, on its cable, signs in; the manager sends it the workshop's WLAN")
-    manager = start_manager("wlan-enterprise", "--set", f"wlan.ssid={SSID}")
+    manager = Manager("wlan-enterprise", f"wlan.ssid={SSID}")
     agent = start(BASE + "network.config.discover.mode=3\n")
     wait_until(lambda: "* SignIn succeed" in log(), "the box is signed in")
     stop(agent)
-    manager.terminate()
+    manager.stop()
     show("cat", "/config/wpa.conf")
     show("openssl", "x509", "-in", "/config/clientcert", "-noout", "-subject", "-issuer", "-enddate")
 
@@ -236,7 +229,7 @@ def mode_switch():
     """a client switches the box from DHCP to link-local addressing and back"""
     agent = start(ALONE + "network.config.discover.mode=3\n")
     check_lease()
-    wait_until_serving(agent)
+    agent.wait_until_serving()
 
     title("A client reserves the box and has it take a link-local address")
     zelctl("reserve", DEVICE_ID, "--owner", "demo client")
@@ -274,14 +267,14 @@ def late_cable():
     network("cable", "in")
     wait_until(lambda: "LAN interface configured" in log_of_this_start(), "it has come by cable")
     check(address() == BOX, f"it has come by cable, and has leased {BOX}")
-    wait_until_serving(agent)
+    agent.wait_until_serving()
     find_box(BOX)
     stop(agent)
 
 
 def sign_in_with(scenario, *notable):
     """Starts manager and box, and shows what both have to say of the sign-in."""
-    manager = start_manager(scenario)
+    manager = Manager(scenario)
     agent = start(BASE + "network.config.discover.mode=3\n")
     wait_until(lambda: re.search(r"\* SignIn succeed|SignIn failed", log_of_this_start()), "the sign-in has ended")
     told = [line[:13] + line.split()[1] + " " + line.split()[3].rstrip(":")
@@ -291,10 +284,10 @@ def sign_in_with(scenario, *notable):
             if any(each in line for each in (*notable, "SignIn succeed"))]
     print("".join(f"  the box says: {line}\n" for line in said), end="")
     check("* SignIn succeed" in log_of_this_start(), "the box is signed in")
-    wait_until_serving(agent)
+    agent.wait_until_serving()
     find_box(BOX)
     stop(agent)
-    manager.terminate()
+    manager.stop()
 
 
 def slow_manager():

@@ -5,9 +5,10 @@ import re
 import subprocess
 import time
 
-from bays import IN_SWITCH, Bay
-from demo_network import BASE, LINK_LOCAL, NETWORK, network
-from stage import AGENT, CONFIGURATION, PROJECT, check, start_manager, title, wait_until, zelctl
+from bays import Bay
+from demo_network import LINK_LOCAL, network
+from stage import AGENT, BASE, CONFIGURATION, PROJECT, ZELCTL, Manager, in_network, output_of, wait_until
+from story import check, title, zelctl
 
 SWITCH_BLOCKS = 4  # seconds; a switch that looks for loops (IEEE 802.1D) needs 30
 DHCP_AFTER = 8
@@ -87,9 +88,9 @@ def power_cut():
         tell(bays)
     finally:
         for bay in bays:
-            subprocess.run([NETWORK, "port", "--box", bay.name, "--delay", "0"])
+            network("port", "--box", bay.name, "--delay", "0")
             bay.remove()
-        subprocess.run([*IN_SWITCH, "ip", "link", "set", "bridge", "type", "bridge", "stp_state", "0"])
+        output_of("ip", "link", "set", "bridge", "type", "bridge", "stp_state", "0", network="switch")
         network("dhcp", "start")
 
 
@@ -99,11 +100,11 @@ def tell(bays):
     for number, (_, settings, delay) in enumerate(KINDS, 1):
         bays.append(Bay(number, settings))
         if delay:
-            subprocess.run([NETWORK, "port", "--box", bays[-1].name, "--delay", f"{delay}"], check=True)
+            network("port", "--box", bays[-1].name, "--delay", f"{delay}")
     print(f"  The switch forwards {SWITCH_BLOCKS} s after a port has its link, the DHCP server is there after "
           f"{DHCP_AFTER} s,\n  the manager after {MANAGER_AFTER} s, and it takes one request at a time.")
-    subprocess.run([*IN_SWITCH, "ip", "link", "set", "bridge", "type", "bridge", "stp_state", "1",
-                    "forward_delay", f"{SWITCH_BLOCKS * 100 // 2}"], check=True)
+    output_of("ip", "link", "set", "bridge", "type", "bridge", "stp_state", "1", "forward_delay",
+              SWITCH_BLOCKS * 100 // 2, network="switch")
     began = time.time()
     for bay in bays:
         bay.switch_on(AGENT)
@@ -111,7 +112,7 @@ def tell(bays):
     sleep_until(began + DHCP_AFTER)
     network("dhcp", "start")
     sleep_until(began + MANAGER_AFTER)
-    start_manager("plain", "--set", "soap.one_at_a_time=true", "--set", f"soap.delays=[{SECONDS_FOR_A_REQUEST}]")
+    Manager("plain", "soap.one_at_a_time=true", f"soap.delays=[{SECONDS_FOR_A_REQUEST}]")
 
     title("Every box comes onto the network")
     wait_until(lambda: all(story.address() for story in stories), "all boxes have an address", LIMIT)
@@ -141,8 +142,7 @@ def tell(bays):
 
 def find(stories):
     """The lines of zelctl when it has found every box free."""
-    done = subprocess.run(["nsenter", "--net=/run/netns/client", f"{AGENT.rpartition('/')[0]}/zelctl", "find"],
-                          capture_output=True, text=True, cwd=PROJECT)
+    done = subprocess.run(in_network("client", ZELCTL, "find"), capture_output=True, text=True, cwd=PROJECT)
     lines = done.stdout.splitlines()
     free = {line.split()[1] for line in lines[1:] if " free " in line}
     return lines if free == {f"TAVO{story.bay.serial}" for story in stories} else None

@@ -145,8 +145,3 @@ class HttpServer:
             self.journal.problem(f"{self.name} {peer[0]}: {problem}")
         finally:
             self.slots.release()
-
-
-def chunked(body, size=500):
-    pieces = [body[start:start + size] for start in range(0, len(body), size)] + [b""]
-    return b"".join(b"%x\r\n%b\r\n" % (len(piece), piece) for piece in pieces)

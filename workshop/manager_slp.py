@@ -8,14 +8,10 @@ import socket
 import struct
 import threading
 
-GROUP = "239.255.255.253"
-SERVICE = "service:zel.manager"
-SCOPE = "default"
+from slp import (ATTR_RQST, GROUP, SCOPE, SRV_RPLY, VERSION, BadMessage, Fields, address_towards, attribute_reply,
+                 join_group, message, text)
 
-VERSION = 2
-SRV_RPLY = 2
-ATTR_RQST = 6
-ATTR_RPLY = 7
+SERVICE = "service:zel.manager"
 MAX_DATAGRAM = 65535
 INTERNAL_ERROR = 10
 
@@ -52,39 +48,6 @@ REPLIES = {
 } | {kind: f'ClusterIP="{address}"' for kind, address in CLUSTER_IPS.items()}
 
 
-class BadMessage(Exception):
-    pass
-
-
-class Fields:
-    """Reads a message front to back; whatever would reach past its end is an error."""
-
-    def __init__(self, data):
-        self.data = data
-        self.position = 0
-
-    def take(self, count, what):
-        end = self.position + count
-        if end > len(self.data):
-            raise BadMessage(f"{what} ends at {end}, the datagram at {len(self.data)}")
-        part = self.data[self.position:end]
-        self.position = end
-        return part
-
-    def number(self, width, what):
-        return int.from_bytes(self.take(width, what), "big")
-
-    def text(self, what):
-        part = self.take(self.number(2, f"length of the {what}"), what)
-        try:
-            return part.decode()
-        except UnicodeDecodeError:
-            raise BadMessage(f"the {what} is not UTF-8: {part!r}") from None
-
-    def rest(self):
-        return self.data[self.position:]
-
-
 def parse_request(data):
     """(fields of an attribute request, deviations); BadMessage when it cannot be read as one."""
     problems = []
@@ -117,44 +80,33 @@ def parse_request(data):
     return request, problems
 
 
-def text(value):
-    value = value.encode()
-    return struct.pack("!H", len(value)) + value
-
-
-def message(function, xid, language, body):
-    tail = struct.pack("!H", xid) + text(language) + body
-    length = 10 + len(tail)
-    return struct.pack("!BB", VERSION, function) + length.to_bytes(3, "big") + bytes(5) + tail
-
-
 def build_reply(kind, request, cluster_ip):
     """One of REPLIES as a datagram."""
     xid, language = request["xid"], request["language"]
     cluster_ip = CLUSTER_IPS.get(kind, cluster_ip)
     attributes = f'(Service=zel-manager),(ClusterIP="{cluster_ip}")'
 
-    def attribute_reply(listed, error=0):
-        return message(ATTR_RPLY, xid, language, struct.pack("!H", error) + text(listed) + b"\0")
+    def reply(listed, error=0):
+        return attribute_reply(listed, xid, language, error)
 
-    good = attribute_reply(attributes)
+    good = reply(attributes)
     match kind:
         case _ if kind == "good" or kind in CLUSTER_IPS:
             return good
         case "no-service":
-            return attribute_reply(f'(Service=other-manager),(ClusterIP="{cluster_ip}")')
+            return reply(f'(Service=other-manager),(ClusterIP="{cluster_ip}")')
         case "no-cluster-ip":
-            return attribute_reply("(Service=zel-manager)")
+            return reply("(Service=zel-manager)")
         case "empty-ip":
-            return attribute_reply('(Service=zel-manager),(ClusterIP="")')
+            return reply('(Service=zel-manager),(ClusterIP="")')
         case "no-value":
-            return attribute_reply("(Service=zel-manager),(ClusterIP=)")
+            return reply("(Service=zel-manager),(ClusterIP=)")
         case "one-character":
-            return attribute_reply("(Service=zel-manager),(ClusterIP=1)")
+            return reply("(Service=zel-manager),(ClusterIP=1)")
         case "other-case":
-            return attribute_reply(f'(service=ZEL-MANAGER),(clusterip="{cluster_ip}")')
+            return reply(f'(service=ZEL-MANAGER),(clusterip="{cluster_ip}")')
         case "error":
-            return attribute_reply("", INTERNAL_ERROR)
+            return reply("", INTERNAL_ERROR)
         case "broken-length":
             return good[:2] + (len(good) + 7).to_bytes(3, "big") + good[5:]
         case "list-too-long":
@@ -166,30 +118,10 @@ def build_reply(kind, request, cluster_ip):
             return good[:2] + (13).to_bytes(3, "big") + good[5:13]
         case "wrong-function":
             url = struct.pack("!BH", 0, 600) + text(f"{SERVICE}://{cluster_ip}") + b"\0"
-            return message(SRV_RPLY, xid, language, struct.pack("!HH", 0, 1) + url)
+            return message(SRV_RPLY, struct.pack("!HH", 0, 1) + url, xid=xid, language=language)
         case "noise":
             return bytes(range(255, 100, -1))
     raise ValueError(kind)
-
-
-def join_group(sock, address):
-    """Joins on the interface of the address, or on all: without a default route the kernel would not
-    know which one is meant."""
-    joined = 0
-    indices = [0] if address != "0.0.0.0" else [index for index, _ in socket.if_nameindex()]
-    for index in indices:
-        with contextlib.suppress(OSError):
-            member = struct.pack("=4s4si", socket.inet_aton(GROUP), socket.inet_aton(address), index)
-            sock.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, member)
-            joined += 1
-    return joined
-
-
-def address_towards(peer):
-    """The own address from which that peer is reached."""
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.connect(peer)
-        return probe.getsockname()[0]
 
 
 class SlpService:
@@ -236,7 +168,7 @@ class SlpService:
             self.journal.problem(f"SLP {who}: {problem}")
 
         asks = f"{who} asks {'the group' if to_group else 'directly'} for {request['url']}"
-        own = address_towards(peer)
+        own = address_towards(peer[0])
         if request["url"] != SERVICE or SCOPE not in request["scopes"].lower().split(","):
             self.journal.line("SLP", f"{asks} in scope {request['scopes']} -> not ours, ignored")
             return

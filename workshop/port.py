@@ -7,9 +7,7 @@ is done.
 """
 
 import contextlib
-import ctypes
 import fcntl
-import os
 import pathlib
 import select
 import socket
@@ -17,17 +15,16 @@ import struct
 import sys
 import time
 
-CARD = "eth0"
-SWITCH = "/run/netns/switch"
+from stage import enter_network, namespace_path
 
-CLONE_NEWNET = 0x40000000
+CARD = "eth0"
+
 SIOCGIFFLAGS, SIOCSIFFLAGS = 0x8913, 0x8914
 IFF_UP = 1
 RTMGRP_LINK = 1
 RTM_NEWLINK = 16
 REQUEST = struct.Struct("16sh22x")  # ifreq: name, flags
 MESSAGE = struct.Struct("=IHHIIBxHiII")  # nlmsghdr and ifinfomsg
-LIBC = ctypes.CDLL(None, use_errno=True)
 
 
 def control_path(port):
@@ -46,13 +43,6 @@ def tell(port, word):
         return True
 
 
-def enter(network):
-    namespace = os.open(network, os.O_RDONLY)
-    if LIBC.setns(namespace, CLONE_NEWNET) != 0:
-        raise OSError(ctypes.get_errno(), network)
-    os.close(namespace)
-
-
 def flags(requests, name):
     return REQUEST.unpack(fcntl.ioctl(requests, SIOCGIFFLAGS, REQUEST.pack(name.encode(), 0)))[1]
 
@@ -62,9 +52,9 @@ class Port:
         self.name = name
         self.delay = delay
         self.due = None  # when the link comes
-        enter(SWITCH)
+        enter_network(namespace_path("switch"))
         self.switch = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        enter(network)
+        enter_network(network)
         self.events = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, socket.NETLINK_ROUTE)
         self.events.bind((0, RTMGRP_LINK))
         self.is_up = False

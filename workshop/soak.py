@@ -36,7 +36,7 @@ FREE_LOOKS = 3                         # a request whose client has gone may sti
 RULES_PATIENCE = 5                     # a sign-in may just have the box
 LAST_START = 8                         # seconds before the end: later nothing is started
 LIFE = 6, 1 / 8                        # seconds that an agent lives at least; most of it, of the whole time
-MARK = f"SOAKED={os.getpid()}"
+MARK = {"SOAKED": str(os.getpid())}  # what the agent's processes inherit
 ENDS = ["kill at work", "kill reserved", "term at work", "term reserved"]
 EVENTS = ["cable", "manager", "quiet", "cable", "quiet"]
 
@@ -119,7 +119,7 @@ class Soak:
         if without_cable:
             self.pull_cable("out")
         since = now()
-        self.agent = Process(self.judge, stage.enter(["env", MARK, stage.AGENT], stage.AGENT_OUTPUT))
+        self.agent = Process(self.judge, stage.Agent(**MARK))
         self.counts["starts"] += 1
         if without_cable:
             self.counts["starts without cable"] += 1
@@ -206,7 +206,7 @@ class Soak:
         return None
 
     def pull_cable(self, state):
-        subprocess.run([str(stage.PROJECT / "workshop/network"), "cable", state], check=True, timeout=30)
+        stage.network("cable", state)
 
     def cable(self):
         self.judge.tell("cable")
@@ -258,11 +258,11 @@ class Soak:
             self.judge.disturb()
             self.judge.check("start and stop", status == 0, f"exit status {status} after SIGTERM")
             self.judge.check_rules(None)
-            left = processes_of_agent(MARK)
+            left = processes_of_agent("SOAKED={SOAKED}".format(**MARK))
             strange = [line for line in left if not any(name in line for name in PROCESSES_LEFT)]
             self.judge.check("start and stop", not strange and len(left) <= len(PROCESSES_LEFT),
                              f"left after the stop: {left}")
-        stage.on_stage.remove(process)
+        self.agent.agent.kill()
         self.asking.close()
         if not self.gate.close(QUIET_LIMIT):
             self.judge.check("answered", False, f"clients are still at work {QUIET_LIMIT} s after the agent's end")
@@ -290,13 +290,13 @@ class Soak:
         self.ended.set()
         for thread in [self.watching, self.changing, *self.actors]:
             thread.join(QUIET_LIMIT)
-        if self.manager.process:
+        if self.manager.manager:
             self.manager.stop()
 
 
 def prepare_box():
     for number in range(11, 31):
-        subprocess.run([*stage.IN_CLIENT_NETWORK, "ip", "address", "add", f"192.168.68.{number}/16", "dev", "eth0"],
+        subprocess.run(stage.in_network("client", "ip", "address", "add", f"192.168.68.{number}/16", "dev", "eth0"),
                        check=True, timeout=30)
     pathlib.Path(soak_clients.TEXT_FILE).write_text(soak_clients.TEXT)
     for rule in ["-N site", "-A site -p tcp -m tcp --dport 9999 -j DROP", *SITE_RULES]:

@@ -1,8 +1,6 @@
 """Those who use the box that is soaked, and those who harm it. Each is a thread with an address of its own."""
 
-import ctypes
 import http.client
-import os
 import socket
 import struct
 import threading
@@ -10,16 +8,12 @@ import time
 import traceback
 import xml.etree.ElementTree as ElementTree
 
-import client
-import manager_slp
+import slp
 import stage
-from client import ENVELOPE, element, find
 from soak_judge import ANSWER_LIMIT, RELEASE, SLP_SIZE, Broken, now
+from soap import AGENT, CONNECTOR, NAMESPACES, element, envelope, find, local_name, operation, post, read_all
 
-AGENT_PATH = "/services/Agent"
-NAMESPACES = {client.PATH: "http://lusora.tembra.com/services/zel/Connector/v1",
-              AGENT_PATH: "http://lusora.tembra.com/services/Agent"}
-DESCRIPTIONS = [(client.PATH, query) for query in ("wsdl", "xsd=1", "xsd=2", "xsd=3", "xsd=4")] + [(AGENT_PATH, "wsdl")]
+DESCRIPTIONS = [(CONNECTOR, query) for query in ("wsdl", "xsd=1", "xsd=2", "xsd=3", "xsd=4")] + [(AGENT, "wsdl")]
 TEXT = "".join(f"{number:07} what a vehicle has said, and what it has been asked\n" for number in range(50000))
 TEXT_FILE = "/tmp/soak.txt"
 GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
@@ -27,31 +21,6 @@ KEPT_TIME = 2  # seconds that a kept connection is trusted; the box closes it af
 PAUSE = 0.25 if RELEASE else 0.6  # mean seconds between two turns of a client
 SLP_TRIES, SLP_PATIENCE = 5, 2  # datagrams may be lost
 TYPES = "service:zel.connector,service:hux-vci,"
-
-LIBC = ctypes.CDLL(None, use_errno=True)
-CLONE_NEWNET = 0x40000000
-
-
-def enter_client_network():
-    descriptor = os.open("/run/netns/client", os.O_RDONLY)
-    if LIBC.setns(descriptor, CLONE_NEWNET) != 0:
-        raise OSError(ctypes.get_errno(), "setns")
-    os.close(descriptor)
-
-
-def envelope(operation):
-    return f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body>{operation}</e:Body></e:Envelope>'
-
-
-def operation(name, values, namespace=""):
-    declared = f' xmlns="{namespace}"' if namespace else ""
-    return f"<{name}{declared}>" + "".join(element(key, value) for key, value in values.items()) + f"</{name}>"
-
-
-def soap_request(inner, path=client.PATH):
-    """As bytes, for those who do not send all of it, or not at once."""
-    text = envelope(inner)
-    return f"POST {path} HTTP/1.0\r\nContent-Length: {len(text)}\r\n\r\n{text}".encode()
 
 
 def legacy_form(function, values):
@@ -127,9 +96,9 @@ class Client:
         except OSError as error:
             self.judge.unanswered("vanish", since, error, "silence")
 
-    def soap(self, name, path=client.PATH, /, **values):
+    def soap(self, name, path=CONNECTOR, /, **values):
         since = now()
-        text = envelope(operation(name, values, self.random.choice(["", NAMESPACES[path]]))).encode()
+        text = envelope(operation(name, self.random.choice(["", NAMESPACES[path]]), **values)).encode()
         headers = {"Connection": "Keep-Alive"} if self.random.random() < 0.5 else {}
         body = text
         if self.random.random() < 0.2:  # in chunks
@@ -141,7 +110,7 @@ class Client:
             self.judge.right(name, since, False, f"{error}: {data[:500]}")
         answer = root[0][0]
         # Of the faults there are only those that are asked for.
-        self.judge.right(name, since, client.local_name(answer) in (name + "Response", "Fault"), f"{data[:500]}")
+        self.judge.right(name, since, local_name(answer) in (name + "Response", "Fault"), f"{data[:500]}")
         return answer
 
     def code(self, name, /, **values):
@@ -170,21 +139,16 @@ class Client:
             self.legacy("rkoReleaseDevice", DeviceOwner=owner)
 
     def slp(self, kind, function, fields, answered, address=stage.BOX):
-        """The fields behind the language tag of the answer."""
+        """The fields behind the error code of the answer."""
         since = now()
         xid = self.random.randrange(1, 1 << 16)
-        text = manager_slp.text
-        body = struct.pack("!H", xid) + text("en") + b"".join(
-            field if isinstance(field, bytes) else text(field) for field in fields)
-        request = bytes([2, function]) + (10 + len(body)).to_bytes(3, "big") + bytes(5) + body
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asking:
-            asking.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(self.address))
-            asking.bind((self.address, 0))
+        request = slp.message(function, *fields, xid=xid)
+        with slp.open_client(self.address) as asking:
             asking.settimeout(SLP_PATIENCE)
             for attempt in range(SLP_TRIES):
                 sent = now()
                 try:
-                    asking.sendto(request, (address, client.SLP_PORT))
+                    asking.sendto(request, (address, slp.PORT))
                     while True:
                         answer = asking.recv(65536)
                         if answer[10:12] == xid.to_bytes(2, "big"):
@@ -195,10 +159,11 @@ class Client:
                     continue
                 break
         self.judge.answered(kind, sent, "good" if attempt == 0 else "good, asked again")
-        self.judge.right(kind, since, answer[:2] == bytes([2, answered]) and len(answer) <= SLP_SIZE
-                         and int.from_bytes(answer[2:5], "big") == len(answer), f"{answer!r}", "discovery")
-        fields = manager_slp.Fields(answer[12:])
-        fields.text("language tag")
+        try:
+            fields = slp.read_reply(answer, answered)
+        except slp.BadMessage as error:
+            self.judge.right(kind, since, False, f"{error}: {answer!r}", "discovery")
+        self.judge.right(kind, since, len(answer) <= SLP_SIZE, f"{answer!r}", "discovery")
         return fields
 
 
@@ -249,7 +214,7 @@ class Actor(Client, threading.Thread):
         self.turns = 0
 
     def run(self):
-        enter_client_network()
+        stage.enter_network(stage.namespace_path("client"))
         while self.gate.enter():
             try:
                 self.turns += 1
@@ -280,7 +245,7 @@ class Reader(Actor):
         path, query = self.random.choice(DESCRIPTIONS)
         since = now()
         data = self.http("description", "GET", f"{path}?{query}")
-        root = client.local_name(ElementTree.fromstring(data))
+        root = local_name(ElementTree.fromstring(data))
         self.judge.right("description", since, root == ("schema" if query.startswith("xsd") else "definitions")
                          and (root == "schema" or stage.BOX.encode() in data), f"{query}: {root}")
 
@@ -311,15 +276,13 @@ class Reader(Actor):
     def dawdle(self):
         """A request that comes slowly is one all the same."""
         since = now()
-        request = soap_request("<getDeviceInformation/>")
+        request = post(envelope("<getDeviceInformation/>"))
         try:
             with socket.create_connection((stage.BOX, 5302), ANSWER_LIMIT, self.source()) as slow:
                 for start in range(0, len(request), 30):
                     slow.sendall(request[start:start + 30])
                     time.sleep(0.1)
-                answer = b""
-                while part := slow.recv(65536):
-                    answer += part
+                answer = read_all(slow)
         except OSError as error:
             self.judge.unanswered("slow", since, error)
         self.judge.right("slow", since, answer.endswith(b"Envelope>\n"), f"{answer[-200:]}")
@@ -330,20 +293,16 @@ class Seeker(Actor):
     """Looks for boxes by SLP, in all ways."""
 
     def turn(self):
-        group = self.random.choice([stage.BOX, stage.BOX, client.SLP_GROUP, "239.255.1.1"])
+        group = self.random.choice([stage.BOX, stage.BOX, slp.GROUP, "239.255.1.1"])
         self.random.choice([self.ask_attributes, self.ask_attributes, self.ask_legacy, self.ask_services,
                             self.ask_types])(group)
 
     def attributes(self, kind, url, group):
-        since = now()
-        fields = self.slp(kind, 6, ["", url, "default", "", ""], 7, group)
-        code, text = fields.number(2, "error"), fields.text("attributes")
-        self.judge.right(kind, since, code == 0, f"{code}: {text}", "discovery")
-        return text
+        return self.slp(kind, slp.ATTR_RQST, ["", url, slp.SCOPE, "", ""], slp.ATTR_RPLY, group).text("attributes")
 
     def ask_attributes(self, group):
         since, before = now(), self.judge.snapshot()
-        text = self.attributes("SLP attributes", self.random.choice(["service:zel.connector", ""]), group)
+        text = self.attributes("SLP attributes", self.random.choice([slp.CONNECTOR, ""]), group)
         found = dict(part.partition("=")[::2] for part in text[1:-1].split("),("))
         self.judge.right("SLP attributes", since, f"TAVO{found.get('Serial', '')}".endswith(stage.DEVICE_ID)
                          and found["UUID"][:8] == "00000000", text, "discovery")
@@ -360,11 +319,12 @@ class Seeker(Actor):
 
     def ask_services(self, group):
         since = now()
-        fields = self.slp("SLP services", 1, ["", self.random.choice(["", "service:zel.connector", "service:hux-vci"]),
-                                              "default", "", ""], 2, group)
+        fields = self.slp("SLP services", slp.SRV_RQST,
+                          ["", self.random.choice(["", slp.CONNECTOR, "service:hux-vci"]), slp.SCOPE, "", ""],
+                          slp.SRV_RPLY, group)
         self.judge.right("SLP services", since, TYPES.encode() in fields.rest(), f"{fields.rest()}", "discovery")
 
     def ask_types(self, group):
         since = now()
-        fields = self.slp("SLP types", 9, ["", b"\xff\xff", "default"], 10, group)
+        fields = self.slp("SLP types", slp.TYPE_RQST, ["", slp.ALL_AUTHORITIES, slp.SCOPE], slp.TYPE_RPLY, group)
         self.judge.right("SLP types", since, TYPES.encode() in fields.rest(), f"{fields.rest()}", "discovery")

@@ -7,7 +7,6 @@ import collections
 import contextlib
 import math
 import pathlib
-import re
 import subprocess
 import threading
 import time
@@ -31,11 +30,9 @@ SLP_SIZE = 1400                       # most bytes of an answer
 LOG_LINES = 60
 SHOWN = 3                             # findings of a check that are shown
 
-PORTS = ("6801", "6802", "52410", "52411")
+PORTS = {str(port) for port in stage.PORTS}
 SITE_RULES = ["-A INPUT -j site", "-A INPUT -p tcp -m tcp --dport 9998 -j ACCEPT"]
-IN_BOX_NETWORK = ["nsenter", "--net=/proc/1/ns/net"]
-BAD_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:", "WARNING: ThreadSanitizer",
-             "FATAL: Segmentation fault")
+BAD_WORDS = (*stage.COMPLAINTS, "FATAL: Segmentation fault")
 
 CHECKS = {
     "one owner": "nobody is told that he has the box while somebody else has it",
@@ -237,14 +234,13 @@ class Judge:
         """Four for that host, none for None; `still` tells whether that is still what must be."""
         end = now() + patience
         while True:
-            done = subprocess.run([*IN_BOX_NETWORK, "sh", "-c", "iptables -S INPUT; "
-                                   "cat /proc/sys/net/ipv4/ip_forward"], capture_output=True, text=True, timeout=60)
+            done = subprocess.run(stage.in_network("box", "sh", "-c", "iptables -S INPUT; "
+                                                   "cat /proc/sys/net/ipv4/ip_forward"),
+                                  capture_output=True, text=True, timeout=60)
             lines = done.stdout.splitlines()
             added = [line for line in lines if line.startswith("-A")]
             found = [line for line in added if line.split()[-3] in PORTS]
-            source = "" if host in (None, "0.0.0.0") else f" -s {host}/32"
-            wanted = [] if host is None else [f"-A INPUT{source} -p tcp -m tcp --dport {port} -j ACCEPT"
-                                              for port in PORTS]
+            wanted = [] if host is None else stage.port_rules("" if host == "0.0.0.0" else host)
             good = (found == wanted and [line for line in added if line not in found] == SITE_RULES
                     and lines[-1:] == ["0" if host is None else "1"])
             if not still():
@@ -258,16 +254,15 @@ class Judge:
 class Process:
     """The agent, seen by the kernel."""
 
-    def __init__(self, judge, process):
+    def __init__(self, judge, agent):
         self.judge = judge
-        self.process = process
+        self.agent = agent
+        self.process = agent.process
         self.rests = []
 
     def read(self):
-        text = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
-        figures = {name: int(re.search(rf"^{name}:\s+(\d+)", text, re.M)[1]) for name in ("VmRSS", "VmHWM", "Threads")}
-        figures["descriptors"] = len(list(pathlib.Path(f"/proc/{self.process.pid}/fd").iterdir()))
-        return figures
+        return {"descriptors": self.agent.descriptors(),
+                **{name: self.agent.status(name) for name in ("VmRSS", "VmHWM", "Threads")}}
 
     def rest(self, patience=SILENCE_LIMIT):
         """Waits until it has come to rest, and judges that."""
@@ -296,7 +291,7 @@ class Process:
                              f"{[rest['VmRSS'] for rest in self.rests]}")
 
     def check_output(self):
-        text = stage.AGENT_OUTPUT.read_text(errors="replace")
+        text = self.agent.output()
         bad = [text[max(0, text.index(word) - 200):][:6000] for word in BAD_WORDS if word in text]
         self.judge.check("output", not bad, "\n".join(bad))
 

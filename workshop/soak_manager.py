@@ -16,7 +16,7 @@ class Settings:
     KEYS = ("tavo.hostname", "tavo.color", "country.code")
     FIXED = {"opla.mode": "OPLA", "network.config.discover.mode": "3", "web.listen.backlog": "16",
              "site.note": "what nobody knows is kept, too; " + "x" * 200,
-             "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips": "192.168.68.2"}
+             stage.ADDRESS_KEY: stage.MANAGER}
     OLD = stage.CONFIGURATION.with_name(stage.CONFIGURATION.name + ".old")
 
     def __init__(self, judge, values):
@@ -52,12 +52,12 @@ class ManagerStage:
 
     def __init__(self, judge, settings, chance):
         self.judge, self.settings, self.random = judge, settings, chance
-        self.process = None
+        self.manager = None
         self.counts = collections.Counter()
 
     def change(self):
-        self.judge.tell("manager goes" if self.process else "manager comes")
-        if self.process:
+        self.judge.tell("manager goes" if self.manager else "manager comes")
+        if self.manager:
             self.stop()
         else:
             self.start()
@@ -70,12 +70,11 @@ class ManagerStage:
         wanted = {"hostname": self.values[0], "color": COLORS[color], "country": country, "fault.kind": fault,
                   "fault.times": 1 if fault in ("reset", "drop-in-body") else 0}
         self.settings.offer(self.values)
-        self.process = stage.start_manager(
-            "plain", *(part for key, value in wanted.items() for part in ("--set", f"{key}={value}")))
+        self.manager = stage.Manager("plain", *(f"{key}={value}" for key, value in wanted.items()))
 
     def look(self):
         """Takes in what has been said to the manager. A box asks to be signed in when it has saved its settings."""
-        text = stage.MANAGER_OUTPUT.read_text() if self.process else ""
+        text = self.manager.output() if self.manager else ""
         if " signInTavo: " in text:
             self.settings.saved(self.values)
         # A manager that comes between the two requests has not seen the first.
@@ -85,8 +84,6 @@ class ManagerStage:
         return text.count(" signInTavo: ")
 
     def stop(self):
-        self.process.terminate()
-        self.judge.check("sign-in", self.process.wait(20) == 0, "the manager has not ended well")
+        self.judge.check("sign-in", self.manager.stop() == 0, "the manager has not ended well")
         self.counts["sign-ins"] += self.look()
-        stage.on_stage.remove(self.process)
-        self.process = None
+        self.manager = None

@@ -4,11 +4,10 @@ import socket
 import time
 import xml.etree.ElementTree as ElementTree
 
-import client
 import stage
-from client import element, find
-from soak_clients import AGENT_PATH, Actor, envelope, operation, soap_request
+from soak_clients import Actor
 from soak_judge import ANSWER_LIMIT, BUSY_TIME, Broken, now
+from soap import AGENT, CONNECTOR, element, envelope, find, local_name, operation, post
 
 SERVICE_OWNER = "VCI-Agent"
 
@@ -45,8 +44,8 @@ class Owner(Actor):
         return None
 
     def vanish(self, owner, host):
-        self.send_and_reset(soap_request(operation(
-            "reserveDevice", {"deviceId": stage.DEVICE_ID, "owner": owner, "hostLock": host})))
+        self.send_and_reset(post(envelope(operation(
+            "reserveDevice", deviceId=stage.DEVICE_ID, owner=owner, hostLock=host))))
         self.judge.outcomes["reserveDevice"]["gone before the answer"] += 1
 
     def use(self, owner, epoch, handle, host):
@@ -86,7 +85,7 @@ class Owner(Actor):
         # Its parameters are structures, which the other calls have none of.
         inner = (element("handle", handle) + element("pSubSystem", subsystem) + element("pCommand", command)
                  + f"<pParameters>{element('key', 'said')}{element('value', text)}</pParameters>")
-        data = self.http(name, "POST", client.PATH, envelope(f"<{name}>{inner}</{name}>").encode())
+        data = self.http(name, "POST", CONNECTOR, envelope(f"<{name}>{inner}</{name}>").encode())
         root = ElementTree.fromstring(data)
         key, value = find(root, "key"), find(root, "value")
         if epoch != self.judge.epoch:
@@ -183,22 +182,22 @@ class Supervisor(Owner):
             return self.stop_service()
         values = {"groupId": "TAVO"} if choice == "getMonitoringStatus" else {}
         since = now()
-        answer = self.soap(choice, AGENT_PATH, **values)
+        answer = self.soap(choice, AGENT, **values)
         text = find(answer, "return") if choice == "doSelftest" else find(answer, "status")
         wanted = {"doSelftest": "30-network: OK", "getMonitoringStatus": "OK"}.get(choice, "")
         return self.judge.right(choice, since, wanted in (text or ""), f"answers {text}")
 
     def stop_service(self):
         epoch = self.judge.reserving(SERVICE_OWNER)
-        answer = self.soap("stopService", AGENT_PATH, name=SERVICE_OWNER)
-        if client.local_name(answer) == "Fault":
+        answer = self.soap("stopService", AGENT, name=SERVICE_OWNER)
+        if local_name(answer) == "Fault":
             self.judge.released(SERVICE_OWNER, epoch)
             self.judge.outcomes["stopService"]["refused"] += 1
             return
         if not self.judge.reserved(SERVICE_OWNER, epoch):
             return
         self.look_at_rules(SERVICE_OWNER, epoch, None, "127.0.0.1")
-        running = self.soap("isServiceRunning", AGENT_PATH, name=SERVICE_OWNER)
+        running = self.soap("isServiceRunning", AGENT, name=SERVICE_OWNER)
         if self.judge.holds(SERVICE_OWNER, epoch):
             self.judge.right("isServiceRunning", now(), find(running, "return") == "false", "it is said to run")
         if self.random.random() < 0.3:
@@ -224,5 +223,5 @@ class Supervisor(Owner):
 
     def start_service(self, epoch):
         self.judge.releasing(SERVICE_OWNER)
-        self.soap("startService", AGENT_PATH, name=SERVICE_OWNER)
+        self.soap("startService", AGENT, name=SERVICE_OWNER)
         self.judge.released(SERVICE_OWNER, epoch)

@@ -3,17 +3,13 @@
 import contextlib
 import socket
 
-import client
+import slp
 import stage
-from soak_clients import AGENT_PATH, TEXT_FILE, Actor, envelope, legacy_form, soap_request
+from soak_clients import TEXT_FILE, Actor, legacy_form
 from soak_judge import ANSWER_LIMIT, SILENCE_LIMIT, now
+from soap import AGENT, CONNECTOR, envelope, post, read_all
 
 FULL_BODY = (1 << 20) - 200  # as many bytes as the box takes
-
-
-def post(path, body, length=None, headers=""):
-    return f"POST {path} HTTP/1.1\r\nContent-Length: {len(body) if length is None else length}\r\n" \
-           f"{headers}\r\n".encode() + body
 
 
 class Stranger(Actor):
@@ -36,8 +32,7 @@ class Stranger(Actor):
                     if self.random.random() < 0.5:
                         with contextlib.suppress(OSError):  # the box has closed it already
                             connection.shutdown(socket.SHUT_WR)
-                    while part := connection.recv(65536):
-                        answer += part
+                    answer = read_all(connection)
                 except (ConnectionResetError, BrokenPipeError):
                     pass
         except OSError as error:
@@ -56,17 +51,17 @@ class Stranger(Actor):
             b"GET /" + b"a" * 70000 + b" HTTP/1.0\r\n\r\n",
             b"GET /test HTTP/1.0\r\n" + b"X: y\r\n" * 20000 + b"\r\n",
             b"GET /test HTTP/9.9\r\nno colon here\r\n: \r\n\r\n",
-            f"POST {client.PATH} HTTP/1.1\r\nContent-Length: {number}\r\n\r\n<a/>".encode()])
+            f"POST {CONNECTOR} HTTP/1.1\r\nContent-Length: {number}\r\n\r\n<a/>".encode()])
 
     def bodies(self):
         chunks = self.random.choice([b"zzz\r\n", b"-1\r\n", b"ffffffff\r\nabc", b"5\r\nabc\r\n0\r\n\r\n",
                                      b"5;x=" + b"y" * 5000 + b"\r\nabcde\r\n0\r\n\r\n", b"3\r\nabc"])
         return self.random.choice([
-            f"POST {client.PATH} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode() + chunks,
-            post(client.PATH, b"<a", 400), post(client.PATH, b"x" * 500, 1 << 21), post("/rKo", self.noise())])
+            f"POST {CONNECTOR} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode() + chunks,
+            post(b"<a", length=400), post(b"x" * 500, length=1 << 21), post(self.noise(), "/rKo")])
 
     def documents(self):
-        path = self.random.choice([client.PATH, AGENT_PATH])
+        path = self.random.choice([CONNECTOR, AGENT])
         count = self.random.choice([10, 200, 3000])
         text = self.random.choice([
             "<a>", "<a/>" * count, "<a>" * count, envelope("<a>" * count + "</a>" * count),
@@ -85,28 +80,27 @@ class Stranger(Actor):
         data = text.encode()
         if self.random.random() < 0.2:
             data = data.replace(b"a", b"\xff\xfe")
-        return post(path, data)
+        return post(data, path)
 
     def forms(self):
         form = legacy_form("rkoGetDeviceStatus", {"DeviceOwner": "x" * self.random.choice([1, 5000])})
-        return post("/rKo", self.random.choice([
+        return post(self.random.choice([
             form.replace(b"--soak", b"--other", 1), form.replace(b"\r\n\r\n", b"\r\n"), form[:100],
             form.replace(b"rkoGetDeviceStatus", b"rko\nforged"), form.replace(b"<data>", b"<data" + b" a='1'" * 50),
-            form.replace(b"<struct>", b"<struct>" * 3000)]))
+            form.replace(b"<struct>", b"<struct>" * 3000)]), "/rKo")
 
     def mutants(self):
         data = bytearray(self.random.choice([
-            post(client.PATH, envelope("<getDeviceInformation/>").encode()),
-            post(AGENT_PATH, envelope("<getMonitoringStatus><groupId>TAVO</groupId></getMonitoringStatus>").encode()),
-            post("/rKo", legacy_form("rkoGetDeviceStatus", {"DeviceOwner": "x"}))]))
+            post(envelope("<getDeviceInformation/>")),
+            post(envelope("<getMonitoringStatus><groupId>TAVO</groupId></getMonitoringStatus>"), AGENT),
+            post(legacy_form("rkoGetDeviceStatus", {"DeviceOwner": "x"}), "/rKo")]))
         for _ in range(self.random.randint(1, 8)):
             position = self.random.randrange(len(data))
             data[position:position + self.random.randint(0, 2)] = self.noise(2)
         return bytes(data)
 
     def send_datagrams(self):
-        body = b"\x12\x34\0\2en\0\0\0\x15service:zel.connector\0\7default\0\0\0\0"
-        good = bytes([2, 6]) + (10 + len(body) - 2).to_bytes(3, "big") + bytes(5) + body[2:]
+        good = slp.attribute_request()
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
             stranger.bind((self.address, 0))
             for _ in range(20):
@@ -115,7 +109,7 @@ class Stranger(Actor):
                     data[self.random.randrange(len(data))] = self.random.randrange(256)
                 try:
                     stranger.sendto(data[:self.random.choice([len(data), len(data) // 2])],
-                                    (stage.BOX, client.SLP_PORT))
+                                    (stage.BOX, slp.PORT))
                 except OSError:
                     pass  # the cable is out
         self.judge.outcomes["SLP rubbish"]["sent"] += 20
@@ -132,7 +126,7 @@ class Vanishing(Actor):
         return socket.create_connection((stage.BOX, self.random.choice([80, 5302])), ANSWER_LIMIT, self.source())
 
     def leave(self):
-        request = soap_request("<getDeviceInformation/>")
+        request = post(envelope("<getDeviceInformation/>"))
         self.send_and_reset(request[:self.random.choice([0, 1, 40, len(request) - 5, len(request)])])
 
     def leave_in_download(self):

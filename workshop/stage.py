@@ -1,147 +1,415 @@
-"""What the demos share: a numbered story of checked steps, and the box, manager and client on stage."""
+"""What demos, soak and end-to-end tests have on stage: the box with its agent, the manager, the network around
+them, and a client that asks the box. Shares no code with the agent."""
 
+import contextlib
+import ctypes
 import os
 import pathlib
 import re
-import shlex
 import signal
+import socket
 import subprocess
 import sys
+import threading
 import time
 
+import slp
+import soap
+
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
-AGENT = os.environ.get("ZEL_AGENT", str(PROJECT / "build/release/zel"))
-MANAGER_OUTPUT = pathlib.Path("/tmp/manager.out")
-AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
-AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
-CONFIGURATION = pathlib.Path("/config/agent.configuration")
-IN_CLIENT_NETWORK = ["nsenter", "--net=/run/netns/client"]
+AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", PROJECT / "build/release/zel"))
+SANITIZED = "release" not in AGENT
+EMULATED = AGENT.endswith("tests/powerpc/agent")
 ZELCTL = pathlib.Path(AGENT).with_name("zelctl")
 if not ZELCTL.exists():  # the agent is another processor's, and emulated
     ZELCTL = PROJECT / "build/release/zelctl"
-BOX = "192.168.68.42"
+
+BOX, WLAN_BOX = "192.168.68.42", "192.168.68.43"
+CLIENT = "192.168.68.1"
+MANAGER = "192.168.68.2"
 DEVICE_ID = "TAVO0012345"
-START_LIMIT = 60
-STOP_LIMIT = 2 if "release" in AGENT else 20  # a sanitizer looks for leaks at the end
-REFUSED = 1  # exit status of zelctl
+PORTS = (6801, 6802, 52410, 52411)  # for diagnosis
 
-BOLD, GREEN, RED, PLAIN = ("\033[1m", "\033[32m", "\033[31m", "\033[0m") if sys.stdout.isatty() \
-    else ("", "", "", "")
+CONFIGURATION = pathlib.Path("/config/agent.configuration")
+AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
+AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
+MANAGER_OUTPUT = pathlib.Path("/tmp/manager.out")
+MANAGER_RECORD = pathlib.Path("/tmp/manager")
+IMAGES = pathlib.Path("/app/zel/images")
+REBOOTS = pathlib.Path("/tmp/reboot.log")
+ADDRESS_KEY = "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips"
+BASE = "tavo.color=white\ntavo.hostname=TAVO\ncountry.code=DE\n"
+SIGNING_IN = BASE + f"network.config.discover.mode=3\n{ADDRESS_KEY}={MANAGER}\n"
+# A box that is integrated without a manager serves at once.
+ALONE = BASE + "opla.mode=OPLA-Next\n"
+
+COMPLAINTS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:", "WARNING: ThreadSanitizer")
+CLONE_NEWNET = 0x40000000
+LIBC = ctypes.CDLL(None, use_errno=True)
 
 
-class Failed(Exception):
+class Failed(AssertionError):
     pass
 
 
-on_stage = []
-
-
-def enter(command, output):
-    """Starts a program that writes to that file."""
-    with output.open("w") as file:
-        on_stage.append(subprocess.Popen(command, stdout=file, stderr=subprocess.STDOUT))
-    return on_stage[-1]
-
-
-def clear():
-    """Ends what still runs, so that nothing of a failed story is in the way of the next."""
-    for process in on_stage:
-        process.kill()
-        process.wait()
-    on_stage.clear()
-
-
-def title(text):
-    title.number += 1
-    print(f"\n{BOLD}{title.number}. {text}{PLAIN}", flush=True)
-
-
-title.number = 0
-
-
-def check(condition, text):
-    if not condition:
-        raise Failed(text)
-    print(f"  {GREEN}ok{PLAIN}: {text}", flush=True)
-
-
-def wait_until(condition, what, seconds=START_LIMIT):
+def wait_until(condition, what, seconds=60):
     end = time.monotonic() + seconds
     while not (result := condition()):
         if time.monotonic() > end:
             raise Failed(f"{what}: not within {seconds} s")
-        time.sleep(0.05)
+        time.sleep(0.02)
     return result
 
 
-def in_client_network(*command, status=0, only=""):
-    """Runs a command there, shows it with what it prints, checks its exit status, and returns what it prints.
+# The network ------------------------------------------------------------------------------------
 
-    `only` is a pattern of the lines to be shown.
-    """
-    typed = shlex.join(command) + (f" | grep -E {shlex.quote(only)}" if only else "")
-    path = f"{ZELCTL.parent}:{os.environ['PATH']}"
-    done = subprocess.run(IN_CLIENT_NETWORK + list(command), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                          text=True, cwd=PROJECT, env={**os.environ, "PATH": path})
-    lines = [line for line in done.stdout.splitlines() if re.search(only, line)]
-    print(f"  $ {typed}\n" + "".join(f"  {line}\n" for line in lines), end="", flush=True)
-    if done.returncode != status:
-        raise Failed(f"exit status {done.returncode}, not {status}: {done.stdout}")
-    return done.stdout
+def network(*arguments):
+    """Changes the network around the box (workshop/network --help)."""
+    subprocess.run([PROJECT / "workshop/network", *arguments], check=True)
 
 
-def zelctl(*arguments, **options):
-    return in_client_network("zelctl", *arguments, **options)
+def namespace_path(name):
+    return "/proc/1/ns/net" if name == "box" else f"/run/netns/{name}"
 
 
-def is_state(state, host=DEVICE_ID):
-    """Asks the box, and shows, whether it is free or reserved."""
-    return state in zelctl("info", host, only="^state").split()
+def in_network(name, *command):
+    """The command in the network of that name: box, client, manager, switch or bay-N."""
+    return ["nsenter", f"--net={namespace_path(name)}", *map(str, command)]
 
 
-def setting(name):
-    lines = CONFIGURATION.read_text().splitlines()
-    return next((line.partition("=")[2] for line in lines if line.startswith(name + "=")), None)
+def enter_network(path):
+    """The calling thread from now on; a socket stays where it is made."""
+    descriptor = os.open(path, os.O_RDONLY)
+    try:
+        if LIBC.setns(descriptor, CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), path)
+    finally:
+        os.close(descriptor)
 
+
+@contextlib.contextmanager
+def namespace(name):
+    """The calling thread in that network."""
+    own = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+    enter_network(namespace_path(name))
+    try:
+        yield
+    finally:
+        enter_network(f"/proc/self/fd/{own}")
+        os.close(own)
+
+
+def output_of(*command, network="box", **options):
+    """What a command prints; it has to succeed."""
+    return subprocess.run(in_network(network, *command), capture_output=True, text=True, check=True, **options).stdout
+
+
+def rules():
+    """Those in the packet filter for what comes in."""
+    return [line for line in output_of("iptables", "-S", "INPUT").splitlines() if line.startswith("-A")]
+
+
+def port_rules(host=""):
+    """The rules of a reservation that is locked to a host, or to none."""
+    source = f"-s {host}/32 " if host else ""
+    return [f"-A INPUT {source}-p tcp -m tcp --dport {port} -j ACCEPT" for port in PORTS]
+
+
+# The box ----------------------------------------------------------------------------------------
 
 def log():
     return AGENT_LOG.read_text(errors="replace") if AGENT_LOG.exists() else ""
 
 
-def start_manager(scenario, *settings):
-    manager = enter(["nsenter", "--net=/run/netns/manager", sys.executable, str(PROJECT / "workshop/manager"),
-                     "--scenario", scenario, "--record", "/tmp/manager", *settings], MANAGER_OUTPUT)
-    wait_until(lambda: "READY" in MANAGER_OUTPUT.read_text(), "the manager is ready")
-    return manager
+def wait_for_log(text, seconds=60):
+    wait_until(lambda: text in log(), f"the log says {text!r}", seconds)
 
 
-def start_agent():
-    """Switches the box on: its card has no address, and the agent starts."""
-    subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
-    subprocess.run(["ip", "link", "set", "eth0", "down"], check=True)
-    start_agent.logged = len(log())
-    return enter([AGENT], AGENT_OUTPUT)
+def sign_in_ended():
+    """The sign-in thread opens the box to clients as its last act."""
+    return re.search(r"debug   \d+ +go to receive", log().rpartition("Start PreSignInSignIn")[2])
 
 
-start_agent.logged = 0
+def settings():
+    """What the next start reads."""
+    path = CONFIGURATION
+    if not path.exists():
+        path = path.with_suffix(".configuration.old")
+    return dict(line.split("=", 1) for line in path.read_text().splitlines())
 
 
-def log_of_this_start():
-    return log()[start_agent.logged:]
+def active_image(kind="application"):
+    directory = IMAGES / kind
+    return (directory / (directory / "active").read_text().strip() / "image").read_bytes()
 
 
-def wait_until_serving(agent, host=BOX):
-    def serves():
-        if agent.poll() is not None:
-            raise Failed(f"the agent ended with status {agent.returncode}")
-        return subprocess.run([*IN_CLIENT_NETWORK, ZELCTL, "info", host], capture_output=True).returncode == 0
-    wait_until(serves, "the agent serves")
-
-
-def stop(agent):
-    agent.send_signal(signal.SIGTERM)
+@contextlib.contextmanager
+def replaced(path, script):
+    """Another program, or none, in the place of one that may be there."""
+    tool = pathlib.Path(path)
+    kept = tool.with_name(f"kept-{tool.name}")
+    was_there = os.path.lexists(tool)
+    if was_there:
+        tool.rename(kept)
     try:
-        status = agent.wait(STOP_LIMIT)
-    except subprocess.TimeoutExpired:
-        raise Failed(f"the agent did not stop within {STOP_LIMIT} s") from None
-    check(status == 0, f"the agent's exit status is {status}")
+        if script is not None:
+            tool.write_text(script)
+            tool.chmod(0o755)
+        yield
+    finally:
+        tool.unlink(missing_ok=True)
+        if was_there:
+            kept.rename(tool)
+
+
+@contextlib.contextmanager
+def changed(command, back):
+    """What that command does to the box, and another takes back at the end of the block."""
+    output_of(*command.split())
+    try:
+        yield
+    finally:
+        output_of(*back.split())
+
+
+@contextlib.contextmanager
+def without_address():
+    card = "dev eth0"
+    with changed(f"ip address flush {card}", f"ip route replace default via {CLIENT} {card}"):
+        with changed("true", f"ip address add {BOX}/16 brd + {card}"):
+            yield
+
+
+class Program:
+    """A program that writes to a file."""
+
+    running = []
+
+    def __init__(self, command, path, output=None, **environment):
+        self.path = path
+        with path.open("w") as file:
+            self.process = subprocess.Popen(list(map(str, command)), stdout=output or file, stderr=file,
+                                            env={**os.environ, **environment})
+        self.running.append(self)
+
+    def output(self):
+        return self.path.read_text(errors="replace")
+
+    def stop(self, seconds=20):
+        """Asks it to stop and returns its exit status."""
+        self.process.send_signal(signal.SIGTERM)
+        try:
+            return self.process.wait(seconds)
+        except subprocess.TimeoutExpired:
+            raise Failed(f"{self.process.args} has not stopped within {seconds} s") from None
+        finally:
+            self.kill()
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+        if self in self.running:
+            self.running.remove(self)
+
+
+def clear():
+    """Ends what still runs, so that nothing of a failed story is in the way of the next."""
+    for program in list(Program.running):
+        program.kill()
+
+
+def check_output(text):
+    """Fails when a sanitizer has found something."""
+    for bad in COMPLAINTS:
+        assert bad not in text, text[-8000:]
+
+
+class Agent(Program):
+    """The agent as a process of the box; without a configuration, with that which is there."""
+
+    def __init__(self, configuration=None, output=None, **environment):
+        if configuration is not None:
+            CONFIGURATION.write_text(configuration)
+        super().__init__([AGENT], AGENT_OUTPUT, output, **environment)
+        self.pid = self.process.pid
+
+    def wait_until_serving(self, host=BOX):
+        def serves():
+            if self.process.poll() is not None:
+                raise Failed(f"the agent has ended with status {self.process.returncode}: {self.output()}")
+            return is_serving(host)
+        wait_until(serves, "the agent serves")
+        return self
+
+    def stop(self, seconds=10):
+        return super().stop(max(seconds, 20) if SANITIZED else seconds)
+
+    def check_output(self):
+        check_output(self.output())
+
+    def status(self, name):
+        text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
+        return int(re.search(rf"^{name}:\s+(\d+)", text, re.M)[1])
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
+
+    def threads(self):
+        """Names of the threads by their ids."""
+        names = {}
+        for tid in os.listdir(f"/proc/{self.pid}/task"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
+                names[int(tid)] = pathlib.Path(f"/proc/{self.pid}/task/{tid}/comm").read_text().strip()
+        return names
+
+    def connections(self):
+        """Ids of the threads that serve a connection; one that has just begun has the name of the server's own yet."""
+        return sorted(tid for tid, name in self.threads().items() if name.startswith("WebServer"))[1:]
+
+    def at_rest(self):
+        """How many descriptors and threads there are when nobody is served."""
+        call("getDeviceInformation")  # who connected before and is not served yet is so before this is answered
+        wait_until(lambda: not self.connections(), "nobody is served")
+        return self.descriptors(), len(self.threads())
+
+
+@contextlib.contextmanager
+def agent(configuration=SIGNING_IN, **environment):
+    """An agent that must end well."""
+    AGENT_LOG.unlink(missing_ok=True)
+    running = Agent(configuration, **environment)
+    try:
+        yield running
+    finally:
+        if running.process.poll() is None:
+            assert running.stop() == 0
+        running.check_output()
+
+
+@contextlib.contextmanager
+def serving(configuration, **environment):
+    with agent(configuration, **environment) as running:
+        yield running.wait_until_serving()
+
+
+# The manager and other boxes --------------------------------------------------------------------
+
+class Manager(Program):
+    """The simulated manager in its own network; ends with the block. Settings are KEY=VALUE."""
+
+    def __init__(self, scenario, *settings, options=()):
+        for old in MANAGER_RECORD.glob("*"):
+            old.unlink()
+        super().__init__(in_network("manager", sys.executable, PROJECT / "workshop/manager", "--scenario", scenario,
+                                    "--record", MANAGER_RECORD,
+                                    *(part for setting in settings for part in ("--set", setting)), *options),
+                         MANAGER_OUTPUT)
+        wait_until(lambda: "READY" in self.output(), "the manager is ready")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        assert self.stop() == 0, self.output()
+
+    def bodies(self, operation):
+        """The request bodies of that operation, in order."""
+        return [path.read_bytes().decode() for path in sorted(MANAGER_RECORD.glob(f"*-{operation}-request.xml"))]
+
+    def problems(self):
+        return [line for line in self.output().splitlines() if "PROBLEM" in line]
+
+
+@contextlib.contextmanager
+def other_boxes(*lists):
+    """Further boxes, on addresses from 192.168.70.1 on, that do nothing but answer with these attributes."""
+    addresses = [f"192.168.70.{number}" for number in range(1, len(lists) + 1)]
+    for address in addresses:
+        output_of("ip", "address", "add", f"{address}/16", "dev", "eth0", network="manager")
+    with contextlib.ExitStack() as stack, namespace("manager"):
+        listener, *senders = (stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+                              for _ in ["", *addresses])
+        for sock, address in zip([listener, *senders], [slp.GROUP, *addresses]):
+            sock.bind((address, slp.PORT))
+        slp.join_group(listener, MANAGER)
+        listener.settimeout(0.1)
+        ended = threading.Event()
+
+        def answer():
+            while not ended.is_set():
+                with contextlib.suppress(OSError):  # nobody asks, or from where no answer gets to
+                    request, client = listener.recvfrom(4096)
+                    xid = int.from_bytes(request[10:12], "big")
+                    for sender, attributes in zip(senders, lists):
+                        sender.sendto(b"", client)
+                        sender.sendto(slp.attribute_reply(attributes, xid), client)
+                        # To a question of somebody else's.
+                        sender.sendto(slp.attribute_reply("(Serial=?)", xid ^ 1), client)
+
+        thread = threading.Thread(target=answer)
+        thread.start()
+        try:
+            yield
+        finally:
+            ended.set()
+            thread.join()
+    for address in addresses:
+        output_of("ip", "address", "delete", f"{address}/16", "dev", "eth0", network="manager")
+
+
+# The client -------------------------------------------------------------------------------------
+
+def connect(port=5302, timeout=30, host=BOX):
+    with namespace("client"):
+        return socket.create_connection((host, port), timeout)
+
+
+def is_serving(host=BOX):
+    with contextlib.suppress(OSError):
+        connect(host=host).close()
+        return True
+    return False
+
+
+def exchange(data, port=5302):
+    """Everything the box answers to these bytes until it closes."""
+    with connect(port) as connection:
+        with contextlib.suppress(BrokenPipeError, ConnectionResetError):
+            connection.sendall(data)
+        return soap.read_all(connection)
+
+
+def request(operation, path=soap.CONNECTOR):
+    """The body of the answer to an operation element."""
+    head, body = exchange(soap.post(soap.envelope(operation), path)).split(b"\r\n\r\n", 1)
+    assert head.startswith(b'HTTP/1.0 200 OK\r\nContent-Type: text/xml;charset="utf-8"\r\n'), head
+    return body.decode()
+
+
+def call(name, path=soap.CONNECTOR, /, **values):
+    """Calls an operation and returns the body of the answer."""
+    return request(soap.operation(name, **values), path)
+
+
+def reserve(owner="tester", host_lock=""):
+    """(error, handle)"""
+    body = call("reserveDevice", deviceId=DEVICE_ID, owner=owner, hostLock=host_lock)
+    return soap.value(body, "error"), soap.value(body, "handle")
+
+
+def release(handle, device_id=DEVICE_ID):
+    return soap.value(call("releaseDevice", handle=handle, deviceId=device_id), "error")
+
+
+def ask(data, address=BOX, patience=10):
+    """The box's answer to a datagram, None when there is none in time."""
+    with namespace("client"):
+        client = slp.open_client(CLIENT)
+    with client:
+        client.settimeout(patience)
+        client.sendto(data, (address, slp.PORT))
+        with contextlib.suppress(TimeoutError):
+            answer, sender = client.recvfrom(65536)
+            assert sender == (BOX, slp.PORT)
+            return answer
+    return None

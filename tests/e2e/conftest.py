@@ -1,10 +1,12 @@
 import os
+import pathlib
 import subprocess
+import sys
 
 import pytest
 
-import workshop
-from box import Agent
+sys.path.append(str(pathlib.Path(__file__).parents[2] / "workshop"))
+import stage
 
 
 def pytest_collection_modifyitems(config, items):
@@ -18,11 +20,8 @@ def pytest_collection_modifyitems(config, items):
 @pytest.fixture(scope="module")
 def agent():
     """An agent that serves at once; when the module is done it must stop cleanly."""
-    running = Agent().wait_until_serving()
-    yield running
-    status = running.stop()
-    running.check_output()
-    assert status == 0
+    with stage.serving("opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\ntavo.color=white\n") as running:
+        yield running
 
 
 @pytest.fixture
@@ -31,4 +30,4 @@ def workshop_in_order():
     yield
     subprocess.run(["pkill", "-KILL", "-x", "Zel::main"])
     for arguments in (("cable", "in"), ("dhcp", "start"), ("adapter", "none")):
-        workshop.network(*arguments)
+        stage.network(*arguments)

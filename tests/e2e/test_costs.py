@@ -1,24 +1,24 @@
 """What the dearest texts cost the box, whichever way they come in: processor time and memory."""
 
 import concurrent.futures
-import contextlib
 import itertools
 import os
 import pathlib
-import socket
 import string
 import threading
+from unittest import mock
 
 import pytest
 
-import box
-import workshop
-from box import envelope, exchange, post
+import stage
+from manager_http import HttpServer
+from soap import AGENT, CONNECTOR, chunked, envelope, post
+from stage import exchange, wait_until
 
 SIZE = 1 << 20
 ROOM = SIZE - 1000  # of a body, for what is repeated in it
 MOST_ELEMENTS = 9900
-MEASURED = not box.SANITIZED and not box.EMULATED
+MEASURED = not stage.SANITIZED and not stage.EMULATED
 NAMES = ["".join(letters) for count in (1, 2, 3)
          for letters in itertools.product(string.ascii_letters, repeat=count)]
 
@@ -91,16 +91,15 @@ def processor_time(agent):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def chunked(body, path):
-    head = f"POST {path} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
-    chunks = [body[i:i + 65536] for i in range(0, len(body), 65536)]
-    return head + b"".join(b"%x\r\n%s\r\n" % (len(chunk), chunk) for chunk in chunks) + b"0\r\n\r\n"
+def in_chunks(text):
+    body = text.encode() + b" " * max(SIZE + 65000 - len(text), 0)
+    return f"POST {CONNECTOR} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode() + chunked(body, 65536)
 
 
 WAYS = {
-    "connector": lambda text: post(text),
-    "in chunks": lambda text: chunked(text.encode() + b" " * max(SIZE + 65000 - len(text), 0), box.CONNECTOR),
-    "agent service": lambda text: post(text, "/services/Agent"),
+    "connector": post,
+    "in chunks": in_chunks,
+    "agent service": lambda text: post(text, AGENT),
     "packet": lambda text: post(text.replace("<e:Body>", "<data>").replace("</e:Body>", "</data>"),
                                 "/rKo?FunctionName=rkoReleaseDevice").replace(b"POST", b"GET", 1),
 }
@@ -114,7 +113,7 @@ def test_no_body_costs_a_second(agent, way):
         assert len(text) <= SIZE, name
         before = processor_time(agent)
         answer = exchange(WAYS[way](text))
-        box.wait_until(lambda: not agent.connections(), "it is at rest")
+        wait_until(lambda: not agent.connections(), "it is at rest")
         cost = processor_time(agent) - before
         assert answer.startswith(b"HTTP/1.0 200 OK"), name
         assert len(answer) < 200000 or name == "markup to escape", (name, len(answer))
@@ -133,29 +132,20 @@ ANSWERS = {
 }
 
 
-def serve(listener, answers):
-    """Answers with the latest body whatever the box asks its manager, until the listener is closed."""
-    with contextlib.suppress(OSError):
-        while True:
-            with listener.accept()[0] as connection:
-                while b"Envelope>" not in connection.recv(65536):
-                    pass
-                head = f"HTTP/1.0 200 OK\r\nContent-Length: {len(answers[-1])}\r\n\r\n"
-                connection.sendall((head + answers[-1]).encode())
-
-
 def test_no_answer_of_a_manager_costs_a_second():
-    with box.namespace("manager"):
-        listener = socket.create_server((workshop.MANAGER, 23005))
-    listener.settimeout(60)
     answers = []
-    thread = threading.Thread(target=serve, args=(listener, answers), daemon=True)
-    thread.start()
-    with workshop.Manager("plain", options=("--soap-port", "23006")), listener:
+
+    def handle(connection, _):
+        connection.send(f"HTTP/1.0 200 OK\r\nContent-Length: {len(answers[-1])}\r\n\r\n{answers[-1]}".encode())
+
+    with stage.namespace("manager"):
+        server = HttpServer("HTTP", mock.Mock(), handle, stage.MANAGER, 23005)
+    threading.Thread(target=server.run, daemon=True).start()
+    with stage.Manager("plain", options=("--soap-port", "23006")):
         for name, answer in ANSWERS.items():
             answers.append(answer)
-            with workshop.agent() as running:
-                box.wait_until(workshop.sign_in_ended, "the sign-in has ended", 120)
+            with stage.agent() as running:
+                wait_until(stage.sign_in_ended, "the sign-in has ended", 120)
                 cost = processor_time(running)
             assert not MEASURED or cost < 1, f"{name}: {cost} s"
 
@@ -165,22 +155,18 @@ def ask(request):
     return next(filter(None, (exchange(request) for _ in range(10))), b"")
 
 
-def resting_memory(agent):
-    box.wait_until(lambda: not agent.connections(), "it is at rest")
-    return agent.status("VmRSS")
-
-
 @pytest.mark.skipif(not MEASURED, reason="other memory than the agent's own")
 @pytest.mark.parametrize("name", ("elements", "attributes of each", "messages", "sections", "value"))
 def test_large_bodies_at_once_take_little_memory_and_give_it_back(agent, name):
     body = BODIES[name].encode()
     request = post(body + b" " * (SIZE - len(body)))
     exchange(request)
-    before = resting_memory(agent)
+    agent.at_rest()
+    before = agent.status("VmRSS")
     pathlib.Path(f"/proc/{agent.pid}/clear_refs").write_text("5")  # the peak begins anew
     with concurrent.futures.ThreadPoolExecutor(20) as pool:
         answers = list(pool.map(ask, [request] * 60))
     assert {answer[:15] for answer in answers} == {b"HTTP/1.0 200 OK"}
     peak = agent.status("VmHWM")
-    box.wait_until(lambda: resting_memory(agent) < before + 4096, "the memory is given back", 5)
+    wait_until(lambda: agent.at_rest() and agent.status("VmRSS") < before + 4096, "the memory is given back", 5)
     assert peak < 96 * 1024

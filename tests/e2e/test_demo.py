@@ -1,13 +1,12 @@
 """The stories that script/demo tells come to their end; they check every step themselves."""
 
 import os
-import pathlib
 import subprocess
 import sys
 
 import pytest
 
-import box
+import stage
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 SCENARIOS = ("power-cut", "dhcp", "link-local", "static", "bad-static", "wlan-psk", "wlan-tls", "cable-back",
@@ -16,11 +15,10 @@ SCENARIOS = ("power-cut", "dhcp", "link-local", "static", "bad-static", "wlan-ps
 
 @pytest.mark.parametrize("options", [[], *(["--scenario", name] for name in SCENARIOS)])
 def test_story(options):
-    box.LOG.unlink(missing_ok=True)
-    output = pathlib.Path("/tmp/agent.out")
-    output.write_text("")  # in one story other boxes only are at work, whose ends it checks itself
-    done = subprocess.run([sys.executable, "workshop/demo", *options],
-                          capture_output=True, text=True, env={**os.environ, "ZEL_AGENT": box.AGENT})
+    stage.AGENT_LOG.unlink(missing_ok=True)
+    stage.AGENT_OUTPUT.write_text("")  # in one story other boxes only are at work, whose ends it checks itself
+    done = subprocess.run([sys.executable, "workshop/demo", *options], capture_output=True, text=True,
+                          env={**os.environ, "ZEL_AGENT": stage.AGENT})
     assert done.returncode == 0, done.stdout[-4000:] + done.stderr
     assert "The demo is complete." in done.stdout
-    box.check_output(output.read_text(errors="replace"))
+    stage.check_output(stage.AGENT_OUTPUT.read_text(errors="replace"))

@@ -1,8 +1,6 @@
 """The descriptions that the box publishes: a SOAP toolkit makes its clients from them, and every answer
 of the box keeps to them."""
 
-import contextlib
-import pathlib
 import re
 import socket
 import subprocess
@@ -16,28 +14,20 @@ import zeep
 from zeep.helpers import serialize_object
 from zeep.plugins import HistoryPlugin
 
-import box
-import workshop
+import stage
+from soap import AGENT, CONNECTOR, NAMESPACES, read_all
+from stage import BOX, CLIENT, DEVICE_ID, exchange, in_network, request
 
 pytestmark = pytest.mark.usefixtures("agent")
 
-URL = f"http://{box.BOX}:5302"
-AGENT = "/services/Agent"
-NAMESPACES = {box.CONNECTOR: box.SERVICE, AGENT: "http://lusora.tembra.com/services/Agent"}
-VALID, INVALID = 0, 3  # exit statuses of xmllint; a schema that does not compile gives 5
+URL = f"http://{BOX}:5302"
 
 
-def fetch(path):
-    head, body = box.exchange(f"GET {path} HTTP/1.1\r\n\r\n".encode()).split(b"\r\n\r\n", 1)
-    assert head.startswith(b'HTTP/1.0 200 OK\r\nContent-Type: text/xml;charset="utf-8"\r\n'), head
-    return body
-
-
-def assert_validity(expected, schema, documents):
-    """`schema` is a file or a URL in the client's network."""
-    checked = subprocess.run(["nsenter", "--net=/run/netns/client", "xmllint", "--noout", "--schema",
-                              schema, *documents], stderr=subprocess.PIPE, text=True)
-    assert checked.returncode == expected, checked.stderr
+def check_answers(schema, documents):
+    """`schema` is a file or a URL in the client's network, as are those that it refers to."""
+    checked = subprocess.run(in_network("client", "xmllint", "--noout", "--schema", schema, *documents),
+                             stderr=subprocess.PIPE, text=True)
+    assert checked.returncode == 0, checked.stderr
 
 
 class Client:
@@ -45,13 +35,13 @@ class Client:
 
     def __init__(self, path, folder):
         self.folder, self.answers, self.history = folder, [], HistoryPlugin()
-        with box.client_namespace():
+        with stage.namespace("client"):
             self.service = zeep.Client(f"{URL}{path}?wsdl", plugins=[self.history],
                                        settings=zeep.Settings(strict=True)).service
 
     def call(self, operation, **arguments):
         """The result, or the text of a fault."""
-        with box.client_namespace():
+        with stage.namespace("client"):
             try:
                 result = serialize_object(self.service[operation](**arguments), dict)
             except zeep.exceptions.Fault as fault:
@@ -60,63 +50,30 @@ class Client:
         self.answers[-1].write_bytes(etree.tostring(self.history.last_received["envelope"][0][0]))
         return result
 
-    def check(self, *calls):
-        for operation, arguments, expected in calls:
-            assert self.call(operation, **arguments) == expected, (operation, arguments)
-
-
-def test_published_files_lead_back_to_the_box(tmp_path):
-    (tmp_path / "any.xml").write_text("<any/>")
-    xsd = f"{box.CONNECTOR}?xsd="
-    for path, references in ((f"{box.CONNECTOR}?wsdl", [f"{xsd}1", box.CONNECTOR]),
-                             (f"{xsd}1", [f"{xsd}2"]), (f"{xsd}2", [f"{xsd}4", f"{xsd}3"]),
-                             (f"{xsd}3", []), (f"{xsd}4", []), (f"{AGENT}?wsdl", [AGENT])):
-        root = etree.fromstring(fetch(path))
-        found = root.xpath("//@schemaLocation | //*[local-name() = 'address']/@location")
-        assert found == [URL + reference for reference in references]
-        if "xsd" in path:
-            assert_validity(INVALID, URL + path, [tmp_path / "any.xml"])
-
-
-@contextlib.contextmanager
-def without_address():
-    try:
-        subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
-        yield
-    finally:
-        subprocess.run(["ip", "address", "add", f"{box.BOX}/16", "brd", "+", "dev", "eth0"], check=True)
-        subprocess.run(["ip", "route", "add", "default", "via", box.CLIENT], check=True)
-
 
 def test_rewriting():
     """Only the first of each pattern, and only whole patterns."""
-    def ask(path):
+    def ask():
         with socket.create_connection(("127.0.0.1", 5302), 30) as connection:
-            connection.sendall(f"GET {path} HTTP/1.0\r\n\r\n".encode())
-            return box.read_all(connection).decode().split("\r\n\r\n", 1)
+            connection.sendall(f"GET {CONNECTOR}?xsd=4 HTTP/1.0\r\n\r\n".encode())
+            return read_all(connection).decode().split("\r\n\r\n", 1)
 
     def text(host):
-        base = f"http://{host}:5302{box.CONNECTOR}?xsd=" if host is not None else ""
+        base = f"http://{host}:5302{CONNECTOR}?xsd=" if host is not None else ""
         schemas = (("beans", 3), ("ZELConnector_v1", 1), ("pembAgentShared", 4), ("ZELDriver_v1", 2))
         lines = [f'schemaLocation="{base}{number}"' if base else f'schemaLocation="{name}.xsd"'
                  for name, number in schemas]
-        lines += ['schemaLocation="beans.xsd" schemaLocation="x/beans.xsd" Location="beans.xsd"',
-                  f'wsdlsoap:address location="http://{host if base else "localhost"}:1/x"',
-                  'wsdlsoap:address location="http://localhost:2"', 'location="http://localhost:3"']
-        return "\n".join(lines)
+        return "\n".join([*lines, 'schemaLocation="beans.xsd" schemaLocation="x/beans.xsd" Location="beans.xsd"',
+                          f'wsdlsoap:address location="http://{host if base else "localhost"}:1/x"',
+                          'wsdlsoap:address location="http://localhost:2"', 'location="http://localhost:3"'])
 
-    file = pathlib.Path("/app/zel/protocols/pembAgentShared.xsd")
-    kept = file.read_bytes()
-    file.write_text(text(None))
-    try:
-        assert ask(f"{box.CONNECTOR}?xsd=4")[1] == text(box.BOX) + "\n"
-        with without_address():
-            assert ask(f"{box.CONNECTOR}?xsd=4")[1] == text("") + "\n"
-        file.unlink()
-        assert ask(f"{box.CONNECTOR}?xsd=4")[0].startswith("HTTP/1.0 404 Not found\r\n")
-        assert f"Can't open {file}" in box.LOG.read_text()
-    finally:
-        file.write_bytes(kept)
+    file = "/app/zel/protocols/pembAgentShared.xsd"
+    with stage.replaced(file, text(None)):
+        assert ask()[1] == text(BOX) + "\n"
+        with stage.without_address():
+            assert ask()[1] == text("") + "\n"
+    with stage.replaced(file, None):
+        assert ask()[0].startswith("HTTP/1.0 404 Not found\r\n") and f"Can't open {file}" in stage.log()
 
 
 @pytest.mark.parametrize("path", NAMESPACES)
@@ -124,73 +81,58 @@ def test_a_stricter_toolkit(path, tmp_path):
     """gSOAP tells what it does not understand, and leaves it out."""
     for command in (["wsdl2h", "-o", "service.h", f"{URL}{path}?wsdl"],
                     ["soapcpp2", "-C", "-j", "-I/usr/share/gsoap/import", "service.h"]):
-        made = subprocess.run(["nsenter", "--net=/run/netns/client", *command], cwd=tmp_path,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        made = subprocess.run(in_network("client", *command), cwd=tmp_path, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True)
         assert made.returncode == 0 and not re.search("(?i)warning|error", made.stdout), made.stdout
     assert {file.name.split(".")[1] for file in tmp_path.glob("*.req.xml")} == set(REQUESTS[path])
 
 
 def test_connector(tmp_path):
-    client = Client(box.CONNECTOR, tmp_path)
-    device, wrong = {"deviceId": box.DEVICE_ID}, {"handle": "1"}
-    echo = {"pSubSystem": "diag", "pCommand": "echo"}
-    right = {"handle": client.call("reserveDevice", **device, owner="<o>", hostLock="0")["handle"]}
-    client.check(
-        ("resetTrigger15Edge", {}, 0),
-        ("reserveDevice", {**device, "owner": "o"}, {"error": 10, "handle": None}),
-        ("setHostLock", {**right, "hostLock": box.CLIENT}, 0),
-        ("switchMode", {**device, "mode": 3, **wrong}, 7),
-        ("executeGenericCommand", {**wrong, **echo},
-         {"error": 7, "commandResultList": {"key": "error", "value": "-1"}}),
-        ("executeGenericCommand",
-         {**right, **echo, "pParameters": [{"key": "b", "value": "<2>"}, {"key": "a", "value": "1"}]},
-         {"error": 0, "commandResultList": {"key": "result", "value": "a=1\nb=<2>\n"}}))
+    client = Client(CONNECTOR, tmp_path)
+    device, echo = {"deviceId": DEVICE_ID}, {"pSubSystem": "diag", "pCommand": "echo"}
+    handle = {"handle": client.call("reserveDevice", **device, owner="<o>", hostLock="0")["handle"]}
+    assert client.call("reserveDevice", **device, owner="o") == {"error": 10, "handle": None}
+    assert client.call("executeGenericCommand", **handle, **echo, pParameters=[
+        {"key": "b", "value": "<2>"}, {"key": "a", "value": "1"}]) == {
+            "error": 0, "commandResultList": {"key": "result", "value": "a=1\nb=<2>\n"}}
     reserved = client.call("getDeviceInformation")
     assert (reserved["kl15Edge"], reserved["state"], reserved["sessionOwnerOrNull"]) == (False, 5, "<o>")
     assert reserved["channels"]["Channel"][2] == {
         "active": True, "ip": "-1062714326", "name": "MOST", "port": 6802, "type": 2}
-    client.check(("releaseDevice", {**wrong, **device}, 7),
-                 ("releaseDevice", {**right, **device}, 0))
     # No gateway, and a voltage that cannot be measured.
-    subprocess.run(["ip", "route", "del", "default"], check=True)
-    try:
-        with workshop.replaced("/proc/sys/kl30", None):
-            poor = client.call("getDeviceInformation")
-        assert poor["kl30"] is None and poor["currentNetworkConfig"]["gateway"] is None
-    finally:
-        subprocess.run(["ip", "route", "add", "default", "via", box.CLIENT], check=True)
-    assert_validity(VALID, f"{URL}{box.CONNECTOR}?xsd=1", client.answers)
+    with stage.changed("ip route del default", f"ip route add default via {CLIENT}"), \
+            stage.replaced("/proc/sys/kl30", None):
+        poor = client.call("getDeviceInformation")
+    assert poor["kl30"] is None and poor["currentNetworkConfig"]["gateway"] is None
+    assert [client.call(operation, **arguments) for operation, arguments in (
+        ("resetTrigger15Edge", {}), ("setHostLock", {**handle, "hostLock": CLIENT}),
+        ("switchMode", {**device, "mode": 3, "handle": "1"}), ("releaseDevice", {**handle, **device}))] == [0, 0, 7, 0]
+    check_answers(f"{URL}{CONNECTOR}?xsd=1", client.answers)
 
 
 def test_agent_service(tmp_path):
-    client = Client(AGENT, tmp_path)
-    agent, other = {"name": "VCI-Agent"}, {"name": "a <b> & c"}
-    client.check(
-        ("getMonitoringStatus", {"groupId": "tavo"}, None),
-        ("isServiceRunning", other, "java.lang.IllegalArgumentException: WRONG service name!: a <b> & c"),
-        ("stopService", agent, None),
-        ("isServiceRunning", agent, False),
-        ("startService", agent, None),
-        ("isServiceRunning", agent, True),
-        ("restartDevice", {}, None))
-    box.wait_until(pathlib.Path("/tmp/reboot.log").exists, "the box is restarted")
+    client, name = Client(AGENT, tmp_path), {"name": "VCI-Agent"}
+    assert client.call("isServiceRunning", name="<b>") == (
+        "java.lang.IllegalArgumentException: WRONG service name!: <b>")
+    assert [client.call(operation, **arguments) for operation, arguments in (
+        ("stopService", name), ("isServiceRunning", name), ("startService", name), ("restartDevice", {}),
+        ("getMonitoringStatus", {"groupId": "tavo"}))] == [None, False, None, None, None]
     assert re.fullmatch(r"(\d\d-\w+: OK \(.*?\);){3}", client.call("doSelftest"))
     item = client.call("getMonitoringStatus", groupId="TAVO")["MonitoringStatusItem"]
     assert item["lastCheck"] > 1_500_000_000_000 and item["infoLabel"] == "status:LID~EVERYTHING_IS_OK"
-    schema = etree.fromstring(fetch(f"{AGENT}?wsdl")).find(".//{*}schema")
-    (tmp_path / "agent.xsd").write_bytes(etree.tostring(schema))
-    assert_validity(VALID, tmp_path / "agent.xsd", client.answers)
+    head, body = exchange(f"GET {AGENT}?wsdl HTTP/1.1\r\n\r\n".encode()).split(b"\r\n\r\n", 1)
+    assert head.startswith(b'HTTP/1.0 200 OK\r\nContent-Type: text/xml;charset="utf-8"\r\n'), head
+    (tmp_path / "agent.xsd").write_bytes(etree.tostring(etree.fromstring(body).find(".//{*}schema")))
+    check_answers(tmp_path / "agent.xsd", client.answers)
 
 
 REQUESTS = {
-    box.CONNECTOR: {"getDeviceInformation": "", "resetTrigger15Edge": "",
-                    "reserveDevice": "owner deviceId", "releaseDevice": "deviceId handle",
-                    "setHostLock": "hostLock handle", "switchMode": "mode deviceId",
-                    "executeGenericCommand": "pSubSystem pCommand handle"},
+    CONNECTOR: {"getDeviceInformation": "", "resetTrigger15Edge": "", "reserveDevice": "owner deviceId",
+                "releaseDevice": "deviceId handle", "setHostLock": "hostLock handle", "switchMode": "mode deviceId",
+                "executeGenericCommand": "pSubSystem pCommand handle"},
     AGENT: {"doSelftest": "", "restartDevice": "", "getMonitoringStatus": "groupId",
             "stopService": "name", "isServiceRunning": "name", "startService": "name"}}
 VALUES = {"mode": "3", "name": "VCI-Agent"}
-WRONG_TYPES = (("switchMode", {"mode": "fast", "deviceId": ""}), ("stopService", {"name": "<text/>"}))
 INSTANCE = 'xmlns:i="http://www.w3.org/2001/XMLSchema-instance"'
 # The operation with what it declares; a field with its attributes.
 FORMS = {
@@ -212,8 +154,7 @@ def test_forms_of_a_request(path, form):
     def ask(operation, children, more=""):
         tag = operation_tag.format(operation, uri=NAMESPACES[path])
         fields = "".join(field.format(name, value, "") for name, value in children.items())
-        request = box.envelope(f"<{tag}> {fields}{more}</{tag.split()[0]}>")
-        answer = box.exchange(box.post(request, path)).decode().split("\r\n\r\n", 1)[1]
+        answer = request(f"<{tag}> {fields}{more}</{tag.split()[0]}>", path)
         return "refused" if "Validation 1 says:" in answer else answer
 
     for operation, names in REQUESTS[path].items():
@@ -226,5 +167,5 @@ def test_forms_of_a_request(path, form):
             rest = {name: value for name, value in children.items() if name != missing}
             nil = field.format(missing, "", f' {INSTANCE} i:nil="true"')
             assert ask(operation, rest) == ask(operation, rest, nil) != "refused", (operation, missing)
-    for operation, children in WRONG_TYPES:
-        assert operation not in REQUESTS[path] or ask(operation, children) == "refused", operation
+    wrong = {CONNECTOR: ("switchMode", {"mode": "fast", "deviceId": ""}), AGENT: ("stopService", {"name": "<text/>"})}
+    assert ask(*wrong[path]) == "refused"

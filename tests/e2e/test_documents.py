@@ -7,10 +7,9 @@ import uuid
 
 import pytest
 
-import workshop
+import stage
 
-DOCUMENTS = ("protocols", "security")
-SHELLS = {"$": ["nsenter", "--net=/run/netns/client", "bash"], "#": ["bash"]}
+SHELLS = {"$": stage.in_network("client", "bash"), "#": ["bash"]}
 
 
 class Shell:
@@ -54,13 +53,13 @@ def matches(expected, output):
     return re.fullmatch(pattern, output + "\n")
 
 
-@pytest.mark.parametrize("name", DOCUMENTS)
+@pytest.mark.parametrize("name", ("protocols", "security"))
 def test_examples(name):
     found = examples(pathlib.Path(f"docs/{name}.md").read_text())
     assert found
     shells = {prompt: Shell(command) for prompt, command in SHELLS.items()}
-    with workshop.Manager("plain"), workshop.agent() as agent:
-        workshop.wait_for_log("* SignIn succeed")
+    with stage.Manager("plain"), stage.agent() as agent:
+        stage.wait_for_log("* SignIn succeed")
         agent.wait_until_serving()
         for prompt, command, expected in found:
             output = shells[prompt].run(command)

@@ -1,5 +1,6 @@
 """The board's tree with its init script, and the Debian packages: installed in a fresh box, and used there."""
 
+import contextlib
 import os
 import pathlib
 import re
@@ -11,8 +12,8 @@ import uuid
 
 import pytest
 
-import box
-import workshop
+import stage
+from stage import BOX, CONFIGURATION, is_serving, output_of, rules, wait_until
 
 BUILD = pathlib.Path("build/release")
 PID_FILE = pathlib.Path("/var/run/zel.pid")
@@ -20,14 +21,13 @@ OLD_SETTINGS = pathlib.Path("/config/agent.configuration.old")
 UNIT = "/lib/systemd/system/zel.service"
 DPKG = ["dpkg", "--force-depends", "--log=/tmp/dpkg.log"]  # this box knows no other package
 
-pytestmark = pytest.mark.skipif(box.SANITIZED, reason="the release is what is installed")
+pytestmark = pytest.mark.skipif(stage.SANITIZED, reason="the release is what is installed")
 
 
 def init(action, status=0, tools=""):
     done = subprocess.run(["/etc/init.d/zel", action], capture_output=True, text=True, timeout=60,
                           env={**os.environ, "PATH": tools + os.environ["PATH"]})
-    assert done.returncode == status, done
-    assert bool(done.stderr) == (status in (2, 5)), done
+    assert (done.returncode, bool(done.stderr)) == (status, status in (2, 5)), done
     return done.stdout
 
 
@@ -35,45 +35,39 @@ def pid():
     return int(PID_FILE.read_text())
 
 
-def serves():
-    box.wait_until(box.is_serving, "the agent serves")
-    assert "getDeviceInformationResponse" in box.call("getDeviceInformation")
-
-
 def ended(process):
     return not os.path.lexists(f"/proc/{process}/exe")
 
 
+def serves():
+    wait_until(is_serving, "the agent serves")
+    assert "getDeviceInformationResponse" in stage.call("getDeviceInformation")
+
+
 def without_files():
-    for path in (box.CONFIGURATION, OLD_SETTINGS, pathlib.Path("/config/wlan.mac")):
+    for path in (CONFIGURATION, OLD_SETTINGS, pathlib.Path("/config/wlan.mac")):
         path.unlink(missing_ok=True)
 
 
 @pytest.fixture
 def board():
     shutil.rmtree("/app/zel/protocols")
-    subprocess.run(["cp", "-a", f"{BUILD}/tree/.", "/"], check=True)
+    output_of("cp", "-a", f"{BUILD}/tree/.", "/")
     without_files()
     yield
-    subprocess.run(["/etc/init.d/zel", "stop"], check=True)
+    output_of("/etc/init.d/zel", "stop")
 
 
-@pytest.fixture(params=["busybox", "debian"])
-def tools(request, tmp_path):
-    """What to put in front of the PATH: the small tools of a board, or none."""
-    if request.param == "debian":
-        return ""
-    for name in ("start-stop-daemon", "readlink", "sleep", "rm", "cp"):
+@pytest.mark.parametrize("small", [True, False])
+def test_the_init_script(board, small, tmp_path):
+    for name in ("start-stop-daemon", "readlink", "sleep", "rm", "cp"):  # as a board has them
         (tmp_path / name).symlink_to("/bin/busybox")
-    return f"{tmp_path}:"
-
-
-def test_the_init_script(board, tools):
+    tools = f"{tmp_path}:" if small else ""
     assert init("status", 3, tools) == "zel does not run\n"
     assert init("stop", 0, tools) == "zel does not run\n"
     assert init("start", 0, tools) == f"zel started, process {pid()}\n"
     serves()
-    assert box.CONFIGURATION.stat().st_mode & 0o777 == 0o600
+    assert CONFIGURATION.stat().st_mode & 0o777 == 0o600
     first = pid()
     assert init("start", 0, tools) == f"zel runs already, process {first}\n"
     # An update may have replaced the file.
@@ -82,13 +76,12 @@ def test_the_init_script(board, tools):
     assert init("status", 0, tools) == f"zel runs, process {first}\n"
     assert init("restart", 0, tools) == f"zel stopped\nzel started, process {pid()}\n"
     assert pid() != first and ended(first)
-    serves()
     os.kill(pid(), signal.SIGKILL)
-    box.wait_until(lambda: ended(pid()), "it is gone")
+    wait_until(lambda: ended(pid()), "it is gone")
     assert "left /var/run/zel.pid" in init("status", 1, tools)
     init("start", 0, tools)
     assert init("stop", 0, tools) == "zel stopped\n"
-    assert not PID_FILE.exists() and not box.is_serving()
+    assert not PID_FILE.exists() and not is_serving()
     assert init("nonsense", 2, tools) == ""
 
 
@@ -98,7 +91,7 @@ def test_a_board_starts_it_again(board):
         init("start")
         first = pid()
         os.kill(first, signal.SIGKILL)
-        box.wait_until(lambda: pid() != first, "it is started again")
+        wait_until(lambda: pid() != first, "it is started again")
         serves()
         init("stop")
         time.sleep(5)  # two looks
@@ -118,12 +111,11 @@ def test_the_init_script_harms_nobody(board):
     bystander.wait()
     OLD_SETTINGS.write_text("tavo.color=red\n")
     init("start")
-    assert not box.CONFIGURATION.exists(), "the agent takes up the old file"
+    assert not CONFIGURATION.exists(), "the agent takes up the old file"
     init("stop")
     without_files()
-    os.rename("/app/zel/zel", "/app/zel/away")
-    init("start", 5)
-    os.rename("/app/zel/away", "/app/zel/zel")
+    with stage.replaced("/app/zel/zel", None):
+        init("start", 5)
 
 
 # What a container's first process finds, in a control group of its own, and only that one unit.
@@ -157,113 +149,99 @@ OUTPUT = pathlib.Path("/run/zel.out")
 ALONE = f"[Unit]\nDefaultDependencies=no\n[Service]\nStandardOutput=append:{OUTPUT}\n"
 
 
-class Systemd:
-    """A systemd that runs the unit of the package in this box, with all that the unit asks for."""
-
-    def __init__(self):
-        settings = pathlib.Path("/run/systemd/system/zel.service.d/alone.conf")
-        settings.parent.mkdir(parents=True)
-        settings.write_text(ALONE)
-        group = f"/sys/fs/cgroup/simbox-{uuid.uuid4()}"
-        self.process = subprocess.Popen(["unshare", "--cgroup", "--mount", "sh", "-c", BOOT],
-                                        env={**os.environ, "GROUP": group})
-        box.wait_until(lambda: oldest("systemd") or self.process.poll(), "systemd runs")
-        if self.process.returncode == 77:
-            pytest.skip("an ordinary user may make no control groups")
-        self.first = oldest("systemd")
-
-    def control(self, *arguments):
-        return subprocess.run(["nsenter", f"--target={self.first}", "--mount", "--pid", "systemctl", *arguments],
-                              capture_output=True, text=True, check=True).stdout
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        os.kill(int(self.first), signal.SIGKILL)
-        self.process.wait(20)
-        shutil.rmtree("/run/systemd")
-
-
 def oldest(name):
     """The first process of that name; what it forks has the name, too, for a moment."""
     return subprocess.run(["pgrep", "-o", "-x", name], capture_output=True, text=True).stdout.strip()
 
 
+@contextlib.contextmanager
+def systemd():
+    """A systemd that runs the unit of the package in this box, with all that the unit asks for: its systemctl."""
+    settings = pathlib.Path("/run/systemd/system/zel.service.d/alone.conf")
+    settings.parent.mkdir(parents=True)
+    settings.write_text(ALONE)
+    process = subprocess.Popen(["unshare", "--cgroup", "--mount", "sh", "-c", BOOT],
+                               env={**os.environ, "GROUP": f"/sys/fs/cgroup/simbox-{uuid.uuid4()}"})
+    wait_until(lambda: oldest("systemd") or process.poll(), "systemd runs")
+    if process.returncode == 77:
+        pytest.skip("an ordinary user may make no control groups")
+    first = oldest("systemd")
+    try:
+        yield lambda *arguments: output_of("nsenter", f"--target={first}", "--mount", "--pid", "systemctl", *arguments)
+    finally:
+        os.kill(int(first), signal.SIGKILL)
+        process.wait(20)
+        shutil.rmtree("/run/systemd")
+
+
 def agent():
     """Its process, with what the unit lets it see and do."""
-    return pathlib.Path("/proc", box.wait_until(lambda: oldest("Zel::main"), "the agent runs"))
+    return pathlib.Path("/proc", wait_until(lambda: oldest("Zel::main"), "the agent runs"))
 
 
 def zelctl(*arguments):
-    done = subprocess.run(["nsenter", "--net=/run/netns/client", "/usr/bin/zelctl", *arguments],
-                          capture_output=True, text=True, timeout=120)
-    assert done.returncode == 0, done
-    return done.stdout
+    return output_of("/usr/bin/zelctl", *arguments, network="client", timeout=120)
 
 
 def shown(path):
-    return box.exchange(f"GET /web/show.jsp?file={path} HTTP/1.0\r\n\r\n".encode()).decode()
+    return stage.exchange(f"GET /web/show.jsp?file={path} HTTP/1.0\r\n\r\n".encode()).decode()
 
 
 @pytest.fixture
 def packages():
-    for name in ("info", "updates", "triggers"):
-        pathlib.Path("/var/lib/dpkg", name).mkdir(parents=True, exist_ok=True)
+    for name in ("dpkg/info", "dpkg/updates", "dpkg/triggers", "avahi-autoipd"):  # the last comes with that package
+        pathlib.Path("/var/lib", name).mkdir(parents=True, exist_ok=True)
     pathlib.Path("/var/lib/dpkg/status").touch()
-    pathlib.Path("/var/lib/avahi-autoipd").mkdir(exist_ok=True)  # comes with that package
     shutil.rmtree("/app/zel", ignore_errors=True)
     without_files()
-    subprocess.run([*DPKG, "--install", *BUILD.glob("packages/*.deb")], check=True)
+    output_of(*DPKG, "--install", *BUILD.glob("packages/*.deb"))
     yield
-    subprocess.run([*DPKG, "--purge", "zel", "zelctl"], check=True)
+    output_of(*DPKG, "--purge", "zel", "zelctl")
 
 
 def test_the_packages(packages):
     assert not oldest("Zel::main"), "not before it is enabled"
-    assert box.CONFIGURATION.stat().st_mode & 0o777 == 0o600
+    assert CONFIGURATION.stat().st_mode & 0o777 == 0o600
     verified = subprocess.run(["systemd-analyze", "verify", UNIT], capture_output=True, text=True, timeout=60)
     assert (verified.returncode, verified.stdout + verified.stderr) == (0, "")
-    exposure = subprocess.run(["systemd-analyze", "security", "--offline=true", UNIT], capture_output=True, text=True)
-    assert float(re.search(r"Overall exposure level .*: ([\d.]+)", exposure.stdout)[1]) <= 3.9
+    exposure = output_of("systemd-analyze", "security", "--offline=true", UNIT)
+    assert float(re.search(r"Overall exposure level .*: ([\d.]+)", exposure)[1]) <= 3.9
 
-    subprocess.run([*DPKG, "--remove", "zel"], check=True)
-    assert box.CONFIGURATION.exists() and not os.path.exists("/app/zel/zel")
+    output_of(*DPKG, "--remove", "zel")
+    assert CONFIGURATION.exists() and not os.path.exists("/app/zel/zel")
     pathlib.Path("/config/keypass").write_text("secret\n")
-    subprocess.run([*DPKG, "--purge", "zel", "zelctl"], check=True)
+    output_of(*DPKG, "--purge", "zel", "zelctl")
     assert not os.path.exists("/config") and not os.path.exists("/usr/bin/zelctl")
 
 
 def test_the_unit(packages):
-    box.CONFIGURATION.write_text(workshop.PLAIN)
-    with workshop.Manager("application-update") as manager, Systemd() as systemd:
+    CONFIGURATION.write_text(stage.SIGNING_IN)
+    with stage.Manager("application-update") as manager, systemd() as systemctl:
         log = agent() / "root/tmp/log/nativezel.log"
-        box.wait_until(lambda: "* SignIn succeed" in log.read_text(), "it has signed in", 120)
-        assert manager.problems() == []
-        assert "Rebooting after update" in log.read_text()
-        assert pathlib.Path("/app/zel/images/application/state").read_text() == "clean\n"
+        wait_until(lambda: "* SignIn succeed" in log.read_text(), "it has signed in", 120)
+        assert manager.problems() == [] and "Rebooting after update" in log.read_text()
+        assert (stage.IMAGES / "application/state").read_text() == "clean\n"
         serves()
         assert "Seccomp:\t2" in (agent() / "status").read_text()
         # Every kind of address, with what each tool needs.
-        zelctl("mode", box.BOX, "linklocal")
-        found = box.wait_until(lambda: re.search(r"^169\.254\.\S+", zelctl("find", "--wait", "2"), re.M),
-                               "a link-local address", 90)
+        zelctl("mode", BOX, "linklocal")
+        found = wait_until(lambda: re.search(r"^169\.254\.\S+", zelctl("find", "--wait", "2"), re.M),
+                           "a link-local address", 90)
         zelctl("mode", found[0], "dhcp")
-        box.wait_until(lambda: box.BOX in zelctl("find", "--wait", "2"), "an address by DHCP", 90)
+        wait_until(lambda: BOX in zelctl("find", "--wait", "2"), "an address by DHCP", 90)
         assert pathlib.Path("/config/wlan.mac").exists(), "it may write there"
         # What strangers get to read: little, and nothing of the machine's /tmp.
         assert "root:" in shown("/tmp/../etc/passwd")
         assert "FILE NOT FOUND" in shown("/tmp/../etc/shadow") and "FILE NOT FOUND" in shown("/tmp/dpkg.log")
         assert "starting on TAVO" in zelctl("log")
 
-        zelctl("reserve", box.BOX, "--owner", "me")
-        assert box.rules()
+        zelctl("reserve", BOX, "--owner", "me")
+        assert rules()
         first = agent()
         os.kill(int(first.name), signal.SIGKILL)
-        box.wait_until(lambda: agent() != first, "it is started again")
+        wait_until(lambda: agent() != first, "it is started again")
         serves()
-        assert box.rules() == []
-        systemd.control("stop", "zel")
-        assert "Result=success" in systemd.control("show", "zel")
-        output = OUTPUT.read_text()
-        assert not re.search("denied|not permitted|Read-only", output), output
+        assert rules() == []
+        systemctl("stop", "zel")
+        assert "Result=success" in systemctl("show", "zel")
+        assert not re.search("denied|not permitted|Read-only", OUTPUT.read_text()), OUTPUT.read_text()

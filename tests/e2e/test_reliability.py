@@ -9,18 +9,19 @@ import time
 
 import pytest
 
-import box
-import workshop
-from box import connect
-from workshop import Manager, active_image, agent, log, network, replaced, settings
+import slp
+import stage
+from soap import envelope, operation, post, read_all, read_response
+from stage import (BOX, CONFIGURATION, DEVICE_ID, SIGNING_IN, Manager, active_image, agent, changed, connect, log,
+                   network, output_of, release, replaced, reserve, rules, serving, settings, wait_for_log, wait_until)
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
-REPOSITORY = pathlib.Path(__file__).parents[2]
-ALONE = "opla.mode=OPLA-Next\ncountry.code=DE\ntavo.hostname=TAVO1\nnetwork.config.discover.mode=3\n"
-INFORMATION = box.post(box.envelope("<getDeviceInformation/>"))
+ALONE = stage.ALONE + "network.config.discover.mode=3\n"
+INFORMATION = post(envelope("<getDeviceInformation/>"))
 ANSWER = b"getDeviceInformationResponse"
-KEPT = box.post(box.envelope("<getDeviceInformation/>"), headers="Connection: Keep-Alive\r\n")
+KEEP = "Connection: Keep-Alive\r\n"
+KEPT = post(envelope("<getDeviceInformation/>"), headers=KEEP)
 STOP_SECONDS = 3
 SEND_SECONDS = 30  # a peer that takes nothing
 
@@ -60,7 +61,7 @@ YEAR = 365 * 24 * 3600
 @pytest.fixture(scope="module")
 def shim(tmp_path_factory):
     """To preload; nothing where that cannot be: a sanitizer has functions of its own in their place."""
-    if box.SANITIZED or box.EMULATED:
+    if stage.SANITIZED or stage.EMULATED:
         return ""
     library = tmp_path_factory.mktemp("shim") / "shim.so"
     subprocess.run(["gcc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], input=SHIM, text=True, check=True)
@@ -69,26 +70,22 @@ def shim(tmp_path_factory):
 
 @contextlib.contextmanager
 def full_disk(_):
-    subprocess.run(["mount", "-o", "remount,size=64m", "/"], check=True)
     filler = pathlib.Path("/filler")
-    try:
-        with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
-            while file.write(bytes(4096)):
-                pass
-        yield
-    finally:
-        filler.unlink()
-        subprocess.run(["mount", "-o", "remount,size=50%", "/"], check=True)
+    with changed("mount -o remount,size=64m /", "mount -o remount,size=50% /"):
+        try:
+            with contextlib.suppress(OSError), filler.open("wb", buffering=0) as file:
+                while file.write(bytes(4096)):
+                    pass
+            yield
+        finally:
+            filler.unlink()
 
 
 @contextlib.contextmanager
 def read_only_settings(_):
-    subprocess.run(["mount", "--bind", "/config", "/config"], check=True)
-    subprocess.run(["mount", "-o", "remount,bind,ro", "/config"], check=True)
-    try:
+    with changed("mount --bind /config /config", "umount /config"):
+        output_of("mount", "-o", "remount,bind,ro", "/config")
         yield
-    finally:
-        subprocess.run(["umount", "/config"], check=True)
 
 
 @contextlib.contextmanager
@@ -101,16 +98,11 @@ def descriptors(running, left):
         resource.prlimit(running.pid, resource.RLIMIT_NOFILE, (soft, hard))
 
 
-def use(connection):
-    connection.sendall(KEPT)
-    assert ANSWER in box.read_response(connection)[1]
-
-
 def serve_a_client():
     """A whole use of the box."""
-    code, handle = box.reserve()
-    assert code == "0" and len(box.rules()) == 4
-    assert box.release(handle) == "0" and box.rules() == []
+    code, handle = reserve()
+    assert code == "0" and len(rules()) == 4
+    assert release(handle) == "0" and rules() == []
 
 
 FAULTS = {  # and when a new client is answered
@@ -129,94 +121,81 @@ def test_a_fault_that_comes_and_goes(name, shim):
     fault, answered = FAULTS[name]
     if not shim and name.startswith(("clock", "no threads")):
         pytest.skip("cannot be brought about")
-    with agent(ALONE, shim) as running:
-        running.wait_until_serving()
+    with serving(ALONE, LD_PRELOAD=shim) as running:
         serve_a_client()
         before, stored = running.at_rest(), settings()
-        _, handle = box.reserve()
+        _, handle = reserve()
         with connect() as kept:
-            use(kept)
+            kept.sendall(KEPT)
+            assert ANSWER in read_response(kept)[1]
             with fault(running):
-                release = box.fields("releaseDevice", handle=handle, deviceId=box.DEVICE_ID)
-                kept.sendall(box.post(box.envelope(release), headers="Connection: Keep-Alive\r\n"))
-                assert b"<error>0<" in box.read_response(kept)[1]
+                released = operation("releaseDevice", handle=handle, deviceId=DEVICE_ID)
+                kept.sendall(post(envelope(released), headers=KEEP))
+                assert b"<error>0<" in read_response(kept)[1]
                 new = connect()
                 new.sendall(INFORMATION)
                 if answered != "afterwards":
-                    assert (ANSWER in box.read_all(new)) == (answered == "at once")
+                    assert (ANSWER in read_all(new)) == (answered == "at once")
                 if name.startswith("clock"):
                     assert not log().splitlines()[-1].startswith(time.strftime("%Y")), "it has seen the jump"
         if answered == "afterwards":
-            assert ANSWER in box.read_all(new)
+            assert ANSWER in read_all(new)
         new.close()
         serve_a_client()
         assert running.at_rest() == before and settings() == stored
-        assert f"Closing connection to {box.BOX}" in log().splitlines()[-1], "it goes on logging"
+        assert f"Closing connection to {BOX}" in log().splitlines()[-1], "it goes on logging"
 
 
 def test_a_start_without_threads_goes_on_when_there_are_some(shim):
     if not shim:
         pytest.skip("cannot be brought about")
-    box.LOG.unlink(missing_ok=True)
+    stage.AGENT_LOG.unlink(missing_ok=True)
     with replaced("/run/no-threads", ""):
-        running = box.Agent(ALONE, preload=shim)
-        workshop.wait_for_log("Can't start a thread for a service, trying again")
+        running = stage.Agent(ALONE, LD_PRELOAD=shim)
+        wait_for_log("Can't start a thread for a service, trying again")
     running.wait_until_serving()
-    assert workshop.ask(workshop.attribute_request())
-    assert running.stop() == 0
+    assert stage.ask(slp.attribute_request()) and running.stop() == 0
 
 
 @pytest.mark.parametrize("read_only", [True, False])
 def test_settings_that_cannot_be_stored(read_only):
     """What the manager says holds until the next start, what was stored before stays."""
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k", "small", "/config"], check=True)
-    try:
-        box.CONFIGURATION.write_text(workshop.PLAIN)
+    with changed("mount -t tmpfs -o size=4k small /config", "umount /config"):
+        CONFIGURATION.write_text(SIGNING_IN)
         with read_only_settings(None) if read_only else contextlib.nullcontext():
-            with Manager("rename", "hostname=bay-7") as manager, agent(None) as running:
-                running.wait_until_serving()
-                body, = box.wait_until(lambda: manager.bodies("signInTavo"), "it has signed in")
+            with Manager("rename", "hostname=bay-7") as manager, serving(None):
+                body, = wait_until(lambda: manager.bodies("signInTavo"), "it has signed in")
                 assert "hostname>bay-7<" in body
                 serve_a_client()
-        assert box.CONFIGURATION.read_text() == workshop.PLAIN
-        assert not list(box.CONFIGURATION.parent.glob("*.new"))
-    finally:
-        subprocess.run(["umount", "/config"], check=True)
+        assert CONFIGURATION.read_text() == SIGNING_IN and not list(CONFIGURATION.parent.glob("*.new"))
 
 
 @pytest.mark.parametrize("text", [None, "#!/bin/bash\nkill -SEGV $$\n"])
 def test_tools_that_are_missing_or_crash(text):
     for tool, mode in [("/sbin/iptables", 3), ("/sbin/udhcpc", 3), ("/sbin/zcip", 201), ("/usr/bin/arping", 3),
                        ("/bin/sh", 3)]:
-        subprocess.run(["ip", "address", "replace", f"{box.BOX}/16", "dev", "eth0"], check=True)
-        with replaced(tool, text), agent(ALONE.replace("mode=3", f"mode={mode}")) as running:
-            running.wait_until_serving()
-            code, handle = box.reserve()
-            assert (code, box.release(handle)) == ("0", "0"), tool
-        assert box.rules() == []
-    with agent(ALONE) as running:
-        running.wait_until_serving()
+        output_of("ip", "address", "replace", f"{BOX}/16", "dev", "eth0")
+        with replaced(tool, text), serving(ALONE.replace("mode=3", f"mode={mode}")):
+            code, handle = reserve()
+            assert (code, release(handle)) == ("0", "0"), tool
+        assert rules() == []
+    with serving(ALONE):
         serve_a_client()
 
 
 def test_an_address_that_goes_away_under_open_connections():
     """All of them end within the limits of their requests, and the box is there when the address is."""
     pathlib.Path("/tmp/large").write_bytes(b"x" * 20_000_000)
-    with agent(ALONE) as running, contextlib.ExitStack() as stack:
-        running.wait_until_serving()
+    with serving(ALONE) as running, contextlib.ExitStack() as stack:
         before = running.at_rest()
         for data in [KEPT] * 5 + [INFORMATION[:-20], b"GET /web/show.jsp?file=/tmp/large HTTP/1.0\r\n\r\n"]:
             stack.enter_context(connect()).sendall(data)
-        box.wait_until(lambda: len(running.connections()) == 7, "all are served")
-        subprocess.run(["ip", "address", "delete", f"{box.BOX}/16", "dev", "eth0"], check=True)
-        try:
-            box.wait_until(lambda: not running.connections(), "all have ended", SEND_SECONDS + 30)
-        finally:
-            subprocess.run(["ip", "address", "add", f"{box.BOX}/16", "brd", "+", "dev", "eth0"], check=True)
-            subprocess.run(["ip", "route", "replace", "default", "via", box.CLIENT, "dev", "eth0"], check=True)
+        wait_until(lambda: len(running.connections()) == 7, "all are served")
+        with stage.without_address():
+            wait_until(lambda: not running.connections(), "all have ended", SEND_SECONDS + 30)
         serve_a_client()
         assert running.at_rest() == before
-        assert workshop.ask(workshop.service_request())[1] == 2
+        assert stage.ask(slp.service_request())[1] == slp.SRV_RPLY
 
 
 @pytest.mark.parametrize("manager, phase", [
@@ -226,20 +205,20 @@ def test_sigterm(manager, phase, shim):
     """Within three seconds, whatever the clock says then."""
     with Manager(manager) if manager else contextlib.nullcontext():
         network("cable", "out" if phase == "Lan is not link" else "in")
-        with agent(preload=shim) as running, replaced("/run/clock-jump", "0"):
-            workshop.wait_for_log(phase)
+        with agent(LD_PRELOAD=shim) as running, replaced("/run/clock-jump", "0"):
+            wait_for_log(phase)
             pathlib.Path("/run/clock-jump").write_text(str(YEAR))
             assert running.stop(STOP_SECONDS) == 0
 
 
 def test_kill_at_any_moment():
     """Settings and image are whole, whatever is interrupted, and the next start goes on from there."""
-    box.CONFIGURATION.write_text(workshop.PLAIN.replace("=TAVO", "=bay-7"))
+    CONFIGURATION.write_text(SIGNING_IN.replace("=TAVO", "=bay-7"))
     stored, seen = settings(), [active_image()]
 
     def start(sign, end):
         with Manager("application-update"), agent(None) as running:
-            workshop.wait_for_log(sign)
+            wait_for_log(sign)
             end(running)
         assert settings().items() >= stored.items()
         seen.append(active_image())
@@ -248,15 +227,15 @@ def test_kill_at_any_moment():
                  "Wait for response", "Downloading", "New version", "Rebooting"]:
         start(sign, lambda running: (running.process.kill(), running.process.wait()))
     start("* SignIn succeed", lambda running: None)
-    assert pathlib.Path("/app/zel/images/application/state").read_text() == "clean\n" and len(seen[-1]) == 200000
+    assert (stage.IMAGES / "application/state").read_text() == "clean\n" and len(seen[-1]) == 200000
     assert set(seen) == {seen[0], seen[-1]}
 
 
 def test_the_document_names_tests_that_exist():
     """A promise is one that a test keeps."""
-    sources = "".join(path.read_text() for path in (*(REPOSITORY / "tests").glob("*.cpp"),
-                                                    *(REPOSITORY / "tests/e2e").glob("*.py")))
-    document = (REPOSITORY / "docs/reliability.md").read_text()
+    sources = "".join(path.read_text() for path in (*(stage.PROJECT / "tests").glob("*.cpp"),
+                                                    *(stage.PROJECT / "tests/e2e").glob("*.py")))
+    document = (stage.PROJECT / "docs/reliability.md").read_text()
     for line in re.findall(r"^\| [^-].* \|$", document.partition("| fault")[2], re.M):
         named = re.findall(r"`(test_\w+|\w+Test)(?:\.(\w+))?`", line)
         assert named, line

@@ -7,16 +7,17 @@ import subprocess
 import threading
 import time
 
-import box
-import workshop
-from box import call, envelope, exchange, fields, post, release, reserve
+import slp
+import stage
+from soap import AGENT, post
+from stage import CLIENT, DEVICE_ID, PORTS, call, exchange, port_rules, release, reserve, rules, serving, wait_until
 
 FILTER = pathlib.Path("/usr/sbin/iptables")
 FILTER_AS_IT_IS = FILTER.readlink()
 HANGING = pathlib.Path("/run/tools.hang")
 HANG = f"#!/bin/sh\nwhile [ -e {HANGING} ]; do sleep 0.1; done\n"
 FORWARDING = pathlib.Path("/proc/sys/net/ipv4/ip_forward")
-PORTS = (6801, 6802, 52410, 52411)
+SERVING = "opla.mode=OPLA-Next\n"
 PATIENCE = 4  # of the agent, in seconds
 
 # An administrator's: each differs in one thing from the agent's own.
@@ -30,21 +31,13 @@ NEIGHBOURS = [f"-A INPUT {rule}" for rule in (
     "-s 10.0.0.1/32 -p tcp -m tcp --sport 99 --dport 6802 -j ACCEPT")]
 
 
-@contextlib.contextmanager
-def serving():
-    with workshop.agent("opla.mode=OPLA-Next\n") as agent:
-        yield agent.wait_until_serving()
-
-
 def ask_agent(operation):
-    service = {"name": "VCI-Agent"} if operation.endswith("Service") else {}
-    return exchange(post(envelope(fields(operation, **service)), "/services/Agent")).decode()
+    return call(operation, AGENT, **({"name": "VCI-Agent"} if operation.endswith("Service") else {}))
 
 
 def legacy(function, owner):
     body = f"<p><data><var name='DeviceOwner'><string>{owner}</string></var></data></p>"
-    head = f"GET /rKo?FunctionName={function} HTTP/1.0\r\nContent-Length: {len(body)}\r\n\r\n"
-    return exchange((head + body).encode()).decode()
+    return exchange(post(body, f"/rKo?FunctionName={function}").replace(b"POST", b"GET", 1)).decode()
 
 
 @contextlib.contextmanager
@@ -59,7 +52,7 @@ def in_background(work):
 
 def filter_tool(script):
     """The tool of the packet filter runs that script first in the block."""
-    return workshop.replaced(FILTER, script + f'exec {FILTER_AS_IT_IS} "$@"\n')
+    return stage.replaced(FILTER, script + f'exec {FILTER_AS_IT_IS} "$@"\n')
 
 
 @contextlib.contextmanager
@@ -68,96 +61,76 @@ def hanging_filter(victim):
     HANGING.touch()
     with filter_tool(HANG), in_background(victim):
         try:
-            box.wait_until(lambda: "/sbin/iptables -A" in workshop.log(), "the filter is at work")
+            wait_until(lambda: "/sbin/iptables -A" in stage.log(), "the filter is at work")
             yield
         finally:
             HANGING.unlink()
 
 
 def test_no_rule_outlives_the_agent():
-    left = [f"-A INPUT {source}-p tcp -m tcp --dport {port} -j ACCEPT"
-            for source in ("", f"-s {box.CLIENT}/32 ", "-s 255.255.255.255/32 ") for port in PORTS]
+    left = [rule for host in ("", CLIENT, "255.255.255.255") for rule in port_rules(host)]
     for rule in left + NEIGHBOURS + left:
         subprocess.run([FILTER, *rule.split()], check=True)
     FORWARDING.write_text("1\n")
     for end in (signal.SIGTERM, signal.SIGKILL, signal.SIGABRT, signal.SIGINT):
-        with serving() as agent:
-            assert box.rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n", end
-            assert reserve(host_lock=box.CLIENT)[0] == "0"
-            assert len(box.rules()) == len(NEIGHBOURS) + len(PORTS)
+        with serving(SERVING) as agent:
+            assert rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n", end
+            assert reserve(host_lock=CLIENT)[0] == "0"
+            assert len(rules()) == len(NEIGHBOURS) + len(PORTS)
             agent.process.send_signal(signal.SIGSEGV)  # after which all goes on
             agent.process.send_signal(end)
             agent.process.wait(20)
-    assert box.rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n"
+    assert rules() == NEIGHBOURS and FORWARDING.read_text() == "0\n"
     subprocess.run([FILTER, "-F", "INPUT"], check=True)
 
 
 def test_only_ones_own_reservation_is_released():
-    done = threading.Event()
-    codes = set()
-
-    def release_without_handle():
-        while not done.is_set():
-            codes.add(release(""))
-    with serving():
-        with in_background(release_without_handle), in_background(release_without_handle):
-            end = time.monotonic() + 4
-            while time.monotonic() < end:
-                code, handle = reserve()
-                assert code == "0" and release(handle) == "0"
-            done.set()
-        assert codes <= {"7", "9"}
-
-        # The service does not end the reservation of a client who came in between.
+    """The service does not end that of a client who came in between."""
+    with serving(SERVING):
         ask_agent("stopService")
         legacy("rkoReleaseDevice", "VCI-Agent")
         code, handle = reserve()
         assert code == "0" and "startServiceResponse" in ask_agent("startService")
-        assert len(box.rules()) == len(PORTS) and release(handle) == "0"
+        assert len(rules()) == len(PORTS) and release(handle) == "0"
         ask_agent("stopService")
         assert reserve()[0] == "10" and "startServiceResponse" in ask_agent("startService")
-        assert box.rules() == []
+        assert rules() == []
 
 
 def test_nobody_waits_long_for_a_tool_that_hangs():
     begun = pathlib.Path("/run/selftest.begun")
-    test = workshop.replaced("/app/zel/selftest.d/99-hangs", HANG.replace("while", f"touch {begun}\nwhile"))
-    command = {"handle": "1", "pSubSystem": "a", "pCommand": "b"}
+    test = stage.replaced("/app/zel/selftest.d/99-hangs", HANG.replace("while", f"touch {begun}\nwhile"))
     refused = {
-        "<error>10</error>": lambda: call("reserveDevice", deviceId=box.DEVICE_ID, owner="o"),
+        "<error>10</error>": lambda: call("reserveDevice", deviceId=DEVICE_ID, owner="o"),
         "<error>7</error>\n": lambda: call("setHostLock", handle="1", hostLock="0"),
-        "<error>7</error><commandResultList>": lambda: call("executeGenericCommand", **command),
-        "<error>7</error>": lambda: call("switchMode", deviceId=box.DEVICE_ID, mode="1"),
+        "<error>7</error><commandResultList>": lambda: call("executeGenericCommand", handle="1"),
+        "<error>7</error>": lambda: call("switchMode", deviceId=DEVICE_ID, mode="1"),
         ">42030/number>": lambda: legacy("rkoAllocateDevice", "o"),
         "Cant lock a reserved device!": lambda: ask_agent("stopService"),
         "<return></return>": lambda: ask_agent("doSelftest"),
     }
-    answers = {}
-    first = []
-    with test, serving(), contextlib.ExitStack() as afterwards:
+    answers, first = {}, []
+    with test, serving(SERVING), contextlib.ExitStack() as afterwards:
         with hanging_filter(lambda: first.append(reserve())):
             afterwards.enter_context(in_background(lambda: ask_agent("doSelftest")))
-            box.wait_until(begun.exists, "a self test is at work")
+            wait_until(begun.exists, "a self test is at work")
             with contextlib.ExitStack() as waiting:
                 for expected, work in refused.items():
-                    waiting.enter_context(in_background(
-                        lambda e=expected, w=work: answers.update({e: w()})))
+                    waiting.enter_context(in_background(lambda e=expected, w=work: answers.update({e: w()})))
                 begin = time.monotonic()
-                assert call("getDeviceInformation") and release("1") == "9"
-                assert workshop.ask(workshop.attribute_request())
+                assert call("getDeviceInformation") and release("1") == "9" and stage.ask(slp.attribute_request())
                 assert time.monotonic() - begin < PATIENCE
             assert first == [], "all are answered before the tool is"
         assert [expected for expected in refused if expected not in answers[expected]] == []
-        assert first[0][0] == "0" and release(first[0][1]) == "0" and box.rules() == []
+        assert first[0][0] == "0" and release(first[0][1]) == "0" and rules() == []
 
 
 def test_a_rule_that_was_not_deleted_does_not_meet_the_next_owner():
-    with serving():
+    with serving(SERVING):
         _, handle = reserve()
         with filter_tool("#!/bin/sh\n[ ! -e /run/once ] && touch /run/once && exit 4\n"):
-            assert release(handle) == "0" and box.rules() == []
+            assert release(handle) == "0" and rules() == []
         _, handle = reserve()
         with filter_tool("#!/bin/sh\nkill -9 $$\n"):
             assert release(handle) == "0"
-        assert reserve(host_lock=box.CLIENT)[0] == "0"
-        assert len(box.rules()) == len(PORTS) and all(box.CLIENT in rule for rule in box.rules())
+        assert reserve(host_lock=CLIENT)[0] == "0" and rules() == port_rules(CLIENT)

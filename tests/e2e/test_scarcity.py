@@ -5,11 +5,13 @@ import contextlib
 import os
 import re
 import resource
+import socket
 
 import pytest
 
-import box
-from box import Agent, connect, envelope, exchange, post
+import stage
+from soap import envelope, post
+from stage import connect, exchange
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
@@ -24,8 +26,8 @@ LARGE = [post(envelope("<a/>" * 250000)), post("<a/>" * 250000), post("x" * 1000
 
 @pytest.mark.parametrize("kind", ["pipe", "socket"])
 def test_output_that_nobody_reads(kind):
-    reading, writing = os.pipe() if kind == "pipe" else [end.detach() for end in box.socket.socketpair()]
-    agent = Agent(CONFIGURATION, writing).wait_until_serving()
+    reading, writing = os.pipe() if kind == "pipe" else [end.detach() for end in socket.socketpair()]
+    agent = stage.Agent(CONFIGURATION, writing).wait_until_serving()
     for _ in range(3000):
         connect().close()
     assert GREETING in exchange(b"GET /test HTTP/1.0\r\n\r\n")
@@ -41,9 +43,9 @@ def test_output_that_nobody_reads(kind):
     os.close(writing)
 
 
-@pytest.mark.skipif(box.SANITIZED or box.EMULATED, reason="they reserve address space of their own")
+@pytest.mark.skipif(stage.SANITIZED or stage.EMULATED, reason="they reserve address space of their own")
 def test_lack_of_memory_ends_requests_only():
-    agent = Agent(CONFIGURATION).wait_until_serving()
+    agent = stage.Agent(CONFIGURATION).wait_until_serving()
     agent.at_rest()
     threads = set(agent.threads().values())  # a thread that begins has its parent's name
 
@@ -61,8 +63,8 @@ def test_lack_of_memory_ends_requests_only():
         resource.prlimit(agent.pid, resource.RLIMIT_AS, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
         assert GREETING in exchange(b"GET /test HTTP/1.0\r\n\r\n")
         assert b"getDeviceInformationResponse" in exchange(INFORMATION)
-        box.wait_until(lambda: not agent.connections(), "all connections have ended")
+        stage.wait_until(lambda: not agent.connections(), "all connections have ended")
         assert set(agent.threads().values()) == threads
-    log = "".join(file.read_text() for file in box.LOG.parent.iterdir())
+    log = "".join(file.read_text() for file in stage.AGENT_LOG.parent.iterdir())
     assert re.search("[Oo]ut of memory|Can't start a thread", log)
     assert agent.stop() == 0

@@ -1,0 +1,77 @@
+"""SOAP and HTTP as the clients of a box write and read them."""
+
+import contextlib
+import re
+from xml.sax.saxutils import escape
+
+ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
+CONNECTOR = "/zel/services/ConnectorService"
+AGENT = "/services/Agent"
+NAMESPACES = {CONNECTOR: "http://lusora.tembra.com/services/zel/Connector/v1",
+              AGENT: "http://lusora.tembra.com/services/Agent"}
+
+
+def element(name, text):
+    return f"<{name}>{escape(text)}</{name}>"
+
+
+def operation(name, /, namespace="", **values):
+    declared = f' xmlns="{namespace}"' if namespace else ""
+    inner = "".join(element(key, str(value)) for key, value in values.items())
+    return f"<{name}{declared}>{inner}</{name}>"
+
+
+def envelope(inner):
+    return f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body>{inner}</e:Body></e:Envelope>'
+
+
+def post(body, path=CONNECTOR, headers="", length=None):
+    """The bytes of a request; `headers` are whole lines."""
+    body = body.encode() if isinstance(body, str) else body
+    length = len(body) if length is None else length
+    return f"POST {path} HTTP/1.1\r\nContent-Length: {length}\r\n{headers}\r\n".encode() + body
+
+
+def local_name(node):
+    return node.tag.rpartition("}")[2]
+
+
+def find(root, name):
+    """The text of the first element of that name in a parsed answer."""
+    for node in root.iter():
+        if local_name(node) == name:
+            return (node.text or "").strip()
+    return None
+
+
+def value(body, name):
+    """The text of the first element of that name, as it stands in the answer."""
+    return re.search(rf"<(?:\w+:)?{name}>(.*?)</", body, re.S)[1]
+
+
+def read_all(connection):
+    data = b""
+    with contextlib.suppress(ConnectionResetError):
+        while part := connection.recv(65536):
+            data += part
+    return data
+
+
+def read_response(connection):
+    """One response of a connection that stays open: (head, body)."""
+    data = b""
+    while b"\r\n\r\n" not in data:
+        part = connection.recv(65536)
+        if not part:
+            raise ConnectionError(f"closed after {data!r}")
+        data += part
+    head, body = data.split(b"\r\n\r\n", 1)
+    length = int(re.search(rb"\r\nContent-Length: (\d+)\r\n", head)[1])
+    while len(body) < length:
+        body += connection.recv(65536)
+    return head, body
+
+
+def chunked(body, size=500):
+    pieces = [body[start:start + size] for start in range(0, len(body), size)] + [b""]
+    return b"".join(b"%x\r\n%b\r\n" % (len(piece), piece) for piece in pieces)

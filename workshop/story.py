@@ -1,0 +1,79 @@
+"""How a demo tells its story: numbered steps that are shown and checked."""
+
+import os
+import re
+import shlex
+import subprocess
+import sys
+
+from stage import CONFIGURATION, DEVICE_ID, PROJECT, SANITIZED, ZELCTL, Agent, Failed, in_network, log
+
+STOP_LIMIT = 20 if SANITIZED else 2  # seconds; a sanitizer looks for leaks at the end
+REFUSED = 1  # exit status of zelctl
+
+BOLD, GREEN, RED, PLAIN = ("\033[1m", "\033[32m", "\033[31m", "\033[0m") if sys.stdout.isatty() \
+    else ("", "", "", "")
+
+
+def title(text):
+    title.number += 1
+    print(f"\n{BOLD}{title.number}. {text}{PLAIN}", flush=True)
+
+
+title.number = 0
+
+
+def check(condition, text):
+    if not condition:
+        raise Failed(text)
+    print(f"  {GREEN}ok{PLAIN}: {text}", flush=True)
+
+
+def in_client_network(*command, status=0, only=""):
+    """Runs a command there, shows it with what it prints, checks its exit status, and returns what it prints.
+
+    `only` is a pattern of the lines to be shown.
+    """
+    typed = shlex.join(command) + (f" | grep -E {shlex.quote(only)}" if only else "")
+    path = f"{ZELCTL.parent}:{os.environ['PATH']}"
+    done = subprocess.run(in_network("client", *command), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True, cwd=PROJECT, env={**os.environ, "PATH": path})
+    lines = [line for line in done.stdout.splitlines() if re.search(only, line)]
+    print(f"  $ {typed}\n" + "".join(f"  {line}\n" for line in lines), end="", flush=True)
+    if done.returncode != status:
+        raise Failed(f"exit status {done.returncode}, not {status}: {done.stdout}")
+    return done.stdout
+
+
+def zelctl(*arguments, **options):
+    return in_client_network("zelctl", *arguments, **options)
+
+
+def is_state(state, host=DEVICE_ID):
+    """Asks the box, and shows, whether it is free or reserved."""
+    return state in zelctl("info", host, only="^state").split()
+
+
+def setting(name):
+    lines = CONFIGURATION.read_text().splitlines()
+    return next((line.partition("=")[2] for line in lines if line.startswith(name + "=")), None)
+
+
+def start_agent():
+    """Switches the box on: its card has no address, and the agent starts."""
+    subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
+    subprocess.run(["ip", "link", "set", "eth0", "down"], check=True)
+    start_agent.logged = len(log())
+    return Agent()
+
+
+start_agent.logged = 0
+
+
+def log_of_this_start():
+    return log()[start_agent.logged:]
+
+
+def stop(agent):
+    status = agent.stop(STOP_LIMIT)
+    check(status == 0, f"the agent's exit status is {status}")
