@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "KvadVin.h"
+#include "NetRequests.h"
 #include "NetworkAttributes.h"
 #include "WlanMacFile.h"
 #include "ZelLog.h"
@@ -55,7 +56,7 @@ bool AddIdentity(ZelConfig& config) {
 
 bool AddMacAddresses(ZelConfig& config) {
     std::string mac;
-    bool complete = NetworkAttributes::ReadMacAddress(NetworkAttributes::kLanInterface, mac);
+    bool complete = NetRequests::ReadMacAddress(NetworkAttributes::kLanInterface, mac);
     complete &= config.Set("network.mac.lan", mac, Kind::kFixed);
     complete &= SetFromFile(config, "network.mac.wlan", WlanMacFile::kPath);
     return complete;
