@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "KvadVin.h"
+#include "NetRequests.h"
 #include "NetworkAttributes.h"
 #include "Numbers.h"
 #include "StoreKeys.h"
@@ -60,7 +61,7 @@ bool AddIdentity(ZelConfig& config) {
 
 bool AddMacAddresses(ZelConfig& config) {
     std::string mac;
-    const bool hasLan = NetworkAttributes::ReadMacAddress(NetworkAttributes::kLanInterface, mac);
+    const bool hasLan = NetRequests::ReadMacAddress(NetworkAttributes::kLanInterface, mac);
     config.SetFixed(StoreKeys::kLanMac, mac);
     return SetFromFile(config, StoreKeys::kWlanMac, WlanMacFile::kPath) && hasLan;
 }

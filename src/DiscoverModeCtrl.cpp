@@ -3,10 +3,6 @@
 #include "Ipv4.h"
 #include "ZelLog.h"
 
-namespace {
-constexpr char kModeKey[] = "network.config.discover.mode";
-}  // namespace
-
 void DiscoverModeCtrl::Enable() {
     const std::lock_guard lock(mutex_);
     enabled_ = true;
@@ -16,14 +12,14 @@ bool DiscoverModeCtrl::SharesNetworkWith(const std::string& peer) const {
     return CurrentMode() != kLinkLocal || Ipv4::IsLinkLocal(peer);
 }
 
-void DiscoverModeCtrl::Assigned(unsigned mode) {
+void DiscoverModeCtrl::Assigned(AddressMode mode) {
     const std::lock_guard lock(mutex_);
     if (follows_) {
         currentMode_ = mode;
     }
 }
 
-void DiscoverModeCtrl::Event(Trigger trigger, unsigned value) {
+void DiscoverModeCtrl::Event(Trigger trigger, AddressMode mode) {
     const std::lock_guard lock(mutex_);
     if (!enabled_) {
         return;
@@ -31,13 +27,13 @@ void DiscoverModeCtrl::Event(Trigger trigger, unsigned value) {
     switch (state_) {
         case State::kIdle:
             if (trigger == Trigger::kAssigning) {
-                firstMode_ = value;
-                currentMode_ = value;
+                firstMode_ = mode;
+                currentMode_ = mode;
                 state_ = State::kAssigning;
             }
             break;
         case State::kAssigning:
-            state_ = AfterAssigning(trigger, value);
+            state_ = AfterAssigning(trigger, mode);
             break;
         case State::kFellBack:
             if (trigger == Trigger::kNotFound) {
@@ -62,14 +58,14 @@ void DiscoverModeCtrl::Event(Trigger trigger, unsigned value) {
     }
 }
 
-DiscoverModeCtrl::State DiscoverModeCtrl::AfterAssigning(Trigger trigger, unsigned value) {
+DiscoverModeCtrl::State DiscoverModeCtrl::AfterAssigning(Trigger trigger, AddressMode mode) {
     switch (trigger) {
         case Trigger::kAssigning:
-            currentMode_ = value;
+            currentMode_ = mode;
             break;
         case Trigger::kFellBack:
-            currentMode_ = value;
-            if (firstMode_ == kStatic && value == kDhcp) {
+            currentMode_ = mode;
+            if (firstMode_ == kStatic && mode == kDhcp) {
                 firstMode_ = kDhcp;
                 WriteMode(kDhcp);
             }
@@ -86,9 +82,8 @@ DiscoverModeCtrl::State DiscoverModeCtrl::AfterAssigning(Trigger trigger, unsign
     return State::kAssigning;
 }
 
-void DiscoverModeCtrl::WriteMode(unsigned mode) {
-    config_.Set(kModeKey, std::to_string(mode), ZelConfig::Kind::kPersistent);
-    if (!config_.Save()) {
-        ZEL_ERROR("Can't save address mode %u", mode);
+void DiscoverModeCtrl::WriteMode(AddressMode mode) {
+    if (!AddressModes::Save(config_, mode)) {
+        ZEL_ERROR("Can't save address mode %u", static_cast<unsigned>(mode));
     }
 }

@@ -1,8 +1,8 @@
 #include "LanDevice.h"
 
-#include <linux/ethtool.h>
-#include <linux/sockios.h>
 #include <unistd.h>
+
+#include <optional>
 
 #include "NetworkAttributes.h"
 #include "ZelLog.h"
@@ -24,26 +24,15 @@ bool LanDevice::AwaitLinkAfterSetUp(const StopRequested& stopRequested) {
     return AwaitLink(TakeFreshlyUp() ? kSetUpTime : std::chrono::seconds{0}, stopRequested);
 }
 
-bool LanDevice::AwaitLink(std::chrono::milliseconds patience, const StopRequested& stopRequested) {
-    int link = AskLink();
-    for (auto polls = patience / kPollInterval; link == 0 && polls > 0 && !stopRequested();
+bool LanDevice::AwaitLink(std::chrono::milliseconds timeout, const StopRequested& stopRequested) {
+    std::optional<bool> link = NetRequests::ReadLink(Name());
+    for (auto polls = timeout / kPollInterval; link == false && polls > 0 && !stopRequested();
          --polls) {
         usleep(std::chrono::microseconds(kPollInterval).count());
-        link = AskLink();
+        link = NetRequests::ReadLink(Name());
     }
-    if (link >= 0) {
-        ZEL_INFO("Lan is%s link", link != 0 ? "" : " not");
+    if (link) {
+        ZEL_INFO("Lan is%s link", *link ? "" : " not");
     }
-    return link > 0;
-}
-
-int LanDevice::AskLink() {
-    ethtool_value link{};
-    link.cmd = ETHTOOL_GLINK;
-    ifreq request{};
-    request.ifr_data = reinterpret_cast<char*>(&link);
-    if (InterfaceRequest(&request, SIOCETHTOOL) != 0) {
-        return -1;
-    }
-    return link.data != 0 ? 1 : 0;
+    return link.value_or(false);
 }

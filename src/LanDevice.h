@@ -19,15 +19,12 @@ public:
     /// Whether the cable is in and the other end alive (ETHTOOL_GLINK).
     int HasLink() override;
 
-    /// Asks until there is a link, or `patience` is over, or it is asked to stop; at least once.
+    /// Asks until there is a link, or `timeout` is over, or it is asked to stop; at least once.
     /// Returns whether there is one, with one line in the log. An interface that cannot be asked
     /// has none.
-    bool AwaitLink(std::chrono::milliseconds patience, const StopRequested& stopRequested);
+    [[nodiscard]] bool AwaitLink(std::chrono::milliseconds timeout,
+                                 const StopRequested& stopRequested);
 
     /// Does so for kSetUpTime when EnableInterface has really set the interface up, else asks once.
-    bool AwaitLinkAfterSetUp(const StopRequested& stopRequested);
-
-private:
-    /// The link value, negative when the interface cannot be asked.
-    int AskLink();
+    [[nodiscard]] bool AwaitLinkAfterSetUp(const StopRequested& stopRequested);
 };

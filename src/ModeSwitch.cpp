@@ -17,13 +17,13 @@ namespace {
 constexpr char kLanAddress[] = "network.current.lan.ip";
 
 // How long the link, and then the address, is waited for.
-constexpr std::chrono::seconds kPatience{5};
+constexpr std::chrono::seconds kTimeout{5};
 constexpr std::chrono::milliseconds kPollInterval{100};
 // The WLAN is tried at every pass but the first three.
 constexpr int kRecoveryPasses = 10;
 
 bool PollUntil(const std::function<bool()>& condition) {
-    for (auto polls = kPatience / kPollInterval; polls > 0; --polls) {
+    for (auto polls = kTimeout / kPollInterval; polls > 0; --polls) {
         if (condition()) {
             return true;
         }
@@ -33,22 +33,25 @@ bool PollUntil(const std::function<bool()>& condition) {
 }
 
 /// An address beside the interface's own, taken away with the object.
-class LentAddress : public NetDevice {
+class Alias : public NetDevice {
 public:
-    LentAddress(const std::string& label, const Context& context, in_addr_t ip, in_addr_t netmask)
+    Alias(const std::string& label, const Context& context, in_addr_t ip, in_addr_t netmask)
         : NetDevice(label, context) {
-        if (SetIp(ip) == 0 && SetNetmask(netmask) == 0) {
+        if (!Failed(SetIp(ip)) && !Failed(SetNetmask(netmask))) {
             Announce();
         }
     }
-    ~LentAddress() override { SetIp(INADDR_ANY); }
+    ~Alias() override {
+        static_cast<void>(SetIp(INADDR_ANY));  // it may be gone with the card
+    }
 };
 
 }  // namespace
 
-ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr asked, FormerAddress& former) {
-    if (mode != kConfigured && mode != kLinkLocal && mode != kDhcp) {
-        ZEL_ERROR("Unknown network mode %ld; 1 is configured, 2 link-local, 3 DHCP", mode);
+ModeSwitch::Outcome ModeSwitch::Run(long number, in_addr asked, FormerAddress& former) {
+    const std::optional<AddressMode> mode = AddressModes::OfClient(number);
+    if (!mode) {
+        ZEL_ERROR("Unknown network mode %ld; 1 is configured, 2 link-local, 3 DHCP", number);
         return Outcome::kFailed;
     }
     const std::unique_lock lock(mutex_, std::try_to_lock);
@@ -61,65 +64,66 @@ ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr asked, FormerAddress& for
                                                             : "network.current.lan.netmask");
     context_.discoverMode.Follow();
     LanDevice lan(context_);
-    const Outcome outcome = Switch(lan, mode);
+    const Outcome outcome = Switch(lan, *mode);
     if (outcome != Outcome::kDone && (onWlan_ || context_.config.Get(kLanAddress).empty())) {
         Recover(lan);
     }
-    former = Lend(asked, netmask);
+    former = AddAlias(asked, netmask);
     onMoved_();
     return outcome;
 }
 
-ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, long mode) {
-    if (mode == kLinkLocal) {
+ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, AddressMode mode) {
+    if (mode == AddressMode::kLinkLocal) {
         ZEL_DEBUG("switchMode to apipa");
-    } else if (mode == kDhcp) {
+    } else if (mode == AddressMode::kDhcp) {
         ZEL_DEBUG("switchMode to dhcp");
     }
     if (onWlan_) {
         if (setNet_.Wlan() != nullptr) {
-            setNet_.Wlan()->DisableInterface();
+            static_cast<void>(setNet_.Wlan()->DisableInterface());
         }
-        lan.EnableInterface();
+        static_cast<void>(lan.EnableInterface());  // else it has no link
     }
-    if (!lan.AwaitLink(kPatience, [] { return false; })) {
+    if (!lan.AwaitLink(kTimeout, [] { return false; })) {
         return Outcome::kNotConfirmed;
     }
     NetworkType::Set(context_.config, NetworkType::kLan);
-    int status = 0;
-    if (mode == kLinkLocal) {
+    NetStatus status{};
+    if (mode == AddressMode::kLinkLocal) {
         status = lan.SetApipa();
-    } else if (mode == kDhcp) {
+    } else if (mode == AddressMode::kDhcp) {
         status = lan.SetDhcp();
     } else {
         status = lan.ConfigureInterface();
     }
-    if (status != 0) {
+    if (Failed(status)) {
         return Outcome::kFailed;
     }
     return PollUntil([this, mode] { return HasAddress(mode); }) ? Outcome::kDone
                                                                 : Outcome::kNotConfirmed;
 }
 
-bool ModeSwitch::HasAddress(long mode) const {
+bool ModeSwitch::HasAddress(AddressMode mode) const {
     const std::string address = context_.config.Get(kLanAddress);
     const bool isLinkLocal = Ipv4::IsLinkLocal(address);
-    return !address.empty() && (mode == kConfigured || isLinkLocal == (mode == kLinkLocal));
+    return !address.empty() &&
+           (mode == AddressMode::kConfigured || isLinkLocal == (mode == AddressMode::kLinkLocal));
 }
 
 void ModeSwitch::Recover(LanDevice& lan) {
     if (!onWlan_) {
-        if (lan.EnableInterface() == 0) {
-            lan.SetApipa();
+        if (!Failed(lan.EnableInterface())) {
+            static_cast<void>(lan.SetApipa());  // nothing else is left to try
         }
         return;
     }
-    if (setNet_.SetUpWlan() != 0) {
-        setNet_.SetUpNetwork([] { return false; }, kRecoveryPasses);
+    if (Failed(setNet_.SetUpWlan())) {
+        static_cast<void>(setNet_.SetUpNetwork([] { return false; }, kRecoveryPasses));
     }
 }
 
-ModeSwitch::FormerAddress ModeSwitch::Lend(in_addr address, const std::string& netmask) {
+ModeSwitch::FormerAddress ModeSwitch::AddAlias(in_addr address, const std::string& netmask) {
     const auto isCurrent = [&](const char* key) {
         return inet_addr(context_.config.Get(key).c_str()) == address.s_addr;
     };
@@ -128,10 +132,9 @@ ModeSwitch::FormerAddress ModeSwitch::Lend(in_addr address, const std::string& n
         isCurrent("network.current.wlan.ip")) {
         return nullptr;
     }
-    // A label of its own: the one lent before may not be taken back yet.
+    // A label of its own: the alias before may still be there.
     constexpr unsigned kLabels = 100;
     const std::string label =
-        std::string(NetworkAttributes::kLanInterface) + ":" + std::to_string(lent_++ % kLabels);
-    return std::make_shared<LentAddress>(label, context_, address.s_addr,
-                                         inet_addr(netmask.c_str()));
+        std::string(NetworkAttributes::kLanInterface) + ":" + std::to_string(aliases_++ % kLabels);
+    return std::make_shared<Alias>(label, context_, address.s_addr, inet_addr(netmask.c_str()));
 }

@@ -13,11 +13,6 @@
 /// talks to it. Thread-safe: a second switch beside one that is under way fails.
 class ModeSwitch {
 public:
-    // Ways of addressing, as clients name them.
-    static constexpr long kConfigured = 1;
-    static constexpr long kLinkLocal = 2;
-    static constexpr long kDhcp = 3;
-
     /// The values are the error codes that clients know.
     enum class Outcome {
         kDone = 0,
@@ -33,22 +28,23 @@ public:
     ModeSwitch(const NetDevice::Context& context, SetNet& setNet, std::function<void()> onMoved)
         : context_(context), setNet_(setNet), onMoved_(std::move(onMoved)) {}
 
-    /// Switches; takes up to half a minute. `asked` is the address at which the box was asked; when
-    /// the box has lost it by the switch, it is lent again and `former` holds it. A switch that
+    /// Switches to the mode that clients name by that number (AddressModes::OfClient); takes up to
+    /// half a minute. `asked` is the address at which the box was asked; when the box has lost it
+    /// by the switch, it becomes an alias, which `former` holds. A switch that
     /// fails and has cost the box its address gives it a link-local one; one that came from the
     /// WLAN returns there, for which it tries as the bring-up does, up to some minutes.
-    Outcome Run(long mode, in_addr asked, FormerAddress& former);
+    [[nodiscard]] Outcome Run(long number, in_addr asked, FormerAddress& former);
 
 private:
-    Outcome Switch(LanDevice& lan, long mode);
-    bool HasAddress(long mode) const;
+    Outcome Switch(LanDevice& lan, AddressMode mode);
+    bool HasAddress(AddressMode mode) const;
     void Recover(LanDevice& lan);
-    FormerAddress Lend(in_addr address, const std::string& netmask);
+    FormerAddress AddAlias(in_addr address, const std::string& netmask);
 
     NetDevice::Context context_;
     SetNet& setNet_;
     std::function<void()> onMoved_;
     HeldMutex mutex_;
     bool onWlan_ = false;
-    unsigned lent_ = 0;
+    unsigned aliases_ = 0;
 };

@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <net/route.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,14 +10,13 @@
 
 #include "Ipv4.h"
 #include "LogText.h"
-#include "NetRequests.h"
 #include "Shell.h"
 #include "ZelLog.h"
 
 namespace {
 
-constexpr char kNoAddress[] = "0.0.0.0";
-constexpr char kHostMask[] = "255.255.255.255";
+using Trigger = DiscoverModeCtrl::Trigger;
+
 constexpr const char* kSlpGroups[] = {"239.255.255.253", "239.255.1.1"};
 
 constexpr unsigned short kDeviceRoute = RTF_UP;
@@ -86,107 +84,86 @@ bool NetDevice::StaticValues::Read(const ZelConfig& config) {
            ReadAddress(config, "network.config.static.gateway", "Geteway", gateway_);
 }
 
-NetDevice::NetDevice(std::string interface, const Context& context, AddressMode mode)
-    : name_(std::move(interface)), mode_(mode), context_(context) {}
-
-int NetDevice::InterfaceRequest(ifreq* request, unsigned long code) const {
-    return NetRequests::Send(name_, request, code);
-}
-
-int NetDevice::HasLink() {
-    return 1;
-}
-
-int NetDevice::EnableInterface() {
+NetStatus NetDevice::EnableInterface() {
     ZEL_INFO("Enable interface '%s'", name_.c_str());
     short former = 0;
-    const int status = NetRequests::ChangeFlags(name_, IFF_UP | IFF_RUNNING, 0, former);
-    isFreshlyUp_ = isFreshlyUp_ || (status == 0 && (former & IFF_UP) == 0);
+    const NetStatus status = NetRequests::ChangeFlags(name_, IFF_UP | IFF_RUNNING, 0, former);
+    isFreshlyUp_ = isFreshlyUp_ || (!Failed(status) && (former & IFF_UP) == 0);
     return status;
 }
 
-int NetDevice::DisableInterface() {
+NetStatus NetDevice::DisableInterface() {
     ZEL_INFO("Disable interface '%s'", name_.c_str());
     StopDhcpClient();
-    if (SetIp(INADDR_ANY) != 0) {
-        return -1;
+    if (Failed(SetIp(INADDR_ANY))) {
+        return NetStatus::kFailed;
     }
     // Unlike on the way up, IFF_RUNNING stays as it is.
     short former = 0;
     return NetRequests::ChangeFlags(name_, 0, IFF_UP, former);
 }
 
-int NetDevice::SetIp(in_addr_t address) {
+NetStatus NetDevice::SetIp(in_addr_t address) {
     ZEL_INFO("Setting ip of interface '%s' to '%u'", name_.c_str(), address);
     return NetRequests::SetAddress(name_, address, SIOCSIFADDR);
 }
 
-int NetDevice::SetNetmask(in_addr_t address) {
+NetStatus NetDevice::SetNetmask(in_addr_t address) {
     ZEL_INFO("Setting netmask of interface '%s' to '%u'", name_.c_str(), address);
     return NetRequests::SetAddress(name_, address, SIOCSIFNETMASK);
 }
 
-int NetDevice::SetNetmask(const StaticValues& values) {
-    ZEL_INFO("Setting netmask of interface '%s'", name_.c_str());
-    return SetNetmask(values.Netmask());
-}
-
-int NetDevice::SetGateway(const StaticValues& values) {
-    ZEL_INFO("Setting gateway of interface '%s'", name_.c_str());
-    return SetGateway(values.Gateway());
-}
-
-int NetDevice::SetGateway(in_addr_t gateway) {
+NetStatus NetDevice::SetGateway(in_addr_t gateway) {
     ZEL_INFO("Setting gateway of interface '%s' to '%u'", name_.c_str(), gateway);
     return DoSetGateway(kGatewayRoute, INADDR_ANY, gateway, 0);
 }
 
-int NetDevice::DoSetGateway(unsigned short flags, long long dst, long long gw, long long mask) {
-    ZEL_DEBUG("%s %lld %llx %llx",
+NetStatus NetDevice::DoSetGateway(unsigned short flags, in_addr_t dst, in_addr_t gw,
+                                  in_addr_t mask) {
+    ZEL_DEBUG("%s %u %x %x",
               "int NetDevice::DoSetGateway(short unsigned int, long long int, long long int, long "
               "long int)",
               dst, gw, mask);
     return NetRequests::AddRoute(name_, flags, {dst, gw, mask});
 }
 
-int NetDevice::DoDelGateway(unsigned short flags, long long dst, long long gw) {
-    ZEL_DEBUG("%s %d %llx %llx",
+NetStatus NetDevice::DoDelGateway(unsigned short flags, in_addr_t dst, in_addr_t gw) {
+    ZEL_DEBUG("%s %d %x %x",
               "int NetDevice::DoDelGateway(short unsigned int, long long int, long long int)",
               flags, dst, gw);
     return NetRequests::DeleteRoute(name_, flags, dst, gw);
 }
 
-int NetDevice::SetHostGateway() {
+NetStatus NetDevice::SetHostGateway() {
     ZEL_DEBUG("%s", "int NetDevice::SetHostGateway()");
     for (const char* group : kSlpGroups) {
-        if (DoSetGateway(kDeviceRoute, inet_addr(group), 0, inet_addr(kHostMask)) != 0) {
-            return -1;
+        if (Failed(DoSetGateway(kDeviceRoute, inet_addr(group), 0, INADDR_BROADCAST))) {
+            return NetStatus::kFailed;
         }
     }
-    return 0;
+    return NetStatus::kDone;
 }
 
-int NetDevice::DelHostGateway() {
+void NetDevice::DelHostGateway() {
     ZEL_DEBUG("%s", "int NetDevice::DelHostGateway()");
     for (const char* group : kSlpGroups) {
-        if (DoDelGateway(kDeviceRoute, inet_addr(group), 0) != 0) {
-            return -1;
+        if (Failed(DoDelGateway(kDeviceRoute, inet_addr(group), 0))) {
+            return;
         }
     }
-    return 0;
 }
 
-int NetDevice::DelDefaultGateway() {
+void NetDevice::DelDefaultGateway() {
     ZEL_DEBUG("%s", "int NetDevice::DelDefaultGateway()");
-    long long gateway = 0;
-    if (GetGateway(gateway) != 0) {
-        return -1;
+    in_addr_t gateway = 0;
+    if (Failed(GetGateway(gateway))) {
+        return;
     }
-    ZEL_INFO("Current Gateway: %lld", gateway);
-    return DoDelGateway(kGatewayRoute, inet_addr(kNoAddress), gateway);
+    ZEL_INFO("Current Gateway: %u", gateway);
+    static_cast<void>(DoDelGateway(kGatewayRoute, INADDR_ANY, gateway));  // the log tells
 }
 
-int NetDevice::GetGateway(long long& gateway) const {
+NetStatus NetDevice::GetGateway(in_addr_t& gateway) const {
     ZEL_DEBUG("%s %s", "int NetDevice::GetGateway(long long int&)", name_.c_str());
     return NetRequests::ReadGateway(name_, gateway);
 }
@@ -197,15 +174,15 @@ std::string NetDevice::DhcpPidFile() const {
     return "/var/run/udhcpc_" + label + ".pid";
 }
 
-int NetDevice::StopDhcpClient() {
-    return Shell::KillByPidFile(DhcpPidFile());
+void NetDevice::StopDhcpClient() {
+    Shell::KillByPidFile(DhcpPidFile());
 }
 
 bool NetDevice::HasAddress() const {
-    return NetRequests::ReadAddress(name_) != INADDR_ANY;
+    return NetRequests::ReadOwnAddress(name_) != INADDR_ANY;
 }
 
-int NetDevice::StartDhcp() {
+NetStatus NetDevice::StartDhcp() {
     std::string output;
     const Shell::Fate fate =
         Shell::RunWithin({}, output,
@@ -217,31 +194,29 @@ int NetDevice::StartDhcp() {
         // Else a later process that has got its number would be taken for it.
         unlink(DhcpPidFile().c_str());
     }
-    const in_addr_t address = NetRequests::ReadAddress(name_);
+    const in_addr_t address = NetRequests::ReadOwnAddress(name_);
     if (isCutShort || output.find("No lease, failing") != std::string::npos ||
         address == INADDR_ANY) {
         ZEL_INFO("Got no lease");
-        return -1;
+        return NetStatus::kFailed;
     }
     // A link-local one is no server's: it was there before, or the client's script has set it.
-    context_.discoverMode.Assigned(Ipv4::IsLinkLocal(Ipv4::Dotted({address}))
-                                       ? DiscoverModeCtrl::kLinkLocal
-                                       : DiscoverModeCtrl::kDhcp);
-    return 0;
+    context_.discoverMode.Assigned(
+        Ipv4::IsLinkLocal(Ipv4::Dotted({address})) ? AddressMode::kLinkLocal : AddressMode::kDhcp);
+    return NetStatus::kDone;
 }
 
-int NetDevice::StartApipa() {
+void NetDevice::StartApipa() {
     std::string output;
     Shell::RunSystemWithResult(
         output, "/sbin/zcip -fq %s /etc/network/zcip.script > /dev/null 2>&1", name_.c_str());
     Shell::RunSystem("route add default dev " + name_);
     // An address from before may still be there.
-    if (Ipv4::IsLinkLocal(Ipv4::Dotted({NetRequests::ReadAddress(name_)}))) {
-        context_.discoverMode.Assigned(DiscoverModeCtrl::kLinkLocal);
+    if (Ipv4::IsLinkLocal(Ipv4::Dotted({NetRequests::ReadOwnAddress(name_)}))) {
+        context_.discoverMode.Assigned(AddressMode::kLinkLocal);
     } else {
         ZEL_ERROR("Got no link-local address");
     }
-    return 0;
 }
 
 void NetDevice::Announce() {
@@ -249,9 +224,9 @@ void NetDevice::Announce() {
     Shell::RunSystemWithResult(output, "/usr/bin/arping -b -c 1 -U -I %s 0.0.0.0", name_.c_str());
 }
 
-int NetDevice::FinishConfiguration() {
+NetStatus NetDevice::FinishConfiguration() {
     DelHostGateway();
-    const int status = SetHostGateway();
+    const NetStatus status = SetHostGateway();
     Announce();
     const std::string vehicleEthernet = context_.config.Get("diag.connected.tavo_d");
     ZEL_INFO("TAVOD: '%s'", vehicleEthernet.c_str());
@@ -261,101 +236,91 @@ int NetDevice::FinishConfiguration() {
     return status;
 }
 
-int NetDevice::SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway) {
-    if (SetIp(ip) != 0 || SetNetmask(netmask) != 0 || SetGateway(gateway) != 0) {
-        return -1;
+NetStatus NetDevice::SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway) {
+    if (Failed(SetIp(ip)) || Failed(SetNetmask(netmask)) || Failed(SetGateway(gateway))) {
+        return NetStatus::kFailed;
     }
-    context_.discoverMode.Assigned(DiscoverModeCtrl::kStatic);
+    context_.discoverMode.Assigned(AddressMode::kStatic);
     return FinishConfiguration();
 }
 
-int NetDevice::SetDhcp() {
+NetStatus NetDevice::SetDhcp() {
     StopDhcpClient();
     DelDefaultGateway();
-    if (StartDhcp() != 0) {
-        return -1;
-    }
-    return FinishConfiguration();
+    return Failed(StartDhcp()) ? NetStatus::kFailed : FinishConfiguration();
 }
 
-int NetDevice::SetApipa() {
+NetStatus NetDevice::SetApipa() {
     StopDhcpClient();
     DelDefaultGateway();
     StartApipa();
     return FinishConfiguration();
 }
 
-NetDevice::AddressMode NetDevice::ReadMode() const {
-    const std::string mode = context_.config.Get("network.config.discover.mode");
-    if (mode == "201" || mode == "2") {
-        return AddressMode::kLinkLocal;
-    }
-    return mode == "202" ? AddressMode::kStatic : AddressMode::kDhcp;
-}
-
-int NetDevice::ConfigureInterface() {
-    if (StopDhcpClient() != 0) {
-        return -1;
-    }
+NetStatus NetDevice::ConfigureInterface() {
+    StopDhcpClient();
     if (mode_ == AddressMode::kConfigured) {
-        mode_ = ReadMode();
+        mode_ = AddressModes::Read(context_.config);
     }
-    int status = 0;
-    switch (mode_) {
-        case AddressMode::kDhcp:
-            status = ConfigureDhcp();
-            break;
-        case AddressMode::kLinkLocal:
-            status = ConfigureApipa();
-            break;
-        case AddressMode::kStatic:
-            status = ConfigureStatic();
-            break;
-        default:
-            return -2;
+    NetStatus status = NetStatus::kDone;
+    if (mode_ == AddressMode::kStatic) {
+        status = ConfigureStatic();
+    } else if (mode_ == AddressMode::kLinkLocal) {
+        status = ConfigureApipa();
+    } else {
+        ConfigureDhcp();
     }
-    return status == 0 && HasAddress() ? FinishConfiguration() : -1;
+    return !Failed(status) && HasAddress() ? FinishConfiguration() : NetStatus::kFailed;
 }
 
-int NetDevice::ConfigureDhcp() {
+void NetDevice::ConfigureDhcp() {
     ZEL_INFO("Network mode is dhcp");
-    context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kAssigning, DiscoverModeCtrl::kDhcp);
+    context_.discoverMode.Event(Trigger::kAssigning, AddressMode::kDhcp);
     DelDefaultGateway();
-    if (StartDhcp() == 0) {
-        return 0;
+    if (!Failed(StartDhcp())) {
+        return;
     }
-    const int status = StartApipa();
+    StartApipa();
     // Without an address it has not fallen back: the next pass begins with DHCP again.
     if (HasAddress()) {
-        context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kFellBack,
-                                    DiscoverModeCtrl::kLinkLocal);
+        context_.discoverMode.Event(Trigger::kFellBack, AddressMode::kLinkLocal);
     }
-    return status;
 }
 
-int NetDevice::ConfigureApipa() {
+NetStatus NetDevice::ConfigureApipa() {
     ZEL_INFO("Network mode is apipa");
-    context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kAssigning,
-                                DiscoverModeCtrl::kLinkLocal);
+    context_.discoverMode.Event(Trigger::kAssigning, AddressMode::kLinkLocal);
     DelDefaultGateway();
-    return EnableInterface() == 0 ? StartApipa() : -1;
+    if (Failed(EnableInterface())) {
+        return NetStatus::kFailed;
+    }
+    StartApipa();
+    return NetStatus::kDone;
 }
 
-int NetDevice::ConfigureStatic() {
+NetStatus NetDevice::ConfigureStatic() {
     ZEL_INFO("Network mode is static");
-    context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kAssigning, DiscoverModeCtrl::kStatic);
+    context_.discoverMode.Event(Trigger::kAssigning, AddressMode::kStatic);
     StaticValues values;
     if (!values.Read(context_.config)) {
-        context_.discoverMode.Event(DiscoverModeCtrl::Trigger::kFellBack, DiscoverModeCtrl::kDhcp);
-        return -1;
+        context_.discoverMode.Event(Trigger::kFellBack, AddressMode::kDhcp);
+        return NetStatus::kFailed;
     }
-    if (EnableInterface() != 0) {
-        return -1;
+    const auto setNetmask = [&] {
+        ZEL_INFO("Setting netmask of interface '%s'", name_.c_str());
+        return SetNetmask(values.Netmask());
+    };
+    const auto setGateway = [&] {
+        ZEL_INFO("Setting gateway of interface '%s'", name_.c_str());
+        return SetGateway(values.Gateway());
+    };
+    if (Failed(EnableInterface())) {
+        return NetStatus::kFailed;
     }
-    if (SetIp(values.Ip()) != 0 || SetNetmask(values) != 0 || SetGateway(values) != 0) {
+    if (Failed(SetIp(values.Ip())) || Failed(setNetmask()) || Failed(setGateway())) {
         values.ExplainRefusal();
-        return -1;
+        return NetStatus::kFailed;
     }
-    context_.discoverMode.Assigned(DiscoverModeCtrl::kStatic);
-    return 0;
+    context_.discoverMode.Assigned(AddressMode::kStatic);
+    return NetStatus::kDone;
 }

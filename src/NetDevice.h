@@ -6,24 +6,16 @@
 #include <string>
 #include <utility>
 
+#include "AddressMode.h"
 #include "DiscoverModeCtrl.h"
+#include "NetRequests.h"
 #include "ZelConfig.h"
 
 /// A network interface that the agent drives: its flags, its IPv4 address and its routes. DHCP (RFC
 /// 2131), link-local addresses (RFC 3927) and gratuitous ARP (RFC 5227) are the board's tools.
-/// Operations return 0 or a negative status (NetRequests).
 /// Takes no lock: one interface is configured by one thread at a time.
 class NetDevice {
 public:
-    /// How the interface gets its address.
-    enum class AddressMode : unsigned {
-        kDhcp = 0,  ///< with a link-local address when there is no lease
-        kLinkLocal = 1,
-        kStatic = 2,
-        /// As "network.config.discover.mode" says when the interface is configured first.
-        kConfigured = 3
-    };
-
     /// What every interface works on; it outlives the interface.
     struct Context {
         ZelConfig& config;
@@ -56,44 +48,43 @@ public:
 
     /// `interface` is a name of the kernel, alias labels like "eth0:1" included; the kernel is
     /// given its first 15 characters.
-    NetDevice(std::string interface, const Context& context,
-              AddressMode mode = AddressMode::kConfigured);
+    NetDevice(std::string interface, const Context& context)
+        : name_(std::move(interface)), context_(context) {}
     virtual ~NetDevice() = default;
     NetDevice(const NetDevice&) = delete;
     NetDevice& operator=(const NetDevice&) = delete;
 
     /// Non-zero when there is a link.
-    virtual int HasLink();
-    /// Gives the interface its address by the address mode, and the routes that belong to it. It is
-    /// not configured as long as it has none, whatever the tools say.
-    virtual int ConfigureInterface();
-    virtual int EnableInterface();
+    virtual int HasLink() { return 1; }
+    /// Gives the interface its address by the address mode, which the first call reads from the
+    /// store, and the routes that belong to it. It is not configured as long as it has none,
+    /// whatever the tools say.
+    virtual NetStatus ConfigureInterface();
+    virtual NetStatus EnableInterface();
     /// Takes the address away and the interface down.
-    virtual int DisableInterface();
+    virtual NetStatus DisableInterface();
 
     /// Gives the interface an address of that kind, whatever the address mode. Link-local
     /// addressing is only tried for: its tool's failure is none here.
-    int SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway);
-    int SetDhcp();
-    int SetApipa();
+    NetStatus SetStatic(in_addr_t ip, in_addr_t netmask, in_addr_t gateway);
+    NetStatus SetDhcp();
+    NetStatus SetApipa();
 
     // The single steps. Addresses are in network byte order.
-    int SetIp(in_addr_t address);
-    int SetNetmask(in_addr_t address);
-    int SetNetmask(const StaticValues& values);
+    NetStatus SetIp(in_addr_t address);
+    NetStatus SetNetmask(in_addr_t address);
     /// Adds a default route through `gateway`. One that is there already is no failure.
-    int SetGateway(in_addr_t gateway);
-    int SetGateway(const StaticValues& values);
+    NetStatus SetGateway(in_addr_t gateway);
     /// Routes the multicast groups of SLP to this interface.
-    int SetHostGateway();
-    int DelHostGateway();
+    NetStatus SetHostGateway();
+    void DelHostGateway();
     /// Deletes the default route through this interface's gateway, or the first one there is when
     /// this interface has none. No failure when there is none at all.
-    int DelDefaultGateway();
+    void DelDefaultGateway();
     /// Sets `gateway` to that of the interface's default route, 0 when it has none.
-    int GetGateway(long long& gateway) const;
+    NetStatus GetGateway(in_addr_t& gateway) const;
     /// Ends the interface's DHCP client.
-    int StopDhcpClient();
+    void StopDhcpClient();
     /// One gratuitous ARP.
     void Announce();
 
@@ -101,7 +92,9 @@ public:
 
 protected:
     /// Sends a request about this interface (NetRequests::Send).
-    int InterfaceRequest(ifreq* request, unsigned long code) const;
+    NetStatus InterfaceRequest(ifreq* request, unsigned long code) const {
+        return NetRequests::Send(name_, request, code);
+    }
 
     const ZelConfig& Config() const { return context_.config; }
 
@@ -109,20 +102,19 @@ protected:
     bool TakeFreshlyUp() { return std::exchange(isFreshlyUp_, false); }
 
 private:
-    int DoSetGateway(unsigned short flags, long long dst, long long gw, long long mask);
-    int DoDelGateway(unsigned short flags, long long dst, long long gw);
+    NetStatus DoSetGateway(unsigned short flags, in_addr_t dst, in_addr_t gw, in_addr_t mask);
+    NetStatus DoDelGateway(unsigned short flags, in_addr_t dst, in_addr_t gw);
     bool HasAddress() const;
-    int StartDhcp();
-    int StartApipa();
-    int FinishConfiguration();
-    int ConfigureDhcp();
-    int ConfigureApipa();
-    int ConfigureStatic();
-    AddressMode ReadMode() const;
+    NetStatus StartDhcp();
+    void StartApipa();
+    NetStatus FinishConfiguration();
+    void ConfigureDhcp();
+    NetStatus ConfigureApipa();
+    NetStatus ConfigureStatic();
     std::string DhcpPidFile() const;
 
     std::string name_;
-    AddressMode mode_;
+    AddressMode mode_ = AddressMode::kConfigured;
     bool isFreshlyUp_ = false;
     Context context_;
 };

@@ -2,51 +2,68 @@
 
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 
+#include <optional>
 #include <string>
 
-/// Every request to the kernel that changes an interface or its routes. An interface is a name of
-/// the kernel, which is given its first 15 characters. Operations return 0 or a negative status;
-/// failures are logged.
+#include "NetStatus.h"
+
+/// All that the kernel is asked and told about interfaces and routes. An interface is a name of the
+/// kernel, which is given its first 15 characters. Addresses are in network byte order.
 namespace NetRequests {
 
-// Statuses.
-inline constexpr int kNoSocket = -1;
-inline constexpr int kNoSuchDevice = -2;
-inline constexpr int kNotSupported = -3;
-inline constexpr int kAddressNotAvailable = -4;
-inline constexpr int kRequestFailed = -5;
+// Requests: a failure is logged.
 
 /// Sends a request whose structure begins with an interface name, as ifreq and iwreq do; the name
 /// is filled in.
-int Send(const std::string& interface, ifreq* request, unsigned long code);
+NetStatus Send(const std::string& interface, ifreq* request, unsigned long code);
 
-/// `code` is the request that takes an address of that kind; `address` is in network byte order.
-int SetAddress(const std::string& interface, in_addr_t address, unsigned long code);
+/// `code` is the request that takes an address of that kind.
+NetStatus SetAddress(const std::string& interface, in_addr_t address, unsigned long code);
 
 /// Sets `former` to the flags before the change.
-int ChangeFlags(const std::string& interface, short set, short cleared, short& former);
+NetStatus ChangeFlags(const std::string& interface, short set, short cleared, short& former);
 
-/// The first IPv4 address that the interface has under its very name, not under an alias label, in
-/// network byte order. INADDR_ANY when it has none, which is no failure.
-in_addr_t ReadAddress(const std::string& interface);
+/// Whether the cable is in and the other end alive (ETHTOOL_GLINK); nothing when it cannot be told.
+[[nodiscard]] std::optional<bool> ReadLink(const std::string& interface);
 
-/// The ends of a route, in the lower 32 bits and network byte order.
+/// The first address that the interface has under its very name, not under an alias label.
+/// INADDR_ANY when it has none, which is no failure.
+[[nodiscard]] in_addr_t ReadOwnAddress(const std::string& interface);
+
+/// The ends of a route.
 struct Route {
-    long long destination;
-    long long gateway;
-    long long mask;
+    in_addr_t destination;
+    in_addr_t gateway;
+    in_addr_t mask;
 };
 
 /// Adds a route through the interface; one that is there already is no failure.
-int AddRoute(const std::string& interface, unsigned short flags, const Route& route);
+NetStatus AddRoute(const std::string& interface, unsigned short flags, const Route& route);
 
 /// Deletes the route, and the host route to the destination through the interface. What is not
 /// there is no failure.
-int DeleteRoute(const std::string& interface, unsigned short flags, long long destination,
-                long long gateway);
+NetStatus DeleteRoute(const std::string& interface, unsigned short flags, in_addr_t destination,
+                      in_addr_t gateway);
 
 /// Sets `gateway` to that of the interface's last default route, 0 when it has none.
-int ReadGateway(const std::string& interface, long long& gateway);
+NetStatus ReadGateway(const std::string& interface, in_addr_t& gateway);
+
+// Questions that strangers ask by way of the box's attributes: nothing is logged.
+
+/// The first address of the interface, or, with SIOCGIFNETMASK, its net mask.
+[[nodiscard]] std::optional<in_addr> ReadAddress(const std::string& interface,
+                                                 unsigned long code = SIOCGIFADDR);
+
+/// The gateway of the first default route, whatever its interface.
+[[nodiscard]] std::optional<in_addr> ReadDefaultGateway();
+
+/// Sets `out` to the hardware address, six two-digit hexadecimal bytes with colons between them.
+/// False when there is no such interface.
+[[nodiscard]] bool ReadMacAddress(const std::string& interface, std::string& out);
+
+/// The quality of a wireless link as its driver measures it, 0 when it is unknown.
+[[nodiscard]] unsigned ReadLinkQuality(const std::string& interface);
 
 }  // namespace NetRequests

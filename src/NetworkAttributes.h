@@ -5,7 +5,7 @@
 
 #include "ZelConfig.h"
 
-/// What the kernel says about the box's network interfaces and routes.
+/// What the store gets to know of the box's network interfaces and routes.
 namespace NetworkAttributes {
 
 inline constexpr char kLanInterface[] = "eth0";
@@ -17,9 +17,5 @@ using InterfaceName = std::function<std::string()>;
 /// are dotted; an interface without address, or no default route, gives no value. The link quality
 /// is "0" when it is unknown.
 void Add(ZelConfig& config, const InterfaceName& wlanInterface);
-
-/// Sets `out` to the hardware address, six two-digit hexadecimal bytes with colons between them.
-/// False when there is no such interface.
-bool ReadMacAddress(const std::string& interface, std::string& out);
 
 }  // namespace NetworkAttributes

@@ -15,57 +15,58 @@ constexpr int kPassesForLan = 3;
 SetNet::SetNet(const NetDevice::Context& context)
     : context_(context), lan_(context), wlan_(WlanDeviceDetectorEx().CreateDevice(context)) {}
 
-int SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
+NetStatus SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
     // Not refilled: once the cable has been waited for, every pass without link tries the WLAN.
     int budget = kPassesForLan;
     for (int pass = 1;; ++pass) {
-        lan_.EnableInterface();
+        // What an interface refuses here shows when it is used.
+        static_cast<void>(lan_.EnableInterface());
         if (wlan_) {
-            wlan_->DisableInterface();
+            static_cast<void>(wlan_->DisableInterface());
         }
         const bool hasLink = lan_.AwaitLinkAfterSetUp(stopRequested);
         if (stopRequested()) {
-            return -1;
+            return NetStatus::kFailed;
         }
         if (hasLink) {
             ZEL_DEBUG("Lan link detect, set ip address");
-            if (lan_.ConfigureInterface() == 0) {
+            if (!Failed(lan_.ConfigureInterface())) {
                 ZEL_INFO("LAN interface configured, IP: %s",
                          context_.config.Get("network.current.lan.ip").c_str());
                 NetworkType::Set(context_.config, NetworkType::kLan);
-                return 0;
+                return NetStatus::kDone;
             }
         } else if (budget > 0) {
             --budget;
         } else {
             ZEL_DEBUG("No Lan link detect, try wlan");
-            if (SetUpWlan() == 0) {
-                return 0;
+            if (!Failed(SetUpWlan())) {
+                return NetStatus::kDone;
             }
         }
         ZEL_ERROR("No network configured, restart initializing");
         sleep(1);
         if (stopRequested() || pass == passes) {
-            return -1;
+            return NetStatus::kFailed;
         }
     }
 }
 
-int SetNet::SetUpWlan() {
+NetStatus SetNet::SetUpWlan() {
     if (!wlan_) {
         ZEL_ERROR("No WLAN interface found");
-        return -1;
+        return NetStatus::kFailed;
     }
-    lan_.DisableInterface();
+    static_cast<void>(lan_.DisableInterface());  // it has no link anyway
     if (wlan_->Connect() != 0) {
-        return -1;
+        return NetStatus::kFailed;
     }
     ZEL_DEBUG("Connected to an access point, set ip address");
-    if (wlan_->ConfigureInterface() != 0) {
-        return -1;
+    if (Failed(wlan_->ConfigureInterface())) {
+        return NetStatus::kFailed;
     }
     ZEL_INFO("WLAN interface configured, IP: %s",
              context_.config.Get("network.current.wlan.ip").c_str());
     NetworkType::Set(context_.config, NetworkType::kWlan);
-    return 0;
+    return NetStatus::kDone;
 }

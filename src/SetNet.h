@@ -19,12 +19,12 @@ public:
     SetNet(const SetNet&) = delete;
     SetNet& operator=(const SetNet&) = delete;
 
-    /// Makes passes, a second apart, until an interface is configured. Returns 0 then, or -1 when
-    /// it is asked to stop or has made `passes` of them first.
-    int SetUpNetwork(const StopRequested& stopRequested, int passes = kWithoutEnd);
+    /// Makes passes, a second apart, until an interface is configured. Fails when it is asked to
+    /// stop or has made `passes` of them first.
+    NetStatus SetUpNetwork(const StopRequested& stopRequested, int passes = kWithoutEnd);
 
-    /// One attempt to get onto the WLAN; takes the wired interface down. Returns 0 or -1.
-    int SetUpWlan();
+    /// One attempt to get onto the WLAN; takes the wired interface down.
+    NetStatus SetUpWlan();
 
     /// The WLAN adapter, null when the box has none.
     WlanDevice* Wlan() const { return wlan_.get(); }

@@ -11,7 +11,6 @@
 
 #include "BusDevices.h"
 #include "NetRequests.h"
-#include "NetworkAttributes.h"
 #include "Shell.h"
 #include "ZelLog.h"
 
@@ -69,7 +68,7 @@ int WlanAtherosDevice::CreateInterface() {
     clone.flags = kParentBssid;
     ifreq request{};
     request.ifr_data = reinterpret_cast<char*>(&clone);
-    return NetRequests::Send(kParentDevice, &request, kCloneRequest);
+    return static_cast<int>(NetRequests::Send(kParentDevice, &request, kCloneRequest));
 }
 
 int WlanAtherosDevice::SetSsid() {
@@ -118,10 +117,10 @@ int WlanAtherosDevice::SetChainmaskAndBandwidth() {
 }
 
 int WlanAtherosDevice::DoIo(ifreq* request, unsigned long code) {
-    const int status = InterfaceRequest(request, code);
-    ZEL_DEBUG("DoIo returned %d", status);
-    if (status != NetRequests::kNoSuchDevice) {
-        return status;
+    const NetStatus status = InterfaceRequest(request, code);
+    ZEL_DEBUG("DoIo returned %d", static_cast<int>(status));
+    if (status != NetStatus::kNoSuchDevice) {
+        return static_cast<int>(status);
     }
     if (BusDevices::HasAtherosCard()) {
         ZEL_ERROR("Device only inactive");
@@ -136,6 +135,6 @@ std::string WlanAtherosDevice::GetMacAddress() {
         return "";
     }
     std::string address;
-    NetworkAttributes::ReadMacAddress(Name(), address);
+    static_cast<void>(NetRequests::ReadMacAddress(Name(), address));  // else empty
     return address;
 }

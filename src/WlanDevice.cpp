@@ -152,7 +152,7 @@ int WlanDevice::HasLink() {
     return strcasestr(reply.c_str(), "wpa_state=COMPLETED") != nullptr ? 1 : 0;
 }
 
-int WlanDevice::DisableInterface() {
+NetStatus WlanDevice::DisableInterface() {
     KillSupplicant();
     return NetDevice::DisableInterface();
 }
@@ -266,7 +266,7 @@ int WlanDevice::StartSupplicant() {
         return -1;
     }
     sleep(1);
-    return EnableInterface();
+    return static_cast<int>(EnableInterface());
 }
 
 int WlanDevice::WriteOpenConfig() const {
@@ -306,7 +306,7 @@ int WlanDevice::InitializeDriver(const WlanCountryCode::Country* /*country*/) {
 
 int WlanDevice::DestroyInterface() {
     ifreq request{};
-    return InterfaceRequest(&request, kDestroyRequest);
+    return static_cast<int>(InterfaceRequest(&request, kDestroyRequest));
 }
 
 int WlanDevice::CreateInterface() {

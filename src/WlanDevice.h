@@ -55,7 +55,7 @@ public:
     /// 1 when the supplicant says that it is associated, else 0.
     int HasLink() override;
     /// Ends the supplicant, then as every interface.
-    int DisableInterface() override;
+    NetStatus DisableInterface() override;
 
     /// Connects to the configured access point; waits up to a minute for it.
     virtual int Connect();

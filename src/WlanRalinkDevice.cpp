@@ -8,7 +8,7 @@
 #include <iterator>
 #include <system_error>
 
-#include "NetworkAttributes.h"
+#include "NetRequests.h"
 #include "Shell.h"
 #include "ZelLog.h"
 
@@ -137,7 +137,7 @@ std::string WlanRalinkDevice::GetMacAddress() {
     std::string output;
     std::string address;
     Shell::RunSystemWithResult(output, "/sbin/ifconfig %s up", Name().c_str());
-    NetworkAttributes::ReadMacAddress(Name(), address);
+    static_cast<void>(NetRequests::ReadMacAddress(Name(), address));  // else empty
     Shell::RunSystemWithResult(output, "/sbin/ifconfig %s down", Name().c_str());
     return address;
 }

@@ -177,7 +177,7 @@ void Zel::SetClock() {
 /// False when the agent was asked to stop before there was a network.
 bool Zel::SetUpNetwork() {
     setNet_.emplace(network_);
-    if (setNet_->SetUpNetwork(IsStopRequested) != 0) {
+    if (Failed(setNet_->SetUpNetwork(IsStopRequested))) {
         return false;
     }
     ZEL_INFO("* Network setup done.");

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <utility>
-#include <vector>
+#include <sstream>
 
 #include "DiscoverModeCtrl.h"
 #include "Support.h"
@@ -10,121 +8,88 @@
 namespace {
 
 using Trigger = DiscoverModeCtrl::Trigger;
-using Events = std::vector<std::pair<Trigger, unsigned>>;
 
-constexpr auto kAssigning = Trigger::kAssigning;
-constexpr auto kFellBack = Trigger::kFellBack;
-constexpr auto kNotFound = Trigger::kNotFound;
-constexpr auto kCommunicated = Trigger::kCommunicated;
-
-constexpr char kModeKey[] = "network.config.discover.mode";
+/// A store whose mode nobody has written.
+struct Store : ZelConfig {
+    Store() { Set(AddressModes::kKey, "-", Kind::kPersistent); }
+    std::string Mode() const { return Get(AddressModes::kKey); }
+};
 
 /// The mode that the next start finds.
 std::string SavedMode() {
     ZelConfig config;
     config.Load();
-    return config.Get(kModeKey);
+    return config.Get(AddressModes::kKey);
 }
 
-TEST(DiscoverModeCtrlTest, TheModeOfTheNextStart) {
-    const struct {
-        const char* name;
-        Events events;
-        const char* mode;  // "-" is not rewritten
-        unsigned current;
-    } cases[] = {
-        {"static values invalid", {{kAssigning, 1}, {kFellBack, 3}}, "3", 3},
-        {"a fall-back to DHCP that did not begin static",
-         {{kAssigning, 3}, {kFellBack, 3}},
-         "-",
-         3},
-        {"static, restarted", {{kAssigning, 1}, {kAssigning, 3}, {kFellBack, 3}}, "3", 3},
-        {"fell back, not used yet", {{kAssigning, 3}, {kFellBack, 2}}, "-", 2},
-        {"fell back and used", {{kAssigning, 3}, {kFellBack, 2}, {kCommunicated, 0}}, "2", 2},
-        {"fell back, searched, used",
-         {{kAssigning, 3}, {kFellBack, 2}, {kNotFound, 0}, {kCommunicated, 0}},
-         "-",
-         2},
-        {"bad static values, used", {{kAssigning, 1}, {kFellBack, 3}, {kCommunicated, 0}}, "3", 3},
-        {"link-local, nobody found", {{kAssigning, 2}, {kNotFound, 0}}, "3", 2},
-        {"link-local, nobody found, used after all",
-         {{kAssigning, 2}, {kNotFound, 0}, {kFellBack, 3}, {kAssigning, 1}, {kCommunicated, 0}},
-         "2",
-         2},
-        {"DHCP, nobody found, used", {{kAssigning, 3}, {kNotFound, 0}, {kCommunicated, 0}}, "-", 3},
-        {"used at once, then nothing counts",
-         {{kAssigning, 2}, {kCommunicated, 0}, {kNotFound, 0}, {kAssigning, 3}, {kFellBack, 3}},
-         "-",
-         2},
-        {"nothing assigned",
-         {{kFellBack, 2}, {kNotFound, 0}, {kCommunicated, 0}, {kAssigning, 2}},
-         "-",
-         2},
-    };
-    for (const auto& c : cases) {
-        ZelConfig config;
-        config.Set(kModeKey, "-", ZelConfig::Kind::kPersistent);
-        config.Save();
-        DiscoverModeCtrl ignoring(config);
-        DiscoverModeCtrl mode(config);
-        for (const auto& [trigger, value] : c.events) {
-            ignoring.Event(trigger, value);
-        }
-        EXPECT_EQ(config.Get(kModeKey), "-") << c.name << ": not enabled";
-        EXPECT_EQ(ignoring.CurrentMode(), 0U) << c.name;
-        mode.Enable();
-        for (const auto& [trigger, value] : c.events) {
-            mode.Event(trigger, value);
-        }
-        EXPECT_EQ(config.Get(kModeKey), c.mode) << c.name;
-        EXPECT_EQ(SavedMode(), c.mode) << c.name;
-        EXPECT_EQ(mode.CurrentMode(), c.current) << c.name;
+/// Events in words of two digits: the trigger and the mode.
+void Feed(DiscoverModeCtrl& mode, const std::string& events) {
+    std::istringstream words(events);
+    for (std::string word; words >> word;) {
+        mode.Event(static_cast<Trigger>(word[0] - '0'), static_cast<AddressMode>(word[1] - '0'));
     }
 }
 
-TEST(DiscoverModeCtrlTest, OnlyALinkLocalBoxTellsNetworksApart) {
-    ZelConfig config;
-    DiscoverModeCtrl mode(config);
-    mode.Enable();
-    EXPECT_TRUE(mode.SharesNetworkWith("10.0.0.1"));
-    mode.Event(kAssigning, DiscoverModeCtrl::kLinkLocal);
-    EXPECT_FALSE(mode.SharesNetworkWith("10.0.0.1"));
-    EXPECT_FALSE(mode.SharesNetworkWith("169.25.4.1"));
-    EXPECT_TRUE(mode.SharesNetworkWith("169.254.4.1"));
+TEST(DiscoverModeCtrlTest, TheModeOfTheNextStart) {
+    const std::tuple<const char*, const char*, const char*, AddressMode> cases[] = {
+        {"static values invalid", "01 13", "3", AddressMode::kDhcp},
+        {"a fall-back to DHCP that did not begin static", "03 13", "-", AddressMode::kDhcp},
+        {"static, restarted", "01 03 13", "3", AddressMode::kDhcp},
+        {"fell back, not used yet", "03 12", "-", AddressMode::kLinkLocal},
+        {"fell back and used", "03 12 30", "2", AddressMode::kLinkLocal},
+        {"fell back, searched, used", "03 12 20 30", "-", AddressMode::kLinkLocal},
+        {"bad static values, used", "01 13 30", "3", AddressMode::kDhcp},
+        {"link-local, nobody found", "02 20", "3", AddressMode::kLinkLocal},
+        {"the same, used after all", "02 20 13 01 30", "2", AddressMode::kLinkLocal},
+        {"DHCP, nobody found, used", "03 20 30", "-", AddressMode::kDhcp},
+        {"used at once, then nothing counts", "02 30 20 03 13", "-", AddressMode::kLinkLocal},
+        {"nothing assigned", "12 20 30 02", "-", AddressMode::kLinkLocal},
+    };
+    for (const auto& [name, events, next, current] : cases) {
+        SCOPED_TRACE(name);
+        Store store;
+        EXPECT_TRUE(store.Save());
+        DiscoverModeCtrl mode(store);
+        Feed(mode, events);
+        EXPECT_EQ(store.Mode(), "-") << "not enabled";
+        EXPECT_EQ(mode.CurrentMode(), AddressMode::kConfigured);
+        mode.Enable();
+        Feed(mode, events);
+        EXPECT_EQ(store.Mode(), next);
+        EXPECT_EQ(SavedMode(), next);
+        EXPECT_EQ(mode.CurrentMode(), current);
+    }
 }
 
 TEST(DiscoverModeCtrlTest, AModeThatIsFollowedTouchesNothingElse) {
-    ZelConfig config;
-    config.Set(kModeKey, "-", ZelConfig::Kind::kPersistent);
-    DiscoverModeCtrl mode(config);
-    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
-    EXPECT_EQ(mode.CurrentMode(), 0U);
+    Store store;
+    DiscoverModeCtrl mode(store);
+    mode.Assigned(AddressMode::kLinkLocal);
+    EXPECT_EQ(mode.CurrentMode(), AddressMode::kConfigured);
     mode.Follow();
-    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
-    EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal) << "not enabled";
+    mode.Assigned(AddressMode::kLinkLocal);
+    EXPECT_EQ(mode.CurrentMode(), AddressMode::kLinkLocal) << "not enabled";
     mode.Enable();
-    mode.Event(kNotFound);
-    mode.Event(kAssigning, DiscoverModeCtrl::kStatic);
-    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
-    mode.Event(kFellBack, DiscoverModeCtrl::kDhcp);
-    EXPECT_EQ(config.Get(kModeKey), "3") << "it began static";
-    mode.Assigned(DiscoverModeCtrl::kLinkLocal);
-    mode.Event(kNotFound);
-    EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal);
-    mode.Event(kCommunicated);
-    EXPECT_EQ(config.Get(kModeKey), "3") << "it was not rewritten on the search";
+    Feed(mode, "20 01");
+    mode.Assigned(AddressMode::kLinkLocal);
+    Feed(mode, "13");
+    EXPECT_EQ(store.Mode(), "3") << "it began static";
+    mode.Assigned(AddressMode::kLinkLocal);
+    Feed(mode, "20");
+    EXPECT_EQ(mode.CurrentMode(), AddressMode::kLinkLocal);
+    Feed(mode, "30");
+    EXPECT_EQ(store.Mode(), "3") << "it was not rewritten on the search";
 }
 
 TEST(DiscoverModeCtrlTest, EventsOfSeveralThreads) {
-    ZelConfig config;
-    DiscoverModeCtrl mode(config);
+    Store store;
+    DiscoverModeCtrl mode(store);
     mode.Enable();
-    mode.Event(kAssigning, DiscoverModeCtrl::kDhcp);
-    mode.Event(kFellBack, DiscoverModeCtrl::kLinkLocal);
+    Feed(mode, "03 12");
     InFourThreads([&mode](int) {
         for (int n = 0; n < 100; ++n) {
-            mode.Event(kCommunicated);
-            EXPECT_EQ(mode.CurrentMode(), DiscoverModeCtrl::kLinkLocal);
+            mode.Event(Trigger::kCommunicated);
+            EXPECT_EQ(mode.CurrentMode(), AddressMode::kLinkLocal);
         }
     });
     EXPECT_EQ(SavedMode(), "2");

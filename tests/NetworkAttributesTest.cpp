@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "NetRequests.h"
 #include "NetworkAttributes.h"
 
 // Clashes with <net/if.h> unless it comes behind it.
@@ -58,6 +59,6 @@ TEST(NetworkAttributesTest, ChangesOfTheNetworkAreSeen) {
         }
     }
     std::string value;
-    EXPECT_FALSE(NetworkAttributes::ReadMacAddress("eth0", value));
-    EXPECT_FALSE(NetworkAttributes::ReadMacAddress("a-name-too-long-for-the-kernel", value));
+    EXPECT_FALSE(NetRequests::ReadMacAddress("eth0", value));
+    EXPECT_FALSE(NetRequests::ReadMacAddress("a-name-too-long-for-the-kernel", value));
 }

@@ -152,7 +152,7 @@ TEST_F(WlanDeviceTest, TheSupplicantIsEnded) {
     EXPECT_FALSE(std::filesystem::exists(file));
     EXPECT_TRUE(Eventually([first] { return kill(first, 0) != 0; }));
     WriteFile(file, "none");
-    EXPECT_EQ(device_.DisableInterface(), 0);
+    EXPECT_EQ(device_.DisableInterface(), NetStatus::kDone);
     EXPECT_FALSE(std::filesystem::exists(file));
 }
 

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 
 #include "Fuzzing.h"
-#include "LanDevice.h"
 #include "NetRequests.h"
 #include "NetworkAttributes.h"
 
@@ -40,10 +39,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(!isKnown || text.find("00000000") != std::string_view::npos,
             "a gateway is that of a default route");
 
-    long long gateway = -1;
-    Require(NetRequests::ReadGateway(NetworkAttributes::kLanInterface, gateway) == 0,
+    in_addr_t gateway = 0;
+    Require(!Failed(NetRequests::ReadGateway(NetworkAttributes::kLanInterface, gateway)),
             "the table is read");
-    Require(gateway >= 0 && gateway <= 0xffffffffLL, "a gateway is a word");
     Require(gateway == 0 || text.find(NetworkAttributes::kLanInterface) != std::string_view::npos,
             "a gateway is that of the interface");
     return 0;

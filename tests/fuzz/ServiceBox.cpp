@@ -55,8 +55,8 @@ extern "C" pid_t fork() noexcept {
     return -1;
 }
 
-ModeSwitch::Outcome ModeSwitch::Run(long mode, in_addr, FormerAddress&) {
-    return mode == kDhcp ? Outcome::kDone : Outcome::kFailed;
+ModeSwitch::Outcome ModeSwitch::Run(long number, in_addr, FormerAddress&) {
+    return AddressModes::OfClient(number) == AddressMode::kDhcp ? Outcome::kDone : Outcome::kFailed;
 }
 
 ServiceBox::Log::Log() {
