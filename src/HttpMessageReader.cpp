@@ -90,12 +90,13 @@ void TakeLine(std::string_view line, HttpMessage& message) {
 }
 
 void TakeLine(std::string_view line, HttpRequest& request) {
+    // Behind the first blank of a request line stands the protocol version.
     if (Take(line, "POST ")) {
         request.method = HttpRequest::Method::kPost;
-        request.url = line;
+        request.url = line.substr(0, line.find(' '));
     } else if (Take(line, "GET ")) {
         request.method = HttpRequest::Method::kGet;
-        request.url = line;
+        request.url = line.substr(0, line.find(' '));
     } else if (Take(line, "Accept-Encoding: ")) {
         request.acceptEncoding = line;
     } else if (Take(line, "Host: ")) {
@@ -194,7 +195,7 @@ int HttpMessageReader::ReadFirstLine(std::string& line, Clock::time_point deadli
 }
 
 template <typename Message>
-bool HttpMessageReader::ReadLines(Message& message, Clock::time_point deadline) {
+bool HttpMessageReader::ReadHead(Message& message, Clock::time_point deadline) {
     std::string line;
     int length = ReadFirstLine(line, deadline);
     for (; length > 0; length = ReadLine(line)) {
@@ -203,27 +204,8 @@ bool HttpMessageReader::ReadLines(Message& message, Clock::time_point deadline) 
     return length == 0;
 }
 
-bool HttpMessageReader::ReadHead(HttpRequest& request, Clock::time_point deadline) {
-    const bool isRead = ReadLines(request, deadline);
-    if (isRead && request.url) {
-        // Behind the first blank stands the protocol version.
-        request.url->resize(std::min(request.url->size(), request.url->find(' ')));
-    }
-    return isRead;
-}
-
-bool HttpMessageReader::ReadHead(HttpResponse& response, Clock::time_point deadline) {
-    return ReadLines(response, deadline);
-}
-
-bool HttpMessageReader::ReadBody(HttpRequest& request) {
-    return ReadBody(request, &request.largeBody);
-}
-
-// An answer that the agent itself has asked for is not counted.
-bool HttpMessageReader::ReadBody(HttpResponse& response) {
-    return ReadBody(response, nullptr);
-}
+template bool HttpMessageReader::ReadHead(HttpRequest& message, Clock::time_point deadline);
+template bool HttpMessageReader::ReadHead(HttpResponse& message, Clock::time_point deadline);
 
 bool HttpMessageReader::ReadBody(HttpMessage& message, Share share) {
     return message.chunked ? ReadChunkedBody(message, share) : ReadSizedBody(message, share);
@@ -322,8 +304,7 @@ bool HttpMessageReader::ReadChunk(std::string& body, std::size_t size, Share sha
     const std::size_t end = body.size() + size;
     try {
         while (body.size() < end) {
-            const long received =
-                WaitForInput() < 1 ? -1 : Append(body, end - body.size(), share);
+            const long received = WaitForInput() < 1 ? -1 : Append(body, end - body.size(), share);
             if (received < 1) {
                 ZEL_ERROR("Chunked-Encoding: read failed with %d\n", static_cast<int>(received));
                 return false;

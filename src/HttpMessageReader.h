@@ -49,18 +49,20 @@ public:
     /// for a byte of a line and not beyond `deadline`. Returns false when there is neither.
     [[nodiscard]] bool WaitForMessage(Clock::time_point deadline = Clock::time_point::max());
 
-    /// Reads the header lines of the next message, which must be fresh. The message as a whole, its
-    /// body included, must come by `deadline`. Returns false when the peer was too slow, closed, or
-    /// sent too much.
-    [[nodiscard]] bool ReadHead(HttpRequest& request,
-                                Clock::time_point deadline = Clock::time_point::max());
-    [[nodiscard]] bool ReadHead(HttpResponse& response,
+    /// Reads the header lines of the next message, an HttpRequest or an HttpResponse, which must be
+    /// fresh. The message as a whole, its body included, must come by `deadline`. Returns false
+    /// when the peer was too slow, closed, or sent too much.
+    template <typename Message>
+    [[nodiscard]] bool ReadHead(Message& message,
                                 Clock::time_point deadline = Clock::time_point::max());
 
     /// Reads the body that the head announced into `body`. Returns false when it is not complete; a
-    /// sized body then holds what was received, a chunked one stays without value.
-    [[nodiscard]] bool ReadBody(HttpRequest& request);
-    [[nodiscard]] bool ReadBody(HttpResponse& response);
+    /// sized body then holds what was received, a chunked one stays without value. Of responses,
+    /// which the agent itself has asked for, large bodies are not counted.
+    [[nodiscard]] bool ReadBody(HttpRequest& request) {
+        return ReadBody(request, &request.largeBody);
+    }
+    [[nodiscard]] bool ReadBody(HttpResponse& response) { return ReadBody(response, nullptr); }
 
     /// Whether bytes behind the last message have been received already.
     bool HasUnread() const { return Buffered() > 0; }
@@ -74,8 +76,6 @@ private:
     int WaitForInput();
     /// Up to `size` bytes: those in the buffer, or those of one receive. 0 or less at the end.
     long Receive(char* out, std::size_t size);
-    template <typename Message>
-    bool ReadLines(Message& message, Clock::time_point deadline);
     bool ReadBody(HttpMessage& message, Share share);
     bool ReadSizedBody(HttpMessage& message, Share share);
     bool ReadChunkedBody(HttpMessage& message, Share share);

@@ -51,8 +51,8 @@ std::string Told(const std::string& name) {
 
 Answer DoSelftest(const Call& /*call*/) {
     static SharedSelfTest selfTest;
-    return {Response("doSelftest",
-                     "\t\t\t<return>" + XmlText::Escape(selfTest.Run()) + "</return>\n")};
+    return {
+        Response("doSelftest", "\t\t\t<return>" + XmlText::Escape(selfTest.Run()) + "</return>\n")};
 }
 
 Answer GetMonitoringStatus(const Call& call) {

@@ -156,8 +156,7 @@ Reply GetDeviceStatus(const xmlNode* /*data*/, const Device& device) {
     std::string data = DeviceStatus(values);
     // The log holds the whole text, but of the owner no line, and no more than of other values.
     values.owner = LogText::Of(values.owner);
-    ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", DeviceStatus(values).c_str(),
-              static_cast<int>(data.size()));
+    ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", DeviceStatus(values).c_str(), static_cast<int>(data.size()));
     return {std::move(data)};
 }
 

@@ -177,45 +177,31 @@ Answer GetDeviceInformation(const Call& call) {
     return {std::move(body)};
 }
 
-Code Reserve(const Call& call, std::string& handle) {
-    if (IsForOtherDevice(call)) {
-        return Code::kWrongDevice;
-    }
-    if (call.device.config.Get("system.thermal.tempcrit") == "1") {
-        return Code::kOverTemperature;
-    }
-    return call.device.reservation.Reserve(call.Text("owner"), call.Text("hostLock"), handle)
-               ? Code::kSuccess
-               : Code::kReserveRefused;
-}
-
 Answer ReserveDevice(const Call& call) {
+    const ZelConnectorServlet::Device& device = call.device;
     std::string handle;
-    const Code code = Reserve(call, handle);
-    return {CodeResponse(
-        "reserveDevice", code,
-        Element(kOutChildDepth, "handle", code == Code::kSuccess ? handle : std::string()))};
-}
-
-Code Release(const Call& call) {
-    if (!call.device.reservation.IsReserved()) {
-        return Code::kNotReserved;
-    }
-    if (IsForOtherDevice(call)) {
-        return Code::kWrongDevice;
-    }
-    return call.device.reservation.Release(call.Text("handle")) ? Code::kSuccess
-                                                                : Code::kWrongHandle;
+    const Code code =
+        IsForOtherDevice(call)                                ? Code::kWrongDevice
+        : device.config.Get("system.thermal.tempcrit") == "1" ? Code::kOverTemperature
+        : device.reservation.Reserve(call.Text("owner"), call.Text("hostLock"), handle)
+            ? Code::kSuccess
+            : Code::kReserveRefused;
+    handle = code == Code::kSuccess ? handle : "";
+    return {CodeResponse("reserveDevice", code, Element(kOutChildDepth, "handle", handle))};
 }
 
 Answer ReleaseDevice(const Call& call) {
-    return {CodeResponse("releaseDevice", Release(call), "", "")};
+    DeviceReservation& reservation = call.device.reservation;
+    const Code code = !reservation.IsReserved()                   ? Code::kNotReserved
+                      : IsForOtherDevice(call)                    ? Code::kWrongDevice
+                      : !reservation.Release(call.Text("handle")) ? Code::kWrongHandle
+                                                                  : Code::kSuccess;
+    return {CodeResponse("releaseDevice", code, "", "")};
 }
 
 Answer ResetTrigger15Edge(const Call& call) {
-    return {CodeResponse("resetTrigger15Edge", call.device.trigger15.Reset()
-                                                   ? Code::kSuccess
-                                                   : Code::kNotCarriedOut)};
+    return {CodeResponse("resetTrigger15Edge",
+                         call.device.trigger15.Reset() ? Code::kSuccess : Code::kNotCarriedOut)};
 }
 
 Answer SetHostLock(const Call& call) {
@@ -296,9 +282,8 @@ Answer ExecuteGenericCommand(const Call& call) {
     const char* key = "error";
     std::string value = "-1";
     if (code == Code::kSuccess) {
-        const int failed =
-            Dispatcher::CommandExecution(call.Text("pSubSystem"), call.Text("pCommand"),
-                                         CommandParameters(call.method), value);
+        const int failed = Dispatcher::CommandExecution(
+            call.Text("pSubSystem"), call.Text("pCommand"), CommandParameters(call.method), value);
         ZEL_DEBUG("executeGenericCommand returned '%s'", LogText::Of(value).c_str());
         key = failed != 0 ? "error" : "result";
     }

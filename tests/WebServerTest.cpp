@@ -1,5 +1,3 @@
-#include "WebServer.h"
-
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -13,6 +11,7 @@
 #include "SocketGuard.h"
 #include "Support.h"
 #include "TestServlet.h"
+#include "WebServer.h"
 #include "ZelConfig.h"
 
 namespace {
@@ -88,8 +87,9 @@ const std::string kGreeting = Answer("200 OK", kText);
 
 class WebServerTest : public testing::Test {
 protected:
-    void Add(const ZelServlet::Registration& registration,
-             Probe::Work work = [] { return ZelServlet::kDone; }) {
+    void Add(
+        const ZelServlet::Registration& registration,
+        Probe::Work work = [] { return ZelServlet::kDone; }) {
         server_.AddRegistration(probes_.emplace_back(registration, std::move(work)));
     }
     void Start() {
@@ -106,13 +106,13 @@ protected:
 
 TEST_F(WebServerTest, KeepAliveIsTheRequestsChoice) {
     Start();
-    EXPECT_EQ(Exchange(kKeep + "GET /none HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n" +
-                       "GET /test HTTP/1.0\r\nConnection: keep-alive\r\n\r\n" + kGet),
-              Answer("200 OK", kText,
-                     "Connection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n") +
-                  Answer("404 Not found",
-                         "An error 404 has occurred. The requested document could not be found.") +
-                  kGreeting);
+    EXPECT_EQ(
+        Exchange(kKeep + "GET /none HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n" +
+                 "GET /test HTTP/1.0\r\nConnection: keep-alive\r\n\r\n" + kGet),
+        Answer("200 OK", kText, "Connection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n") +
+            Answer("404 Not found",
+                   "An error 404 has occurred. The requested document could not be found.") +
+            kGreeting);
 }
 
 TEST_F(WebServerTest, TheFirstMatchingRegistrationAnswers) {
@@ -213,8 +213,8 @@ TEST_F(WebServerTest, WhereAllAreServedOnlyThoseWhoHungUpGiveWay) {
     Start();
     std::list<SocketGuard> busy;
     for (std::size_t i = 0; i < ConnectionTable::kMaxConnections; ++i) {
-        busy.emplace_back(Connect("GET /wait HTTP/1.0\r\n\r\n", kPort,
-                                  i % 2 == 0 ? "127.0.0.2" : "127.0.0.3"));
+        busy.emplace_back(
+            Connect("GET /wait HTTP/1.0\r\n\r\n", kPort, i % 2 == 0 ? "127.0.0.2" : "127.0.0.3"));
         ASSERT_TRUE(Eventually([&] { return serving > i; }));
     }
     EXPECT_EQ(Exchange(kGet), "");

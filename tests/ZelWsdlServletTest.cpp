@@ -1,5 +1,3 @@
-#include "ZelWsdlServlet.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -10,6 +8,7 @@
 #include "ServiceSchemas.h"
 #include "Support.h"
 #include "XmlSchema.h"
+#include "ZelWsdlServlet.h"
 
 namespace {
 
