@@ -42,7 +42,7 @@ private:
 };
 
 std::string WriteSchema(const std::string& name, const std::string& attributes) {
-    const std::string path = ServiceSchemas::kDirectory + name;
+    std::string path = ServiceSchemas::kDirectory + name;
     WriteFile(path, "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" " + attributes +
                         "><xs:element name=\"echo\"><xs:complexType><xs:sequence>"
                         "<xs:element name=\"text\" type=\"xs:string\"/>"
@@ -54,6 +54,14 @@ TEST(ZelWsdlServletTest, MethodsAreFoundAndAnswersWrapped) {
     WriteSchema("Probe.xsd", "");
     WriteSchema("Probe2.xsd", "targetNamespace=\"urn:probe\" elementFormDefault=\"qualified\"");
     WriteSchema("further.xsd", "targetNamespace=\"urn:x\"");
+    const auto send = [](const std::string& service, const std::string& start,
+                         const std::string& body, ServletResponse& response) {
+        HttpRequest request;
+        request.keepAlive = true;
+        request.body = "<e:Envelope xmlns:e='http://schemas.xmlsoap.org/soap/envelope/'" + start +
+                       "><e:Body>" + body + "</e:Body></e:Envelope>";
+        return Probe(service).Service(request, response);
+    };
     const std::string fault = "<faultstring>";
     // A schema named by the request would make its own rule for the unknown element.
     const std::string hint =
@@ -73,43 +81,49 @@ TEST(ZelWsdlServletTest, MethodsAreFoundAndAnswersWrapped) {
              {"Missing", "", "<echo><text/></echo>", fault + "Validation 1 says:\n"},
              {"Missing", "", "<echo/>", "<echo>!</echo>"},
          }) {
-        HttpRequest request;
-        request.keepAlive = true;
-        request.body = "<e:Envelope xmlns:e='http://schemas.xmlsoap.org/soap/envelope/'" + start +
-                       "><e:Body>" + body + "</e:Body></e:Envelope>";
         ServletResponse response;
-        EXPECT_EQ(Probe(service).Service(request, response), 0);
+        EXPECT_EQ(send(service, start, body, response), 0);
         EXPECT_TRUE(response.body.starts_with("<S:Envelope ") &&
                     response.body.ends_with(">\n\t</S:Body>\n</S:Envelope>\n"));
         ExpectParts(response.body, {answer});
         EXPECT_EQ(response.keepAlive, answer.starts_with("<echo>")) << "no fault keeps it";
     }
-    HttpRequest request;
-    request.body =
-        "<e:Envelope xmlns:e='http://schemas.xmlsoap.org/soap/envelope/'><e:Body><late/></e:Body>"
-        "</e:Envelope>";
     ServletResponse response;
-    EXPECT_EQ(Probe("Probe").Service(request, response), ZelServlet::kPostResponse);
+    EXPECT_EQ(send("Probe", "", "<late/>", response), ZelServlet::kPostResponse);
+}
+
+/// What a schema says of a child that it does not know.
+std::string Refuse(XmlSchema& schema, const std::string& name) {
+    const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
+    std::string errors;
+    EXPECT_FALSE(document == nullptr || schema.ValidateDocument(document.get(), errors));
+    return errors;
 }
 
 TEST(XmlSchemaTest, CollectedTextIsBoundedAndTellsTheNewest) {
     XmlSchema schema(WriteSchema("Bounded.xsd", ""));
-    const auto refuse = [&schema](const std::string& name) {
-        const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
-        std::string errors;
-        EXPECT_FALSE(document == nullptr || schema.ValidateDocument(document.get(), errors));
-        return errors;
-    };
     const std::string longName(10000, 'n');
     for (int i = 0; i < 20; ++i) {
-        const std::string errors = refuse(longName + std::to_string(i) + ".");
+        const std::string errors = Refuse(schema, longName + std::to_string(i) + ".");
         EXPECT_LE(errors.size(), LatestMessages::kMaxText);
         EXPECT_TRUE(errors.starts_with("Element '" + longName)) << "a whole message";
         EXPECT_NE(errors.find("n" + std::to_string(i) + ".'"), std::string::npos);
         EXPECT_EQ(errors.find("n" + std::to_string(i - 7) + ".'"), std::string::npos);
     }
     // A message of 32768 bytes or more is not collected at all.
-    EXPECT_EQ(refuse(std::string(40000, 'n')).find(std::string(20000, 'n')), std::string::npos);
+    EXPECT_EQ(Refuse(schema, std::string(40000, 'n')).find(std::string(20000, 'n')),
+              std::string::npos);
+}
+
+TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
+    XmlSchema schema(WriteSchema("Shared.xsd", ""));
+    InFourThreads([&schema](int t) {
+        for (int i = 0; i < 50; ++i) {
+            const std::string errors = Refuse(schema, "own" + std::to_string(t));
+            ExpectParts(errors, {"Element 'own" + std::to_string(t) + "'"});
+            EXPECT_TRUE(errors.ends_with("\n"));
+        }
+    });
 }
 
 TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
@@ -124,6 +138,10 @@ TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
             }
         }
         return text;
+    };
+    const auto isRead = [](const std::string& start, const std::string& more,
+                           const std::string& end) {
+        return XmlText::Parse(start + more + end, XmlText::DocumentType::kNameOnly) != nullptr;
     };
     const std::string full = "<a" + many(256, " a#=''");
     for (const auto& [start, limit, above, end] :
@@ -142,24 +160,9 @@ TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
               many(8, " b#=''"), "/></a>"},
              {"<!DOCTYPE a SYSTEM 'x'", ">", "[]>", "<a/>"},
          }) {
-        const auto type = XmlText::DocumentType::kNameOnly;
-        EXPECT_TRUE(XmlText::Parse(start + limit + end, type)) << start.substr(0, 60);
-        EXPECT_FALSE(XmlText::Parse(start + above + end, type)) << start.substr(0, 60);
+        EXPECT_TRUE(isRead(start, limit, end)) << start.substr(0, 60);
+        EXPECT_FALSE(isRead(start, above, end)) << start.substr(0, 60);
     }
-}
-
-TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
-    XmlSchema schema(WriteSchema("Shared.xsd", ""));
-    InFourThreads([&schema](int t) {
-        const std::string name = "own" + std::to_string(t);
-        const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
-        for (int i = 0; i < 50; ++i) {
-            std::string errors;
-            EXPECT_FALSE(schema.ValidateDocument(document.get(), errors));
-            ExpectParts(errors, {"Element '" + name + "'"});
-            EXPECT_TRUE(errors.ends_with("\n"));
-        }
-    });
 }
 
 TEST(LargeTextTest, AThreadThatFaultsGivesItsPlaceBack) {
