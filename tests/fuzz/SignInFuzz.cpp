@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const SoftwareUpdate update(result);
     ManagerElements::DropUnknown(answer);
     // Applied also when it is not valid: one check less must not be one fault more.
-    schemas.Accept(answer, errors);
+    static_cast<void>(schemas.Accept(answer, errors));
     ZelConfig config;
     result = XmlText::FindChild(answer, "preSignInTavoReturn");
     if (result != nullptr) {
