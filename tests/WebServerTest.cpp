@@ -193,6 +193,8 @@ TEST_F(WebServerTest, AnAddressHoldsHalfOfThePlacesAndItsIdleOnesGiveWay) {
         EXPECT_EQ(Exchange(kGet, kPort, "127.0.0.2"), kGreeting);
         EXPECT_EQ(Exchange(kGet), kGreeting);
     }
+    char none = 0;
+    EXPECT_EQ(recv(std::next(idle.begin())->Get(), &none, 1, 0), 0) << "has been idle longest";
     Send(idle.front(), kKeep);
     EXPECT_TRUE(IsAnswered(idle.front()));
     Send(mute, kGet);
