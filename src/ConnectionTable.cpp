@@ -22,11 +22,15 @@ constexpr int kStays = 5;
 
 }  // namespace
 
-bool ConnectionTable::Place::SetPhase(Phase phase) {
+void ConnectionTable::Place::SetPhase(Phase phase) {
     const std::lock_guard lock(table_->mutex_);
     phase_ = phase;
     since_ = Clock::now();
-    return counts_;
+}
+
+bool ConnectionTable::Place::HasGivenWay() const {
+    const std::lock_guard lock(table_->mutex_);
+    return !counts_;
 }
 
 bool ConnectionTable::Close(std::chrono::milliseconds patience) {

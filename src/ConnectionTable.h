@@ -47,9 +47,10 @@ public:
         /// receiving; else one that has been sending beyond kSendGrace; else one that is sending
         /// to an address with more places: of the address that has most, that which has been at it
         /// longest. False when there is none, and when the table is closed.
-        bool Take() { return table_->Enter(*this); }
-        /// False when the connection has given way: its thread is to wait for nothing any more.
-        bool SetPhase(Phase phase);
+        [[nodiscard]] bool Take() { return table_->Enter(*this); }
+        void SetPhase(Phase phase);
+        /// Whether the connection has given way: its thread is to wait for nothing any more.
+        [[nodiscard]] bool HasGivenWay() const;
 
     private:
         friend class ConnectionTable;
@@ -65,7 +66,7 @@ public:
 
     /// Lets nobody in any more, makes all connections end once they have answered what they are
     /// serving, and waits for it. False when some are left after `patience`.
-    bool Close(std::chrono::milliseconds patience);
+    [[nodiscard]] bool Close(std::chrono::milliseconds patience);
 
 private:
     bool Enter(Place& place);

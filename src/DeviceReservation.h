@@ -23,8 +23,8 @@ public:
     static constexpr char kFreeUuid[] = "00000000-0000-0000-0000-000000000000";
     static constexpr char kReservedUuid[] = "00000000-0000-0001-0000-000000000001";
 
-    /// What a request's handle is worth; the values are the error codes that clients know.
-    enum class Session { kValid = 0, kWrongHandle = 7, kNotReserved = 9 };
+    /// What a request's handle is worth.
+    enum class Session { kValid, kWrongHandle, kNotReserved };
 
     /// Bytes of an owner's name that are kept and compared: every information request is answered
     /// with it.

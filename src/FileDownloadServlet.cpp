@@ -19,9 +19,7 @@ constexpr char kMark[] = "?file=";
 constexpr std::string_view kRoot = "/tmp";
 constexpr std::size_t kBlockSize = 4096;
 
-int Refuse(HttpResponse& response) {
-    response.status = 404;
-    response.keepAlive = false;
+int Refuse(ServletResponse& response) {
     response.contentType = "text/plain\"";  // clients have always got it with this mark
     response.body = "<html><body>FILE NOT FOUND</body></html>";
     return ZelServlet::kDone;
@@ -64,7 +62,7 @@ std::uint64_t TextLength(int file) {
 FileDownloadServlet::FileDownloadServlet()
     : ZelServlet({kName, kPath, MatchMode::kPathPrefix, 0}) {}
 
-int FileDownloadServlet::Service(const HttpRequest& request, HttpResponse& response) {
+int FileDownloadServlet::Service(const HttpRequest& request, ServletResponse& response) {
     const std::size_t mark = request.url->find(kMark);
     const std::string path =
         mark == std::string::npos ? "" : request.url->substr(mark + sizeof kMark - 1);
@@ -76,9 +74,7 @@ int FileDownloadServlet::Service(const HttpRequest& request, HttpResponse& respo
     if (file->Get() < 0) {
         return Refuse(response);
     }
-    response.status = 200;
-    response.keepAlive = request.keepAlive;
-    response.contentType = "text/plain";
+    response.Fulfil(request, "text/plain", "");
     response.headerLines = {"content-disposition: inline; filename=\"" + path + "\""};
     response.file = file;
     response.fileLength = TextLength(file->Get());

@@ -7,6 +7,6 @@
 class FileDownloadServlet : public ZelServlet {
 public:
     FileDownloadServlet();
-    int Service(const HttpRequest& request, HttpResponse& response) override;
+    int Service(const HttpRequest& request, ServletResponse& response) override;
     std::unique_ptr<ZelServlet> MakeInstance() const override;
 };

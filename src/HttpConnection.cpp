@@ -44,11 +44,11 @@ void SetLocalEnd(int descriptor, HttpRequest& request) {
     }
 }
 
-std::string Head(const HttpResponse& response) {
+std::string Head(const ServletResponse& response) {
     const std::string length = std::to_string(response.body.size() + response.fileLength);
     std::string head = "HTTP/1.0 ";
     head += response.status == kOk ? "200 OK\r\n" : "404 Not found\r\n";
-    head += "Content-Type: " + response.contentType.value_or("text/html") + "\r\n";
+    head += "Content-Type: " + response.contentType + "\r\n";
     // Some clients look for the one spelling, some for the other.
     head += "Content-Length: " + length + "\r\n";
     head += "content-length: " + length + "\r\n";
@@ -116,8 +116,8 @@ bool HttpConnection::ServeRequest() {
     const int result = CallServlet();
     const bool isLast = response_.keptUntilReceived != nullptr;
     response_.keepAlive = response_.keepAlive && !isLast;
-    const bool stays = place_.SetPhase(Phase::kSending);
-    const bool sent = Send(stays ? kResponseTimeLimit : std::chrono::seconds{0});
+    place_.SetPhase(Phase::kSending);
+    const bool sent = Send(place_.HasGivenWay() ? std::chrono::seconds{0} : kResponseTimeLimit);
     place_.SetPhase(Phase::kServing);
     if (result == ZelServlet::kPostResponse) {
         servlet_->PostResponse();

@@ -34,7 +34,7 @@ public:
                    std::chrono::milliseconds lineTimeout, std::shared_ptr<ConnectionTable> table);
 
     /// Takes a place in the table; false when there is none.
-    bool TakePlace() { return place_.Take(); }
+    [[nodiscard]] bool TakePlace() { return place_.Take(); }
 
     /// Serves requests until the connection ends. The descriptor is closed with the object.
     void Serve();
@@ -52,7 +52,7 @@ private:
     bool unreadBody_ = false;
     // Of the request being served. Not on the stack: a fault abandons that, but not the connection.
     HttpRequest request_;
-    HttpResponse response_;
+    ServletResponse response_;
     std::unique_ptr<ZelServlet> servlet_;
     // Last, so that the connection is closed even where the destruction of the others faults.
     SocketGuard socket_;

@@ -23,8 +23,6 @@
 
 namespace {
 
-constexpr int kHexadecimal = 16;
-
 /// Counts the large bodies that are read, or have been and are still held.
 class LargeBodies {
 public:
@@ -65,44 +63,56 @@ std::optional<std::size_t> ParseChunkSize(const std::string& line) {
     if (line.find_first_not_of(kAllowed) != std::string::npos) {
         return std::nullopt;
     }
-    return std::strtoul(line.c_str(), nullptr, kHexadecimal);
+    return std::strtoul(line.c_str(), nullptr, Numbers::kHexadecimal);
 }
 
 int ToInt(std::size_t value) {
     return static_cast<int>(std::min<std::size_t>(value, INT_MAX));
 }
 
-void TakeHeaderLine(const std::string& line, HttpRequest& request) {
-    std::string rest;
-    const auto is = [&line, &rest](std::string_view prefix) {
-        const bool found = line.starts_with(prefix);
-        if (found) {
-            rest = line.substr(prefix.size());
-        }
-        return found;
-    };
-    if (is("POST ")) {
+/// Takes `prefix` off a line that begins with it.
+bool Take(std::string_view& line, std::string_view prefix) {
+    const bool found = line.starts_with(prefix);
+    line.remove_prefix(found ? prefix.size() : 0);
+    return found;
+}
+
+void TakeLine(std::string_view line, HttpMessage& message) {
+    if (Take(line, "Content-Type: ")) {
+        message.contentType = line;
+    } else if (Take(line, "Content-Length: ")) {
+        message.contentLength = Numbers::Leading<std::int32_t>(std::string(line));
+    } else if (Take(line, "Transfer-Encoding: ")) {
+        message.chunked |= line == "chunked";
+    } else if (Take(line, "Connection: ")) {
+        message.keepAlive |= line.starts_with("Keep-Alive");
+    }
+}
+
+void TakeLine(std::string_view line, HttpRequest& request) {
+    // Behind the first blank of a request line stands the protocol version.
+    if (Take(line, "POST ")) {
         request.method = HttpRequest::Method::kPost;
-        request.url = rest;
-    } else if (is("GET ")) {
+        request.url = line.substr(0, line.find(' '));
+    } else if (Take(line, "GET ")) {
         request.method = HttpRequest::Method::kGet;
-        request.url = rest;
-    } else if (is("HTTP/1.0 ") || is("HTTP/1.1 ")) {
-        request.status = Numbers::Leading<std::int32_t>(rest);
-    } else if (is("Content-Type: ")) {
-        request.contentType = rest;
-    } else if (is("Accept-Encoding: ")) {
-        request.acceptEncoding = rest;
-    } else if (is("Content-Length: ")) {
-        request.contentLength = Numbers::Leading<std::int32_t>(rest);
-    } else if (is("Host: ")) {
-        request.host = rest;
-    } else if (is("User-Agent: ")) {
-        request.userAgent = rest;
-    } else if (is("Transfer-Encoding: ")) {
-        request.chunked |= rest == "chunked";
-    } else if (is("Connection: ")) {
-        request.keepAlive |= rest.starts_with("Keep-Alive");
+        request.url = line.substr(0, line.find(' '));
+    } else if (Take(line, "Accept-Encoding: ")) {
+        request.acceptEncoding = line;
+    } else if (Take(line, "Host: ")) {
+        request.host = line;
+    } else if (Take(line, "User-Agent: ")) {
+        request.userAgent = line;
+    } else {
+        TakeLine(line, static_cast<HttpMessage&>(request));
+    }
+}
+
+void TakeLine(std::string_view line, HttpResponse& response) {
+    if (Take(line, "HTTP/1.0 ") || Take(line, "HTTP/1.1 ")) {
+        response.status = Numbers::Leading<std::int32_t>(std::string(line));
+    } else {
+        TakeLine(line, static_cast<HttpMessage&>(response));
     }
 }
 
@@ -170,55 +180,54 @@ bool HttpMessageReader::WaitForMessage(Clock::time_point deadline) {
     return WaitForInput() >= 1;
 }
 
-bool HttpMessageReader::ReadHead(HttpRequest& request, Clock::time_point deadline) {
+/// As ReadLine(), from the beginning of a message: empty lines in front of it are passed over.
+int HttpMessageReader::ReadFirstLine(std::string& line, Clock::time_point deadline) {
     if (!WaitForMessage(deadline)) {
-        return false;
+        return kTimedOut;
     }
     deadline_ = std::min(deadline, Clock::now() + kMessageTimeLimit);
     headSize_ = 0;
+    int length = 0;
+    while (length == 0) {
+        length = ReadLine(line);
+    }
+    return length;
+}
 
+template <typename Message>
+bool HttpMessageReader::ReadHead(Message& message, Clock::time_point deadline) {
     std::string line;
-    bool begun = false;
-    for (;;) {
-        const int length = ReadLine(line);
-        if (length < 0) {
-            return false;
-        }
-        if (length > 0) {
-            begun = true;
-            TakeHeaderLine(line, request);
-        } else if (begun) {
-            break;
-        }
+    int length = ReadFirstLine(line, deadline);
+    for (; length > 0; length = ReadLine(line)) {
+        TakeLine(line, message);
     }
-    if (request.url) {
-        // Behind the first blank stands the protocol version.
-        request.url->resize(std::min(request.url->size(), request.url->find(' ')));
-    }
-    return true;
+    return length == 0;
 }
 
-bool HttpMessageReader::ReadBody(HttpRequest& request) {
-    return request.chunked ? ReadChunkedBody(request) : ReadSizedBody(request);
+template bool HttpMessageReader::ReadHead(HttpRequest& message, Clock::time_point deadline);
+template bool HttpMessageReader::ReadHead(HttpResponse& message, Clock::time_point deadline);
+
+bool HttpMessageReader::ReadBody(HttpMessage& message, Share share) {
+    return message.chunked ? ReadChunkedBody(message, share) : ReadSizedBody(message, share);
 }
 
-bool HttpMessageReader::ReadSizedBody(HttpRequest& request) {
-    if (request.contentLength < 1 || static_cast<std::size_t>(request.contentLength) > kMaxBody) {
+bool HttpMessageReader::ReadSizedBody(HttpMessage& message, Share share) {
+    if (message.contentLength < 1 || static_cast<std::size_t>(message.contentLength) > kMaxBody) {
         return false;
     }
-    const auto length = static_cast<std::size_t>(request.contentLength);
+    const auto length = static_cast<std::size_t>(message.contentLength);
     // Every receive asks for the full length, so the last one may take bytes of a request that
     // follows.
-    std::string& body = request.body.emplace();
+    std::string& body = message.body.emplace();
     int receives = 0;
     while (body.size() < length) {
         if (WaitForInput() < 1) {
             ZEL_ERROR("Waiting on http frame timed out or faild");
             break;
         }
-        const long received = Append(request, body, length);
+        const long received = Append(body, length, share);
         if (++receives <= kMaxLoggedReceives || received < 1 || body.size() == length) {
-            ZEL_DEBUG("Received %d bytes should %d", ToInt(body.size()), request.contentLength);
+            ZEL_DEBUG("Received %d bytes should %d", ToInt(body.size()), message.contentLength);
         }
         if (received < 1) {
             break;
@@ -237,14 +246,13 @@ std::size_t HttpMessageReader::Available() const {
 
 /// As Receive(), at the end of `body`, which grows by what has come in: an announced length alone
 /// takes no memory.
-long HttpMessageReader::Append(HttpRequest& request, std::string& body, std::size_t most) {
+long HttpMessageReader::Append(std::string& body, std::size_t most, Share share) {
     const std::size_t count = body.size();
     // One byte even where there is none: only a receive tells the end from a failure.
     const std::size_t size = std::clamp<std::size_t>(Available(), 1, most);
-    // Only requests have a URL: an answer that the agent itself has asked for is not counted.
-    if (count + size > kSmallBody && request.url && !request.largeBody) {
-        request.largeBody = AllLargeBodies().Take(lineTimeout_);
-        if (!request.largeBody) {
+    if (count + size > kSmallBody && share != nullptr && !*share) {
+        *share = AllLargeBodies().Take(lineTimeout_);
+        if (!*share) {
             ZEL_ERROR("Too many large bodies at a time, giving up one");
             return -1;
         }
@@ -255,7 +263,7 @@ long HttpMessageReader::Append(HttpRequest& request, std::string& body, std::siz
     return received;
 }
 
-bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
+bool HttpMessageReader::ReadChunkedBody(HttpMessage& message, Share share) {
     std::string body;
     std::string line;
     for (;;) {
@@ -270,7 +278,7 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
             return false;
         }
         if (*size == 0) {
-            request.body = std::move(body);
+            message.body = std::move(body);
             return true;
         }
         if (*size > kMaxChunk) {
@@ -282,7 +290,7 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
             ZEL_ERROR("Chunked-Encoding: Error: Total transfer length exceeds 1024 KBytes");
             return false;
         }
-        if (!ReadChunk(request, body, *size)) {
+        if (!ReadChunk(body, *size, share)) {
             return false;
         }
         headSize_ = 0;
@@ -292,12 +300,11 @@ bool HttpMessageReader::ReadChunkedBody(HttpRequest& request) {
     }
 }
 
-bool HttpMessageReader::ReadChunk(HttpRequest& request, std::string& body, std::size_t size) {
+bool HttpMessageReader::ReadChunk(std::string& body, std::size_t size, Share share) {
     const std::size_t end = body.size() + size;
     try {
         while (body.size() < end) {
-            const long received =
-                WaitForInput() < 1 ? -1 : Append(request, body, end - body.size());
+            const long received = WaitForInput() < 1 ? -1 : Append(body, end - body.size(), share);
             if (received < 1) {
                 ZEL_ERROR("Chunked-Encoding: read failed with %d\n", static_cast<int>(received));
                 return false;

@@ -3,6 +3,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 
 #include "HttpMessage.h"
@@ -14,6 +15,8 @@
 /// wait, a message as a whole and a head have limits.
 class HttpMessageReader {
 public:
+    using Clock = std::chrono::steady_clock;
+
     /// Longest wait for the next byte of a line or part of a body.
     static constexpr std::chrono::milliseconds kLineTimeout{5000};
     /// Longest time from the first byte of a message to its last.
@@ -44,33 +47,40 @@ public:
 
     /// Waits for the first byte of the next message, or the end of the connection, for as long as
     /// for a byte of a line and not beyond `deadline`. Returns false when there is neither.
-    bool WaitForMessage(std::chrono::steady_clock::time_point deadline =
-                            std::chrono::steady_clock::time_point::max());
+    [[nodiscard]] bool WaitForMessage(Clock::time_point deadline = Clock::time_point::max());
 
-    /// Reads the header lines of the next message into `request`, which must be fresh. The message
-    /// as a whole, its body included, must come by `deadline`. Returns false when the peer was too
-    /// slow, closed, or sent too much.
-    bool ReadHead(HttpRequest& request, std::chrono::steady_clock::time_point deadline =
-                                            std::chrono::steady_clock::time_point::max());
+    /// Reads the header lines of the next message, an HttpRequest or an HttpResponse, which must be
+    /// fresh. The message as a whole, its body included, must come by `deadline`. Returns false
+    /// when the peer was too slow, closed, or sent too much.
+    template <typename Message>
+    [[nodiscard]] bool ReadHead(Message& message,
+                                Clock::time_point deadline = Clock::time_point::max());
 
-    /// Reads the body that the head announced into `request.body`. Returns false when it is not
-    /// complete; a sized body then holds what was received, a chunked one stays without value.
-    bool ReadBody(HttpRequest& request);
+    /// Reads the body that the head announced into `body`. Returns false when it is not complete; a
+    /// sized body then holds what was received, a chunked one stays without value. Of responses,
+    /// which the agent itself has asked for, large bodies are not counted.
+    [[nodiscard]] bool ReadBody(HttpRequest& request) {
+        return ReadBody(request, &request.largeBody);
+    }
+    [[nodiscard]] bool ReadBody(HttpResponse& response) { return ReadBody(response, nullptr); }
 
     /// Whether bytes behind the last message have been received already.
     bool HasUnread() const { return Buffered() > 0; }
 
 private:
-    using Clock = std::chrono::steady_clock;
+    /// Where a large body puts its share; null where bodies are not counted.
+    using Share = std::shared_ptr<void>*;
 
     int ReadLine(std::string& line);
+    int ReadFirstLine(std::string& line, Clock::time_point deadline);
     int WaitForInput();
     /// Up to `size` bytes: those in the buffer, or those of one receive. 0 or less at the end.
     long Receive(char* out, std::size_t size);
-    bool ReadSizedBody(HttpRequest& request);
-    bool ReadChunkedBody(HttpRequest& request);
-    bool ReadChunk(HttpRequest& request, std::string& body, std::size_t size);
-    long Append(HttpRequest& request, std::string& body, std::size_t most);
+    bool ReadBody(HttpMessage& message, Share share);
+    bool ReadSizedBody(HttpMessage& message, Share share);
+    bool ReadChunkedBody(HttpMessage& message, Share share);
+    bool ReadChunk(std::string& body, std::size_t size, Share share);
+    long Append(std::string& body, std::size_t most, Share share);
     std::size_t Available() const;
     std::size_t Buffered() const { return end_ - begin_; }
 

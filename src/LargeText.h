@@ -30,7 +30,7 @@ public:
     LargeText& operator=(const LargeText&) = delete;
 
     /// False when the wait was in vain, or too many were waiting.
-    bool MayBeRead() const { return !needsPlace_ || place_ != nullptr; }
+    [[nodiscard]] bool MayBeRead() const { return !needsPlace_ || place_ != nullptr; }
 
 private:
     bool needsPlace_;

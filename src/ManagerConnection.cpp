@@ -21,7 +21,7 @@ void LogConnectFailure(const std::string& address, int error) {
               std::strerror(error));
 }
 
-bool IsProvisional(const HttpRequest& response) {
+bool IsProvisional(const HttpResponse& response) {
     constexpr int kFirst = 100;
     constexpr int kLast = 199;
     return response.status >= kFirst && response.status <= kLast;
@@ -39,7 +39,7 @@ void ManagerConnection::Settle(Clock::time_point deadline) {
     }
 }
 
-bool ManagerConnection::Exchange(const std::string& message, HttpRequest& response,
+bool ManagerConnection::Exchange(const std::string& message, HttpResponse& response,
                                  Clock::time_point deadline) {
     refused_ = false;
     if (!Connect(deadline)) {
@@ -69,7 +69,7 @@ bool ManagerConnection::Exchange(const std::string& message, HttpRequest& respon
 
 /// An answer that has not begun may still come, one that has ended within its head is lost, and so
 /// is the place in what is received where the next one begins.
-bool ManagerConnection::Receive(HttpRequest& response, Clock::time_point deadline) {
+bool ManagerConnection::Receive(HttpResponse& response, Clock::time_point deadline) {
     do {
         if (!reader_->WaitForMessage(deadline)) {
             return false;
@@ -85,7 +85,7 @@ bool ManagerConnection::Receive(HttpRequest& response, Clock::time_point deadlin
     return true;
 }
 
-void ManagerConnection::ReadBody(HttpRequest& response) {
+void ManagerConnection::ReadBody(HttpResponse& response) {
     if (reader_->ReadBody(response)) {
         return;
     }

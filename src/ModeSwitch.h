@@ -13,11 +13,10 @@
 /// talks to it. Thread-safe: a second switch beside one that is under way fails.
 class ModeSwitch {
 public:
-    /// The values are the error codes that clients know.
     enum class Outcome {
-        kDone = 0,
-        kFailed = 17,       ///< could not be carried out
-        kNotConfirmed = 19  ///< no link, or no address of that kind, in time
+        kDone,
+        kFailed,       ///< could not be carried out
+        kNotConfirmed  ///< no link, or no address of that kind, in time
     };
 
     /// While it lives the box still has the address that the client knows it by.

@@ -19,8 +19,6 @@ public:
 
     /// Bytes of a wrong service name that a fault tells.
     static constexpr std::size_t kMaxName = std::size_t{4} * 1024;
-    /// What a request waits for a self test at work; then it is answered without a result.
-    static constexpr std::chrono::seconds kSelfTestPatience{10};
     /// What a request to stop or start the service waits for another one at work; then it is
     /// answered as while a client has the box.
     static constexpr std::chrono::seconds kServicePatience{4};

@@ -153,7 +153,7 @@ bool OrsSignIn::Conclude(const std::string& address) {
 
 bool OrsSignIn::Exchange(const char* name, const std::string& message, std::string& answer) {
     ZEL_DEBUG("Send %s request", name);
-    HttpRequest response;
+    HttpResponse response;
     bool answered = false;
     const auto deadline = ManagerConnection::Clock::now() + kExchangeTimeLimit;
     connection_->Settle(deadline);

@@ -122,8 +122,7 @@ std::string SlpAttributes(const DeviceValues& values) {
     return array + "</array>";
 }
 
-// What a function answers: `data` is the content of the packet's data element. They return 0, or
-// another number when they failed.
+/// What a function answers: the content of the packet's data element.
 struct Reply {
     std::string data;
     const char* contentType = kXml;
@@ -142,7 +141,7 @@ std::string DeviceStatus(const DeviceValues& values) {
            "\n";
 }
 
-int GetDeviceStatus(const xmlNode* /*data*/, const Device& device, Reply& reply) {
+Reply GetDeviceStatus(const xmlNode* /*data*/, const Device& device) {
     const ZelConfig& config = device.config;
     DeviceValues values{
         .macAddress = config.Get("network.mac.lan"),
@@ -154,15 +153,14 @@ int GetDeviceStatus(const xmlNode* /*data*/, const Device& device, Reply& reply)
         .owner = config.Get("zel.state.owner"),
         .color = config.Get("tavo.color"),
     };
-    reply.data = DeviceStatus(values);
+    std::string data = DeviceStatus(values);
     // The log holds the whole text, but of the owner no line, and no more than of other values.
     values.owner = LogText::Of(values.owner);
-    ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", DeviceStatus(values).c_str(),
-              static_cast<int>(reply.data.size()));
-    return 0;
+    ZEL_DEBUG("\n\n{%s} {LEN=%d}\n\n", DeviceStatus(values).c_str(), static_cast<int>(data.size()));
+    return {std::move(data)};
 }
 
-int AllocateDevice(const xmlNode* data, const Device& device, Reply& reply) {
+Reply AllocateDevice(const xmlNode* data, const Device& device) {
     std::string host = StringVariable(data, "IfhClientIpAddr");
     if (host == "ANY_HOST") {
         host = "0";
@@ -171,24 +169,24 @@ int AllocateDevice(const xmlNode* data, const Device& device, Reply& reply) {
     const bool reserved =
         device.reservation.Reserve(StringVariable(data, "DeviceOwner"), host, handle);
     // Clients expect the two slips in this text, and its type.
-    reply.data = std::string("<struct>\n<var name=\"Status\"><struct><var name=\"code\"><number>") +
-                 (reserved ? "0" : "42030") +
-                 "/number></var><var name=\"msg\"><umber>0</number></var><var name=\"params\">"
-                 "<array length=\"1\"><null /></array></var></struct></var></struct>";
-    reply.contentType = "text/html";
-    return 0;
+    return {std::string("<struct>\n<var name=\"Status\"><struct><var name=\"code\"><number>") +
+                (reserved ? "0" : "42030") +
+                "/number></var><var name=\"msg\"><umber>0</number></var><var name=\"params\">"
+                "<array length=\"1\"><null /></array></var></struct></var></struct>",
+            "text/html"};
 }
 
-int ReleaseDevice(const xmlNode* data, const Device& device, Reply& /*reply*/) {
-    device.reservation.ReleaseOwnedBy(StringVariable(data, "DeviceOwner"));
-    return 0;
+Reply ReleaseDevice(const xmlNode* data, const Device& device) {
+    // Who owns nothing gets the same answer.
+    static_cast<void>(device.reservation.ReleaseOwnedBy(StringVariable(data, "DeviceOwner")));
+    return {};
 }
 
-int AnswerEmpty(const xmlNode* /*data*/, const Device& /*device*/, Reply& /*reply*/) {
-    return 0;
+Reply AnswerEmpty(const xmlNode* /*data*/, const Device& /*device*/) {
+    return {};
 }
 
-using Handler = int (*)(const xmlNode* data, const Device& device, Reply& reply);
+using Handler = Reply (*)(const xmlNode* data, const Device& device);
 
 const std::map<std::string_view, Handler>& Methods() {
     static const std::map<std::string_view, Handler> methods = {
@@ -225,8 +223,10 @@ Reply Answer(const std::optional<RkoRequest>& request, const Device& device) {
     }
     Reply reply;
     const xmlNode* data = XmlText::FindChild(xmlDocGetRootElement(document.get()), "data");
-    if (data == nullptr || method->second(data, device, reply) != 0) {
+    if (data == nullptr) {
         ZEL_ERROR("rKo wddx method failed");
+    } else {
+        reply = method->second(data, device);
     }
     reply.data = kPacketStart + reply.data + kPacketEnd;
     return reply;
@@ -237,12 +237,9 @@ Reply Answer(const std::optional<RkoRequest>& request, const Device& device) {
 RkoServlet::RkoServlet(const Device& device)
     : ZelServlet({kName, kPath, MatchMode::kPathPrefix, 0}), device_(device) {}
 
-int RkoServlet::Service(const HttpRequest& request, HttpResponse& response) {
+int RkoServlet::Service(const HttpRequest& request, ServletResponse& response) {
     Reply reply = Answer(RkoRequest::Read(request), device_);
-    response.status = 200;
-    response.keepAlive = request.keepAlive;
-    response.contentType = reply.contentType;
-    response.body = std::move(reply.data);
+    response.Fulfil(request, reply.contentType, std::move(reply.data));
     return kDone;
 }
 

@@ -20,7 +20,7 @@ public:
 
     explicit RkoServlet(const Device& device);
 
-    int Service(const HttpRequest& request, HttpResponse& response) override;
+    int Service(const HttpRequest& request, ServletResponse& response) override;
     std::unique_ptr<ZelServlet> MakeInstance() const override;
 
 private:

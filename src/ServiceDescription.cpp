@@ -20,18 +20,19 @@ const File* Find(const Table& table, const HttpRequest& request) {
     return found == table.end() ? nullptr : &*found;
 }
 
-bool Read(const File& file, std::string& text) {
+std::optional<std::string> Read(const File& file) {
     const std::string path = std::string(ServiceSchemas::kDirectory) + file.name;
     std::ifstream stream(path);
     if (!stream) {
         ZEL_ERROR("Can't open %s", path.c_str());
-        return false;
+        return std::nullopt;
     }
+    std::string text;
     std::string line;
     while (std::getline(stream, line)) {
         text += line + "\n";
     }
-    return true;
+    return text;
 }
 
 void ReplaceFirst(std::string& text, std::string_view pattern, std::string_view replacement) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -17,10 +18,10 @@ struct File {
 using Table = std::span<const File>;
 
 /// The file that the request's query names, null when it names none.
-const File* Find(const Table& table, const HttpRequest& request);
+[[nodiscard]] const File* Find(const Table& table, const HttpRequest& request);
 
-/// The text of the file, every line ended by a line feed. False when it cannot be opened.
-bool Read(const File& file, std::string& text);
+/// The text of the file, every line ended by a line feed. No value when it cannot be opened.
+[[nodiscard]] std::optional<std::string> Read(const File& file);
 
 /// Replaces the first occurrence of `pattern`, if there is one.
 void ReplaceFirst(std::string& text, std::string_view pattern, std::string_view replacement);

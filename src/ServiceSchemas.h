@@ -21,7 +21,7 @@ public:
 
     /// True when either schema accepts the operation element. The form it is written in decides
     /// which is asked first. Otherwise `errors` is what both have to say.
-    bool Accept(xmlNode* operation, std::string& errors);
+    [[nodiscard]] bool Accept(xmlNode* operation, std::string& errors);
 
 private:
     XmlSchema unqualified_;

@@ -2,11 +2,8 @@
 
 TestServlet::TestServlet() : ZelServlet({"TestServlet", "/test", MatchMode::kPathPrefix, 0}) {}
 
-int TestServlet::Service(const HttpRequest& request, HttpResponse& response) {
-    response.status = 200;
-    response.keepAlive = request.keepAlive;
-    response.contentType = "text/html";
-    response.body = "Hallo Welt, ist es nicht nett hier draussen?";
+int TestServlet::Service(const HttpRequest& request, ServletResponse& response) {
+    response.Fulfil(request, "text/html", "Hallo Welt, ist es nicht nett hier draussen?");
     return kDone;
 }
 

@@ -6,6 +6,6 @@
 class TestServlet : public ZelServlet {
 public:
     TestServlet();
-    int Service(const HttpRequest& request, HttpResponse& response) override;
+    int Service(const HttpRequest& request, ServletResponse& response) override;
     std::unique_ptr<ZelServlet> MakeInstance() const override;
 };

@@ -47,7 +47,7 @@ WebServer::WebServer(const ZelConfig& config, std::chrono::milliseconds lineTime
       connections_(std::make_shared<ConnectionTable>()) {}
 
 WebServer::~WebServer() {
-    Stop();
+    static_cast<void>(Stop());  // who cares for requests still running has stopped it before
 }
 
 void WebServer::AddRegistration(const ZelServlet& servlet) {

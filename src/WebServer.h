@@ -40,16 +40,16 @@ public:
     void OnServed(std::function<void()> onServed) { registry_.onServed = std::move(onServed); }
 
     /// Adds a TCP port to listen on. Returns false when there are kMaxPorts already.
-    bool AddPort(std::uint16_t port);
+    [[nodiscard]] bool AddPort(std::uint16_t port);
 
     /// Starts the server thread, which begins to listen as soon as "zel.state.startup" is not "0".
     /// Returns false when the thread cannot be made.
-    bool Start();
+    [[nodiscard]] bool Start();
 
     /// Stops listening, lets running requests come to their end for a moment and ends all
     /// connections. Returns false when a request was still running then: what it uses must not be
     /// destroyed.
-    bool Stop();
+    [[nodiscard]] bool Stop();
 
 private:
     void Listen();

@@ -225,7 +225,7 @@ void Zel::PrepareWebServer() {
         served_ = true;
     });
     for (const std::uint16_t port : kPorts) {
-        webServer_.AddPort(port);
+        static_cast<void>(webServer_.AddPort(port));  // there is room for more than these
     }
 }
 

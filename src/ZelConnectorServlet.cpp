@@ -1,9 +1,8 @@
 #include "ZelConnectorServlet.h"
 
-#include <array>
-#include <cstdio>
-#include <cstdlib>
+#include <utility>
 
+#include "ConnectorCodes.h"
 #include "DiagnosticChannels.h"
 #include "Dispatcher.h"
 #include "Ipv4.h"
@@ -16,6 +15,10 @@
 
 namespace {
 
+using Answer = ZelWsdlServlet::Answer;
+using Call = ZelWsdlServlet::Call<ZelConnectorServlet::Device>;
+using Code = ConnectorCode;
+
 constexpr char kName[] = "ZelConnectorServlet";
 constexpr char kPath[] = "/zel/services/ConnectorService";
 constexpr std::uint16_t kPort = 5302;
@@ -25,15 +28,6 @@ constexpr ServiceDescription::File kDescription[] = {{"wsdl", "zelConnector.wsdl
                                                      {"xsd=2", "ZELDriver_v1.xsd"},
                                                      {"xsd=3", "beans.xsd"},
                                                      {"xsd=4", "pembAgentShared.xsd"}};
-
-// Codes of the `error` element, besides those of DeviceReservation::Session.
-constexpr int kSuccess = 0;
-constexpr int kWrongHandle = 7;
-constexpr int kNotReserved = 9;
-constexpr int kReserveRefused = 10;
-constexpr int kTriggerNotReset = 17;
-constexpr int kWrongDevice = 20;
-constexpr int kOverTemperature = 21;
 
 constexpr char kDeviceDescription[] = "TAVO, Velka, QK20417B";
 constexpr char kHardwareVersion[] = "164306";
@@ -64,17 +58,31 @@ constexpr char kOutOpen[] = "\t\t<ns2:out>\n";
 constexpr char kOutClose[] = "\t\t</ns2:out>\n";
 constexpr int kOutChildDepth = 3;
 
+std::string Number(Code code) {
+    return std::to_string(static_cast<int>(code));
+}
+
 /// A response of `error` and, in some operations, further children. `afterOpenTag` is the line
 /// feed that one operation leaves out.
-std::string CodeResponse(const char* operation, int code, const std::string& furtherChildren = "",
+std::string CodeResponse(const char* operation, Code code, const std::string& furtherChildren = "",
                          const char* afterOpenTag = "\n") {
     return OpenTag(kResponseDepth, operation) + afterOpenTag + kOutOpen +
-           Element(kOutChildDepth, "error", std::to_string(code)) + furtherChildren + kOutClose +
+           Element(kOutChildDepth, "error", Number(code)) + furtherChildren + kOutClose +
            CloseTag(kResponseDepth, operation) + "\n";
 }
 
-const ZelConnectorServlet::Device& DeviceOf(const ZelWsdlServlet& servlet) {
-    return static_cast<const ZelConnectorServlet&>(servlet).GetDevice();
+Code CodeOf(DeviceReservation::Session session) {
+    using Session = DeviceReservation::Session;
+    return session == Session::kValid         ? Code::kSuccess
+           : session == Session::kNotReserved ? Code::kNotReserved
+                                              : Code::kWrongHandle;
+}
+
+Code CodeOf(ModeSwitch::Outcome outcome) {
+    using Outcome = ModeSwitch::Outcome;
+    return outcome == Outcome::kDone           ? Code::kSuccess
+           : outcome == Outcome::kNotConfirmed ? Code::kNotConfirmed
+                                               : Code::kNotCarriedOut;
 }
 
 /// A dotted address as the signed decimal of its 32-bit value, first octet most significant; other
@@ -92,8 +100,9 @@ std::string HexPrefixAsDecimal(const std::string& text) {
         .substr(0, kMaxDigits);
 }
 
-bool IsOtherDevice(const ZelConfig& config, const std::string& deviceId) {
-    const std::string ownId = config.Get("hardware.devid");
+bool IsForOtherDevice(const Call& call) {
+    const std::string deviceId = call.Text("deviceId");
+    const std::string ownId = call.device.config.Get("hardware.devid");
     if (ownId == deviceId) {
         return false;
     }
@@ -136,10 +145,9 @@ std::string CurrentNetworkConfig(const ZelConfig& config) {
            "</currentNetworkConfig>\n";
 }
 
-int GetDeviceInformation(const xmlNode* /*method*/, const HttpRequest& request,
-                         HttpResponse& response, ZelWsdlServlet& servlet) {
+Answer GetDeviceInformation(const Call& call) {
     constexpr char kOperation[] = "getDeviceInformation";
-    const ZelConfig& config = DeviceOf(servlet).config;
+    const ZelConfig& config = call.device.config;
     const std::string state = config.Get("zel.state.current");
     const std::string kl15 = config.Get("system.voltage.kl15");
     const std::string kl30 = config.Get("system.voltage.kl30");
@@ -152,7 +160,7 @@ int GetDeviceInformation(const xmlNode* /*method*/, const HttpRequest& request,
             "\" xsi:nil=\"true\"/>\n";
     body += CurrentNetworkConfig(config);
     body += Element(4, "deviceDescriptionOrNull", kDeviceDescription);
-    body += Element(4, "error", "0");
+    body += Element(4, "error", Number(Code::kSuccess));
     body += Element(4, "firmware", config.Get("system.version.boot"));
     body += Element(4, "hardwareVersion", kHardwareVersion);
     body += Element(4, "id", config.Get("hardware.devid"));
@@ -166,89 +174,73 @@ int GetDeviceInformation(const xmlNode* /*method*/, const HttpRequest& request,
     body += Element(4, "type", kDeviceType);
     body += Element(4, "vin", config.Get("diag.kvad.vin"));
     body += Tabs(3) + "</ns2:out>\n" + CloseTag(kResponseDepth, kOperation) + "\n";
-    return ZelWsdlServlet::Answer(request, response, std::move(body));
+    return {std::move(body)};
 }
 
-int ReserveDevice(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
-                  ZelWsdlServlet& servlet) {
-    const ZelConnectorServlet::Device& device = DeviceOf(servlet);
-    int code = kSuccess;
+Answer ReserveDevice(const Call& call) {
+    const ZelConnectorServlet::Device& device = call.device;
     std::string handle;
-    if (IsOtherDevice(device.config, XmlText::ChildText(method, "deviceId"))) {
-        code = kWrongDevice;
-    } else if (device.config.Get("system.thermal.tempcrit") == "1") {
-        code = kOverTemperature;
-    } else if (!device.reservation.Reserve(XmlText::ChildText(method, "owner"),
-                                           XmlText::ChildText(method, "hostLock"), handle)) {
-        code = kReserveRefused;
-        handle.clear();
-    }
-    return ZelWsdlServlet::Answer(
-        request, response,
-        CodeResponse("reserveDevice", code, Element(kOutChildDepth, "handle", handle)));
+    const Code code =
+        IsForOtherDevice(call)                                ? Code::kWrongDevice
+        : device.config.Get("system.thermal.tempcrit") == "1" ? Code::kOverTemperature
+        : device.reservation.Reserve(call.Text("owner"), call.Text("hostLock"), handle)
+            ? Code::kSuccess
+            : Code::kReserveRefused;
+    handle = code == Code::kSuccess ? handle : "";
+    return {CodeResponse("reserveDevice", code, Element(kOutChildDepth, "handle", handle))};
 }
 
-int ReleaseDevice(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
-                  ZelWsdlServlet& servlet) {
-    const ZelConnectorServlet::Device& device = DeviceOf(servlet);
-    int code = kSuccess;
-    if (!device.reservation.IsReserved()) {
-        code = kNotReserved;
-    } else if (IsOtherDevice(device.config, XmlText::ChildText(method, "deviceId"))) {
-        code = kWrongDevice;
-    } else if (!device.reservation.Release(XmlText::ChildText(method, "handle"))) {
-        code = kWrongHandle;
-    }
-    return ZelWsdlServlet::Answer(request, response, CodeResponse("releaseDevice", code, "", ""));
+Answer ReleaseDevice(const Call& call) {
+    DeviceReservation& reservation = call.device.reservation;
+    const Code code = !reservation.IsReserved()                   ? Code::kNotReserved
+                      : IsForOtherDevice(call)                    ? Code::kWrongDevice
+                      : !reservation.Release(call.Text("handle")) ? Code::kWrongHandle
+                                                                  : Code::kSuccess;
+    return {CodeResponse("releaseDevice", code, "", "")};
 }
 
-int ResetTrigger15Edge(const xmlNode* /*method*/, const HttpRequest& request,
-                       HttpResponse& response, ZelWsdlServlet& servlet) {
-    const int code = DeviceOf(servlet).trigger15.Reset() ? kSuccess : kTriggerNotReset;
-    return ZelWsdlServlet::Answer(request, response, CodeResponse("resetTrigger15Edge", code));
+Answer ResetTrigger15Edge(const Call& call) {
+    return {CodeResponse("resetTrigger15Edge",
+                         call.device.trigger15.Reset() ? Code::kSuccess : Code::kNotCarriedOut)};
 }
 
-int SetHostLock(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
-                ZelWsdlServlet& servlet) {
-    const DeviceReservation::Session session = DeviceOf(servlet).reservation.ChangeHostLock(
-        XmlText::ChildText(method, "handle"), XmlText::ChildText(method, "hostLock"));
-    return ZelWsdlServlet::Answer(request, response,
-                                  CodeResponse("setHostLock", static_cast<int>(session)));
+Answer SetHostLock(const Call& call) {
+    return {CodeResponse("setHostLock", CodeOf(call.device.reservation.ChangeHostLock(
+                                            call.Text("handle"), call.Text("hostLock"))))};
 }
 
-int SwitchMode(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
-               ZelWsdlServlet& servlet) {
-    const ZelConnectorServlet::Device& device = DeviceOf(servlet);
+Code Switch(const Call& call, ModeSwitch::FormerAddress& former) {
     const auto run = [&] {
-        const std::string mode = XmlText::ChildText(method, "mode");
-        ModeSwitch::FormerAddress former;
-        const ModeSwitch::Outcome outcome =
-            device.modeSwitch.Run(Numbers::Leading(mode), request.localAddress, former);
-        response.keptUntilReceived = std::move(former);
-        return static_cast<int>(outcome);
+        const long mode = Numbers::Leading(call.Text("mode"));
+        return CodeOf(call.device.modeSwitch.Run(mode, call.request.localAddress, former));
     };
-    int code = kSuccess;
-    if (IsOtherDevice(device.config, XmlText::ChildText(method, "deviceId"))) {
-        code = kWrongDevice;
-    } else if (device.reservation.IsReserved()) {
-        const DeviceReservation::Session session =
-            device.reservation.CheckSession(XmlText::ChildText(method, "handle"));
-        code = session == DeviceReservation::Session::kValid ? run() : kWrongHandle;
-    } else {
-        ZEL_DEBUG("Device state is free, change to reserve");
-        std::string handle;
-        if (device.reservation.Reserve("", "127.0.0.1", handle)) {
-            const auto release = [&](const std::string* reserved) {
-                ZEL_DEBUG("Change back to state free");
-                device.reservation.Release(*reserved);
-            };
-            const std::unique_ptr<const std::string, decltype(release)> guard(&handle, release);
-            code = run();
-        } else {
-            code = kWrongHandle;  // somebody else was faster
-        }
+    DeviceReservation& reservation = call.device.reservation;
+    if (IsForOtherDevice(call)) {
+        return Code::kWrongDevice;
     }
-    return ZelWsdlServlet::Answer(request, response, CodeResponse("switchMode", code));
+    if (reservation.IsReserved()) {
+        const bool isOwner =
+            reservation.CheckSession(call.Text("handle")) == DeviceReservation::Session::kValid;
+        return isOwner ? run() : Code::kWrongHandle;
+    }
+    ZEL_DEBUG("Device state is free, change to reserve");
+    std::string handle;
+    if (!reservation.Reserve("", "127.0.0.1", handle)) {
+        return Code::kWrongHandle;  // somebody else was faster
+    }
+    const auto release = [&](const std::string* reserved) {
+        ZEL_DEBUG("Change back to state free");
+        // Whoever names no owner may have done so already.
+        static_cast<void>(reservation.Release(*reserved));
+    };
+    const std::unique_ptr<const std::string, decltype(release)> guard(&handle, release);
+    return run();
+}
+
+Answer SwitchMode(const Call& call) {
+    ModeSwitch::FormerAddress former;
+    std::string response = CodeResponse("switchMode", Switch(call, former));
+    return {std::move(response), false, std::move(former)};
 }
 
 /// Text of the first child element whose name is part of `name`: clients write shortened names.
@@ -284,38 +276,37 @@ std::map<std::string, std::string> CommandParameters(const xmlNode* method) {
     return parameters;
 }
 
-int ExecuteGenericCommand(const xmlNode* method, const HttpRequest& request, HttpResponse& response,
-                          ZelWsdlServlet& servlet) {
+Answer ExecuteGenericCommand(const Call& call) {
     constexpr char kOperation[] = "executeGenericCommand";
-    const DeviceReservation::Session session =
-        DeviceOf(servlet).reservation.CheckSession(XmlText::ChildText(method, "handle"));
+    const Code code = CodeOf(call.device.reservation.CheckSession(call.Text("handle")));
     const char* key = "error";
     std::string value = "-1";
-    if (session == DeviceReservation::Session::kValid) {
-        const int failed = Dispatcher::CommandExecution(XmlText::ChildText(method, "pSubSystem"),
-                                                        XmlText::ChildText(method, "pCommand"),
-                                                        CommandParameters(method), value);
+    if (code == Code::kSuccess) {
+        const int failed = Dispatcher::CommandExecution(
+            call.Text("pSubSystem"), call.Text("pCommand"), CommandParameters(call.method), value);
         ZEL_DEBUG("executeGenericCommand returned '%s'", LogText::Of(value).c_str());
         key = failed != 0 ? "error" : "result";
     }
-    return ZelWsdlServlet::Answer(
-        request, response,
-        OpenTag(kResponseDepth, kOperation) + "\n" + kOutOpen + Tabs(kOutChildDepth) + "<error>" +
-            std::to_string(static_cast<int>(session)) + "</error><commandResultList><ns4:key>" +
-            key + "</ns4:key><ns4:value>" + XmlText::Escape(value) +
+    return {OpenTag(kResponseDepth, kOperation) + "\n" + kOutOpen + Tabs(kOutChildDepth) +
+            "<error>" + Number(code) + "</error><commandResultList><ns4:key>" + key +
+            "</ns4:key><ns4:value>" + XmlText::Escape(value) +
             "</ns4:value></commandResultList>\n" + kOutClose +
-            CloseTag(kResponseDepth, kOperation));
+            CloseTag(kResponseDepth, kOperation)};
 }
+
+template <auto kOperation>
+constexpr ZelWsdlServlet::Handler kHandler =
+    ZelWsdlServlet::Handle<ZelConnectorServlet, kOperation>;
 
 const ZelWsdlServlet::MethodTable& Methods() {
     static const ZelWsdlServlet::MethodTable methods = {
-        {"getDeviceInformation", GetDeviceInformation},
-        {"reserveDevice", ReserveDevice},
-        {"releaseDevice", ReleaseDevice},
-        {"resetTrigger15Edge", ResetTrigger15Edge},
-        {"setHostLock", SetHostLock},
-        {"switchMode", SwitchMode},
-        {"executeGenericCommand", ExecuteGenericCommand},
+        {"getDeviceInformation", kHandler<GetDeviceInformation>},
+        {"reserveDevice", kHandler<ReserveDevice>},
+        {"releaseDevice", kHandler<ReleaseDevice>},
+        {"resetTrigger15Edge", kHandler<ResetTrigger15Edge>},
+        {"setHostLock", kHandler<SetHostLock>},
+        {"switchMode", kHandler<SwitchMode>},
+        {"executeGenericCommand", kHandler<ExecuteGenericCommand>},
     };
     return methods;
 }

@@ -2,6 +2,13 @@
 
 #include <utility>
 
+void ServletResponse::Fulfil(const HttpRequest& request, std::string type, std::string text) {
+    status = 200;
+    keepAlive = request.keepAlive;
+    contentType = std::move(type);
+    body = std::move(text);
+}
+
 ZelServlet::ZelServlet(Registration registration) : registration_(std::move(registration)) {}
 
 bool ZelServlet::Matches(std::string_view path, std::uint16_t port) const {

@@ -4,8 +4,30 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "HttpMessage.h"
+#include "SocketGuard.h"
+
+/// What a servlet answers to one request.
+struct ServletResponse {
+    /// 200, or anything else for "404 Not found".
+    int status = 404;
+    bool keepAlive = false;
+    std::string contentType = "text/html";
+    /// Further header lines without their line ends.
+    std::vector<std::string> headerLines;
+    std::string body;
+    /// A file of which `fileLength` bytes are sent behind `body`, if there is one.
+    std::shared_ptr<const SocketGuard> file;
+    std::uint64_t fileLength = 0;
+    /// What must live until the peer has the response, if anything must. Such a response ends the
+    /// connection.
+    std::shared_ptr<void> keptUntilReceived;
+
+    /// Gives the request what it asks for: status 200, and the connection stays if it wishes so.
+    void Fulfil(const HttpRequest& request, std::string type, std::string text);
+};
 
 /// Base of every web service. The object that is registered with the server stands for the service
 /// as long as the agent runs and makes a fresh instance of itself for every request.
@@ -36,7 +58,7 @@ public:
 
     /// Fills `response`. Returns kPostResponse to have PostResponse() called once the response has
     /// been sent; any other result means that nothing is left to do.
-    virtual int Service(const HttpRequest& request, HttpResponse& response) = 0;
+    virtual int Service(const HttpRequest& request, ServletResponse& response) = 0;
 
     /// A new servlet of the same kind, for one request.
     virtual std::unique_ptr<ZelServlet> MakeInstance() const = 0;

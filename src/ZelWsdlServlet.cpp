@@ -2,8 +2,7 @@
 
 #include <memory>
 #include <mutex>
-#include <string_view>
-#include <utility>
+#include <optional>
 
 #include "Console.h"
 #include "HeldMutex.h"
@@ -11,20 +10,27 @@
 #include "LogText.h"
 #include "Namespaces.h"
 #include "ServiceSchemas.h"
-#include "XmlText.h"
 #include "ZelLog.h"
 
 namespace {
 
-constexpr int kNotDone = 0;
-// Of a handler that has answered with a fault.
-constexpr int kFaulted = -1;
+constexpr int kAnswered = 0;
+constexpr char kContentType[] = "text/xml;charset=\"utf-8\"";
 
-std::string EnvelopeHead() {
+std::string Envelope(const std::string& content) {
     return std::string("<S:Envelope xmlns:S=\"") + Namespaces::kSoap11Envelope +
-           "\">\n\t<S:Body>\n";
+           "\">\n\t<S:Body>\n" + content + "\t</S:Body>\n</S:Envelope>\n";
 }
-constexpr char kEnvelopeTail[] = "\t</S:Body>\n</S:Envelope>\n";
+
+std::string Fault(const std::string& message) {
+    return std::string("\t\t<S:Fault xmlns:ns4=\"") + Namespaces::kSoap12Envelope +
+           "\">\n"
+           "\t\t\t<faultcode>S:Client</faultcode>\n"
+           "\t\t\t<faultstring>" +
+           message +
+           "</faultstring>\n"
+           "\t\t</S:Fault>\n";
+}
 
 ServiceSchemas& SchemasOf(const std::string& servletName) {
     static HeldMutex mutex;
@@ -36,6 +42,19 @@ ServiceSchemas& SchemasOf(const std::string& servletName) {
         schemas = std::make_unique<ServiceSchemas>(servletName);
     }
     return *schemas;
+}
+
+bool IsEnvelope(xmlDoc* document, std::string& errors) {
+    if (document == nullptr) {
+        errors = "Can't create xml document from request";
+        return false;
+    }
+    return SoapEnvelopeSchema().ValidateDocument(document, errors);
+}
+
+/// A method without children is valid also without the schemas, which are not loaded for it.
+bool IsValid(xmlNode* method, const std::string& servletName, std::string& errors) {
+    return method->children == nullptr || SchemasOf(servletName).Accept(method, errors);
 }
 
 /// The first node in the Body, or the one behind it where the first is not an element.
@@ -53,108 +72,59 @@ xmlNode* FindMethod(xmlDoc* document) {
 ZelWsdlServlet::ZelWsdlServlet(Registration registration, const Definition& definition)
     : ZelServlet(std::move(registration)), definition_(definition) {}
 
-int ZelWsdlServlet::Service(const HttpRequest& request, HttpResponse& response) {
+int ZelWsdlServlet::Service(const HttpRequest& request, ServletResponse& response) {
     const ServiceDescription::File* file =
         ServiceDescription::Find(definition_.description, request);
     if (file == nullptr) {
         return Dispatch(request, response);
     }
-    Describe(*file, request, response);
+    if (std::optional<std::string> text = ServiceDescription::Read(*file)) {
+        RewriteDescription(*text);
+        response.Fulfil(request, kContentType, std::move(*text));
+    }
     return kDone;
 }
 
-void ZelWsdlServlet::Describe(const ServiceDescription::File& file, const HttpRequest& request,
-                              HttpResponse& response) const {
-    std::string text;
-    if (ServiceDescription::Read(file, text)) {
-        RewriteDescription(text);
-        Answer(request, response, std::move(text));
-    }
+int ZelWsdlServlet::Send(Answer answer, const HttpRequest& request, ServletResponse& response) {
+    response.Fulfil(request, kContentType,
+                    Envelope(answer.isFault ? Fault(answer.text) : answer.text));
+    response.keepAlive = response.keepAlive && !answer.isFault;
+    response.keptUntilReceived = std::move(answer.keptUntilReceived);
+    return kAnswered;
 }
 
-int ZelWsdlServlet::Answer(const HttpRequest& request, HttpResponse& response, std::string body) {
-    response.status = 200;
-    response.contentType = kContentType;
-    response.keepAlive = request.keepAlive;
-    response.body = std::move(body);
-    return kNotDone;
-}
-
-int ZelWsdlServlet::SendFault(HttpResponse& response, const std::string& message) {
-    response.status = 200;
-    response.keepAlive = false;
-    response.contentType = kContentType;
-    response.body = EnvelopeHead() + "\t\t<S:Fault xmlns:ns4=\"" + Namespaces::kSoap12Envelope +
-                    "\">\n"
-                    "\t\t\t<faultcode>S:Client</faultcode>\n"
-                    "\t\t\t<faultstring>" +
-                    message +
-                    "</faultstring>\n"
-                    "\t\t</S:Fault>\n" +
-                    kEnvelopeTail;
-    return kFaulted;
-}
-
-int ZelWsdlServlet::Dispatch(const HttpRequest& request, HttpResponse& response) {
+int ZelWsdlServlet::Dispatch(const HttpRequest& request, ServletResponse& response) {
+    const auto refuse = [&](const std::string& message) {
+        return Send(Answer::Fault(message), request, response);
+    };
     const std::string_view body = request.body ? *request.body : std::string_view();
     const LargeText place(body.size());
     const XmlText::Document document = place.MayBeRead() ? XmlText::Parse(body) : nullptr;
-    if (!skipEnvelopeCheck_ && !CheckEnvelope(document.get(), response)) {
-        return kNotDone;
+    std::string errors;
+    if (!skipEnvelopeCheck_ && !IsEnvelope(document.get(), errors)) {
+        return refuse(errors);
     }
     if (!document) {
         ZEL_ERROR("Can't create doc node");
-        return kNotDone;
+        return kAnswered;
     }
+    const std::string service = std::string("{") + definition_.namespaceUri + "}";
     xmlNode* method = FindMethod(document.get());
     if (method == nullptr) {
-        SendFault(response, std::string("Method is empty for {") + definition_.namespaceUri + "}");
         ZEL_ERROR("ZEL soap method is empty");
-        return kNotDone;
+        return refuse("Method is empty for " + service);
     }
     const std::string name(XmlText::LocalName(method));
     const std::string shownName = LogText::Of(name);
-    if (!CheckMethod(method, response)) {
+    if (!IsValid(method, GetName(), errors)) {
         ZEL_ERROR("ZEL soap method '%s' not valid", shownName.c_str());
-        return kNotDone;
+        return refuse(errors);
     }
     ZEL_DEBUG("ZEL soap method: %s", shownName.c_str());
     const auto found = definition_.methods.find(name);
     if (found == definition_.methods.end()) {
-        SendFault(response, std::string("Cannot find dispatch method for {") +
-                                definition_.namespaceUri + "}" + name);
         ZEL_ERROR("ZEL soap method '%s' not found", shownName.c_str());
-        return kNotDone;
+        return refuse("Cannot find dispatch method for " + service + name);
     }
-    const int result = found->second(method, request, response, *this);
-    if (result == kFaulted) {
-        return kNotDone;
-    }
-    response.body = EnvelopeHead() + response.body + kEnvelopeTail;
-    return result;
-}
-
-bool ZelWsdlServlet::CheckEnvelope(xmlDoc* document, HttpResponse& response) const {
-    if (document == nullptr) {
-        SendFault(response, "Can't create xml document from request");
-        return false;
-    }
-    std::string errors;
-    if (!SoapEnvelopeSchema().ValidateDocument(document, errors)) {
-        SendFault(response, errors);
-        return false;
-    }
-    return true;
-}
-
-bool ZelWsdlServlet::CheckMethod(xmlNode* method, HttpResponse& response) const {
-    if (method->children == nullptr) {
-        return true;  // also without the schemas, which are not loaded for it
-    }
-    std::string errors;
-    if (SchemasOf(GetName()).Accept(method, errors)) {
-        return true;
-    }
-    SendFault(response, errors);
-    return false;
+    return found->second(method, request, response, *this);
 }

@@ -58,7 +58,7 @@ TEST(ManagerConnectionTest, AnExchangeEndsInTimeWhateverTheManagerSends) {
     for (const auto& manager : managers) {
         const std::jthread serving = StartManager(manager.begin, manager.again);
         ManagerConnection connection(kAddress);
-        HttpRequest response;
+        HttpResponse response;
         const auto begin = ManagerConnection::Clock::now();
         EXPECT_EQ(connection.Exchange("<hello/>", response, begin + 1s), manager.hasHead)
             << manager.name;
@@ -105,7 +105,7 @@ TEST(ManagerConnectionTest, AnAnswerIsTakenForItsOwnMessageOnly) {
     for (const auto& manager : managers) {
         const std::jthread serving = StartManager(manager.connections);
         ManagerConnection connection(kAddress);
-        HttpRequest response;
+        HttpResponse response;
         const auto exchange = [&](const char* message, ManagerConnection::Clock::duration time) {
             return connection.Exchange(message, response, ManagerConnection::Clock::now() + time);
         };

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <fstream>
-#include <memory>
 #include <string>
 
 #include "CrashGuard.h"
@@ -10,212 +8,161 @@
 #include "ServiceSchemas.h"
 #include "Support.h"
 #include "XmlSchema.h"
-#include "XmlText.h"
 #include "ZelWsdlServlet.h"
 
 namespace {
 
-constexpr char kUri[] = "http://lusora.tembra.com/probe";
-
-int Echo(const xmlNode* method, const HttpRequest& /*request*/, HttpResponse& response,
-         ZelWsdlServlet& /*servlet*/) {
-    response.status = 200;
-    response.body =
-        "\t\t<echo>" + XmlText::Escape(XmlText::ChildText(method, "text")) + "</echo>\n";
-    return ZelServlet::kPostResponse;
-}
-
+/// A service of one operation, made here, and one handler of its own.
 class Probe : public ZelWsdlServlet {
 public:
+    struct Device {
+        std::string suffix;
+    };
     explicit Probe(const std::string& name)
-        : ZelWsdlServlet({name, "/probe", MatchMode::kExact, 0}, {Methods(), kUri, {}}) {}
-    std::unique_ptr<ZelServlet> MakeInstance() const override {
-        return std::make_unique<Probe>(GetName());
-    }
+        : ZelWsdlServlet({name, "/probe", MatchMode::kExact, 0}, {Methods(), "urn:probe", {}}) {}
+    std::unique_ptr<ZelServlet> MakeInstance() const override { return nullptr; }
+    Device GetDevice() const { return {"!"}; }
 
 protected:
     void RewriteDescription(std::string& /*text*/) const override {}
 
 private:
+    static Answer Echo(const Call<Device>& call) {
+        const std::string text = call.Text("text");
+        return text == "fault" ? Answer::Fault("<" + text + ">")
+                               : Answer{"\t\t<echo>" + text + call.device.suffix + "</echo>\n"};
+    }
+    static int Late(const xmlNode*, const HttpRequest&, ServletResponse&, ZelWsdlServlet&) {
+        return kPostResponse;
+    }
     static const MethodTable& Methods() {
-        static const MethodTable methods = {{"echo", Echo}};
+        static const MethodTable methods = {{"echo", Handle<Probe, Echo>}, {"late", Late}};
         return methods;
     }
 };
 
-void WriteSchema(const std::string& file, const std::string& attributes) {
-    std::ofstream(ServiceSchemas::kDirectory + file)
-        << "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" " << attributes
-        << "><xs:element name=\"echo\"><xs:complexType><xs:sequence>"
-           "<xs:element name=\"text\" type=\"xs:string\"/>"
-           "</xs:sequence></xs:complexType></xs:element></xs:schema>";
+std::string WriteSchema(const std::string& name, const std::string& attributes) {
+    std::string path = ServiceSchemas::kDirectory + name;
+    WriteFile(path, "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" " + attributes +
+                        "><xs:element name=\"echo\"><xs:complexType><xs:sequence>"
+                        "<xs:element name=\"text\" type=\"xs:string\"/>"
+                        "</xs:sequence></xs:complexType></xs:element></xs:schema>");
+    return path;
 }
 
-class ZelWsdlServletTest : public testing::Test {
-protected:
-    ZelWsdlServletTest() {
-        WriteSchema("Probe.xsd", "");
-        WriteSchema("Probe2.xsd", std::string("targetNamespace=\"") + kUri +
-                                      "\" elementFormDefault=\"qualified\"");
-    }
-
-    HttpResponse Send(const std::string& body) {
+TEST(ZelWsdlServletTest, MethodsAreFoundAndAnswersWrapped) {
+    WriteSchema("Probe.xsd", "");
+    WriteSchema("Probe2.xsd", "targetNamespace=\"urn:probe\" elementFormDefault=\"qualified\"");
+    WriteSchema("further.xsd", "targetNamespace=\"urn:x\"");
+    const auto send = [](const std::string& service, const std::string& start,
+                         const std::string& body, ServletResponse& response) {
         HttpRequest request;
-        request.body = body;
         request.keepAlive = true;
-        HttpResponse response;
-        result_ = probe_.Service(request, response);
-        return response;
-    }
-
-    static std::string Envelope(const std::string& body) {
-        return "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\"><e:Body>" + body +
-               "</e:Body></e:Envelope>";
-    }
-
-    Probe probe_{"Probe"};
-    int result_ = -1;
-};
-
-TEST_F(ZelWsdlServletTest, MethodsAreFoundAndWrapped) {
-    const std::string answer =
-        "<S:Envelope xmlns:S=\"http://schemas.xmlsoap.org/soap/envelope/\">\n\t<S:Body>\n"
-        "\t\t<echo>a&amp;b</echo>\n"
-        "\t</S:Body>\n</S:Envelope>\n";
-    for (const std::string& body :
-         {std::string("\n  <echo><text>a&amp;b</text></echo>\n"),
-          std::string("<!-- one node before it --><echo><text>a&amp;b</text></echo>")}) {
-        EXPECT_EQ(Send(Envelope(body)).body, answer) << body;
-        EXPECT_EQ(result_, ZelServlet::kPostResponse);
-    }
-}
-
-TEST_F(ZelWsdlServletTest, RefusalsAreFaults) {
-    const std::string uri = std::string("{") + kUri + "}";
-    const struct {
-        std::string request;
-        std::string message;
-    } cases[] = {
-        {Envelope("  \n"), "Method is empty for " + uri},
-        {Envelope(" <!----><echo/>"), "Method is empty for " + uri},
-        {Envelope("<Echo/>"), "Cannot find dispatch method for " + uri + "Echo"},
+        request.body = "<e:Envelope xmlns:e='http://schemas.xmlsoap.org/soap/envelope/'" + start +
+                       "><e:Body>" + body + "</e:Body></e:Envelope>";
+        return Probe(service).Service(request, response);
     };
-    for (const auto& c : cases) {
-        const HttpResponse response = Send(c.request);
-        EXPECT_NE(response.body.find("<faultstring>" + c.message + "<"), std::string::npos);
-        EXPECT_FALSE(response.keepAlive) << c.request;
-        EXPECT_EQ(result_, 0);
-    }
-}
-
-TEST_F(ZelWsdlServletTest, AMethodWithoutChildrenNeedsNoSchema) {
-    EXPECT_NE(Send(Envelope("<echo/>")).body.find("<echo></echo>"), std::string::npos);
-}
-
-TEST_F(ZelWsdlServletTest, MissingSchemasRefuseEverythingWithChildren) {
-    Probe other("Missing");
-    HttpRequest request;
-    request.body = Envelope("<echo><text/></echo>");
-    HttpResponse response;
-    EXPECT_EQ(other.Service(request, response), 0);
-    EXPECT_NE(response.body.find("Validation 1 says:"), std::string::npos);
-}
-
-TEST_F(ZelWsdlServletTest, NothingIsReadForARequest) {
-    std::ofstream("/tmp/further.xsd")
-        << "<xs:schema xmlns:xs=\"http://www.w3.org/2001/XMLSchema\" targetNamespace=\"urn:x\">"
-           "<xs:element name=\"unknown\" type=\"xs:int\"/></xs:schema>";
+    const std::string fault = "<faultstring>";
     // A schema named by the request would make its own rule for the unknown element.
     const std::string hint =
-        "<e:Envelope xmlns:e=\"http://schemas.xmlsoap.org/soap/envelope/\" "
-        "xmlns:i=\"http://www.w3.org/2001/XMLSchema-instance\" "
-        "i:schemaLocation=\"urn:x file:///tmp/further.xsd\"><e:Header>"
-        "<u:unknown xmlns:u=\"urn:x\">no number</u:unknown></e:Header>"
-        "<e:Body><echo><text>t</text></echo></e:Body></e:Envelope>";
-    EXPECT_NE(Send(hint).body.find("<echo>t</echo>"), std::string::npos);
+        " xmlns:i='http://www.w3.org/2001/XMLSchema-instance' i:schemaLocation='urn:x file://" +
+        std::string(ServiceSchemas::kDirectory) +
+        "further.xsd'><e:Header><x:echo xmlns:x='urn:x'>unknown</x:echo></e:Header";
+    for (const auto& [service, start, body, answer] :
+         Table<std::string, std::string, std::string, std::string>{
+             {"Probe", "", "\n <echo><text>a</text></echo>\n", "<echo>a!</echo>"},
+             {"Probe", "", "<!-- one node --><echo><text>a</text></echo>", "<echo>a!</echo>"},
+             {"Probe", "", " <!-- two --><echo/>", fault + "Method is empty for {urn:probe}<"},
+             {"Probe", "", "<ech/>", fault + "Cannot find dispatch method for {urn:probe}ech<"},
+             {"Probe", "", "<echo><text>fault</text></echo>", fault + "<fault></faultstring>"},
+             {"Probe", "", "<p:echo xmlns:p='urn:probe'><p:text/></p:echo>", "<echo>!</echo>"},
+             {"Probe", "", "<p:echo xmlns:p='urn:x'><p:text/></p:echo>", "\nValidation 2 says:\n"},
+             {"Probe", hint, "<echo><text>a</text></echo>", "<echo>a!</echo>"},
+             {"Missing", "", "<echo><text/></echo>", fault + "Validation 1 says:\n"},
+             {"Missing", "", "<echo/>", "<echo>!</echo>"},
+         }) {
+        ServletResponse response;
+        EXPECT_EQ(send(service, start, body, response), 0);
+        EXPECT_TRUE(response.body.starts_with("<S:Envelope ") &&
+                    response.body.ends_with(">\n\t</S:Body>\n</S:Envelope>\n"));
+        ExpectParts(response.body, {answer});
+        EXPECT_EQ(response.keepAlive, answer.starts_with("<echo>")) << "no fault keeps it";
+    }
+    ServletResponse response;
+    EXPECT_EQ(send("Probe", "", "<late/>", response), ZelServlet::kPostResponse);
 }
 
-/// What `make` returns for 0 to `count` - 1, one after the other.
-template <typename Make>
-std::string Repeat(int count, Make make) {
-    std::string text;
-    for (int i = 0; i < count; ++i) {
-        text += make(std::to_string(i));
-    }
-    return text;
+/// What a schema says of a child that it does not know.
+std::string Refuse(XmlSchema& schema, const std::string& name) {
+    const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
+    std::string errors;
+    EXPECT_FALSE(document == nullptr || schema.ValidateDocument(document.get(), errors));
+    return errors;
 }
 
 TEST(XmlSchemaTest, CollectedTextIsBoundedAndTellsTheNewest) {
-    WriteSchema("Bounded.xsd", "");
-    XmlSchema schema(std::string(ServiceSchemas::kDirectory) + "Bounded.xsd");
-    const auto refuse = [&schema](const std::string& name) {
-        const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
-        std::string errors;
-        EXPECT_FALSE(document == nullptr || schema.ValidateDocument(document.get(), errors));
-        return errors;
-    };
+    XmlSchema schema(WriteSchema("Bounded.xsd", ""));
     const std::string longName(10000, 'n');
     for (int i = 0; i < 20; ++i) {
-        const std::string errors = refuse(longName + std::to_string(i) + ".");
+        const std::string errors = Refuse(schema, longName + std::to_string(i) + ".");
         EXPECT_LE(errors.size(), LatestMessages::kMaxText);
         EXPECT_TRUE(errors.starts_with("Element '" + longName)) << "a whole message";
         EXPECT_NE(errors.find("n" + std::to_string(i) + ".'"), std::string::npos);
         EXPECT_EQ(errors.find("n" + std::to_string(i - 7) + ".'"), std::string::npos);
     }
     // A message of 32768 bytes or more is not collected at all.
-    EXPECT_EQ(refuse(std::string(40000, 'n')).find(std::string(20000, 'n')), std::string::npos);
-}
-
-TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
-    using S = const std::string&;
-    const auto attributes = [](int count) {
-        return Repeat(count, [](S i) { return " a" + i + "=''"; });
-    };
-    const auto namespaces = [](int count, S prefix) {
-        return Repeat(count, [prefix](S i) { return " xmlns:" + prefix + i + "='u'"; });
-    };
-    const auto elements = [](int count, S element) {
-        return Repeat(count, [element](S) { return element; });
-    };
-    const struct {
-        std::string start, limit, above, end;
-    } cases[] = {
-        {"<a" + attributes(256), "", " b=''", "/>"},
-        {"<a" + namespaces(256, "p"), "", " b=''", "/>"},
-        {"<a" + namespaces(255, "p") + " b='", "", "' c='", "'/>"},
-        {"<?xml version='1.0' encoding='ISO-8859-1'?><a" + attributes(256), "", " b=''", "/>"},
-        {"<a>" + elements(9999, "<b/>"), "<!-- <b/> --><![CDATA[<b/>]]>", "<b/>", "</a>"},
-        {"<a>" + elements(256, "<b" + attributes(256) + "/>"), "", "<b c=''/>", "</a>"},
-        {"<a" + namespaces(256, "p") + "><b" + namespaces(256, "q"), "><c", "><c xmlns='u'",
-         "/></b></a>"},
-        {elements(256, "<a>"), "<a/>", "<a><a/></a>", elements(256, "</a>")},
-        // A name in a namespace may be told with each attribute of its element.
-        {"<a xmlns='" + std::string(100000, 'u') + "'><b" + attributes(160), "",
-         " b='' c=''  d='' "
-         "e='' f='' g='' h='' i=''",
-         "/></a>"},
-        {"<!DOCTYPE a SYSTEM 'x'", ">", "[]>", "<a/>"},
-    };
-    for (const auto& c : cases) {
-        const auto type = XmlText::DocumentType::kNameOnly;
-        EXPECT_TRUE(XmlText::Parse(c.start + c.limit + c.end, type)) << c.start.substr(0, 60);
-        EXPECT_FALSE(XmlText::Parse(c.start + c.above + c.end, type)) << c.start.substr(0, 60);
-    }
+    EXPECT_EQ(Refuse(schema, std::string(40000, 'n')).find(std::string(20000, 'n')),
+              std::string::npos);
 }
 
 TEST(XmlSchemaTest, ConcurrentValidationsNeverTearTheText) {
-    WriteSchema("Shared.xsd", "");
-    XmlSchema schema(std::string(ServiceSchemas::kDirectory) + "Shared.xsd");
+    XmlSchema schema(WriteSchema("Shared.xsd", ""));
     InFourThreads([&schema](int t) {
-        const std::string name = "own" + std::to_string(t);
-        const XmlText::Document document = XmlText::Parse("<echo><" + name + "/></echo>");
         for (int i = 0; i < 50; ++i) {
-            std::string errors;
-            EXPECT_FALSE(schema.ValidateDocument(document.get(), errors));
-            EXPECT_NE(errors.find("Element '" + name + "'"), std::string::npos);
+            const std::string errors = Refuse(schema, "own" + std::to_string(t));
+            ExpectParts(errors, {"Element 'own" + std::to_string(t) + "'"});
             EXPECT_TRUE(errors.ends_with("\n"));
         }
     });
+}
+
+TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
+    /// `count` pieces, "#" in each being its number.
+    const auto many = [](int count, const std::string& piece) {
+        const std::size_t mark = piece.find('#');
+        std::string text;
+        for (int i = 0; i < count; ++i) {
+            text += piece;
+            if (mark != std::string::npos) {
+                text.replace(text.size() - piece.size() + mark, 1, std::to_string(i));
+            }
+        }
+        return text;
+    };
+    const auto isRead = [](const std::string& start, const std::string& more,
+                           const std::string& end) {
+        return XmlText::Parse(start + more + end, XmlText::DocumentType::kNameOnly) != nullptr;
+    };
+    const std::string full = "<a" + many(256, " a#=''");
+    for (const auto& [start, limit, above, end] :
+         Table<std::string, std::string, std::string, std::string>{
+             {full, "", " b=''", "/>"},
+             {"<a" + many(256, " xmlns:p#='u'"), "", " b=''", "/>"},
+             {"<a" + many(255, " xmlns:p#='u'") + " b='", "", "' c='", "'/>"},
+             {"<?xml version='1.0' encoding='ISO-8859-1'?>" + full, "", " b=''", "/>"},
+             {"<a>" + many(9999, "<b/>"), "<!-- <b/> --><![CDATA[<b/>]]>", "<b/>", "</a>"},
+             {"<a>" + many(256, full + "/>"), "", "<b c=''/>", "</a>"},
+             {"<a" + many(256, " xmlns:p#='u'") + "><b" + many(256, " xmlns:q#='u'"), "><c",
+              "><c xmlns='u'", "/></b></a>"},
+             {many(256, "<a>"), "<a/>", "<a><a/></a>", many(256, "</a>")},
+             // A name in a namespace may be told with each attribute of its element.
+             {"<a xmlns='" + std::string(100000, 'u') + "'><b" + many(160, " a#=''"), "",
+              many(8, " b#=''"), "/></a>"},
+             {"<!DOCTYPE a SYSTEM 'x'", ">", "[]>", "<a/>"},
+         }) {
+        EXPECT_TRUE(isRead(start, limit, end)) << start.substr(0, 60);
+        EXPECT_FALSE(isRead(start, above, end)) << start.substr(0, 60);
+    }
 }
 
 TEST(LargeTextTest, AThreadThatFaultsGivesItsPlaceBack) {
@@ -232,21 +179,16 @@ TEST(LargeTextTest, AThreadThatFaultsGivesItsPlaceBack) {
 }
 
 TEST(XmlTextTest, EscapeLeavesOnlyWhatAParserTakes) {
-    const struct {
-        std::string text;
-        std::string escaped;
-    } cases[] = {
-        {"<a b=\"c\">&", "&lt;a b=&quot;c&quot;&gt;&amp;"},
-        {"tab\tline\nreturn\r", "tab\tline\nreturn&#13;"},
-        {std::string("nul\0bell\a", 9), "nul?bell?"},
-        {"gr\xc3\xbc\xc3\x9f", "gr\xc3\xbc\xc3\x9f"},
-        {"gr\xfc\xdf \xc3\xbc", "gr?? \xc3\xbc"},
-        {"\xc0\x80 \xed\xa0\x80 \xef\xbf\xbf \xf0\x9f\x98", "?? ??? ? ???"},
-        {"\xf0\x9f\x98\x80\x7f", "\xf0\x9f\x98\x80\x7f"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(XmlText::Escape(c.text), c.escaped);
-        EXPECT_TRUE(XmlText::Parse("<a>" + c.escaped + "</a>")) << c.escaped;
+    for (const auto& [text, escaped] : Table<std::string, std::string>{
+             {"<a b=\"c\">&", "&lt;a b=&quot;c&quot;&gt;&amp;"},
+             {"tab\tline\nreturn\r", "tab\tline\nreturn&#13;"},
+             {std::string("nul\0bell\a", 9), "nul?bell?"},
+             {"gr\xfc\xdf \xc3\xbc", "gr?? \xc3\xbc"},
+             {"\xc0\x80 \xed\xa0\x80 \xef\xbf\xbf \xf0\x9f\x98", "?? ??? ? ???"},
+             {"\xf0\x9f\x98\x80\x7f", "\xf0\x9f\x98\x80\x7f"},
+         }) {
+        EXPECT_EQ(XmlText::Escape(text), escaped);
+        EXPECT_TRUE(XmlText::Parse("<a>" + escaped + "</a>")) << escaped;
     }
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "BoxName.h"
+#include "ConnectorCodes.h"
 #include "HandleStore.h"
 #include "Ipv4.h"
 #include "Numbers.h"
@@ -20,29 +21,25 @@ namespace {
 using SoapClient::Answer;
 using SoapClient::Element;
 
-constexpr int kWrongHandle = 7;
-constexpr int kNotReserved = 9;
-constexpr int kReservedAlready = 10;
-
 // What the device information holds several of.
 constexpr char kListed[] = "Channel";
 
 /// A code of the service in words.
-std::string Meaning(int code) {
+std::string Meaning(ConnectorCode code) {
     switch (code) {
-        case kWrongHandle:
+        case ConnectorCode::kWrongHandle:
             return "the handle is not that of the reservation";
-        case kNotReserved:
+        case ConnectorCode::kNotReserved:
             return "it is not reserved";
-        case kReservedAlready:
+        case ConnectorCode::kReserveRefused:
             return "reserved already";
-        case 17:
+        case ConnectorCode::kNotCarriedOut:
             return "the mode could not be switched";
-        case 19:
+        case ConnectorCode::kNotConfirmed:
             return "the mode was switched, but link or address did not come in time";
-        case 20:
+        case ConnectorCode::kWrongDevice:
             return "it has another device id";
-        case 21:
+        case ConnectorCode::kOverTemperature:
             return "it is too hot";
         default:
             return "a code that is not known";
@@ -109,26 +106,28 @@ Outcome BeginWithHandle(const Options& options, Session& session, std::string& h
 
 /// Calls an operation; a code other than 0 is a refusal. `code` is that of an understood answer.
 Outcome Call(const Options& options, const Session& session, const std::string& operation,
-             Answer& answer, int* code = nullptr) {
+             Answer& answer, std::optional<ConnectorCode>* code = nullptr) {
     if (Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
                                            options.timeout, answer);
         outcome.Failed()) {
         return outcome;
     }
-    const std::optional<int> error = SoapClient::ErrorCode(answer);
-    if (!error) {
+    const std::optional<int> number = SoapClient::ErrorCode(answer);
+    if (!number) {
         return {ExitStatus::kNotUnderstood, session.Name() + " answers without a code"};
     }
+    const auto error = static_cast<ConnectorCode>(*number);
     if (code != nullptr) {
-        *code = *error;
+        *code = error;
     }
-    if (*error == 0) {
+    if (error == ConnectorCode::kSuccess) {
         return {};
     }
     std::string text =
-        session.Name() + " refuses, code " + std::to_string(*error) + ": " + Meaning(*error);
+        session.Name() + " refuses, code " + std::to_string(*number) + ": " + Meaning(error);
     const std::string owner = session.Value("sessionOwnerOrNull");
-    if ((*error == kReservedAlready || *error == kWrongHandle) && !owner.empty()) {
+    if ((error == ConnectorCode::kReserveRefused || error == ConnectorCode::kWrongHandle) &&
+        !owner.empty()) {
         text += " by '" + owner + "'";
     }
     return {ExitStatus::kRefused, text};
@@ -276,12 +275,13 @@ Outcome Release(const Options& options) {
         return outcome;
     }
     Answer answer;
-    int code = -1;
+    std::optional<ConnectorCode> code;
     Outcome outcome = Call(options, session,
                            "<releaseDevice>" + Element("handle", handle) +
                                Element("deviceId", session.DeviceId()) + "</releaseDevice>",
                            answer, &code);
-    const bool isOver = code == 0 || code == kWrongHandle || code == kNotReserved;
+    const bool isOver = code == ConnectorCode::kSuccess || code == ConnectorCode::kWrongHandle ||
+                        code == ConnectorCode::kNotReserved;
     if (isOver && handle == HandleStore::Get(session.DeviceId())) {
         HandleStore::Forget(session.DeviceId());
     }

@@ -51,7 +51,7 @@ bool Send(int descriptor, std::string_view text) {
 }
 
 Outcome Exchange(const BoxAddress& box, const std::string& request,
-                 std::chrono::milliseconds timeout, HttpRequest& response) {
+                 std::chrono::milliseconds timeout, HttpResponse& response) {
     SocketGuard socket;
     if (Outcome opened = Open(box, timeout, socket); opened.Failed()) {
         return opened;
@@ -86,7 +86,7 @@ Outcome NoDocument(const BoxAddress& box, const std::string& path, int status) {
 
 Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
             std::string& body) {
-    HttpRequest response;
+    HttpResponse response;
     Outcome outcome = Exchange(box, Head(box, "GET", path) + "\r\n", timeout, response);
     body = response.body.value_or("");
     if (!outcome.Failed() && (response.status != kOk || body.empty())) {
@@ -97,7 +97,7 @@ Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::millise
 
 Outcome Post(const BoxAddress& box, const std::string& path, const std::string& message,
              std::chrono::milliseconds timeout, std::string& body) {
-    HttpRequest response;
+    HttpResponse response;
     const std::string request = Head(box, "POST", path) +
                                 "Content-Type: text/xml;charset=\"utf-8\"\r\nContent-Length: " +
                                 std::to_string(message.size()) + "\r\n\r\n" + message;

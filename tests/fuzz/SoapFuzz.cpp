@@ -66,7 +66,7 @@ std::string MakeOperation(unsigned options, std::string_view rest, const ZelConf
     return "<" + prefix + operation + declaration + ">" + fields + "</" + prefix + operation + ">";
 }
 
-void CheckAnswer(const HttpResponse& response, bool isDescription) {
+void CheckAnswer(const ServletResponse& response, bool isDescription) {
     Require(response.status == 200, "every request is answered");
     // Faults repeat texts as they are.
     if (response.body.find("<S:Fault") != std::string::npos) {
@@ -104,7 +104,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const ZelServlet& service = (options & kAgentService) != 0
                                     ? static_cast<const ZelServlet&>(agent)
                                     : static_cast<const ZelServlet&>(connector);
-    HttpResponse response;
+    ServletResponse response;
     service.MakeInstance()->Service(request, response);
     CheckAnswer(response, isDescription);
     box.Check();

@@ -17,7 +17,7 @@ constexpr unsigned kReserved = 2;
 constexpr std::string_view kBareTexts[] = {"Invalid Argument given", "no request data",
                                            "rKo wddx method not found", "Internal error"};
 
-void CheckAnswer(const HttpResponse& response) {
+void CheckAnswer(const ServletResponse& response) {
     Require(response.status == 200, "every request is answered");
     if (std::find(std::begin(kBareTexts), std::end(kBareTexts), response.body) !=
         std::end(kBareTexts)) {
@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         request.url = Fuzzing::Take(rest, '\n');
     }
     request.body = rest;
-    HttpResponse response;
+    ServletResponse response;
     service.MakeInstance()->Service(request, response);
     CheckAnswer(response);
     box.Check();
