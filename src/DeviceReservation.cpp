@@ -43,6 +43,17 @@ std::uint64_t DrawFromKernel() {
 
 }  // namespace
 
+DeviceReservation::Lease::~Lease() {
+    do {
+        try {
+            static_cast<void>(reservation_.Release(handle_));  // its owner may be gone already
+            return;
+        } catch (const std::bad_alloc&) {
+            continue;
+        }
+    } while (triesAgain_());
+}
+
 void DeviceReservation::CloseLeftPorts() {
     ports_.CloseAll({.time = kStartLimit});
 }

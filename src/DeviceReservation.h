@@ -2,8 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "DiagnosticPorts.h"
 #include "HeldMutex.h"
@@ -25,6 +27,24 @@ public:
 
     /// What a request's handle is worth.
     enum class Session { kValid, kWrongHandle, kNotReserved };
+
+    /// Releases the box at the end of a scope. Nobody else has the handle: where memory is lacking
+    /// for it, `triesAgain` is asked whether to.
+    class Lease {
+    public:
+        Lease(DeviceReservation& reservation, std::string handle, std::function<bool()> triesAgain)
+            : reservation_(reservation),
+              handle_(std::move(handle)),
+              triesAgain_(std::move(triesAgain)) {}
+        ~Lease();
+        Lease(const Lease&) = delete;
+        Lease& operator=(const Lease&) = delete;
+
+    private:
+        DeviceReservation& reservation_;
+        std::string handle_;
+        std::function<bool()> triesAgain_;
+    };
 
     /// Bytes of an owner's name that are kept and compared: every information request is answered
     /// with it.

@@ -38,7 +38,8 @@ public:
     /// came: the same message may then be sent once more, and the answer to either is the
     /// response. The response's body may be missing or incomplete. Provisional responses (RFC 7231,
     /// section 6.2) are passed over.
-    bool Exchange(const std::string& message, HttpResponse& response, Clock::time_point deadline);
+    [[nodiscard]] bool Exchange(const std::string& message, HttpResponse& response,
+                                Clock::time_point deadline);
 
     /// Whether the last exchange failed because the manager, or who knows the way to it, would not
     /// have the connection.
@@ -50,13 +51,13 @@ public:
     void Interrupt();
 
 private:
-    bool Connect(Clock::time_point deadline);
+    [[nodiscard]] bool Connect(Clock::time_point deadline);
     bool IsUsable() const;
-    bool Open(Clock::time_point deadline);
-    bool Send(const std::string& text, Clock::time_point deadline) const;
-    bool Receive(HttpResponse& response, Clock::time_point deadline);
+    [[nodiscard]] bool Open(Clock::time_point deadline);
+    [[nodiscard]] bool Send(const std::string& text, Clock::time_point deadline) const;
+    [[nodiscard]] bool Receive(HttpResponse& response, Clock::time_point deadline);
     void ReadBody(HttpResponse& response);
-    bool LimitSending(Clock::time_point deadline) const;
+    [[nodiscard]] bool LimitSending(Clock::time_point deadline) const;
 
     std::string address_;
     std::optional<HttpMessageReader> reader_;

@@ -12,18 +12,62 @@ namespace ManagerElements {
 namespace {
 
 constexpr char kReturn[] = "preSignInTavoReturn";
+constexpr char kAttributes[] = "attributes";
 
-/// Calls `isDropped` with the child elements, and frees those for which it is true.
-template <typename Predicate>
-void DropChildren(xmlNode* parent, Predicate isDropped) {
-    for (xmlNode* child = parent->children; child != nullptr;) {
-        xmlNode* next = child->next;
-        if (child->type == XML_ELEMENT_NODE && isDropped(child)) {
-            xmlUnlinkNode(child);
-            xmlFreeNode(child);
-        }
-        child = next;
-    }
+/// Where the text of an element goes; null: nowhere.
+using Place = Answer::Text Answer::*;
+using Places = std::map<std::string_view, Place>;
+
+/// The elements that hold others, with those of them that the box reads.
+const std::map<std::string_view, Places>& Known() {
+    using A = Answer;
+    static const std::map<std::string_view, Places> known = {
+        {"preSignInTavoResponse", {{kReturn, nullptr}}},
+        {kReturn,
+         {{"device", nullptr},
+          {"color", &A::color},
+          {"countryCode", &A::countryCode},
+          {"infrastructureConfig", nullptr},
+          {"date", &A::date},
+          {"updateConfigurationExt", &A::update}}},
+        {"device", {{"hostname", &A::hostName}}},
+        {"infrastructureConfig",
+         {{"band", &A::band},
+          {"channel", &A::channel},
+          {"securityLevel", &A::securityLevel},
+          {"ssid", &A::ssid},
+          {"credentials", &A::credentials},
+          {"cacertificate", &A::caCertificate},
+          {"clientcertificate", &A::clientCertificate},
+          {"keypass", &A::keyPass}}},
+        {"date",
+         {{"minute", &A::minute},
+          {"hour", &A::hour},
+          {"day", &A::day},
+          {"month", &A::month},
+          {"year", &A::year}}},
+        {"updateConfigurationExt",
+         {{"updateSoftware", &A::updateSoftware},
+          {"updateType", &A::updateType},
+          {"updateLocation", nullptr},
+          {kAttributes, nullptr},
+          {"appVersion", &A::appVersion},
+          {"firmwareVersion", &A::firmwareVersion}}},
+        {"updateLocation",
+         {{"protocol", &A::protocol},
+          {"ip", &A::ip},
+          {"port", &A::port},
+          {"context", &A::context},
+          {kAttributes, nullptr}}},
+        {kAttributes, {{"item", nullptr}}},
+        {"item", {{"key", nullptr}, {"value", nullptr}}},
+    };
+    return known;
+}
+
+void Drop(xmlNode* element) {
+    xmlUnlinkNode(element);
+    xmlFreeNode(element);
 }
 
 /// The namespaces of the manager's beans begin with that of its service.
@@ -33,63 +77,72 @@ bool IsForeign(const xmlNode* element) {
            !std::string_view(reinterpret_cast<const char*>(element->ns->href)).starts_with(service);
 }
 
-using Names = std::set<std::string_view>;
+/// Takes away what tells the box nothing.
+void DropForeignAndNil(xmlNode* parent) {
+    for (xmlNode* child : XmlText::Children(parent)) {
+        if (IsForeign(child) || (XmlText::IsNil(child) && XmlText::LocalName(child) != kReturn)) {
+            Drop(child);
+        } else {
+            DropForeignAndNil(child);
+        }
+    }
+}
 
-/// The elements that hold others, with those of them that the box reads.
-const std::map<std::string_view, Names>& Known() {
-    static const std::map<std::string_view, Names> known = {
-        {"preSignInTavoResponse", {kReturn}},
-        {kReturn,
-         {"device", "color", "countryCode", "infrastructureConfig", "date",
-          "updateConfigurationExt"}},
-        {"device", {"hostname"}},
-        {"infrastructureConfig",
-         {"band", "channel", "securityLevel", "ssid", "credentials", "cacertificate",
-          "clientcertificate", "keypass"}},
-        {"date", {"minute", "hour", "day", "month", "year"}},
-        {"updateConfigurationExt",
-         {"updateSoftware", "updateType", "updateLocation", "attributes", "appVersion",
-          "firmwareVersion"}},
-        {"updateLocation", {"protocol", "ip", "port", "context", "attributes"}},
-        {"attributes", {"item"}},
-        {"item", {"key", "value"}},
-    };
-    return known;
+/// The first element of that name below `parent`, in document order, at any depth.
+const xmlNode* FindBelow(const xmlNode* parent, std::string_view name) {
+    for (const xmlNode* child : XmlText::Children(parent)) {
+        const xmlNode* found = XmlText::LocalName(child) == name ? child : FindBelow(child, name);
+        if (found != nullptr) {
+            return found;
+        }
+    }
+    return nullptr;
+}
+
+/// Value of the item with that key.
+std::string Attribute(const xmlNode* attributes, std::string_view key) {
+    for (const xmlNode* item : XmlText::Children(attributes)) {
+        if (XmlText::ChildText(item, "key") == key) {
+            return XmlText::ChildText(item, "value");
+        }
+    }
+    return "";
+}
+
+/// Takes the text of an element, or takes away what the box does not read of those that it holds
+/// and takes theirs. `answer` is null for all that is not the first of its name in its place.
+void Take(xmlNode* element, Place place, Answer* answer) {
+    xmlFreePropList(element->properties);
+    element->properties = nullptr;
+    const auto known = Known().find(XmlText::LocalName(element));
+    const bool holdsOthers = known != Known().end();
+    if (answer != nullptr && place != nullptr) {
+        answer->*place = holdsOthers ? "" : XmlText::Content(element);
+    }
+    std::set<std::string_view> met;
+    for (xmlNode* child : XmlText::Children(holdsOthers ? element : nullptr)) {
+        const auto next = known->second.find(XmlText::LocalName(child));
+        if (next == known->second.end()) {
+            Drop(child);
+        } else {
+            child->ns = nullptr;
+            Take(child, next->second, met.insert(next->first).second ? answer : nullptr);
+        }
+    }
 }
 
 }  // namespace
 
-void DropForeignAndNil(xmlNode* answer) {
-    if (answer == nullptr) {
-        return;
+Answer Read(xmlNode* response) {
+    Answer answer;
+    if (response != nullptr) {
+        DropForeignAndNil(response);
+        const xmlNode* attributes = FindBelow(XmlText::FindChild(response, kReturn), kAttributes);
+        answer.digest = Attribute(attributes, "MD5CHKSM");
+        answer.fileName = Attribute(attributes, "FILENAME");
+        Take(response, nullptr, &answer);
     }
-    DropChildren(answer, [](xmlNode* child) {
-        if (IsForeign(child) || (XmlText::IsNil(child) && XmlText::LocalName(child) != kReturn)) {
-            return true;
-        }
-        DropForeignAndNil(child);
-        return false;
-    });
-}
-
-void DropUnknown(xmlNode* answer) {
-    if (answer == nullptr) {
-        return;
-    }
-    xmlFreePropList(answer->properties);
-    answer->properties = nullptr;
-    const auto known = Known().find(XmlText::LocalName(answer));
-    if (known == Known().end()) {
-        return;  // it holds a text
-    }
-    DropChildren(answer, [&names = known->second](xmlNode* child) {
-        if (IsForeign(child) || names.count(XmlText::LocalName(child)) == 0) {
-            return true;
-        }
-        child->ns = nullptr;
-        DropUnknown(child);
-        return false;
-    });
+    return answer;
 }
 
 bool IsLine(std::string_view value, std::size_t maxLength) {

@@ -9,14 +9,12 @@
 #include "PreSignInResponse.h"
 #include "Reboot.h"
 #include "SignInRequests.h"
-#include "XmlText.h"
 #include "ZelLog.h"
 
 namespace {
 
 constexpr char kOwner[] = "PreSignIn";
 constexpr char kAnyHost[] = "0";
-constexpr char kNoHandle[] = "0";
 constexpr char kAddressKey[] =
     "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
 constexpr char kRememberedAddressKey[] =
@@ -26,33 +24,41 @@ constexpr int kAttempts = 2;
 // The manager's SLP service may be there before its SOAP service.
 constexpr std::chrono::seconds kRefusedPause{1};
 
-xmlNode* FindTag(const xmlNode* parent, const char* name) {
-    xmlNode* found = XmlText::FindChild(parent, name);
+const xmlNode* FindTag(const xmlNode* parent, const char* name) {
+    const xmlNode* found = XmlText::FindChild(parent, name);
     if (found == nullptr) {
         ZEL_ERROR("%s tag is null", name);
     }
     return found;
 }
 
+void LogInvalid(const char* check, const std::string& errors) {
+    ZEL_ERROR("OrsSignIn %s failed:\n%s", check, LogText::Of(errors, LogText::kMaxAnswer).c_str());
+    ZEL_ERROR("Response of PreSignIn not valid");
+}
+
 }  // namespace
 
-bool OrsSignIn::Run() {
+void OrsSignIn::Run() {
     ZEL_INFO("Start PreSignInSignIn");
     std::string handle;
     if (!Reserve(handle)) {
-        return false;
+        return;
     }
-    bool succeeded = false;
+    const DeviceReservation::Lease lease(reservation_, std::move(handle), [this] {
+        ZEL_ERROR("No memory to release the box after the sign-in");
+        return Pause(kReservePause);
+    });
     try {
         const std::string address = config_.Get(kAddressKey);
-        succeeded = !address.empty() && SignInWith(address);
+        if (!address.empty()) {
+            SignInWith(address);
+        }
     } catch (const std::bad_alloc&) {
         ZEL_ERROR("No memory for the sign-in");
     }
     Disconnect();
     schemas_.reset();
-    Release(handle);
-    return succeeded;
 }
 
 void OrsSignIn::Stop() {
@@ -67,29 +73,15 @@ void OrsSignIn::Stop() {
 /// False when stopped.
 bool OrsSignIn::Reserve(std::string& handle) {
     for (std::chrono::seconds pause{0}; Pause(pause); pause = kReservePause) {
-        handle = kNoHandle;
         try {
             if (reservation_.Reserve(kOwner, kAnyHost, handle)) {
                 return true;
             }
         } catch (const std::bad_alloc&) {
             ZEL_ERROR("No memory to reserve the box for the sign-in");
-            Release(handle);
         }
     }
     return false;
-}
-
-/// Lasts until there is memory enough for it: nobody else can release the box.
-void OrsSignIn::Release(const std::string& handle) {
-    do {
-        try {
-            reservation_.Release(handle);
-            return;
-        } catch (const std::bad_alloc&) {
-            ZEL_ERROR("No memory to release the box after the sign-in");
-        }
-    } while (Pause(kReservePause));
 }
 
 /// False when stopped.
@@ -103,7 +95,7 @@ void OrsSignIn::Disconnect() {
     connection_.reset();
 }
 
-bool OrsSignIn::SignInWith(const std::string& address) {
+void OrsSignIn::SignInWith(const std::string& address) {
     {
         const std::lock_guard lock(mutex_);
         connection_.emplace(address);
@@ -111,7 +103,9 @@ bool OrsSignIn::SignInWith(const std::string& address) {
             connection_->Interrupt();
         }
     }
-    return PreSignInUntilUpdated() && Conclude(address);
+    if (PreSignInUntilUpdated()) {
+        Conclude(address);
+    }
 }
 
 bool OrsSignIn::PreSignInUntilUpdated() {
@@ -130,7 +124,7 @@ bool OrsSignIn::PreSignInUntilUpdated() {
 }
 
 /// What follows the PreSignIn.
-bool OrsSignIn::Conclude(const std::string& address) {
+void OrsSignIn::Conclude(const std::string& address) {
     if (rebootAfterUpdate_) {
         ZEL_INFO("Rebooting after update");
         if (Reboot().DoReboot() != 0) {
@@ -143,15 +137,14 @@ bool OrsSignIn::Conclude(const std::string& address) {
         ZEL_ERROR("Can't save what the manager has set");
     }
     ZEL_INFO("* PreSignIn succeed");
-    if (!SignIn()) {
+    if (SignIn()) {
+        ZEL_INFO("* SignIn succeed");
+    } else {
         ZEL_ERROR("SignIn failed");
-        return false;
     }
-    ZEL_INFO("* SignIn succeed");
-    return true;
 }
 
-bool OrsSignIn::Exchange(const char* name, const std::string& message, std::string& answer) {
+XmlText::Document OrsSignIn::Ask(const char* name, const std::string& message) {
     ZEL_DEBUG("Send %s request", name);
     HttpResponse response;
     bool answered = false;
@@ -167,55 +160,46 @@ bool OrsSignIn::Exchange(const char* name, const std::string& message, std::stri
         ZEL_ERROR("No %s response within %d s", name, static_cast<int>(kExchangeTimeLimit.count()));
     }
     if (!answered) {
-        return false;
+        return nullptr;
     }
     ZEL_DEBUG("Check %s response", name);
     if (!response.body) {
         ZEL_ERROR("req data null");
-        return false;
+        return nullptr;
     }
-    answer = std::move(*response.body);
-    ZEL_DEBUG("Received %s response\n%s", name, LogText::Of(answer, LogText::kMaxAnswer).c_str());
-    return true;
-}
-
-bool OrsSignIn::PreSignIn() {
-    std::string answer;
-    return Exchange("PreSignIn", SignInRequests::PreSignIn(config_, std::time(nullptr)), answer) &&
-           ApplyPreSignIn(answer);
-}
-
-bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
-    const XmlText::Document document = XmlText::Parse(body);
+    ZEL_DEBUG("Received %s response\n%s", name,
+              LogText::Of(*response.body, LogText::kMaxAnswer).c_str());
+    XmlText::Document document = XmlText::Parse(*response.body);
     if (!document) {
-        ZEL_ERROR("Can't create doc of PreSignInResponse");
+        ZEL_ERROR("Can't create doc of %sResponse", name);
+    }
+    return document;
+}
+
+/// Reads the answer, has it judged and stored, and carries out what it orders.
+bool OrsSignIn::PreSignIn() {
+    const XmlText::Document document =
+        Ask("PreSignIn", SignInRequests::PreSignIn(config_, std::time(nullptr)));
+    if (!document) {
         return false;
     }
     std::string errors;
     if (!SoapEnvelopeSchema().ValidateDocument(document.get(), errors)) {
-        ZEL_ERROR("OrsSignIn validate soap failed:\n%s",
-                  LogText::Of(errors, LogText::kMaxAnswer).c_str());
-        ZEL_ERROR("Response of PreSignIn not valid");
+        LogInvalid("validate soap", errors);
         return false;
     }
-    const xmlNode* soapBody = FindTag(xmlDocGetRootElement(document.get()), "Body");
-    if (soapBody == nullptr) {
+    const xmlNode* body = FindTag(xmlDocGetRootElement(document.get()), "Body");
+    if (body == nullptr) {
         return false;
     }
-    xmlNode* answer = XmlText::FindChild(soapBody, "preSignInTavoResponse");
-    ManagerElements::DropForeignAndNil(answer);
-    const xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
-    const SoftwareUpdate update(result);  // it finds attributes in what is not known, too
-    ManagerElements::DropUnknown(answer);
-    if (!IsContentValid(soapBody)) {
+    xmlNode* response = XmlText::FindChild(body, "preSignInTavoResponse");
+    const ManagerElements::Answer answer = ManagerElements::Read(response);
+    if (!IsContentValid(body) || FindTag(body, "preSignInTavoResponse") == nullptr ||
+        FindTag(response, "preSignInTavoReturn") == nullptr ||
+        !PreSignInResponse::Apply(config_, answer)) {
         return false;
     }
-    answer = FindTag(soapBody, "preSignInTavoResponse");
-    result = answer == nullptr ? nullptr : FindTag(answer, "preSignInTavoReturn");
-    if (result == nullptr || !PreSignInResponse::Apply(config_, result)) {
-        return false;
-    }
-    if (update.Run(config_, installed_)) {
+    if (SoftwareUpdate(answer).Run(config_, installed_)) {
         rebootAfterUpdate_ = true;
         anotherPreSignIn_ = true;
     }
@@ -223,14 +207,8 @@ bool OrsSignIn::ApplyPreSignIn(const std::string& body) {
 }
 
 bool OrsSignIn::SignIn() {
-    std::string answer;
-    return Exchange("SignIn", SignInRequests::SignIn(config_), answer) && CheckSignIn(answer);
-}
-
-bool OrsSignIn::CheckSignIn(const std::string& body) {
-    const XmlText::Document document = XmlText::Parse(body);
+    const XmlText::Document document = Ask("SignIn", SignInRequests::SignIn(config_));
     if (!document) {
-        ZEL_ERROR("Can't create doc of SignInResponse");
         return false;
     }
     std::string errors;
@@ -238,9 +216,9 @@ bool OrsSignIn::CheckSignIn(const std::string& body) {
         ZEL_ERROR("Response of SignIn not soap valid");
         return false;
     }
-    const xmlNode* soapBody = FindTag(xmlDocGetRootElement(document.get()), "Body");
-    return soapBody != nullptr && FindTag(soapBody, "signInTavoResponse") != nullptr &&
-           IsContentValid(soapBody);
+    const xmlNode* body = FindTag(xmlDocGetRootElement(document.get()), "Body");
+    return body != nullptr && FindTag(body, "signInTavoResponse") != nullptr &&
+           IsContentValid(body);
 }
 
 /// Checks every element of the Body; one without any is left to who looks for it.
@@ -248,12 +226,10 @@ bool OrsSignIn::IsContentValid(const xmlNode* body) {
     if (!schemas_) {
         schemas_.emplace("TaSigninServlet");
     }
-    for (xmlNode* content = body->children; content != nullptr; content = content->next) {
+    for (xmlNode* content : XmlText::Children(body)) {
         std::string errors;
-        if (content->type == XML_ELEMENT_NODE && !schemas_->Accept(content, errors)) {
-            ZEL_ERROR("OrsSignIn validate failed:\n%s",
-                      LogText::Of(errors, LogText::kMaxAnswer).c_str());
-            ZEL_ERROR("Response of PreSignIn not valid");
+        if (!schemas_->Accept(content, errors)) {
+            LogInvalid("validate", errors);
             return false;
         }
     }

@@ -13,6 +13,7 @@
 #include "ManagerConnection.h"
 #include "ServiceSchemas.h"
 #include "SoftwareUpdate.h"
+#include "XmlText.h"
 #include "ZelConfig.h"
 
 /// Signs the box in with the central manager: PreSignIn, which may bring new settings and software,
@@ -33,30 +34,26 @@ public:
     OrsSignIn(const OrsSignIn&) = delete;
     OrsSignIn& operator=(const OrsSignIn&) = delete;
 
-    /// Waits until the box is free and signs it in. Returns true when both exchanges succeeded. A
-    /// failure is logged and nothing is tried again.
-    bool Run();
+    /// Waits until the box is free and signs it in. A failure is logged and nothing is tried again.
+    void Run();
 
     /// Makes Run() return soon, now and from now on. A download or an installation that is under
     /// way is not cut short.
     void Stop();
 
 private:
-    bool Reserve(std::string& handle);
-    void Release(const std::string& handle);
-    bool Pause(std::chrono::seconds time);
+    [[nodiscard]] bool Reserve(std::string& handle);
+    [[nodiscard]] bool Pause(std::chrono::seconds time);
     void Disconnect();
-    bool SignInWith(const std::string& address);
-    bool PreSignInUntilUpdated();
-    bool Conclude(const std::string& address);
-    bool PreSignIn();
-    bool SignIn();
-    /// Sends `message`, up to twice within kExchangeTimeLimit. False when nothing that has a body
-    /// was answered. `name` is for the log.
-    bool Exchange(const char* name, const std::string& message, std::string& answer);
-    bool ApplyPreSignIn(const std::string& body);
-    bool CheckSignIn(const std::string& body);
-    bool IsContentValid(const xmlNode* body);
+    void SignInWith(const std::string& address);
+    [[nodiscard]] bool PreSignInUntilUpdated();
+    void Conclude(const std::string& address);
+    [[nodiscard]] bool PreSignIn();
+    [[nodiscard]] bool SignIn();
+    /// Sends `message`, up to twice within kExchangeTimeLimit. Null when nothing that is XML was
+    /// answered. `name` is for the log.
+    [[nodiscard]] XmlText::Document Ask(const char* name, const std::string& message);
+    [[nodiscard]] bool IsContentValid(const xmlNode* body);
 
     ZelConfig& config_;
     DeviceReservation& reservation_;

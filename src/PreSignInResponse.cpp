@@ -5,19 +5,24 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
+#include "Characters.h"
 #include "ColorTable.h"
 #include "LogText.h"
-#include "ManagerElements.h"
+#include "Numbers.h"
 #include "SlpEscapes.h"
 #include "WlanEnterprise.h"
-#include "XmlText.h"
 #include "ZelLog.h"
 
 namespace PreSignInResponse {
 namespace {
+
+using ManagerElements::Answer;
 
 // Security levels of the WLAN that have credentials of their own kind.
 constexpr char kEnterprise[] = "106";
@@ -30,14 +35,16 @@ constexpr char kDummyCredentials[] = "Dummy-Credentials";
 /// A file of the enterprise WLAN, and the element of the answer that brings a new one.
 struct SecretFile {
     const char* element;
+    Answer::Text Answer::*text;
     const char* placeholder;
     const char* path;
 };
 // In the order of WlanEnterprise::WriteCertificates.
 constexpr SecretFile kSecretFiles[] = {
-    {"cacertificate", "Dummy-CA-Cert", WlanEnterprise::kCaCertificate},
-    {"clientcertificate", "Dummy-Client-Cert", WlanEnterprise::kClientCertificate},
-    {"keypass", "Lomitrax", WlanEnterprise::kPrivateKey}};
+    {"cacertificate", &Answer::caCertificate, "Dummy-CA-Cert", WlanEnterprise::kCaCertificate},
+    {"clientcertificate", &Answer::clientCertificate, "Dummy-Client-Cert",
+     WlanEnterprise::kClientCertificate},
+    {"keypass", &Answer::keyPass, "Lomitrax", WlanEnterprise::kPrivateKey}};
 
 constexpr char kCredentialsKey[] = "wlan.conf.infra.credentials";
 constexpr char kPassPhraseKey[] = "wlan.conf.infra.psk";
@@ -48,9 +55,15 @@ constexpr std::size_t kMaxHostName = 63;     // characters
 constexpr std::size_t kMaxSsid = 32;         // IEEE 802.11
 constexpr std::size_t kMaxCredentials = 64;  // a pass phrase has up to 63, a key 64 digits
 
-bool IsAlphanumeric(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
+/// Keys and values, in the order in which they are stored.
+using Settings = std::vector<std::pair<const char*, std::string>>;
+
+/// What is to be stored of a WLAN: nothing where the present one stays.
+struct Wlan {
+    Settings settings;
+    /// New texts of the files of an enterprise WLAN; empty keeps the present file.
+    std::optional<std::array<std::string, std::size(kSecretFiles)>> files;
+};
 
 /// Without the white space that the layout of a document may put around a value.
 std::string Trimmed(const std::string& text) {
@@ -73,16 +86,12 @@ bool IsHostName(std::string_view text) {
 
 bool IsCountry(std::string_view text) {
     constexpr std::size_t kLength = 2;
-    return text.size() == kLength && std::all_of(text.begin(), text.end(), IsAlphanumeric);
+    return text.size() == kLength &&
+           std::all_of(text.begin(), text.end(), Characters::IsAlphanumeric);
 }
 
-bool IsNumber(std::string_view text) {
-    if (text.starts_with('-')) {
-        text.remove_prefix(1);
-    }
-    constexpr std::size_t kMaxDigits = 9;
-    return !text.empty() && text.size() <= kMaxDigits &&
-           text.find_first_not_of("0123456789") == std::string_view::npos;
+bool IsNumber(const std::string& text) {
+    return Numbers::Parse<int>(text).has_value();
 }
 
 bool IsRawKey(std::string_view text) {
@@ -90,83 +99,68 @@ bool IsRawKey(std::string_view text) {
            text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
 }
 
-bool Refuse(const char* what) {
+void LogRefused(const char* what) {
     ZEL_ERROR("PreSignIn response: the %s cannot be used, keeping the present one", what);
-    return false;
 }
 
-void Store(ZelConfig& config, const char* key, const std::string& value) {
-    config.Set(key, value, ZelConfig::Kind::kPersistent);
-}
-
-void ApplyHostName(ZelConfig& config, const xmlNode* device) {
-    if (XmlText::FindChild(device, "hostname") == nullptr) {
-        return;
-    }
-    const std::string hostName = Trimmed(XmlText::ChildText(device, "hostname"));
-    if (IsHostName(hostName)) {
-        Store(config, "tavo.hostname", hostName);
+/// Takes a value that can be used.
+void Judge(const char* what, bool isUsable, const char* key, std::string value,
+           Settings& settings) {
+    if (isUsable) {
+        settings.emplace_back(key, std::move(value));
     } else {
-        Refuse("host name");
+        LogRefused(what);
     }
 }
 
-void ApplyColor(ZelConfig& config, const xmlNode* color) {
-    const std::string code = XmlText::Content(color);
-    ZEL_DEBUG("PreSignIn response color: %s", LogText::Of(code).c_str());
-    if (color == nullptr) {
-        return;
+Settings JudgeBox(const Answer& answer) {
+    Settings settings;
+    if (answer.hostName) {
+        const std::string name = Trimmed(*answer.hostName);
+        Judge("host name", IsHostName(name), "tavo.hostname", name, settings);
     }
-    const std::string_view name = ColorTable::NameOf(code);
-    if (name.empty()) {
-        Refuse("color");
-    } else {
-        Store(config, "tavo.color", std::string(name));
+    ZEL_DEBUG("PreSignIn response color: %s", LogText::Of(answer.color.value_or("")).c_str());
+    if (answer.color) {
+        const std::string_view name = ColorTable::NameOf(*answer.color);
+        Judge("color", !name.empty(), "tavo.color", std::string(name), settings);
     }
+    ZEL_DEBUG("PreSignIn response countryCode: %s",
+              LogText::Of(answer.countryCode.value_or("")).c_str());
+    if (answer.countryCode) {
+        const std::string code =
+            answer.countryCode->empty() ? kDefaultCountry : *answer.countryCode;
+        Judge("country code", IsCountry(code), "country.code", code, settings);
+    }
+    return settings;
 }
 
-void ApplyCountry(ZelConfig& config, const xmlNode* country) {
-    const std::string code = XmlText::Content(country);
-    ZEL_DEBUG("PreSignIn response countryCode: %s", LogText::Of(code).c_str());
-    if (country == nullptr) {
-        return;
+/// The placeholder and nothing stand for the present file. False when there is none.
+bool JudgeCertificates(const Answer& answer, Wlan& wlan) {
+    wlan.files.emplace();
+    bool isMissing = false;
+    for (std::size_t i = 0; i < std::size(kSecretFiles); ++i) {
+        const SecretFile& file = kSecretFiles[i];
+        const std::string text = (answer.*file.text).value_or("");
+        ZEL_DEBUG("PreSignIn response %s: %s", file.element, LogText::Of(text).c_str());
+        isMissing = isMissing || (IsBlank(text) && access(file.path, F_OK) != 0);
+        if (!IsBlank(text) && Trimmed(text) != file.placeholder) {
+            (*wlan.files)[i] = text;
+        }
     }
-    if (code.empty()) {
-        Store(config, "country.code", kDefaultCountry);
-    } else if (IsCountry(code)) {
-        Store(config, "country.code", code);
-    } else {
-        Refuse("country code");
+    if (isMissing) {
+        LogRefused("set of certificates, of which a part is missing,");
+        return false;
     }
-}
-
-/// The text of a new file; empty for the placeholder and for nothing, which stand for the present
-/// one.
-std::string NewText(const xmlNode* wlan, const SecretFile& file) {
-    std::string text = XmlText::ChildText(wlan, file.element);
-    ZEL_DEBUG("PreSignIn response %s: %s", file.element, LogText::Of(text).c_str());
-    return IsBlank(text) || Trimmed(text) == file.placeholder ? std::string() : text;
-}
-
-bool TakeCertificates(const xmlNode* wlan) {
-    std::array<std::string, std::size(kSecretFiles)> texts;
-    std::transform(std::begin(kSecretFiles), std::end(kSecretFiles), texts.begin(),
-                   [wlan](const SecretFile& file) { return NewText(wlan, file); });
-    const auto isMissing = [wlan](const SecretFile& file) {
-        return IsBlank(XmlText::ChildText(wlan, file.element)) && access(file.path, F_OK) != 0;
-    };
-    if (std::any_of(std::begin(kSecretFiles), std::end(kSecretFiles), isMissing)) {
-        return Refuse("set of certificates, of which a part is missing,");
-    }
-    if (std::all_of(texts.begin(), texts.end(), [](const auto& text) { return text.empty(); })) {
+    if (std::all_of(wlan.files->begin(), wlan.files->end(),
+                    [](const std::string& text) { return text.empty(); })) {
         ZEL_DEBUG("Wlan enterprise configuration not new");
-        return true;
     }
-    return WlanEnterprise::WriteCertificates(texts[0], texts[1], texts[2]);
+    wlan.settings.emplace_back(kCredentialsKey, WlanEnterprise::kDirectory);
+    return true;
 }
 
-/// Stores a new pre-shared key. False when the WLAN settings stay as they are.
-bool TakeKey(ZelConfig& config, const std::string& credentials) {
+/// Takes a new pre-shared key. False when the WLAN settings stay as they are.
+bool JudgeKey(const ZelConfig& config, const std::string& credentials, Settings& settings) {
     ZEL_DEBUG("PreSignIn response credentials: %s", LogText::Of(credentials).c_str());
     const std::string trimmed = Trimmed(credentials);
     if (trimmed == kDummyCredentials) {
@@ -176,91 +170,99 @@ bool TakeKey(ZelConfig& config, const std::string& credentials) {
     const bool hasPassPhrase = !config.Get(kPassPhraseKey).empty();
     if (trimmed.empty()) {
         const bool hasKey = config.Get(kCredentialsKey) != WlanEnterprise::kDirectory;
-        return hasPassPhrase || hasKey || Refuse("WLAN configuration, which has no key,");
+        if (!hasPassPhrase && !hasKey) {
+            LogRefused("WLAN configuration, which has no key,");
+        }
+        return hasPassPhrase || hasKey;
     }
     if (!ManagerElements::IsLine(credentials, kMaxCredentials)) {
-        return Refuse("WLAN configuration");
+        LogRefused("WLAN configuration");
+        return false;
     }
     if (!IsRawKey(credentials)) {
         ZEL_ERROR(
             "PreSignIn response: the WLAN key is not %zu hexadecimal digits, no access point can "
-            "be "
-            "joined with it",
+            "be joined with it",
             kMaxCredentials);
     } else if (hasPassPhrase) {
         ZEL_INFO("PreSignIn response: the new WLAN key takes the place of the pass phrase");
-        Store(config, kPassPhraseKey, "");
+        settings.emplace_back(kPassPhraseKey, "");
     }
-    Store(config, kCredentialsKey, credentials);
+    settings.emplace_back(kCredentialsKey, credentials);
     return true;
 }
 
-/// Stores a value unless there is none, which stands for the present one.
-void StoreNew(ZelConfig& config, const char* key, const std::string& value) {
-    if (!value.empty()) {
-        Store(config, key, value);
-    }
-}
-
-bool IsNumberOrNone(std::string_view text) {
-    return text.empty() || IsNumber(text);
-}
-
-/// False when the files of an enterprise WLAN are incomplete or cannot be written.
-bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
-    const auto number = [wlan](const char* name) {
-        return Trimmed(XmlText::ChildText(wlan, name));
-    };
-    const std::string level = number("securityLevel");
-    const std::string ssid = XmlText::ChildText(wlan, "ssid");
-    const std::string band = number("band");
-    const std::string channel = number("channel");
+/// False when the files of an enterprise WLAN are incomplete.
+bool JudgeWlan(const ZelConfig& config, const Answer& answer, Wlan& wlan) {
+    const std::string level = Trimmed(answer.securityLevel.value_or(""));
+    const std::string ssid = answer.ssid.value_or("");
+    const std::string band = Trimmed(answer.band.value_or(""));
+    const std::string channel = Trimmed(answer.channel.value_or(""));
     if (level.empty() || IsBlank(ssid)) {
         return true;
     }
-    if (!IsNumber(level) || !ManagerElements::IsLine(ssid, kMaxSsid) || !IsNumberOrNone(band) ||
-        !IsNumberOrNone(channel)) {
-        Refuse("WLAN configuration");
+    if (!IsNumber(level) || !ManagerElements::IsLine(ssid, kMaxSsid) ||
+        !(band.empty() || IsNumber(band)) || !(channel.empty() || IsNumber(channel))) {
+        LogRefused("WLAN configuration");
         return true;
     }
     if (level == kEnterprise) {
-        if (!TakeCertificates(wlan) ||
-            !WlanEnterprise::WriteSupplicantFile(ssid, config.Get("hardware.devid"))) {
+        if (!JudgeCertificates(answer, wlan)) {
             return false;
         }
-        Store(config, kCredentialsKey, WlanEnterprise::kDirectory);
     } else if ((level == kWpaPsk || level == kWpa2Psk) &&
-               !TakeKey(config, XmlText::ChildText(wlan, "credentials"))) {
+               !JudgeKey(config, answer.credentials.value_or(""), wlan.settings)) {
         return true;
     }
-    Store(config, "wlan.conf.infra.security.level", level);
-    Store(config, "wlan.conf.infra.ssid", ssid);
-    StoreNew(config, "wlan.conf.infra.band", band);
-    StoreNew(config, "wlan.conf.infra.channel", channel);
+    wlan.settings.emplace_back("wlan.conf.infra.security.level", level);
+    wlan.settings.emplace_back("wlan.conf.infra.ssid", ssid);
+    if (!band.empty()) {
+        wlan.settings.emplace_back("wlan.conf.infra.band", band);
+    }
+    if (!channel.empty()) {
+        wlan.settings.emplace_back("wlan.conf.infra.channel", channel);
+    }
     return true;
 }
 
-void LogDate(const xmlNode* date) {
-    if (date == nullptr) {
+void Store(ZelConfig& config, const Settings& settings) {
+    for (const auto& [key, value] : settings) {
+        config.Set(key, value, ZelConfig::Kind::kPersistent);
+    }
+}
+
+/// False when a file of the WLAN cannot be written.
+bool Store(ZelConfig& config, const Answer& answer, const Wlan& wlan) {
+    if (wlan.files) {
+        const auto& [caCertificate, clientCertificate, privateKey] = *wlan.files;
+        if (!WlanEnterprise::WriteCertificates(caCertificate, clientCertificate, privateKey) ||
+            !WlanEnterprise::WriteSupplicantFile(*answer.ssid, config.Get("hardware.devid"))) {
+            return false;
+        }
+    }
+    Store(config, wlan.settings);
+    return true;
+}
+
+void LogDate(const Answer& answer) {
+    if (!answer.date) {
         return;
     }
-    const auto part = [date](const char* name) {
-        return LogText::Of(XmlText::ChildText(date, name));
-    };
-    ZEL_DEBUG("Date of the manager: %s-%s-%s %s:%s", part("year").c_str(), part("month").c_str(),
-              part("day").c_str(), part("hour").c_str(), part("minute").c_str());
+    const auto part = [](const Answer::Text& text) { return LogText::Of(text.value_or("")); };
+    ZEL_DEBUG("Date of the manager: %s-%s-%s %s:%s", part(answer.year).c_str(),
+              part(answer.month).c_str(), part(answer.day).c_str(), part(answer.hour).c_str(),
+              part(answer.minute).c_str());
 }
 
 }  // namespace
 
-bool Apply(ZelConfig& config, const xmlNode* preSignInReturn) {
-    ApplyHostName(config, XmlText::FindChild(preSignInReturn, "device"));
-    ApplyColor(config, XmlText::FindChild(preSignInReturn, "color"));
-    ApplyCountry(config, XmlText::FindChild(preSignInReturn, "countryCode"));
-    if (!ApplyWlan(config, XmlText::FindChild(preSignInReturn, "infrastructureConfig"))) {
+bool Apply(ZelConfig& config, const Answer& answer) {
+    Store(config, JudgeBox(answer));
+    Wlan wlan;
+    if (!JudgeWlan(config, answer, wlan) || !Store(config, answer, wlan)) {
         return false;
     }
-    LogDate(XmlText::FindChild(preSignInReturn, "date"));
+    LogDate(answer);
     return true;
 }
 

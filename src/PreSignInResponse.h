@@ -1,7 +1,6 @@
 #pragma once
 
-#include <libxml/tree.h>
-
+#include "ManagerElements.h"
 #include "ZelConfig.h"
 
 /// What the manager's answer to a PreSignIn changes on the box. Values are the manager's: one that
@@ -10,9 +9,9 @@
 /// it does where an answer has nothing, or an element without content.
 namespace PreSignInResponse {
 
-/// Takes host name, colour, country and WLAN settings from the element preSignInTavoReturn into the
-/// store (the caller saves it) and into the files of WlanEnterprise. Returns false when the WLAN
-/// settings could not be taken.
-bool Apply(ZelConfig& config, const xmlNode* preSignInReturn);
+/// Takes host name, colour, country and WLAN settings from an answer into the store (the caller
+/// saves it) and into the files of WlanEnterprise. Returns false when the WLAN settings could not
+/// be taken.
+[[nodiscard]] bool Apply(ZelConfig& config, const ManagerElements::Answer& answer);
 
 }  // namespace PreSignInResponse

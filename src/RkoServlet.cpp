@@ -29,10 +29,7 @@ constexpr char kPacketEnd[] = "</data>\n</wddxPacket>\n";
 
 /// The string variable with that name anywhere below `node`; empty when there is none.
 std::string StringVariable(const xmlNode* node, std::string_view name) {
-    for (const xmlNode* child = node->children; child != nullptr; child = child->next) {
-        if (child->type != XML_ELEMENT_NODE) {
-            continue;
-        }
+    for (const xmlNode* child : XmlText::Children(node)) {
         if (XmlText::LocalName(child) == "var" && XmlText::Attribute(child, "name") == name) {
             return XmlText::ChildText(child, "string");
         }

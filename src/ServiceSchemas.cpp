@@ -1,14 +1,16 @@
 #include "ServiceSchemas.h"
 
+#include "XmlText.h"
+
 namespace {
 
 bool UsesNamespaces(const xmlNode* operation) {
-    bool found = operation->ns != nullptr;
-    for (const xmlNode* child = operation->children; child != nullptr && !found;
-         child = child->next) {
-        found = child->type == XML_ELEMENT_NODE && child->ns != nullptr;
+    for (const xmlNode* child : XmlText::Children(operation)) {
+        if (child->ns != nullptr) {
+            return true;
+        }
     }
-    return found;
+    return operation->ns != nullptr;
 }
 
 }  // namespace

@@ -22,12 +22,12 @@ public:
 
     /// Returns 0 when the clock was set, or when the WLAN's security level is none of an enterprise
     /// and nothing had to be done. Returns -1 when no end date could be read or the clock not set.
-    int Set() const;
+    [[nodiscard]] int Set() const;
 
     /// End date of the certificate that the supplicant's file names under `key` ("ca_cert" or
     /// "client_cert"), in seconds since 1970-01-01 00:00 UTC; -1 when there is none. Dates that
     /// 32-bit seconds cannot hold are moved to the last that they can.
-    static std::int64_t ReadEndDate(const std::string& key);
+    [[nodiscard]] static std::int64_t ReadEndDate(const std::string& key);
 
 private:
     const ZelConfig& config_;

@@ -9,11 +9,10 @@
 #include <cstdio>
 #include <string_view>
 
+#include "Characters.h"
 #include "LogText.h"
-#include "ManagerElements.h"
 #include "Shell.h"
 #include "UpdateFirmware.h"
-#include "XmlText.h"
 #include "ZelLog.h"
 
 namespace {
@@ -22,50 +21,15 @@ constexpr char kDirectory[] = "/tmp/";
 constexpr char kFetchCommand[] = "wget -q -O /tmp/%s \"%s\"";
 constexpr std::string_view kProtocols[] = {"http", "https", "ftp"};
 
-constexpr std::string_view kAlphanumeric(
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789");
-
 /// Whether `text` is made of letters, digits and the `further` characters only.
 bool IsMadeOf(std::string_view text, std::string_view further) {
     return std::all_of(text.begin(), text.end(), [further](char c) {
-        return kAlphanumeric.find(c) != std::string_view::npos ||
-               further.find(c) != std::string_view::npos;
+        return Characters::IsAlphanumeric(c) || further.find(c) != std::string_view::npos;
     });
 }
 
-std::string TextOr(const xmlNode* parent, const char* name, const char* otherwise) {
-    std::string text = XmlText::ChildText(parent, name);
-    return text.empty() ? otherwise : text;
-}
-
-/// The first element of that name below `parent`, in document order, at any depth.
-const xmlNode* FindBelow(const xmlNode* parent, std::string_view name) {
-    const xmlNode* node = parent->children;
-    while (node != nullptr) {
-        if (node->type == XML_ELEMENT_NODE && XmlText::LocalName(node) == name) {
-            return node;
-        }
-        if (node->type == XML_ELEMENT_NODE && node->children != nullptr) {
-            node = node->children;
-            continue;
-        }
-        while (node->next == nullptr && node->parent != parent) {
-            node = node->parent;
-        }
-        node = node->next;
-    }
-    return nullptr;
-}
-
-/// Value of the item with that key.
-std::string Attribute(const xmlNode* attributes, std::string_view key) {
-    const xmlNode* item = attributes == nullptr ? nullptr : attributes->children;
-    for (; item != nullptr; item = item->next) {
-        if (item->type == XML_ELEMENT_NODE && XmlText::ChildText(item, "key") == key) {
-            return XmlText::ChildText(item, "value");
-        }
-    }
-    return "";
+std::string TextOr(const ManagerElements::Answer::Text& text, const char* otherwise) {
+    return text.value_or("").empty() ? otherwise : *text;
 }
 
 /// Bytes that a file in the directory of images may have; none when that cannot be told.
@@ -97,25 +61,18 @@ std::string ToRecorded(const std::string& version) {
 
 }  // namespace
 
-SoftwareUpdate::SoftwareUpdate(const xmlNode* preSignInReturn) {
-    const xmlNode* order = XmlText::FindChild(preSignInReturn, "updateConfigurationExt");
-    present_ = order != nullptr;
-    mandated_ = present_ && XmlText::ChildText(order, "updateSoftware") != "false";
-    if (!mandated_) {
-        return;
-    }
-    type_ = XmlText::ChildText(order, "updateType");
-    application_ = type_ == "Application";
-    version_ = XmlText::ChildText(order, application_ ? "appVersion" : "firmwareVersion");
-    const xmlNode* location = XmlText::FindChild(order, "updateLocation");
-    protocol_ = TextOr(location, "protocol", "http");
-    host_ = XmlText::ChildText(location, "ip");
-    url_ = protocol_ + "://" + host_ + ":" + TextOr(location, "port", "80") +
-           XmlText::ChildText(location, "context");
-    const xmlNode* attributes = FindBelow(preSignInReturn, "attributes");
-    digest_ = Attribute(attributes, "MD5CHKSM");
-    fileName_ = Attribute(attributes, "FILENAME");
-}
+SoftwareUpdate::SoftwareUpdate(const ManagerElements::Answer& answer)
+    : present_(answer.update.has_value()),
+      mandated_(present_ && answer.updateSoftware != "false"),
+      application_(answer.updateType == "Application"),
+      type_(answer.updateType.value_or("")),
+      protocol_(TextOr(answer.protocol, "http")),
+      host_(answer.ip.value_or("")),
+      url_(protocol_ + "://" + host_ + ":" + TextOr(answer.port, "80") +
+           answer.context.value_or("")),
+      digest_(answer.digest),
+      fileName_(answer.fileName),
+      version_((application_ ? answer.appVersion : answer.firmwareVersion).value_or("")) {}
 
 bool SoftwareUpdate::Run(ZelConfig& config, Installed& installed) const {
     if (!present_) {
@@ -168,8 +125,9 @@ bool SoftwareUpdate::Fetch() const {
     RemoveFile();  // what an earlier download has left must not pass for this one
     const rlim_t room = RoomForImage();
     std::string output;
-    Shell::RunWithin({.time = kDownloadTime, .fileSize = room}, output, kFetchCommand,
-                     fileName_.c_str(), url_.c_str());
+    // What there is of the file is looked at, however the tool ended.
+    static_cast<void>(Shell::RunWithin({.time = kDownloadTime, .fileSize = room}, output,
+                                       kFetchCommand, fileName_.c_str(), url_.c_str()));
     struct stat status {};
     if (stat((kDirectory + fileName_).c_str(), &status) == 0 &&
         static_cast<rlim_t>(status.st_size) >= room) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <libxml/tree.h>
 #include <sys/resource.h>
 
 #include <chrono>
@@ -8,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "ManagerElements.h"
 #include "ZelConfig.h"
 
 /// A software update that the manager mandates: fetched with the board's download tool, checked
@@ -29,24 +29,24 @@ public:
     /// tells of itself would order it again and again.
     using Installed = std::set<std::pair<std::string, std::string>>;
 
-    /// Reads the order from the element preSignInTavoReturn.
-    explicit SoftwareUpdate(const xmlNode* preSignInReturn);
+    /// The order that stands in the answer.
+    explicit SoftwareUpdate(const ManagerElements::Answer& answer);
 
     /// Carries the order out, if there is one, and records the new version in the store. What is in
     /// `installed` is not installed again. Returns true when new software was installed, which
     /// `installed` then tells.
-    bool Run(ZelConfig& config, Installed& installed) const;
+    [[nodiscard]] bool Run(ZelConfig& config, Installed& installed) const;
 
 private:
     bool HasUsableAddress() const;
-    bool Fetch() const;
-    bool Install() const;
+    [[nodiscard]] bool Fetch() const;
+    [[nodiscard]] bool Install() const;
     void RemoveFile() const;
     void RecordVersion(ZelConfig& config) const;
 
-    bool present_ = false;
-    bool mandated_ = false;
-    bool application_ = false;
+    bool present_;
+    bool mandated_;
+    bool application_;
     std::string type_;
     std::string protocol_;
     std::string host_;

@@ -224,13 +224,18 @@ bool IsNil(const xmlNode* element) {
     return element->_private == &nilMark;
 }
 
-xmlNode* FindChild(const xmlNode* parent, std::string_view localName) {
-    xmlNode* child = parent == nullptr ? nullptr : parent->children;
-    while (child != nullptr &&
-           !(child->type == XML_ELEMENT_NODE && LocalName(child) == localName)) {
-        child = child->next;
+Children& Children::operator++() {
+    child_ = next_;
+    while (child_ != nullptr && (child_->type != XML_ELEMENT_NODE ||
+                                 (!localName_.empty() && LocalName(child_) != localName_))) {
+        child_ = child_->next;
     }
-    return child;
+    next_ = child_ == nullptr ? nullptr : child_->next;
+    return *this;
+}
+
+xmlNode* FindChild(const xmlNode* parent, std::string_view localName) {
+    return *Children(parent, localName);
 }
 
 std::string Content(const xmlNode* node) {

@@ -3,6 +3,7 @@
 #include <libxml/tree.h>
 
 #include <cstddef>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -40,10 +41,33 @@ inline constexpr std::size_t kMaxNameText = std::size_t{16} * 1024 * 1024;
 /// may, or says more of its document type than it may. Behind two nodes that are no elements,
 /// comments and processing instructions are left out, and CDATA sections are text. Attributes of
 /// XML Schema (xsi:type and the like) and of the SOAP encoding are left out.
-Document Parse(std::string_view text, DocumentType type = DocumentType::kRefused);
+[[nodiscard]] Document Parse(std::string_view text, DocumentType type = DocumentType::kRefused);
 
 /// True when the text says of the element that it has no value (XML Schema, part 1, section 2.6.2).
 bool IsNil(const xmlNode* element);
+
+std::string_view LocalName(const xmlNode* node);
+
+/// The child elements of a node (which may be null), in their order; with a name, those with that
+/// local name: for (const xmlNode* item : XmlText::Children(items, "item")). The one that is looked
+/// at may be taken away. *Children(node) is the first, or null.
+class Children {
+public:
+    explicit Children(const xmlNode* parent, std::string_view localName = {})
+        : localName_(localName), next_(parent == nullptr ? nullptr : parent->children) {
+        ++*this;
+    }
+    Children begin() const { return *this; }
+    std::default_sentinel_t end() const { return {}; }
+    xmlNode* operator*() const { return child_; }
+    Children& operator++();
+    bool operator==(std::default_sentinel_t /*end*/) const { return child_ == nullptr; }
+
+private:
+    std::string_view localName_;
+    xmlNode* child_ = nullptr;
+    xmlNode* next_;
+};
 
 /// First child element of `parent` with that local name, or null. `parent` may be null.
 xmlNode* FindChild(const xmlNode* parent, std::string_view localName);
@@ -56,8 +80,6 @@ std::string Content(const xmlNode* node);
 
 /// Value of the attribute without namespace; empty when there is none.
 std::string Attribute(const xmlNode* node, const char* name);
-
-std::string_view LocalName(const xmlNode* node);
 
 /// `text` as it may stand in element content or in a quoted attribute. What no XML document may
 /// hold (control characters, broken UTF-8, U+FFFE and U+FFFF) becomes question marks.

@@ -167,7 +167,8 @@ bool Zel::Stop() {
 
 void Zel::SetClock() {
     if (IsOplaNext(config_)) {
-        SetDateTime(config_).Set();
+        // The box starts with the clock that it has.
+        static_cast<void>(SetDateTime(config_).Set());
         ZEL_INFO("* SetDateTime done.");
     } else {
         discoverMode_.Enable();

@@ -245,9 +245,8 @@ Answer SwitchMode(const Call& call) {
 
 /// Text of the first child element whose name is part of `name`: clients write shortened names.
 std::string ChildTextByPartialName(const xmlNode* parent, std::string_view name) {
-    for (const xmlNode* child = parent->children; child != nullptr; child = child->next) {
-        if (child->type == XML_ELEMENT_NODE &&
-            name.find(XmlText::LocalName(child)) != std::string_view::npos) {
+    for (const xmlNode* child : XmlText::Children(parent)) {
+        if (name.find(XmlText::LocalName(child)) != std::string_view::npos) {
             return XmlText::Content(child);
         }
     }
@@ -258,9 +257,8 @@ std::map<std::string, std::string> CommandParameters(const xmlNode* method) {
     constexpr std::string_view kParameters = "pParameters";
     std::map<std::string, std::string> parameters;
     int count = 0;
-    for (const xmlNode* child = method->children; child != nullptr; child = child->next) {
-        if (child->type == XML_ELEMENT_NODE &&
-            kParameters.find(XmlText::LocalName(child)) != std::string_view::npos) {
+    for (const xmlNode* child : XmlText::Children(method)) {
+        if (kParameters.find(XmlText::LocalName(child)) != std::string_view::npos) {
             const std::string key = ChildTextByPartialName(child, "key");
             const std::string value = ChildTextByPartialName(child, "value");
             if (++count <= ZelConnectorServlet::kMaxLoggedParameters) {

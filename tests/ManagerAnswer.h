@@ -1,19 +1,17 @@
 #pragma once
 
-#include <libxml/tree.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
+#include "ManagerElements.h"
 #include "XmlText.h"
 
-/// The element preSignInTavoReturn of a manager's answer, holding `content`.
-class ManagerAnswer {
-public:
-    explicit ManagerAnswer(const std::string& content)
-        : document_(XmlText::Parse("<preSignInTavoReturn>" + content + "</preSignInTavoReturn>")) {}
-
-    const xmlNode* Root() const { return xmlDocGetRootElement(document_.get()); }
-
-private:
-    XmlText::Document document_;
-};
+/// What is read of a manager's answer whose preSignInTavoReturn holds `content`.
+inline ManagerElements::Answer ReadAnswer(const std::string& content) {
+    const XmlText::Document document =
+        XmlText::Parse("<preSignInTavoResponse><preSignInTavoReturn>" + content +
+                       "</preSignInTavoReturn></preSignInTavoResponse>");
+    EXPECT_TRUE(document) << content;
+    return ManagerElements::Read(xmlDocGetRootElement(document.get()));
+}

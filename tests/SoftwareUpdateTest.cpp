@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -11,51 +10,23 @@
 
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr char kServed[] = "/tmp/served";
 constexpr char kTool[] = "/usr/sbin/wget";                   // found before the tool itself
 constexpr char kMd5[] = "5312e17c8c92d7c946a5940990a0a9d9";  // of "an image"
 
-/// What an order says; an element that is "-" is left out.
-struct Order {
-    std::string type = "Application";
-    std::string protocol = "-";
-    std::string ip = "127.0.0.1";
-    std::string port = "8080";
-    std::string context = "/app.img";
-    std::string md5 = kMd5;
-    std::string fileName = "update.img";
-    std::string version = "01.02.03";
-    std::string updateSoftware = "true";
-};
+const std::string kOrder =
+    "<updateConfigurationExt><updateSoftware>true</updateSoftware>"
+    "<updateType>Application</updateType><updateLocation><protocol>http</protocol>"
+    "<ip>127.0.0.1</ip><port>8080</port><context>/app.img</context><attributes>"
+    "<item><key>OTHER</key><value>x</value></item>"
+    "<item><key>MD5CHKSM</key><value>5312e17c8c92d7c946a5940990a0a9d9</value></item>"
+    "<item><key>FILENAME</key><value>update.img</value></item></attributes></updateLocation>"
+    "<appVersion>01.02.03</appVersion><firmwareVersion>9.9.9</firmwareVersion>"
+    "</updateConfigurationExt>";
 
-std::string Element(const std::string& name, const std::string& value) {
-    return value == "-" ? "" : "<" + name + ">" + value + "</" + name + ">";
-}
-
-std::string ToXml(const Order& order) {
-    const auto item = [](const std::string& key, const std::string& value) {
-        return "<item><key>" + key + "</key>" + Element("value", value) + "</item>";
-    };
-    const std::string attributes = "<attributes>" + item("OTHER", "x") +
-                                   item("MD5CHKSM", order.md5) + item("FILENAME", order.fileName) +
-                                   "</attributes>";
-    const std::string version = order.type == "Application" ? "appVersion" : "firmwareVersion";
-    const std::string otherVersion = order.type == "Application" ? "firmwareVersion" : "appVersion";
-    return "<updateConfigurationExt>" + Element("updateSoftware", order.updateSoftware) +
-           Element("updateType", order.type) + "<updateLocation>" +
-           Element("protocol", order.protocol) + Element("ip", order.ip) +
-           Element("port", order.port) + Element("context", order.context) + attributes +
-           "</updateLocation>" + Element(version, order.version) + Element(otherVersion, "9.9.9") +
-           "</updateConfigurationExt>";
-}
-
-/// Value of an order with this one member changed.
-Order With(std::string Order::*member, const std::string& value) {
-    Order order;
-    order.*member = value;
-    return order;
+/// An order with one text in it changed.
+std::string With(const std::string& from, const std::string& to,
+                 const std::string& order = kOrder) {
+    return std::string(order).replace(order.find(from), from.size(), to);
 }
 
 class SoftwareUpdateTest : public testing::Test {
@@ -66,16 +37,7 @@ protected:
     }
 
     bool Run(const std::string& content) {
-        const ManagerAnswer answer(content);
-        EXPECT_NE(answer.Root(), nullptr) << content;
-        return SoftwareUpdate(answer.Root()).Run(config_, installed_);
-    }
-
-    static std::string ActiveImage(const std::string& type) {
-        const std::string directory = "/app/zel/images/" + type + "/";
-        std::string slot;
-        std::ifstream(directory + "active") >> slot;
-        return ReadFile(directory + slot + "/image");
+        return SoftwareUpdate(ReadAnswer(content)).Run(config_, installed_);
     }
 
     ZelConfig config_;
@@ -87,139 +49,121 @@ TEST_F(SoftwareUpdateTest, OnlyAUsableAddressReachesTheShell) {
     InstallProgram(kTool, "printf '%s\\n' \"$@\" > /tmp/wget.log");
     const std::string longest(512, 'a');
     const struct {
-        Order order;
+        const char* from;
+        std::string to;
         std::string url = {};  // empty when it is refused
     } cases[] = {
-        {Order{}, "http://127.0.0.1:8080/app.img"},
-        {With(&Order::protocol, "https"), "https://127.0.0.1:8080/app.img"},
-        {With(&Order::protocol, "ftp"), "ftp://127.0.0.1:8080/app.img"},
-        {With(&Order::protocol, ""), "http://127.0.0.1:8080/app.img"},
-        {With(&Order::port, "-"), "http://127.0.0.1:80/app.img"},
-        {With(&Order::ip, "[fe80::1]"), "http://[fe80::1]:8080/app.img"},
-        {With(&Order::context, "-"), "http://127.0.0.1:8080"},
-        {With(&Order::context, "/a?b=c&amp;d='e';(f)*!%20~#@,+"),
+        {"http", "https", "https://127.0.0.1:8080/app.img"},
+        {"http", "ftp", "ftp://127.0.0.1:8080/app.img"},
+        {"http", "", "http://127.0.0.1:8080/app.img"},
+        {"<port>8080</port>", "", "http://127.0.0.1:80/app.img"},
+        {"127.0.0.1", "[fe80::1]", "http://[fe80::1]:8080/app.img"},
+        {"/app.img", "", "http://127.0.0.1:8080"},
+        {"/app.img", "/a?b=c&amp;d='e';(f)*!%20~#@,+",
          "http://127.0.0.1:8080/a?b=c&d='e';(f)*!%20~#@,+"},
-        {With(&Order::context, "/" + longest.substr(0, 440)),
-         "http://127.0.0.1:8080/" + longest.substr(0, 440)},
-        {With(&Order::protocol, "file")},
-        {With(&Order::protocol, "--post-file=/config/keypass http")},
-        {With(&Order::ip, "-")},
-        {With(&Order::ip, "user:pass@host")},
-        {With(&Order::ip, "$(touch /tmp/ran)")},
-        {With(&Order::port, "$PATH")},
-        {With(&Order::port, "80\" ; touch /tmp/ran ; \"")},
-        {With(&Order::context, "/$(touch${IFS}/tmp/ran)")},
-        {With(&Order::context, "/\"&amp;touch\t/tmp/ran&amp;\"")},
-        {With(&Order::context, "/a&#10;touch /tmp/ran")},
-        {With(&Order::context, "/a\\")},
-        {With(&Order::context, "/\xc3\xbc")},
-        {With(&Order::context, "/" + longest)},
-        {With(&Order::fileName, "-")},
-        {With(&Order::fileName, "")},
-        {With(&Order::fileName, "..")},
-        {With(&Order::fileName, "../config/wpa.conf")},
-        {With(&Order::fileName, "a b")},
-        {With(&Order::fileName, "$(reboot)")},
-        {With(&Order::fileName, "*")},
-        {With(&Order::fileName, longest)},
+        {"app.img", longest.substr(0, 440), "http://127.0.0.1:8080/" + longest.substr(0, 440)},
+        {"http", "file"},
+        {"http", "--post-file=/config/keypass http"},
+        {"<ip>127.0.0.1</ip>", ""},
+        {"127.0.0.1", "user:pass@host"},
+        {"127.0.0.1", "$(touch /tmp/ran)"},
+        {"8080", "$PATH"},
+        {"8080", "80\" ; touch /tmp/ran ; \""},
+        {"app.img", "\"&amp;touch\t/tmp/ran&amp;\""},
+        {"app.img", "a&#10;touch /tmp/ran"},
+        {"app.img", "a\\"},
+        {"app.img", "\xc3\xbc"},
+        {"app.img", longest},
+        {"FILENAME", "NAME"},
+        {"update.img", ".."},
+        {"update.img", "../config/wpa.conf"},
+        {"update.img", "a b"},
+        {"update.img", "*"},
+        {"update.img", longest},
     };
-    for (const auto& [order, url] : cases) {
-        fs::remove("/tmp/wget.log");
-        // What an earlier download has left must not pass for this one.
-        std::ofstream("/tmp/update.img") << "an image";
-        EXPECT_FALSE(Run(ToXml(order))) << ToXml(order);
-        const std::string refused;
-        const std::string arguments = "-q\n-O\n/tmp/update.img\n" + url + "\n";
-        EXPECT_EQ(ReadFile("/tmp/wget.log"), url.empty() ? refused : arguments) << ToXml(order);
+    for (const auto& [from, to, url] : cases) {
+        std::filesystem::remove("/tmp/wget.log");
+        WriteFile("/tmp/update.img", "an image");  // it must not pass for this download's
+        EXPECT_FALSE(Run(With(from, to))) << to;
+        EXPECT_EQ(ReadFile("/tmp/wget.log"),
+                  url.empty() ? "" : "-q\n-O\n/tmp/update.img\n" + url + "\n")
+            << to;
     }
-    EXPECT_FALSE(fs::exists("/tmp/ran"));
-    fs::remove(kTool);
+    EXPECT_FALSE(std::filesystem::exists("/tmp/ran"));
 }
 
 /// A download tool that hands out the files of a directory.
 class SoftwareDownloadTest : public SoftwareUpdateTest {
 protected:
     SoftwareDownloadTest() {
-        WriteFile(std::string(kServed) + "/app.img", "an image");
-        InstallProgram(kTool, std::string("cp ") + kServed + "/${4##*/} $3");
+        WriteFile("/tmp/served/app.img", "an image");
+        InstallProgram(kTool, "cp /tmp/served/${4##*/} $3");
     }
-    ~SoftwareDownloadTest() override { fs::remove(kTool); }
 
     /// The images that are started next, and the versions that the box knows of itself.
-    void ExpectSoftware(const std::vector<std::string>& expected, const std::string& name) const {
-        const std::vector<std::string> present = {
-            ActiveImage("application"), config_.Get("system.version.app"), ActiveImage("firmware"),
-            config_.Get("system.version.boot")};
-        EXPECT_EQ(present, expected) << name;
-        EXPECT_FALSE(fs::exists("/tmp/update.img")) << name << ": left behind";
+    std::vector<std::string> Software() const {
+        std::vector<std::string> software;
+        for (const std::string type : {"application", "firmware"}) {
+            const std::string directory = "/app/zel/images/" + type + "/";
+            software.push_back(
+                ReadFile(directory + ReadFile(directory + "active").substr(0, 1) + "/image"));
+        }
+        software.push_back(config_.Get("system.version.app"));
+        software.push_back(config_.Get("system.version.boot"));
+        return software;
     }
 };
 
 TEST_F(SoftwareDownloadTest, WhatGoesWrongLeavesTheSoftware) {
-    const std::string application = ActiveImage("application");
-    const std::string firmware = ActiveImage("firmware");
-    WriteFile(std::string(kServed) + "/empty.img", "");
-    Order empty = With(&Order::context, "/empty.img");
-    empty.md5 = "d41d8cd98f00b204e9800998ecf8427e";
-    const struct {
-        const char* name = nullptr;
-        Order order;
-    } cases[] = {
-        {"no sum", With(&Order::md5, "-")},
-        {"a part of the sum", With(&Order::md5, std::string(kMd5).substr(0, 31))},
-        {"an image without content", empty},
-    };
-    for (const auto& c : cases) {
-        EXPECT_FALSE(Run(ToXml(c.order))) << c.name;
-        ExpectSoftware({application, "old app", firmware, "old boot"}, c.name);
+    const std::vector<std::string> before = Software();
+    WriteFile("/tmp/served/empty.img", "");
+    for (const std::string& order :
+         {With("MD5CHKSM", "SUM"), With(kMd5, std::string(kMd5).substr(0, 31)),
+          With("app.img", "empty.img", With(kMd5, "d41d8cd98f00b204e9800998ecf8427e")),
+          With("true", "false"), kOrder}) {
+        if (order == kOrder) {  // it is right, but the slot cannot be written
+            std::filesystem::remove_all("/app/zel/images/application/b/image");
+            std::filesystem::create_directories("/app/zel/images/application/b/image/in the way");
+        }
+        EXPECT_FALSE(Run(order)) << order;
+        EXPECT_EQ(Software(), before) << order;
+        EXPECT_FALSE(std::filesystem::exists("/tmp/update.img")) << order << ": left behind";
     }
-    EXPECT_FALSE(Run("")) << "nothing is said of software";
-    EXPECT_FALSE(Run(ToXml(With(&Order::updateSoftware, "false"))));
-    ExpectSoftware({application, "old app", firmware, "old boot"}, "no order");
-    // A slot that cannot be written.
-    fs::remove_all("/app/zel/images/application/b/image");
-    fs::create_directories("/app/zel/images/application/b/image/in the way");
-    EXPECT_FALSE(Run(ToXml(Order{})));
-    ExpectSoftware({application, "old app", firmware, "old boot"}, "not installed");
 }
 
 TEST_F(SoftwareDownloadTest, TheVersionIsRecordedInTheFormReadAtStartOrAsItIs) {
     const std::string longest(SoftwareUpdate::kMaxVersion, '9');
-    const struct {
-        std::string text;
-        std::string recorded;
-    } cases[] = {
-        {"1.2.3", "10203"},     {"01.02.03", "10203"},
-        {"12.34.56", "123456"}, {"0.0.1", "00001"},
-        {"9.9", "9.9"},         {"", "old app"},
-        {"1.2.100", "1.2.100"}, {"-1.2.3", "-1.2.3"},
-        {"Größe 1", "Größe 1"}, {"99999999999.1.1", "99999999999.1.1"},
-        {longest, longest},     {longest + "9", "old app"},
-        {"9&#10;9", "old app"},
-    };
-    for (const auto& c : cases) {
+    for (const auto& [text, recorded] :
+         std::vector<std::pair<std::string, std::string>>{{"1.2.3", "10203"},
+                                                          {"12.34.56", "123456"},
+                                                          {"0.0.1", "00001"},
+                                                          {"9.9", "9.9"},
+                                                          {"", "old app"},
+                                                          {"1.2.100", "1.2.100"},
+                                                          {"-1.2.3", "-1.2.3"},
+                                                          {"99999999999.1.1", "99999999999.1.1"},
+                                                          {longest, longest},
+                                                          {longest + "9", "old app"},
+                                                          {"9&#10;9", "old app"}}) {
         config_.Set("system.version.app", "old app", ZelConfig::Kind::kFixed);
         installed_ = {};
-        EXPECT_TRUE(Run(ToXml(With(&Order::version, c.text)))) << c.text;
-        EXPECT_EQ(config_.Get("system.version.app"), c.recorded) << c.text;
+        EXPECT_TRUE(Run(With("01.02.03", text))) << text;
+        EXPECT_EQ(config_.Get("system.version.app"), recorded) << text;
     }
 }
 
 TEST_F(SoftwareDownloadTest, AnUpdateIsInstalledOnceInARun) {
-    WriteFile(std::string(kServed) + "/other.img", "other");
-    Order other = With(&Order::context, "/other.img");
-    other.md5 = "795f3202b17cb6bc3d4b771d8c6c9eaf";
-    Order newer = other;
-    newer.version = "10.0";
-    const Order renamed = With(&Order::version, "9.9");
-    const Order firmware = With(&Order::type, "Firmware");
-    for (const auto& [order, isInstalled] : {std::pair{Order{}, true},
-                                             {renamed, false},
-                                             {firmware, true},
+    WriteFile("/tmp/served/other.img", "other");
+    const std::string other =
+        With("app.img", "other.img", With(kMd5, "795f3202b17cb6bc3d4b771d8c6c9eaf"));
+    const std::string newer = With("01.02.03", "10.0", other);
+    for (const auto& [order, isInstalled] : {std::pair{kOrder, true},
+                                             {With("01.02.03", "9.9"), false},
+                                             {With("Application", "Firmware"), true},
                                              {other, false},
                                              {newer, true},
                                              {newer, false}}) {
-        EXPECT_EQ(Run(ToXml(order)), isInstalled) << ToXml(order);
+        EXPECT_EQ(Run(order), isInstalled) << order;
     }
 }
 

@@ -71,14 +71,11 @@ Outcome Status(const Options& options) {
     std::printf("service: %s\n", isRunning ? "running" : "stopped");
     const xmlNode* const items =
         XmlText::FindChild(XmlText::FindChild(monitored.response, "return"), "items");
-    for (const xmlNode* item = XmlText::FindChild(items, "MonitoringStatusItem"); item != nullptr;
-         item = item->next) {
-        if (item->type == XML_ELEMENT_NODE) {
-            const std::string text = XmlText::ChildText(item, "name") + ": " +
-                                     XmlText::ChildText(item, "status") + " (" +
-                                     XmlText::ChildText(item, "infoLabel") + ")";
-            std::puts(SafeText::Line(text).c_str());
-        }
+    for (const xmlNode* item : XmlText::Children(items, "MonitoringStatusItem")) {
+        const std::string text = XmlText::ChildText(item, "name") + ": " +
+                                 XmlText::ChildText(item, "status") + " (" +
+                                 XmlText::ChildText(item, "infoLabel") + ")";
+        std::puts(SafeText::Line(text).c_str());
     }
     return {};
 }

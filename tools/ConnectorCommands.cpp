@@ -172,9 +172,9 @@ void Flatten(const xmlNode* parent, const std::string& prefix, Pairs& pairs, int
     constexpr std::size_t kMaxPairs = 1000;
     constexpr int kMaxDepth = 8;
     int count = 0;
-    for (xmlNode* child = parent->children; child != nullptr; child = child->next) {
-        if (child->type != XML_ELEMENT_NODE || pairs.size() >= kMaxPairs) {
-            continue;
+    for (xmlNode* child : XmlText::Children(parent)) {
+        if (pairs.size() >= kMaxPairs) {
+            return;
         }
         const std::string name = SafeText::Shorten(XmlText::LocalName(child), kMaxName);
         if (xmlFirstElementChild(child) == nullptr || depth == kMaxDepth) {

@@ -6,17 +6,6 @@
 #include "Numbers.h"
 
 namespace SoapClient {
-namespace {
-
-const xmlNode* FirstElement(const xmlNode* parent) {
-    const xmlNode* child = parent == nullptr ? nullptr : parent->children;
-    while (child != nullptr && child->type != XML_ELEMENT_NODE) {
-        child = child->next;
-    }
-    return child;
-}
-
-}  // namespace
 
 std::string Element(const std::string& name, std::string_view text) {
     return "<" + name + ">" + XmlText::Escape(text) + "</" + name + ">";
@@ -27,7 +16,7 @@ Outcome Read(const std::string& body, const std::string& from, Answer& answer) {
     xmlSetStructuredErrorFunc(nullptr, [](void* /*context*/, xmlErrorPtr /*error*/) {});
     answer.document = XmlText::Parse(body);
     const xmlNode* root = answer.document ? xmlDocGetRootElement(answer.document.get()) : nullptr;
-    answer.response = FirstElement(XmlText::FindChild(root, "Body"));
+    answer.response = *XmlText::Children(XmlText::FindChild(root, "Body"));
     if (answer.response == nullptr) {
         return {ExitStatus::kNotUnderstood,
                 from + " gives an answer that is no SOAP; is it a box?"};

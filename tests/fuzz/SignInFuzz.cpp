@@ -61,17 +61,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (answer == nullptr) {
         return 0;
     }
-    ManagerElements::DropForeignAndNil(answer);
-    const xmlNode* result = XmlText::FindChild(answer, "preSignInTavoReturn");
-    const SoftwareUpdate update(result);
-    ManagerElements::DropUnknown(answer);
+    const ManagerElements::Answer values = ManagerElements::Read(answer);
+    const SoftwareUpdate update(values);
     // Applied also when it is not valid: one check less must not be one fault more.
     static_cast<void>(schemas.Accept(answer, errors));
     ZelConfig config;
-    result = XmlText::FindChild(answer, "preSignInTavoReturn");
-    if (result != nullptr) {
-        PreSignInResponse::Apply(config, result);
-        CheckSettings(config);
-    }
+    static_cast<void>(PreSignInResponse::Apply(config, values));
+    CheckSettings(config);
     return 0;
 }
