@@ -114,8 +114,9 @@ void ModeSwitch::Recover(LanDevice& lan) {
         }
         return;
     }
-    if (setNet_.SetUpWlan() != 0) {
-        setNet_.SetUpNetwork([] { return false; }, kRecoveryPasses);
+    const auto goOn = [] { return false; };
+    if (setNet_.SetUpWlan(goOn) != 0) {
+        setNet_.SetUpNetwork(goOn, kRecoveryPasses);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -23,6 +24,9 @@ public:
         /// As "network.config.discover.mode" says when the interface is configured first.
         kConfigured = 3
     };
+
+    /// Asked while something is waited for; true ends the wait.
+    using StopRequested = std::function<bool()>;
 
     /// What every interface works on; it outlives the interface.
     struct Context {

@@ -13,16 +13,12 @@
 #include "ManagerElements.h"
 #include "SlpEscapes.h"
 #include "WlanEnterprise.h"
+#include "WlanSecurity.h"
 #include "XmlText.h"
 #include "ZelLog.h"
 
 namespace PreSignInResponse {
 namespace {
-
-// Security levels of the WLAN that have credentials of their own kind.
-constexpr char kEnterprise[] = "106";
-constexpr char kWpaPsk[] = "102";
-constexpr char kWpa2Psk[] = "105";
 
 // What stands for "as before".
 constexpr char kDummyCredentials[] = "Dummy-Credentials";
@@ -223,17 +219,18 @@ bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
         Refuse("WLAN configuration");
         return true;
     }
-    if (level == kEnterprise) {
+    if (WlanSecurity::Is(level, WlanSecurity::kEnterprise)) {
         if (!TakeCertificates(wlan) ||
             !WlanEnterprise::WriteSupplicantFile(ssid, config.Get("hardware.devid"))) {
             return false;
         }
         Store(config, kCredentialsKey, WlanEnterprise::kDirectory);
-    } else if ((level == kWpaPsk || level == kWpa2Psk) &&
+    } else if ((WlanSecurity::Is(level, WlanSecurity::kRsnPsk) ||
+                WlanSecurity::Is(level, WlanSecurity::kThirdRsnPsk)) &&
                !TakeKey(config, XmlText::ChildText(wlan, "credentials"))) {
         return true;
     }
-    Store(config, "wlan.conf.infra.security.level", level);
+    Store(config, WlanSecurity::kKey, level);
     Store(config, "wlan.conf.infra.ssid", ssid);
     StoreNew(config, "wlan.conf.infra.band", band);
     StoreNew(config, "wlan.conf.infra.channel", channel);

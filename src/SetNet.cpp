@@ -39,8 +39,11 @@ int SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
             --budget;
         } else {
             ZEL_DEBUG("No Lan link detect, try wlan");
-            if (SetUpWlan() == 0) {
+            if (SetUpWlan(stopRequested) == 0) {
                 return 0;
+            }
+            if (stopRequested()) {
+                return -1;
             }
         }
         ZEL_ERROR("No network configured, restart initializing");
@@ -51,13 +54,13 @@ int SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
     }
 }
 
-int SetNet::SetUpWlan() {
+int SetNet::SetUpWlan(const StopRequested& stopRequested) {
     if (!wlan_) {
         ZEL_ERROR("No WLAN interface found");
         return -1;
     }
     lan_.DisableInterface();
-    if (wlan_->Connect() != 0) {
+    if (wlan_->Connect(stopRequested) != 0) {
         return -1;
     }
     ZEL_DEBUG("Connected to an access point, set ip address");
