@@ -12,6 +12,7 @@
 #include "LogText.h"
 #include "ManagerElements.h"
 #include "SlpEscapes.h"
+#include "StoreKeys.h"
 #include "WlanEnterprise.h"
 #include "WlanSecurity.h"
 #include "XmlText.h"
@@ -230,7 +231,7 @@ bool ApplyWlan(ZelConfig& config, const xmlNode* wlan) {
                !TakeKey(config, XmlText::ChildText(wlan, "credentials"))) {
         return true;
     }
-    Store(config, WlanSecurity::kKey, level);
+    Store(config, StoreKeys::kWlanSecurity, level);
     Store(config, "wlan.conf.infra.ssid", ssid);
     StoreNew(config, "wlan.conf.infra.band", band);
     StoreNew(config, "wlan.conf.infra.channel", channel);

@@ -8,7 +8,8 @@
 /// Brings the box onto the network: by cable, or by WLAN when the cable has no link.
 class SetNet {
 public:
-    /// Asked while the link or the access point is waited for and between two passes of the bring-up; true ends it.
+    /// Asked while the link or the access point is waited for and between two passes of the
+    /// bring-up; true ends it.
     using StopRequested = NetDevice::StopRequested;
     /// Number of passes that never end the bring-up.
     static constexpr int kWithoutEnd = 0;

@@ -3,13 +3,12 @@
 #include <string>
 
 #include "Numbers.h"
+#include "StoreKeys.h"
 #include "ZelConfig.h"
 
-/// How an access point is secured: the values of "wlan.conf.infra.security.level" and of the
+/// How an access point is secured: the values of StoreKeys::kWlanSecurity and of the
 /// manager's "securityLevel".
 namespace WlanSecurity {
-
-inline constexpr char kKey[] = "wlan.conf.infra.security.level";
 
 // Levels with the same name do not differ for the supplicant.
 inline constexpr int kRsnPsk = 102;
@@ -23,7 +22,7 @@ inline constexpr int kSetUpByHand = 109;
 
 /// The number that the setting begins with, of a level or not.
 inline int Configured(const ZelConfig& config) {
-    return Numbers::Leading<int>(config.Get(kKey));
+    return Numbers::Leading<int>(config.Get(StoreKeys::kWlanSecurity));
 }
 
 constexpr bool IsLevel(int number) {

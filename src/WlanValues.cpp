@@ -2,6 +2,7 @@
 
 #include "LogText.h"
 #include "Numbers.h"
+#include "StoreKeys.h"
 #include "WlanSecurity.h"
 #include "ZelLog.h"
 
@@ -15,12 +16,12 @@ int Wrong(int code, const char* what, const std::string& value) {
 }  // namespace
 
 int WlanValues::Read(const ZelConfig& config) {
-    channel = Numbers::Leading<int>(config.Get("wlan.conf.infra.channel"));
-    band = config.Get("wlan.conf.infra.band");
+    channel = Numbers::Leading<int>(config.Get(StoreKeys::kWlanChannel));
+    band = config.Get(StoreKeys::kWlanBand);
     if (band != "0" && band != "1") {
         return Wrong(-1, "Band", band);
     }
-    ssid = config.Get("wlan.conf.infra.ssid");
+    ssid = config.Get(StoreKeys::kWlanSsid);
     if (ssid.empty()) {
         return Wrong(-2, "SSID", ssid);
     }
@@ -30,21 +31,21 @@ int WlanValues::Read(const ZelConfig& config) {
     if (const int code = ReadCountry(config); code != 0) {
         return code;
     }
-    encryptionType = config.Get("wlan.conf.infra.encryption.type");
+    encryptionType = config.Get(StoreKeys::kWlanEncryption);
     ZEL_DEBUG("Enc Type: %s", LogText::Of(encryptionType).c_str());
     if (!encryptionType.empty() && encryptionType != "AES" && encryptionType != "TKIP") {
         return Wrong(-7, "encryption.type", encryptionType);
     }
-    psk = config.Get("wlan.conf.infra.psk");
+    psk = config.Get(StoreKeys::kWlanPassPhrase);
     return 0;
 }
 
 int WlanValues::ReadSecurity(const ZelConfig& config) {
     securityLevel = WlanSecurity::Configured(config);
     if (!WlanSecurity::IsLevel(securityLevel)) {
-        return Wrong(-3, "security.level", config.Get(WlanSecurity::kKey));
+        return Wrong(-3, "security.level", config.Get(StoreKeys::kWlanSecurity));
     }
-    credentials = config.Get("wlan.conf.infra.credentials");
+    credentials = config.Get(StoreKeys::kWlanCredentials);
     if (WlanSecurity::IsEnterprise(securityLevel) && credentials.empty()) {
         ZEL_ERROR("credentials '' is not correct %d", securityLevel);
         return -4;
@@ -53,7 +54,7 @@ int WlanValues::ReadSecurity(const ZelConfig& config) {
 }
 
 int WlanValues::ReadCountry(const ZelConfig& config) {
-    const std::string code = config.Get("country.code");
+    const std::string code = config.Get(StoreKeys::kCountry);
     if (code.empty()) {
         ZEL_ERROR("CountryCode '' is empty");
         return -5;

@@ -64,14 +64,14 @@ TEST_F(WlanDeviceTest, TheSupplicantGetsTheNetworkOfTheLevel) {
     const std::string others = "\tpairwise=TKIP CCMP\n\tgroup=TKIP CCMP\n";
     const std::string key = "\tkey_mgmt=WPA-PSK\n\tpsk=";
     const Table<std::string, std::string, std::string, std::string, std::string> cases{
-             {"102", "/x", "a phrase", "", "\tproto=RSN\n" + key + "\"a phrase\"\n"},
-             {"103", "01ef", "", "", "\tproto=RSN\n" + key + "01ef\n"},
-             {"104", "/x", "a phrase", "AES", "\tkey_mgmt=NONE\n"},
-             {"105", "", "p", "AES", "\tproto=RSN\n" + ciphers + key + "\"p\"\n"},
-             {"107", "", "p", "TKIP", "\tproto=WPA\n" + others + key + "\"p\"\n"},
-             {"106", "/config", "p", "AES", ""},  // the file is not this agent's
-             {"108", "/config", "p", "AES", ""},
-             {"109", "", "p", "AES", ""}};
+        {"102", "/x", "a phrase", "", "\tproto=RSN\n" + key + "\"a phrase\"\n"},
+        {"103", "01ef", "", "", "\tproto=RSN\n" + key + "01ef\n"},
+        {"104", "/x", "a phrase", "AES", "\tkey_mgmt=NONE\n"},
+        {"105", "", "p", "AES", "\tproto=RSN\n" + ciphers + key + "\"p\"\n"},
+        {"107", "", "p", "TKIP", "\tproto=WPA\n" + others + key + "\"p\"\n"},
+        {"106", "/config", "p", "AES", ""},  // the file is not this agent's
+        {"108", "/config", "p", "AES", ""},
+        {"109", "", "p", "AES", ""}};
     for (const auto& [level, credentials, psk, encryption, settings] : cases) {
         Set("wlan.conf.infra.encryption.type", encryption);
         Ip("link set w0 down");
