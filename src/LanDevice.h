@@ -1,16 +1,12 @@
 #pragma once
 
 #include <chrono>
-#include <functional>
 
 #include "NetDevice.h"
 
 /// The wired interface, "eth0".
 class LanDevice : public NetDevice {
 public:
-    /// Asked while something is waited for; true ends the wait.
-    using StopRequested = std::function<bool()>;
-
     /// Longest time that a real interface takes for a link after it was set up.
     static constexpr std::chrono::seconds kSetUpTime{3};
 

@@ -118,8 +118,9 @@ void ModeSwitch::Recover(LanDevice& lan) {
         }
         return;
     }
-    if (Failed(setNet_.SetUpWlan())) {
-        static_cast<void>(setNet_.SetUpNetwork([] { return false; }, kRecoveryPasses));
+    const auto goOn = [] { return false; };
+    if (Failed(setNet_.SetUpWlan(goOn))) {
+        static_cast<void>(setNet_.SetUpNetwork(goOn, kRecoveryPasses));
     }
 }
 

@@ -3,6 +3,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -16,6 +17,9 @@
 /// Takes no lock: one interface is configured by one thread at a time.
 class NetDevice {
 public:
+    /// Asked while something is waited for; true ends the wait.
+    using StopRequested = std::function<bool()>;
+
     /// What every interface works on; it outlives the interface.
     struct Context {
         ZelConfig& config;

@@ -16,18 +16,15 @@
 #include "LogText.h"
 #include "Numbers.h"
 #include "SlpEscapes.h"
+#include "StoreKeys.h"
 #include "WlanEnterprise.h"
+#include "WlanSecurity.h"
 #include "ZelLog.h"
 
 namespace PreSignInResponse {
 namespace {
 
 using ManagerElements::Answer;
-
-// Security levels of the WLAN that have credentials of their own kind.
-constexpr char kEnterprise[] = "106";
-constexpr char kWpaPsk[] = "102";
-constexpr char kWpa2Psk[] = "105";
 
 // What stands for "as before".
 constexpr char kDummyCredentials[] = "Dummy-Credentials";
@@ -206,11 +203,12 @@ bool JudgeWlan(const ZelConfig& config, const Answer& answer, Wlan& wlan) {
         LogRefused("WLAN configuration");
         return true;
     }
-    if (level == kEnterprise) {
+    if (WlanSecurity::Is(level, WlanSecurity::kEnterprise)) {
         if (!JudgeCertificates(answer, wlan)) {
             return false;
         }
-    } else if ((level == kWpaPsk || level == kWpa2Psk) &&
+    } else if ((WlanSecurity::Is(level, WlanSecurity::kRsnPsk) ||
+                WlanSecurity::Is(level, WlanSecurity::kThirdRsnPsk)) &&
                !JudgeKey(config, answer.credentials.value_or(""), wlan.settings)) {
         return true;
     }

@@ -6,47 +6,31 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
-#include <string_view>
 #include <tuple>
 #include <utility>
 
-#include "Numbers.h"
 #include "Shell.h"
+#include "SupplicantFile.h"
 #include "WlanEnterprise.h"
+#include "WlanSecurity.h"
 #include "ZelLog.h"
 
 namespace {
 
-constexpr char kLevelKey[] = "wlan.conf.infra.security.level";
-constexpr long kEnterpriseLevels[] = {106, 108};
 constexpr std::int64_t kSecondsPerDay = 86400;
 constexpr std::int64_t kNoDate = -1;
 constexpr int kFirstYear = 1900;
 
-// The command that is run has no word for a path with other characters in it.
-constexpr std::string_view kPathCharacters(
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-/");
-
-/// Value of a key of the supplicant's file, without the quotes around it. False when there is none
-/// that can be used.
-bool ReadSupplicantValue(const std::string& key, std::string& value) {
+/// The path that stands in the supplicant's file under that name. False when there is none that can
+/// be used.
+bool ReadSupplicantPath(const std::string& name, std::string& path) {
     std::ifstream file(WlanEnterprise::kSupplicantFile);
     if (!file) {
         ZEL_ERROR("Can't open %s", WlanEnterprise::kSupplicantFile);
         return false;
     }
-    const std::string prefix = key + "=";
-    for (std::string line; std::getline(file, line);) {
-        line.erase(0, line.find_first_not_of(" \t"));
-        if (line.starts_with(prefix)) {
-            value = line.substr(prefix.size());
-            if (value.size() >= 2 && value.front() == '"' && value.back() == '"') {
-                value = value.substr(1, value.size() - 2);
-            }
-            return !value.empty() && value.find_first_not_of(kPathCharacters) == std::string::npos;
-        }
-    }
-    return false;
+    path = SupplicantFile::Value(file, name);
+    return SupplicantFile::IsPlainPath(path);
 }
 
 void LogDate(const std::tm& date) {
@@ -75,9 +59,7 @@ SetDateTime::SetDateTime(const ZelConfig& config, SetClock setClock)
     : config_(config), setClock_(std::move(setClock)) {}
 
 int SetDateTime::Set() const {
-    const long level = Numbers::Leading(config_.Get(kLevelKey));
-    if (std::find(std::begin(kEnterpriseLevels), std::end(kEnterpriseLevels), level) ==
-        std::end(kEnterpriseLevels)) {
+    if (!WlanSecurity::IsEnterprise(WlanSecurity::Configured(config_))) {
         ZEL_INFO("No enterprise set, don't set time");
         return 0;
     }
@@ -100,7 +82,7 @@ int SetDateTime::Set() const {
 std::int64_t SetDateTime::ReadEndDate(const std::string& key) {
     ZEL_DEBUG("Reading timestamp from %s", key.c_str());
     std::string path;
-    if (!ReadSupplicantValue(key, path)) {
+    if (!ReadSupplicantPath(key, path)) {
         ZEL_ERROR("Can't get %s from wpa.conf", key.c_str());
         return kNoDate;
     }

@@ -40,8 +40,11 @@ NetStatus SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
             --budget;
         } else {
             ZEL_DEBUG("No Lan link detect, try wlan");
-            if (!Failed(SetUpWlan())) {
+            if (!Failed(SetUpWlan(stopRequested))) {
                 return NetStatus::kDone;
+            }
+            if (stopRequested()) {
+                return NetStatus::kFailed;
             }
         }
         ZEL_ERROR("No network configured, restart initializing");
@@ -52,13 +55,13 @@ NetStatus SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
     }
 }
 
-NetStatus SetNet::SetUpWlan() {
+NetStatus SetNet::SetUpWlan(const StopRequested& stopRequested) {
     if (!wlan_) {
         ZEL_ERROR("No WLAN interface found");
         return NetStatus::kFailed;
     }
     static_cast<void>(lan_.DisableInterface());  // it has no link anyway
-    if (wlan_->Connect() != 0) {
+    if (wlan_->Connect(stopRequested) != 0) {
         return NetStatus::kFailed;
     }
     ZEL_DEBUG("Connected to an access point, set ip address");

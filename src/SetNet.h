@@ -8,8 +8,9 @@
 /// Brings the box onto the network: by cable, or by WLAN when the cable has no link.
 class SetNet {
 public:
-    /// Asked while the link is waited for and between two passes of the bring-up; true ends it.
-    using StopRequested = LanDevice::StopRequested;
+    /// Asked while the link or the access point is waited for and between two passes of the
+    /// bring-up; true ends it.
+    using StopRequested = NetDevice::StopRequested;
     /// Number of passes that never end the bring-up.
     static constexpr int kWithoutEnd = 0;
 
@@ -24,7 +25,7 @@ public:
     NetStatus SetUpNetwork(const StopRequested& stopRequested, int passes = kWithoutEnd);
 
     /// One attempt to get onto the WLAN; takes the wired interface down.
-    NetStatus SetUpWlan();
+    NetStatus SetUpWlan(const StopRequested& stopRequested);
 
     /// The WLAN adapter, null when the box has none.
     WlanDevice* Wlan() const { return wlan_.get(); }

@@ -1,8 +1,10 @@
 #include "SupplicantFile.h"
 
 #include <algorithm>
+#include <istream>
 #include <utility>
 
+#include "Characters.h"
 #include "DurableFile.h"
 
 namespace {
@@ -13,12 +15,9 @@ bool IsOneLine(std::string_view text) {
 }
 
 std::string Hexadecimal(std::string_view text) {
-    constexpr char kDigits[] = "0123456789abcdef";
     std::string digits;
-    for (const char each : text) {
-        const auto byte = static_cast<unsigned char>(each);
-        digits += kDigits[byte / 16];
-        digits += kDigits[byte % 16];
+    for (const char byte : text) {
+        digits += Characters::Hex(byte);
     }
     return digits;
 }
@@ -36,6 +35,25 @@ bool SupplicantFile::CanQuote(std::string_view text) {
 
 bool SupplicantFile::CanStandAlone(std::string_view value) {
     return IsOneLine(value) && value.find('#') == std::string_view::npos;
+}
+
+bool SupplicantFile::IsPlainPath(std::string_view path) {
+    constexpr std::string_view kOthers = "/._-";
+    return !path.empty() && std::all_of(path.begin(), path.end(), [&kOthers](char c) {
+        return Characters::IsAlphanumeric(c) || kOthers.find(c) != std::string_view::npos;
+    });
+}
+
+std::string SupplicantFile::Value(std::istream& file, std::string_view name) {
+    for (std::string line; std::getline(file, line);) {
+        line.erase(0, line.find_first_not_of(" \t"));
+        if (line.starts_with(name) && line.size() > name.size() && line[name.size()] == '=') {
+            const std::string value = line.substr(name.size() + 1);
+            const bool isQuoted = value.size() >= 2 && value.front() == '"' && value.back() == '"';
+            return isQuoted ? value.substr(1, value.size() - 2) : value;
+        }
+    }
+    return "";
 }
 
 SupplicantFile::SupplicantFile(std::string indent, std::string_view before)

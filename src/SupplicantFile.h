@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,14 @@ public:
     static bool CanQuote(std::string_view text);
     /// The same of `value` without quotes.
     static bool CanStandAlone(std::string_view value);
+
+    /// Whether the shell takes a path as one word, and the supplicant as one value: letters, digits
+    /// and "/._-".
+    static bool IsPlainPath(std::string_view path);
+
+    /// The first value of that setting in a file, without quotes around it; empty when there is
+    /// none. Of the line " ca_cert=\"/config/cacert\"" it is "/config/cacert".
+    static std::string Value(std::istream& file, std::string_view name);
 
     /// `before` stands in front of the network, `indent` in front of each of its settings.
     explicit SupplicantFile(std::string indent, std::string_view before = {});

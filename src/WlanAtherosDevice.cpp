@@ -12,6 +12,7 @@
 #include "BusDevices.h"
 #include "NetRequests.h"
 #include "Shell.h"
+#include "SupplicantNetwork.h"
 #include "ZelLog.h"
 
 namespace {
@@ -31,24 +32,19 @@ struct CloneParameters {
 constexpr std::uint16_t kStation = 1;
 constexpr std::uint16_t kParentBssid = 1;
 
-bool Run(const std::string& command) {
+int Run(const std::string& command) {
     std::string output;
-    return Shell::RunSystemWithResult(output, "%s", command.c_str());
+    return Shell::RunSystemWithResult(output, "%s", command.c_str()) ? 0 : -1;
 }
 
 }  // namespace
 
 WlanAtherosDevice::WlanAtherosDevice(const Context& context)
-    : WlanDevice(kInterface, kDriver, context) {}
+    : WlanDevice(kInterface, kDriver, context, "WlanAtherosDevice: ") {}
 
 int WlanAtherosDevice::InitializeDriver(const WlanCountryCode::Country* country) {
-    ZEL_DEBUG("WlanAtherosDevice: Initialize wlan driver");
-    if (country == nullptr) {
-        ZEL_ERROR("CountryDefinition is null");
-        return -1;
-    }
-    if (Shell::MakeDirectoryPath(kSupplicantDirectory, kDirectoryMode) != 0) {
-        ZEL_ERROR("Can't create %s", kSupplicantDirectory);
+    LogStep("Initialize wlan driver");
+    if (!IsKnown(country) || !MakeDirectory(SupplicantNetwork::kDirectory)) {
         return -1;
     }
     const std::string options = "myregdomain=" + std::to_string(country->regulatoryDomain) +
@@ -57,11 +53,10 @@ int WlanAtherosDevice::InitializeDriver(const WlanCountryCode::Country* country)
     if (Shell::LoadModule("ath_mimo_pci", "/app/velka/wlan/sta/ath_mimo_pci.ko", options) != 0) {
         return -1;
     }
-    return Run("echo 0 > /proc/sys/dev/wifi0/outdoor") ? 0 : -1;
+    return Run("echo 0 > /proc/sys/dev/wifi0/outdoor");
 }
 
 int WlanAtherosDevice::CreateInterface() {
-    ZEL_DEBUG("WlanAtherosDevice: Create wlan interface");
     CloneParameters clone{};
     Name().copy(clone.name, sizeof clone.name - 1);
     clone.operatingMode = kStation;
@@ -72,8 +67,7 @@ int WlanAtherosDevice::CreateInterface() {
 }
 
 int WlanAtherosDevice::SetSsid() {
-    ZEL_DEBUG("WlanAtherosDevice: Set ssid");
-    std::string ssid = Values().Ssid();
+    std::string ssid = Values().ssid;
     iwreq wireless{};
     wireless.u.essid.pointer = ssid.data();
     wireless.u.essid.length = static_cast<std::uint16_t>(ssid.size() + 1);
@@ -85,31 +79,23 @@ int WlanAtherosDevice::SetSsid() {
 }
 
 int WlanAtherosDevice::SetAntennaGain() {
-    ZEL_DEBUG("WlanAtherosDevice: Set antenna gain");
-    if (Values().Band() == "1") {
-        return Run("echo 3  > /proc/sys/dev/wifi0/antennagain") ? 0 : -1;
-    }
-    if (Values().Band() == "0") {
-        return Run("echo 5  > /proc/sys/dev/wifi0/antennagain") ? 0 : -1;
-    }
-    return 0;
+    const std::string gain = Values().band == "1" ? "3" : "5";
+    return Run("echo " + gain + "  > /proc/sys/dev/wifi0/antennagain");
 }
 
 int WlanAtherosDevice::SetBand() {
-    ZEL_DEBUG("WlanAtherosDevice: Set wlan band");
     const std::string command =
-        "/sbin/iwpriv " + Name() + " mode " + (Values().Band() == "0" ? "11NG" : "11NA");
+        "/sbin/iwpriv " + Name() + " mode " + (Values().band == "0" ? "11NG" : "11NA");
     // The driver takes the mode at the second time only.
-    return Run(command) && Run(command) ? 0 : -1;
+    return Run(command) == 0 ? Run(command) : -1;
 }
 
 int WlanAtherosDevice::SetChainmaskAndBandwidth() {
-    ZEL_DEBUG("WlanAtherosDevice: Set chainmask and bandwidth");
     // Chains 0 and 2, management of the channel width, no background scans.
     constexpr const char* kSettings[] = {"rx_chainmask 5", "tx_chainmask 5", "cwmenable 1",
                                          "cwmmode 1", "bgscan 0"};
     for (const char* setting : kSettings) {
-        if (!Run("/sbin/iwpriv " + Name() + " " + setting)) {
+        if (Run("/sbin/iwpriv " + Name() + " " + setting) != 0) {
             return -1;
         }
     }
@@ -130,6 +116,7 @@ int WlanAtherosDevice::DoIo(ifreq* request, unsigned long code) {
 }
 
 std::string WlanAtherosDevice::GetMacAddress() {
+    LogStep("Create wlan interface");
     if (CreateInterface() != 0) {
         ZEL_ERROR("Create wlan interface failed");
         return "";

@@ -14,9 +14,9 @@ struct Country {
 
 /// The country with that code, two upper-case letters; null when there is none or it is
 /// black-listed.
-const Country* FindCountry(const char* iso);
+[[nodiscard]] const Country* FindCountry(const char* iso);
 
 /// 1 when a line of the box's black list contains the code, else 0.
-int IsBlackListed(const char* iso);
+[[nodiscard]] int IsBlackListed(const char* iso);
 
 }  // namespace WlanCountryCode

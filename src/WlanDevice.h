@@ -1,89 +1,62 @@
 #pragma once
 
 #include "NetDevice.h"
-#include "WlanCountryCode.h"
+#include "WlanValues.h"
 
 /// A WLAN station: before it gets an address it is connected to the configured access point, by the
-/// supplicant (a process of its own) and by steps that each kind of chip fills in. Steps return 0
-/// or a negative status that Connect() passes on.
+/// supplicant (SupplicantNetwork, SupplicantProcess) and by steps that each kind of chip fills in.
+/// Steps return 0 or a negative status that Connect() passes on.
 class WlanDevice : public NetDevice {
 public:
-    /// The configured settings of the access point ("wlan.conf.infra.*", "country.code").
-    class WlanValues {
-    public:
-        virtual ~WlanValues() = default;
+    using WlanValues = ::WlanValues;
 
-        /// Reads and checks the settings. Returns 0, or the code of the first that is wrong, with
-        /// a line in the log: -1 band, -2 SSID, -3 security level, -4 credentials, -5 country
-        /// missing, -6 country unknown or black-listed, -7 encryption type.
-        int Read(const ZelConfig& config);
-
-        int Channel() const { return channel_; }
-        /// "0" is 2.4 GHz, "1" is 5 GHz.
-        const std::string& Band() const { return band_; }
-        const std::string& Ssid() const { return ssid_; }
-        /// 102 to 109.
-        int SecurityLevel() const { return securityLevel_; }
-        const std::string& Credentials() const { return credentials_; }
-        /// "AES", "TKIP" or empty.
-        const std::string& EncryptionType() const { return encryptionType_; }
-        const std::string& Psk() const { return psk_; }
-        /// Null before the settings were read.
-        const WlanCountryCode::Country* Country() const { return country_; }
-
-    private:
-        int ReadSecurity(const ZelConfig& config);
-        int ReadCountry(const ZelConfig& config);
-
-        int channel_ = -1;
-        std::string band_;
-        std::string ssid_;
-        int securityLevel_ = 0;
-        std::string credentials_;
-        std::string encryptionType_;
-        std::string psk_;
-        const WlanCountryCode::Country* country_ = nullptr;
-    };
-
-    static constexpr char kSupplicantDirectory[] = "/tmp/supplicant";
-    /// Mode of directories that the chips make.
-    static constexpr mode_t kDirectoryMode = 0755;
-
-    /// `supplicantDriver` is the name of the supplicant's driver for this chip.
-    WlanDevice(std::string interface, std::string supplicantDriver, const Context& context);
+    /// `supplicantDriver` is the name of the supplicant's driver for this chip, `logPrefix` stands
+    /// in front of the names of the steps in the log.
+    WlanDevice(std::string interface, std::string supplicantDriver, const Context& context,
+               const char* logPrefix = "");
 
     /// 1 when the supplicant says that it is associated, else 0.
     int HasLink() override;
     /// Ends the supplicant, then as every interface.
     NetStatus DisableInterface() override;
 
-    /// Connects to the configured access point; waits up to a minute for it.
-    virtual int Connect();
+    /// Connects to the configured access point; waits up to a minute for it, and ends within two
+    /// seconds when it is asked to stop. Returns 0 or a negative status.
+    [[nodiscard]] virtual int Connect(const StopRequested& stopRequested);
     /// The MAC address as six two-digit hexadecimal bytes with colons between them, empty when
     /// there is none.
-    virtual std::string GetMacAddress();
+    [[nodiscard]] virtual std::string GetMacAddress() { return ""; }
 
 protected:
-    virtual int InitializeDriver(const WlanCountryCode::Country* country);
-    virtual int DestroyInterface();
-    virtual int CreateInterface();
-    virtual int SetSsid();
-    virtual int SetAntennaGain();
-    virtual int SetBand();
-    virtual int SetChainmaskAndBandwidth();
-    virtual int LoadDriver();
+    [[nodiscard]] virtual int InitializeDriver(const WlanCountryCode::Country* /*country*/) {
+        return 0;
+    }
+    [[nodiscard]] virtual int DestroyInterface();
+    // Steps whose name is in the log already when they run.
+    [[nodiscard]] virtual int CreateInterface() { return 0; }
+    [[nodiscard]] virtual int SetSsid() { return 0; }
+    [[nodiscard]] virtual int SetAntennaGain() { return 0; }
+    [[nodiscard]] virtual int SetBand() { return 0; }
+    [[nodiscard]] virtual int SetChainmaskAndBandwidth() { return 0; }
+
+    [[nodiscard]] virtual int LoadDriver();
     /// Sends a wireless request of this chip.
-    virtual int DoIo(ifreq* request, unsigned long code);
+    [[nodiscard]] virtual int DoIo(ifreq* /*request*/, unsigned long /*code*/) { return 0; }
+
+    void LogStep(const char* name) const;
+    /// False, and a line in the log, without a country.
+    [[nodiscard]] static bool IsKnown(const WlanCountryCode::Country* country);
+    /// Makes a directory that the chip or the supplicant needs. False, and a line in the log, when
+    /// that fails.
+    [[nodiscard]] static bool MakeDirectory(const char* path);
 
     const WlanValues& Values() const { return values_; }
 
 private:
-    bool CanWriteNetworkFile() const;
     int PrepareChip();
     int StartSupplicant();
-    int WriteOpenConfig() const;
-    int WritePskConfig() const;
 
     WlanValues values_;
     std::string supplicantDriver_;
+    const char* logPrefix_;
 };

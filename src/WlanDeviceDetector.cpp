@@ -19,25 +19,19 @@ WlanDeviceDetector::Adapter WlanDeviceDetector::Detect() const {
 
 std::unique_ptr<WlanDevice> WlanDeviceDetector::CreateDevice(
     const NetDevice::Context& context) const {
-    switch (Detect()) {
-        case Adapter::kAtheros:
-            return std::make_unique<WlanAtherosDevice>(context);
-        case Adapter::kRalink:
-            return std::make_unique<WlanRalinkDevice>(context);
-        case Adapter::kNone:
-            break;
+    const Adapter adapter = Detect();
+    if (adapter == Adapter::kAtheros) {
+        return std::make_unique<WlanAtherosDevice>(context);
+    }
+    if (adapter == Adapter::kRalink) {
+        return std::make_unique<WlanRalinkDevice>(context);
     }
     return nullptr;
 }
 
 std::string WlanDeviceDetector::GetInterfaceName() const {
-    switch (Detect()) {
-        case Adapter::kAtheros:
-            return WlanAtherosDevice::kInterface;
-        case Adapter::kRalink:
-            return WlanRalinkDevice::kInterface;
-        case Adapter::kNone:
-            break;
-    }
-    return "";
+    const Adapter adapter = Detect();
+    return adapter == Adapter::kAtheros  ? WlanAtherosDevice::kInterface
+           : adapter == Adapter::kRalink ? WlanRalinkDevice::kInterface
+                                         : "";
 }

@@ -13,13 +13,13 @@ public:
     virtual ~WlanDeviceDetector() = default;
 
     /// The PCI list is looked at first.
-    Adapter Detect() const;
+    [[nodiscard]] Adapter Detect() const;
 
     /// The device of the adapter that is there, null without one.
-    std::unique_ptr<WlanDevice> CreateDevice(const NetDevice::Context& context) const;
+    [[nodiscard]] std::unique_ptr<WlanDevice> CreateDevice(const NetDevice::Context& context) const;
 
     /// Name of that device's interface, empty without an adapter.
-    std::string GetInterfaceName() const;
+    [[nodiscard]] std::string GetInterfaceName() const;
 };
 
 class WlanDeviceDetectorEx : public WlanDeviceDetector {};

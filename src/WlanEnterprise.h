@@ -14,10 +14,11 @@ inline constexpr char kSupplicantFile[] = "/config/wpa.conf";
 
 /// Replaces the certificates and the private key, given as the text of their files; an empty text
 /// keeps the present file. Returns false when one cannot be written.
-bool WriteCertificates(const std::string& caCertificate, const std::string& clientCertificate,
-                       const std::string& privateKey);
+[[nodiscard]] bool WriteCertificates(const std::string& caCertificate,
+                                     const std::string& clientCertificate,
+                                     const std::string& privateKey);
 
 /// Replaces the supplicant's network file. Returns false when it cannot be written.
-bool WriteSupplicantFile(const std::string& ssid, const std::string& deviceId);
+[[nodiscard]] bool WriteSupplicantFile(const std::string& ssid, const std::string& deviceId);
 
 }  // namespace WlanEnterprise

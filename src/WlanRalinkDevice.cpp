@@ -10,6 +10,7 @@
 
 #include "NetRequests.h"
 #include "Shell.h"
+#include "SupplicantNetwork.h"
 #include "ZelLog.h"
 
 namespace {
@@ -72,23 +73,12 @@ int AppendSetting(const std::string& setting) {
 }  // namespace
 
 WlanRalinkDevice::WlanRalinkDevice(const Context& context)
-    : WlanDevice(kInterface, kDriver, context) {}
+    : WlanDevice(kInterface, kDriver, context, "WlanRalinkDevice: ") {}
 
 int WlanRalinkDevice::InitializeDriver(const WlanCountryCode::Country* country) {
-    ZEL_DEBUG("WlanRalinkDevice: Initialize wlan driver");
-    if (Shell::MakeDirectoryPath(kSupplicantDirectory, kDirectoryMode) != 0) {
-        ZEL_ERROR("Can't create %s", kSupplicantDirectory);
-        return -1;
-    }
-    if (Shell::MakeDirectoryPath(kSettingsDirectory, kDirectoryMode) != 0) {
-        ZEL_ERROR("Can't create %s", kSettingsDirectory);
-        return -1;
-    }
-    if (EnsureSettingsFile() != 0) {
-        return -1;
-    }
-    if (country == nullptr) {
-        ZEL_ERROR("CountryDefinition is null");
+    LogStep("Initialize wlan driver");
+    if (!MakeDirectory(SupplicantNetwork::kDirectory) || !MakeDirectory(kSettingsDirectory) ||
+        EnsureSettingsFile() != 0 || !IsKnown(country)) {
         return -1;
     }
     return AppendSetting(std::string("CountryCode=") + country->iso);
@@ -98,33 +88,12 @@ int WlanRalinkDevice::DestroyInterface() {
     return 0;
 }
 
-int WlanRalinkDevice::CreateInterface() {
-    ZEL_DEBUG("WlanRalinkDevice: Create wlan interface");
-    return 0;
-}
-
-int WlanRalinkDevice::SetSsid() {
-    ZEL_DEBUG("WlanRalinkDevice: Set ssid");
-    return 0;
-}
-
-int WlanRalinkDevice::SetAntennaGain() {
-    ZEL_DEBUG("WlanRalinkDevice: Set antenna gain");
-    return 0;
-}
-
 int WlanRalinkDevice::SetBand() {
-    ZEL_DEBUG("WlanRalinkDevice: Set wlan band");
-    return AppendSetting(std::string("WirelessMode=") + (Values().Band() == "0" ? "8" : "9"));
-}
-
-int WlanRalinkDevice::SetChainmaskAndBandwidth() {
-    ZEL_DEBUG("WlanRalinkDevice: Set chainmask and bandwidth");
-    return 0;
+    return AppendSetting(std::string("WirelessMode=") + (Values().band == "0" ? "8" : "9"));
 }
 
 int WlanRalinkDevice::LoadDriver() {
-    ZEL_DEBUG("WlanRalinkDevice: LoadDriver");
+    LogStep("LoadDriver");
     for (const std::string module : {"rtutil5572sta", "rt5572sta", "rtnet5572sta"}) {
         if (Shell::LoadModule(module, "/app/velka/wlan/ra/" + module + ".ko", "") != 0) {
             return -1;
@@ -136,8 +105,9 @@ int WlanRalinkDevice::LoadDriver() {
 std::string WlanRalinkDevice::GetMacAddress() {
     std::string output;
     std::string address;
-    Shell::RunSystemWithResult(output, "/sbin/ifconfig %s up", Name().c_str());
-    static_cast<void>(NetRequests::ReadMacAddress(Name(), address));  // else empty
-    Shell::RunSystemWithResult(output, "/sbin/ifconfig %s down", Name().c_str());
+    // Where one of them fails, the address stays empty.
+    static_cast<void>(Shell::RunSystemWithResult(output, "/sbin/ifconfig %s up", Name().c_str()));
+    static_cast<void>(NetRequests::ReadMacAddress(Name(), address));
+    static_cast<void>(Shell::RunSystemWithResult(output, "/sbin/ifconfig %s down", Name().c_str()));
     return address;
 }

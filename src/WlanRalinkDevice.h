@@ -15,10 +15,6 @@ public:
 protected:
     int InitializeDriver(const WlanCountryCode::Country* country) override;
     int DestroyInterface() override;
-    int CreateInterface() override;
-    int SetSsid() override;
-    int SetAntennaGain() override;
     int SetBand() override;
-    int SetChainmaskAndBandwidth() override;
     int LoadDriver() override;
 };

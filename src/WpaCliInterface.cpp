@@ -64,8 +64,7 @@ int WpaCliInterface::Request(const std::string& command, std::string& reply) {
     return 0;
 }
 
-int WpaCliInterface::Close() {
+void WpaCliInterface::Close() {
     socket_.Reset();
     unlink(local_.sun_path);
-    return 0;
 }

@@ -16,14 +16,13 @@ public:
     WpaCliInterface& operator=(const WpaCliInterface&) = delete;
 
     /// Connects to the control socket at `path`. Returns 0, or 1 when there is none.
-    int Open(const std::string& path);
+    [[nodiscard]] int Open(const std::string& path);
 
     /// Sends `command` and waits up to 100 ms for the reply, at most 4095 bytes of it; it is empty
     /// when none came. Returns -1 for an empty command, else 0.
-    int Request(const std::string& command, std::string& reply);
+    [[nodiscard]] int Request(const std::string& command, std::string& reply);
 
-    /// Returns 0.
-    int Close();
+    void Close();
 
 private:
     bool Connect(const std::string& path);

@@ -85,6 +85,9 @@ protected:
         return Run("cat /tmp/commands 2>/dev/null; rm -f /tmp/commands");
     }
 
+    /// Asked to stop? No.
+    static bool Never() { return false; }
+
     void Set(const std::string& key, const std::string& value) {
         config_.Set(key, value, ZelConfig::Kind::kPersistent);
     }

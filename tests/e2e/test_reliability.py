@@ -18,6 +18,8 @@ from stage import (BOX, CONFIGURATION, DEVICE_ID, SIGNING_IN, Manager, active_im
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
 ALONE = stage.ALONE + "network.config.discover.mode=3\n"
+WLAN = ("wlan.conf.infra.band=0\nwlan.conf.infra.ssid=hall\nwlan.conf.infra.psk=a secret\n"
+        "wlan.conf.infra.security.level=102\n")
 INFORMATION = post(envelope("<getDeviceInformation/>"))
 ANSWER = b"getDeviceInformationResponse"
 KEEP = "Connection: Keep-Alive\r\n"
@@ -199,13 +201,14 @@ def test_an_address_that_goes_away_under_open_connections():
 
 
 @pytest.mark.parametrize("manager, phase", [
-    (None, "Lan is not link"), (None, "using multicast"), ("no-slp", "using multicast"),
+    (None, "Lan is not link"), (None, "wpa_cli: "), (None, "using multicast"), ("no-slp", "using multicast"),
     ("silent", "Wait for response"), ("slow", "Wait for response"), ("image-stall", "Downloading update file")])
 def test_sigterm(manager, phase, shim):
     """Within three seconds, whatever the clock says then."""
     with Manager(manager) if manager else contextlib.nullcontext():
-        network("cable", "out" if phase == "Lan is not link" else "in")
-        with agent(LD_PRELOAD=shim) as running, replaced("/run/clock-jump", "0"):
+        network("cable", "out" if phase in ("Lan is not link", "wpa_cli: ") else "in")
+        network("adapter", "ralink" if phase == "wpa_cli: " else "none")  # and no access point
+        with agent(SIGNING_IN + WLAN, LD_PRELOAD=shim) as running, replaced("/run/clock-jump", "0"):
             wait_for_log(phase)
             pathlib.Path("/run/clock-jump").write_text(str(YEAR))
             assert running.stop(STOP_SECONDS) == 0
