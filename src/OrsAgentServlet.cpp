@@ -4,6 +4,7 @@
 #include "Namespaces.h"
 #include "Reboot.h"
 #include "SharedSelfTest.h"
+#include "StoreKeys.h"
 #include "XmlText.h"
 
 namespace {
@@ -18,7 +19,6 @@ constexpr ServiceDescription::File kDescription[] = {{"wsdl", "zelOrsAgent.wsdl"
 
 constexpr char kServiceName[] = "VCI-Agent";
 constexpr char kGroup[] = "TAVO";
-constexpr char kStoppedKey[] = "zel.state.is_stopped";
 constexpr char kOwnHost[] = "127.0.0.1";
 
 // Clients match on these texts.
@@ -42,7 +42,7 @@ std::string Response(const char* operation, const std::string& children) {
 }
 
 bool IsStopped(const ZelConfig& config) {
-    return config.Get(kStoppedKey) == "1";
+    return config.Get(StoreKeys::kStopped) == "1";
 }
 
 std::string Told(const std::string& name) {
@@ -66,7 +66,7 @@ Answer GetMonitoringStatus(const Call& call) {
                      "\t\t\t\t<items>\n"
                      "\t\t\t\t\t<MonitoringStatusItem>\n"
                      "\t\t\t\t\t\t<lastCheck>" +
-                         call.device.config.Get("system.timestamp") +
+                         call.device.config.Get(StoreKeys::kTimestamp) +
                          "</lastCheck>\n"
                          "\t\t\t\t\t\t<name>Fan State</name>\n"
                          "\t\t\t\t\t\t<status>OK</status>\n"
@@ -112,7 +112,7 @@ const char* Start(const OrsAgentServlet::Device& device, std::string& handle) {
     if (IsStopped(device.config)) {
         // Somebody may have released it already, and a client may have come since.
         static_cast<void>(device.reservation.Release(handle));
-        device.config.Set(kStoppedKey, "0", ZelConfig::Kind::kFixed);
+        device.config.SetFixed(StoreKeys::kStopped, "0");
     }
     return nullptr;
 }
@@ -124,7 +124,7 @@ const char* Stop(const OrsAgentServlet::Device& device, std::string& handle) {
     if (!device.reservation.Reserve(kServiceName, kOwnHost, handle)) {
         return kReserved;
     }
-    device.config.Set(kStoppedKey, "1", ZelConfig::Kind::kFixed);
+    device.config.SetFixed(StoreKeys::kStopped, "1");
     return nullptr;
 }
 
@@ -159,7 +159,7 @@ OrsAgentServlet::OrsAgentServlet(const Device& device)
       device_(device) {}
 
 void OrsAgentServlet::RewriteDescription(std::string& text) const {
-    ServiceDescription::RewriteAddress(text, device_.config.Get("network.current.lan.ip"));
+    ServiceDescription::RewriteAddress(text, device_.config.Get(StoreKeys::kLanIp));
 }
 
 std::unique_ptr<ZelServlet> OrsAgentServlet::MakeInstance() const {

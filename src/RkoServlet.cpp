@@ -7,6 +7,7 @@
 #include "LargeText.h"
 #include "LogText.h"
 #include "RkoRequest.h"
+#include "StoreKeys.h"
 #include "XmlText.h"
 #include "ZelLog.h"
 
@@ -141,14 +142,13 @@ std::string DeviceStatus(const DeviceValues& values) {
 Reply GetDeviceStatus(const xmlNode* /*data*/, const Device& device) {
     const ZelConfig& config = device.config;
     DeviceValues values{
-        .macAddress = config.Get("network.mac.lan"),
-        .ipAddress = config.Get("network.current.lan.ip"),
-        // No attribute has this name: clients have always got an empty net mask.
-        .netmask = config.Get("network.current.lan.netmasl"),
-        .gateway = config.Get("network.current.defaultgateway"),
+        .macAddress = config.Get(StoreKeys::kLanMac),
+        .ipAddress = config.Get(StoreKeys::kLanIp),
+        .netmask = config.Get(StoreKeys::kLanNetmaskMisspelt),
+        .gateway = config.Get(StoreKeys::kDefaultGateway),
         .isAllocated = device.reservation.IsReserved() ? "1" : "0",
-        .owner = config.Get("zel.state.owner"),
-        .color = config.Get("tavo.color"),
+        .owner = config.Get(StoreKeys::kOwner),
+        .color = config.Get(StoreKeys::kColor),
     };
     std::string data = DeviceStatus(values);
     // The log holds the whole text, but of the owner no line, and no more than of other values.

@@ -16,11 +16,11 @@
 #include "Ipv4.h"
 #include "LogText.h"
 #include "Numbers.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
 
-constexpr char kBacklogKey[] = "web.listen.backlog";
 constexpr std::chrono::milliseconds kStartupPoll{100};
 constexpr std::chrono::milliseconds kPause{100};
 constexpr std::chrono::milliseconds kStopTime{500};
@@ -81,7 +81,7 @@ bool WebServer::Stop() {
 }
 
 bool WebServer::WaitForStartupEnd() const {
-    while (config_.Get("zel.state.startup") == "0") {
+    while (config_.Get(StoreKeys::kServing) == "0") {
         if (IsStoppedWithin(kStartupPoll)) {
             return false;
         }
@@ -91,12 +91,12 @@ bool WebServer::WaitForStartupEnd() const {
 
 int WebServer::Backlog() const {
     std::string value;
-    if (!config_.Get(kBacklogKey, value)) {
+    if (!config_.Get(StoreKeys::kListenBacklog, value)) {
         return kBacklog;
     }
     const int backlog = Numbers::Parse<int>(value).value_or(0);
     if (backlog < 1 || backlog > kMaxBacklog) {
-        ZEL_ERROR("%s is '%s', not a number from 1 to %d: %d is taken", kBacklogKey,
+        ZEL_ERROR("%s is '%s', not a number from 1 to %d: %d is taken", StoreKeys::kListenBacklog,
                   LogText::Of(value).c_str(), kMaxBacklog, kBacklog);
         return kBacklog;
     }

@@ -10,6 +10,7 @@
 #include "Namespaces.h"
 #include "NetworkType.h"
 #include "Numbers.h"
+#include "StoreKeys.h"
 #include "XmlText.h"
 #include "ZelLog.h"
 
@@ -102,7 +103,7 @@ std::string HexPrefixAsDecimal(const std::string& text) {
 
 bool IsForOtherDevice(const Call& call) {
     const std::string deviceId = call.Text("deviceId");
-    const std::string ownId = call.device.config.Get("hardware.devid");
+    const std::string ownId = call.device.config.Get(StoreKeys::kDeviceId);
     if (ownId == deviceId) {
         return false;
     }
@@ -122,7 +123,7 @@ std::string Channel(const std::string& ip, const char* name, const char* port, c
 }
 
 std::string Channels(const ZelConfig& config, bool reserved) {
-    const std::string ip = SignedAddress(config.Get("network.current.lan.ip"));
+    const std::string ip = SignedAddress(config.Get(StoreKeys::kLanIp));
     const DiagnosticChannels usable = DiagnosticChannels::Read(config);
     return Tabs(4) + "<channels>\n" + Channel(ip, "KLine", "6801", "0", reserved) +
            Channel(ip, "DCAN", "6801", "1", usable.dCan && reserved) +
@@ -130,27 +131,28 @@ std::string Channels(const ZelConfig& config, bool reserved) {
 }
 
 std::string CurrentNetworkConfig(const ZelConfig& config) {
-    const std::string current =
-        NetworkType::IsLan(config) ? "network.current.lan." : "network.current.wlan.";
-    const std::string mac = config.Get("network.mac.lan");
+    const bool isLan = NetworkType::IsLan(config);
+    const char* ip = isLan ? StoreKeys::kLanIp : StoreKeys::kWlanIp;
+    const char* netmask = isLan ? StoreKeys::kLanNetmask : StoreKeys::kWlanNetmask;
+    const std::string mac = config.Get(StoreKeys::kLanMac);
     ZEL_DEBUG("MAC address: %s", mac.c_str());
     return Tabs(4) + "<currentNetworkConfig>\n" +
-           Element(5, "gateway", SignedAddress(config.Get("network.current.defaultgateway"))) +
-           Element(5, "ip4Address", SignedAddress(config.Get(current + "ip"))) +
-           Element(5, "lanDiscoverMode", config.Get("network.config.discover.mode")) +
+           Element(5, "gateway", SignedAddress(config.Get(StoreKeys::kDefaultGateway))) +
+           Element(5, "ip4Address", SignedAddress(config.Get(ip))) +
+           Element(5, "lanDiscoverMode", config.Get(StoreKeys::kAddressMode)) +
            Element(5, "macAddress", HexPrefixAsDecimal(mac)) +
-           Element(5, "netmask", SignedAddress(config.Get(current + "netmask"))) +
-           Element(5, "type", config.Get(NetworkType::kKey)) +
-           Element(5, "wlanSignal", config.Get("network.current.wlan.quality")) + Tabs(4) +
+           Element(5, "netmask", SignedAddress(config.Get(netmask))) +
+           Element(5, "type", config.Get(StoreKeys::kNetworkType)) +
+           Element(5, "wlanSignal", config.Get(StoreKeys::kWlanQuality)) + Tabs(4) +
            "</currentNetworkConfig>\n";
 }
 
 Answer GetDeviceInformation(const Call& call) {
     constexpr char kOperation[] = "getDeviceInformation";
     const ZelConfig& config = call.device.config;
-    const std::string state = config.Get("zel.state.current");
-    const std::string kl15 = config.Get("system.voltage.kl15");
-    const std::string kl30 = config.Get("system.voltage.kl30");
+    const std::string state = config.Get(StoreKeys::kState);
+    const std::string kl15 = config.Get(StoreKeys::kKl15);
+    const std::string kl30 = config.Get(StoreKeys::kKl30);
     ZEL_DEBUG("Kl30 voltage %s, Kl15 voltage %s", kl30.c_str(), kl15.c_str());
 
     std::string body = OpenTag(kResponseDepth, kOperation) + "\n" + Tabs(3) + "<ns2:out>\n";
@@ -161,18 +163,18 @@ Answer GetDeviceInformation(const Call& call) {
     body += CurrentNetworkConfig(config);
     body += Element(4, "deviceDescriptionOrNull", kDeviceDescription);
     body += Element(4, "error", Number(Code::kSuccess));
-    body += Element(4, "firmware", config.Get("system.version.boot"));
+    body += Element(4, "firmware", config.Get(StoreKeys::kBootVersion));
     body += Element(4, "hardwareVersion", kHardwareVersion);
-    body += Element(4, "id", config.Get("hardware.devid"));
+    body += Element(4, "id", config.Get(StoreKeys::kDeviceId));
     body += Element(4, "kl15", kl15);
-    body += Element(4, "kl15Edge", ToXml(config.Get("system.voltage.kl15trig") == "1"));
+    body += Element(4, "kl15Edge", ToXml(config.Get(StoreKeys::kKl15Edge) == "1"));
     body += Element(4, "kl30", kl30);
     body += Element(4, "name", kDeviceName);
-    body += Element(4, "serial", config.Get("hardware.serial"));
-    body += Element(4, "sessionOwnerOrNull", config.Get("zel.state.owner"));
+    body += Element(4, "serial", config.Get(StoreKeys::kSerial));
+    body += Element(4, "sessionOwnerOrNull", config.Get(StoreKeys::kOwner));
     body += Element(4, "state", state);
     body += Element(4, "type", kDeviceType);
-    body += Element(4, "vin", config.Get("diag.kvad.vin"));
+    body += Element(4, "vin", config.Get(StoreKeys::kVin));
     body += Tabs(3) + "</ns2:out>\n" + CloseTag(kResponseDepth, kOperation) + "\n";
     return {std::move(body)};
 }
@@ -181,8 +183,8 @@ Answer ReserveDevice(const Call& call) {
     const ZelConnectorServlet::Device& device = call.device;
     std::string handle;
     const Code code =
-        IsForOtherDevice(call)                                ? Code::kWrongDevice
-        : device.config.Get("system.thermal.tempcrit") == "1" ? Code::kOverTemperature
+        IsForOtherDevice(call)                         ? Code::kWrongDevice
+        : device.config.Get(StoreKeys::kTooHot) == "1" ? Code::kOverTemperature
         : device.reservation.Reserve(call.Text("owner"), call.Text("hostLock"), handle)
             ? Code::kSuccess
             : Code::kReserveRefused;
@@ -317,7 +319,7 @@ ZelConnectorServlet::ZelConnectorServlet(const Device& device)
       device_(device) {}
 
 void ZelConnectorServlet::RewriteDescription(std::string& text) const {
-    const std::string host = device_.config.Get("network.current.lan.ip");
+    const std::string host = device_.config.Get(StoreKeys::kLanIp);
     const std::string base = "http://" + host + ":" + std::to_string(kPort) + kPath;
     // Files are found in this order, each reference once.
     constexpr int kSchemas[] = {3, 2, 4, 1};

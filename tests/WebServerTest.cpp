@@ -229,7 +229,7 @@ TEST_F(WebServerTest, WhereAllAreServedOnlyThoseWhoHungUpGiveWay) {
 TEST(WebServerBacklogTest, ASiteCanSetIt) {
     const auto backlogWith = [](const char* value) {
         ZelConfig config;
-        config.Set("web.listen.backlog", value, ZelConfig::Kind::kPersistent);
+        config.SetPersistent("web.listen.backlog", value);
         WebServer server(config);
         EXPECT_TRUE(server.AddPort(kPort) && server.Start());
         const SocketGuard connection(Connect(""));
