@@ -13,7 +13,7 @@ extern "C" int ioctl(int descriptor, unsigned long code, ...) noexcept {
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
     if (answerRequest) {
-        if (const Answer error = answerRequest(code, *static_cast<ifreq*>(argument)); error) {
+        if (const Answer error = answerRequest(code, *static_cast<ifreq*>(argument))) {
             errno = *error;
             return *error == 0 ? 0 : -1;
         }
@@ -23,16 +23,12 @@ extern "C" int ioctl(int descriptor, unsigned long code, ...) noexcept {
 
 // NOLINTBEGIN(readability-identifier-naming)
 extern "C" unsigned sleep(unsigned seconds) {
-    if (onPause) {
-        onPause(std::chrono::seconds(seconds));
-    }
+    onPause(std::chrono::seconds(seconds));
     return 0;
 }
 
 extern "C" int usleep(useconds_t microseconds) {
-    if (onPause) {
-        onPause(std::chrono::microseconds(microseconds));
-    }
+    onPause(std::chrono::microseconds(microseconds));
     return 0;
 }
 // NOLINTEND(readability-identifier-naming)

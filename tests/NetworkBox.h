@@ -9,12 +9,9 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <thread>
-#include <tuple>
 #include <utility>
 
 #include "NetDevice.h"
-#include "Shell.h"
 #include "SocketGuard.h"
 #include "Support.h"
 #include "ZelLogging.h"
@@ -24,7 +21,7 @@
 using Answer = std::optional<int>;
 inline std::function<Answer(unsigned long code, ifreq& request)> answerRequest;
 /// Comes in the place of every sleep.
-inline std::function<void(std::chrono::microseconds)> onPause;
+inline std::function<void(std::chrono::microseconds)> onPause = [](auto) {};
 
 /// A box with a spare interface, "t0" (its other end is "t1"), and with tools that write their
 /// command lines down; those that ask for an address set one. Nothing sleeps in it.
@@ -44,14 +41,10 @@ protected:
     }
     ~NetworkBox() override {
         answerRequest = nullptr;
-        onPause = nullptr;
+        onPause = [](auto) {};
     }
 
-    static std::string Run(const std::string& command) {
-        std::string output;
-        Shell::RunSystemWithResult(output, "exec 2>&1; %s", command.c_str());
-        return output;
-    }
+    static std::string Run(const std::string& command) { return OutputOf(command); }
 
     /// Runs the `ip` tool, which is to say nothing.
     static void Ip(const std::string& arguments) {
