@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "StoreKeys.h"
 #include "ZelConfig.h"
 
 /// How the box gets its IPv4 address. The numbers are those of the state machine
@@ -16,11 +17,9 @@ enum class AddressMode : unsigned {
 
 namespace AddressModes {
 
-inline constexpr char kKey[] = "network.config.discover.mode";
-
 /// The mode in the store: "202" is static, "2" and "201" are link-local, all others DHCP.
 inline AddressMode Read(const ZelConfig& config) {
-    const std::string mode = config.Get(kKey);
+    const std::string mode = config.Get(StoreKeys::kAddressMode);
     if (mode == "2" || mode == "201") {
         return AddressMode::kLinkLocal;
     }
@@ -29,7 +28,8 @@ inline AddressMode Read(const ZelConfig& config) {
 
 /// Makes `mode`, kLinkLocal or kDhcp, that of the next start. False when it cannot be saved.
 [[nodiscard]] inline bool Save(ZelConfig& config, AddressMode mode) {
-    config.Set(kKey, std::to_string(static_cast<unsigned>(mode)), ZelConfig::Kind::kPersistent);
+    config.Set(StoreKeys::kAddressMode, std::to_string(static_cast<unsigned>(mode)),
+               ZelConfig::Kind::kPersistent);
     return config.Save();
 }
 

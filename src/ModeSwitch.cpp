@@ -10,11 +10,10 @@
 #include "Ipv4.h"
 #include "NetworkAttributes.h"
 #include "NetworkType.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
-
-constexpr char kLanAddress[] = "network.current.lan.ip";
 
 // How long the link, and then the address, is waited for.
 constexpr std::chrono::seconds kTimeout{5};
@@ -60,12 +59,12 @@ ModeSwitch::Outcome ModeSwitch::Run(long number, in_addr asked, FormerAddress& f
         return Outcome::kFailed;
     }
     onWlan_ = !NetworkType::IsLan(context_.config);
-    const std::string netmask = context_.config.Get(onWlan_ ? "network.current.wlan.netmask"
-                                                            : "network.current.lan.netmask");
+    const std::string netmask =
+        context_.config.Get(onWlan_ ? StoreKeys::kWlanNetmask : StoreKeys::kLanNetmask);
     context_.discoverMode.Follow();
     LanDevice lan(context_);
     const Outcome outcome = Switch(lan, *mode);
-    if (outcome != Outcome::kDone && (onWlan_ || context_.config.Get(kLanAddress).empty())) {
+    if (outcome != Outcome::kDone && (onWlan_ || context_.config.Get(StoreKeys::kLanIp).empty())) {
         Recover(lan);
     }
     former = AddAlias(asked, netmask);
@@ -105,7 +104,7 @@ ModeSwitch::Outcome ModeSwitch::Switch(LanDevice& lan, AddressMode mode) {
 }
 
 bool ModeSwitch::HasAddress(AddressMode mode) const {
-    const std::string address = context_.config.Get(kLanAddress);
+    const std::string address = context_.config.Get(StoreKeys::kLanIp);
     const bool isLinkLocal = Ipv4::IsLinkLocal(address);
     return !address.empty() &&
            (mode == AddressMode::kConfigured || isLinkLocal == (mode == AddressMode::kLinkLocal));
@@ -129,8 +128,8 @@ ModeSwitch::FormerAddress ModeSwitch::AddAlias(in_addr address, const std::strin
         return inet_addr(context_.config.Get(key).c_str()) == address.s_addr;
     };
     const bool isLoopback = ntohl(address.s_addr) >> IN_CLASSA_NSHIFT == IN_LOOPBACKNET;
-    if (address.s_addr == INADDR_ANY || isLoopback || isCurrent(kLanAddress) ||
-        isCurrent("network.current.wlan.ip")) {
+    if (address.s_addr == INADDR_ANY || isLoopback || isCurrent(StoreKeys::kLanIp) ||
+        isCurrent(StoreKeys::kWlanIp)) {
         return nullptr;
     }
     // A label of its own: the alias before may still be there.

@@ -11,6 +11,7 @@
 #include "Ipv4.h"
 #include "LogText.h"
 #include "Shell.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
@@ -79,9 +80,9 @@ void NetDevice::StaticValues::ExplainRefusal() const {
 }
 
 bool NetDevice::StaticValues::Read(const ZelConfig& config) {
-    return ReadAddress(config, "network.config.static.ip", "Ip", ip_) &&
-           ReadAddress(config, "network.config.static.netmask", "Netmask", netmask_) &&
-           ReadAddress(config, "network.config.static.gateway", "Geteway", gateway_);
+    return ReadAddress(config, StoreKeys::kStaticIp, "Ip", ip_) &&
+           ReadAddress(config, StoreKeys::kStaticNetmask, "Netmask", netmask_) &&
+           ReadAddress(config, StoreKeys::kStaticGateway, "Geteway", gateway_);
 }
 
 NetStatus NetDevice::EnableInterface() {
@@ -228,7 +229,7 @@ NetStatus NetDevice::FinishConfiguration() {
     DelHostGateway();
     const NetStatus status = SetHostGateway();
     Announce();
-    const std::string vehicleEthernet = context_.config.Get("diag.connected.tavo_d");
+    const std::string vehicleEthernet = context_.config.Get(StoreKeys::kHeadD);
     ZEL_INFO("TAVOD: '%s'", vehicleEthernet.c_str());
     if (vehicleEthernet == "1") {
         Shell::RunSystem("/app/w2v/start_kvad &");

@@ -4,6 +4,7 @@
 
 #include "Ipv4.h"
 #include "NetRequests.h"
+#include "StoreKeys.h"
 
 namespace NetworkAttributes {
 namespace {
@@ -24,24 +25,23 @@ void Add(ZelConfig& config, const InterfaceName& wlanInterface) {
         const InterfaceName& interface;
         unsigned long code;
     } addresses[] = {
-        {"network.current.lan.ip", lanInterface, SIOCGIFADDR},
-        {"network.current.lan.netmask", lanInterface, SIOCGIFNETMASK},
-        {"network.current.wlan.ip", wlanInterface, SIOCGIFADDR},
-        {"network.current.wlan.netmask", wlanInterface, SIOCGIFNETMASK},
+        {StoreKeys::kLanIp, lanInterface, SIOCGIFADDR},
+        {StoreKeys::kLanNetmask, lanInterface, SIOCGIFNETMASK},
+        {StoreKeys::kWlanIp, wlanInterface, SIOCGIFADDR},
+        {StoreKeys::kWlanNetmask, wlanInterface, SIOCGIFNETMASK},
     };
     for (const auto& [key, interface, code] : addresses) {
         config.Register(key, [name = interface, code = code](const std::string&, std::string& out) {
             return Put(NetRequests::ReadAddress(name(), code), out);
         });
     }
-    config.Register("network.current.defaultgateway", [](const std::string&, std::string& out) {
+    config.Register(StoreKeys::kDefaultGateway, [](const std::string&, std::string& out) {
         return Put(NetRequests::ReadDefaultGateway(), out);
     });
-    config.Register("network.current.wlan.quality",
-                    [wlanInterface](const std::string&, std::string& out) {
-                        out = std::to_string(NetRequests::ReadLinkQuality(wlanInterface()));
-                        return true;
-                    });
+    config.Register(StoreKeys::kWlanQuality, [wlanInterface](const std::string&, std::string& out) {
+        out = std::to_string(NetRequests::ReadLinkQuality(wlanInterface()));
+        return true;
+    });
 }
 
 }  // namespace NetworkAttributes

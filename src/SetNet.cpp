@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "NetworkType.h"
+#include "StoreKeys.h"
 #include "WlanDeviceDetector.h"
 #include "ZelLog.h"
 
@@ -32,7 +33,7 @@ NetStatus SetNet::SetUpNetwork(const StopRequested& stopRequested, int passes) {
             ZEL_DEBUG("Lan link detect, set ip address");
             if (!Failed(lan_.ConfigureInterface())) {
                 ZEL_INFO("LAN interface configured, IP: %s",
-                         context_.config.Get("network.current.lan.ip").c_str());
+                         context_.config.Get(StoreKeys::kLanIp).c_str());
                 NetworkType::Set(context_.config, NetworkType::kLan);
                 return NetStatus::kDone;
             }
@@ -68,8 +69,7 @@ NetStatus SetNet::SetUpWlan(const StopRequested& stopRequested) {
     if (Failed(wlan_->ConfigureInterface())) {
         return NetStatus::kFailed;
     }
-    ZEL_INFO("WLAN interface configured, IP: %s",
-             context_.config.Get("network.current.wlan.ip").c_str());
+    ZEL_INFO("WLAN interface configured, IP: %s", context_.config.Get(StoreKeys::kWlanIp).c_str());
     NetworkType::Set(context_.config, NetworkType::kWlan);
     return NetStatus::kDone;
 }

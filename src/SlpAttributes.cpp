@@ -178,7 +178,7 @@ constexpr Row kConnectorRows[] = {
     {"),(VciChannels=", UsableChannels, nullptr},
     {"),(Netmask=", NetMask, "netmask"},
     {"),(NetGateway=", NetGateway, nullptr},
-    {"),(NetworkType=", Stored, NetworkType::kKey},
+    {"),(NetworkType=", Stored, StoreKeys::kNetworkType},
     {"),(UUID=", Stored, StoreKeys::kUuid},
 };
 

@@ -74,7 +74,7 @@ inline constexpr char kManager[] =                    // OrsSignIn: dotted
     "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips";
 inline constexpr char kFoundManager[] =  // ManagerLocator: dotted
     "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
-inline constexpr char kAddressMode[] = "network.config.discover.mode";  // DiscoverModeCtrl: 1 to 3
+inline constexpr char kAddressMode[] = "network.config.discover.mode";  // AddressMode
 inline constexpr char kStaticIp[] = "network.config.static.ip";         // what inet_aton takes
 inline constexpr char kStaticNetmask[] = "network.config.static.netmask";
 inline constexpr char kStaticGateway[] = "network.config.static.gateway";

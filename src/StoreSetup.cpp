@@ -20,7 +20,7 @@ constexpr struct {
     {StoreKeys::kUuid, DeviceReservation::kFreeUuid},
     {StoreKeys::kVersion, kVersion},
     {StoreKeys::kRevision, kRevision},
-    {NetworkType::kKey, NetworkType::kLan},
+    {StoreKeys::kNetworkType, NetworkType::kLan},
     {StoreKeys::kOplaMode, "OPLA"},
 };
 

@@ -11,15 +11,15 @@ using Trigger = DiscoverModeCtrl::Trigger;
 
 /// A store whose mode nobody has written.
 struct Store : ZelConfig {
-    Store() { Set(AddressModes::kKey, "-", Kind::kPersistent); }
-    std::string Mode() const { return Get(AddressModes::kKey); }
+    Store() { Set(StoreKeys::kAddressMode, "-", Kind::kPersistent); }
+    std::string Mode() const { return Get(StoreKeys::kAddressMode); }
 };
 
 /// The mode that the next start finds.
 std::string SavedMode() {
     ZelConfig config;
     config.Load();
-    return config.Get(AddressModes::kKey);
+    return config.Get(StoreKeys::kAddressMode);
 }
 
 /// Events in words of two digits: the trigger and the mode.

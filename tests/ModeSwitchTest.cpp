@@ -50,13 +50,13 @@ TEST_F(ModeSwitchTest, TheFormerAddressIsAnAliasAsLongAsItIsHeld) {
         SCOPED_TRACE(std::to_string(mode) + " " + address);
         Ip("-4 address flush dev eth0");
         Ip("address add 192.168.68.42/16 dev eth0");
-        Set(AddressModes::kKey, stored);
+        Set(StoreKeys::kAddressMode, stored);
         if (!tool.empty()) {
             RecordAddressing(tool, "ip address add " + address + " dev eth0");
         }
         EXPECT_EQ(Switch(mode), outcome);
         EXPECT_EQ(mode_.CurrentMode(), current);
-        EXPECT_EQ(config_.Get(AddressModes::kKey), stored);
+        EXPECT_EQ(config_.Get(StoreKeys::kAddressMode), stored);
         EXPECT_TRUE(Recorded().starts_with(tool));
         EXPECT_EQ(Addresses("eth0"),
                   address + " eth0\n192.168.68.42/16 eth0:" + std::to_string(label++) + "\n");

@@ -31,7 +31,7 @@ protected:
 
     /// How a start in that mode ends.
     NetStatus Start(const char* mode) {
-        Set(AddressModes::kKey, mode);
+        Set(StoreKeys::kAddressMode, mode);
         return NetDevice("t0", context_).ConfigureInterface();
     }
 
@@ -129,7 +129,7 @@ TEST_F(NetDeviceTest, TheFirstConfigurationSettlesTheMode) {
         mode.Enable();
         NetDevice device("t0", {config_, mode});
         for (const char* stored : {first, "201", "3"}) {
-            Set(AddressModes::kKey, stored);
+            Set(StoreKeys::kAddressMode, stored);
             Ip("address flush dev t0");
             Ip("address add 10.1.0.9/16 dev t0");
             Ip("route replace default via 10.1.0.1");
@@ -151,7 +151,7 @@ TEST_F(NetDeviceTest, WithoutALeaseTheAddressIsLinkLocal) {
                                "ip address add 10.1.0.7/16 dev t0 label t0:0", "exit 127"}) {
         SCOPED_TRACE(client);
         Record("/sbin/udhcpc", client);
-        Set(AddressModes::kKey, "3");
+        Set(StoreKeys::kAddressMode, "3");
         DiscoverModeCtrl mode(config_);
         mode.Enable();
         NetDevice device("t0", {config_, mode});
@@ -161,7 +161,7 @@ TEST_F(NetDeviceTest, WithoutALeaseTheAddressIsLinkLocal) {
         EXPECT_EQ(device.ConfigureInterface(), kDone);
         EXPECT_EQ(Recorded(), bothTools);
         mode.Event(DiscoverModeCtrl::Trigger::kCommunicated);
-        EXPECT_EQ(config_.Get(AddressModes::kKey), "2");
+        EXPECT_EQ(config_.Get(StoreKeys::kAddressMode), "2");
         Ip("address flush dev t0");
     }
 }
@@ -177,7 +177,7 @@ TEST_F(NetDeviceTest, WithoutALinkLocalAddressTheInterfaceIsNotConfigured) {
     EXPECT_EQ(Start("3"), kDone);
     mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
     EXPECT_EQ(mode_.CurrentMode(), AddressMode::kDhcp) << "it never was on another";
-    EXPECT_EQ(config_.Get(AddressModes::kKey), "3");
+    EXPECT_EQ(config_.Get(StoreKeys::kAddressMode), "3");
 }
 
 TEST_F(NetDeviceTest, WhatIsWrongWithStaticValues) {
@@ -206,7 +206,7 @@ TEST_F(NetDeviceTest, WhatIsWrongWithStaticValues) {
         std::filesystem::resize_file(ZelLogging::kLogFile, 0);
         DiscoverModeCtrl mode(config_);
         mode.Enable();
-        Set(AddressModes::kKey, "202");
+        Set(StoreKeys::kAddressMode, "202");
         EXPECT_EQ(NetDevice("t0", {config_, mode}).ConfigureInterface(),
                   line.empty() ? kDone : kFailed);
         const bool isNoAddress = line.find("not correct") != std::string::npos;
@@ -214,7 +214,7 @@ TEST_F(NetDeviceTest, WhatIsWrongWithStaticValues) {
         const std::string log = ReadFile(ZelLogging::kLogFile);
         EXPECT_NE(log.find(" " + line), std::string::npos) << log;
         EXPECT_EQ(log.find("; correct network.config.static.") != std::string::npos, isRefused);
-        EXPECT_EQ(config_.Get(AddressModes::kKey), isNoAddress ? "3" : "202");
+        EXPECT_EQ(config_.Get(StoreKeys::kAddressMode), isNoAddress ? "3" : "202");
         EXPECT_TRUE(!isNoAddress || Addresses("t0").empty()) << "it is not tried";
     }
 }

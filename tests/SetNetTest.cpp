@@ -37,7 +37,7 @@ TEST_F(SetNetTest, TheCableIsTakenWhenItHasALink) {
     AddWlan("0");
     Ip("link set eth0 down");
     EXPECT_EQ(RunPasses(1, [](int) { ADD_FAILURE(); }), NetStatus::kDone);
-    EXPECT_EQ(config_.Get(NetworkType::kKey), NetworkType::kLan);
+    EXPECT_EQ(config_.Get(StoreKeys::kNetworkType), NetworkType::kLan);
     EXPECT_NE(Recorded().find("-p /var/run/udhcpc_eth0.pid -i eth0 "), std::string::npos);
     EXPECT_FALSE(IsUp("ra0"));
 }
@@ -103,7 +103,7 @@ TEST_F(SetNetTest, TheWlanIsTriedInEveryPassThen) {
         }
     };
     EXPECT_EQ(RunPasses(6, onPass), NetStatus::kDone);
-    EXPECT_EQ(config_.Get(NetworkType::kKey), NetworkType::kWlan);
+    EXPECT_EQ(config_.Get(StoreKeys::kNetworkType), NetworkType::kWlan);
     EXPECT_TRUE(IsUp("ra0"));
     EXPECT_FALSE(IsUp("eth0"));
     EXPECT_EQ(Addresses("eth0"), "");
