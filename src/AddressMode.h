@@ -28,8 +28,7 @@ inline AddressMode Read(const ZelConfig& config) {
 
 /// Makes `mode`, kLinkLocal or kDhcp, that of the next start. False when it cannot be saved.
 [[nodiscard]] inline bool Save(ZelConfig& config, AddressMode mode) {
-    config.Set(StoreKeys::kAddressMode, std::to_string(static_cast<unsigned>(mode)),
-               ZelConfig::Kind::kPersistent);
+    config.SetPersistent(StoreKeys::kAddressMode, std::to_string(static_cast<unsigned>(mode)));
     return config.Save();
 }
 

@@ -51,12 +51,12 @@ public:
     };
 
     /// Runs a program. It gets no descriptor besides 0, 1 and 2, and default signal dispositions.
-    static Result Run(const Order& order);
+    [[nodiscard]] static Result Run(const Order& order);
 
     /// Ends what is waited for, and has nothing started any more, but for what runs in the stop.
     /// Returns at once; the callers of Run() come back right after.
     static void EndAll();
 
     /// Starts the executable `path` and does not wait for its end. False when it cannot be started.
-    static bool Start(const std::string& path);
+    [[nodiscard]] static bool Start(const std::string& path);
 };

@@ -15,6 +15,6 @@ void Install();
 
 /// Runs `work` on an alternate signal stack of its own. Returns true when it came to its end and
 /// false when it faulted.
-bool Run(const std::function<void()>& work);
+[[nodiscard]] bool Run(const std::function<void()>& work);
 
 }  // namespace CrashGuard

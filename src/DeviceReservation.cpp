@@ -10,15 +10,10 @@
 
 #include "Ipv4.h"
 #include "SocketGuard.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
-
-constexpr char kStateKey[] = "zel.state.current";
-constexpr char kOwnerKey[] = "zel.state.owner";
-constexpr char kHandleKey[] = "zel.state.handle";
-constexpr char kUuidKey[] = "zel.state.uuid";
-constexpr char kHostLockKey[] = "zel.state.hostlock";
 
 constexpr char kMarkerFile[] = "/tmp/forceconnect";
 constexpr mode_t kMarkerMode = 0644;
@@ -74,16 +69,16 @@ bool DeviceReservation::Reserve(const std::string& owner, const std::string& hos
     }
     const std::string drawn = DrawHandle();
     std::string state;
-    if (ports_.IsShut() || !config_.Get(kStateKey, state) || state == kReserved) {
+    if (ports_.IsShut() || !config_.Get(StoreKeys::kState, state) || state == kReserved) {
         return false;
     }
     handle = drawn;
-    config_.Set(kHandleKey, handle, ZelConfig::Kind::kFixed);
-    config_.Set(kOwnerKey, owner.substr(0, kMaxOwner), ZelConfig::Kind::kFixed);
+    config_.SetFixed(StoreKeys::kHandle, handle);
+    config_.SetFixed(StoreKeys::kOwner, owner.substr(0, kMaxOwner));
     try {
         SetHostLock(hostLock.empty() ? "0" : hostLock);
-        config_.Set(kUuidKey, kReservedUuid, ZelConfig::Kind::kFixed);
-        config_.Set(kStateKey, kReserved, ZelConfig::Kind::kFixed);
+        config_.SetFixed(StoreKeys::kUuid, kReservedUuid);
+        config_.SetFixed(StoreKeys::kState, kReserved);
     } catch (const std::bad_alloc&) {
         // The box has stayed free.
         ports_.CloseAll({.time = DiagnosticPorts::kRetryLimit});
@@ -96,12 +91,12 @@ bool DeviceReservation::Reserve(const std::string& owner, const std::string& hos
 
 bool DeviceReservation::Release(const std::string& handle) {
     const std::unique_lock lock = Lock(handle);
-    return lock && !handle.empty() && ReleaseWhere(kHandleKey, handle);
+    return lock && !handle.empty() && ReleaseWhere(StoreKeys::kHandle, handle);
 }
 
 bool DeviceReservation::ReleaseOwnedBy(const std::string& owner) {
     const std::unique_lock lock = Lock();
-    return lock && ReleaseWhere(kOwnerKey, owner.substr(0, kMaxOwner));
+    return lock && ReleaseWhere(StoreKeys::kOwner, owner.substr(0, kMaxOwner));
 }
 
 bool DeviceReservation::ReleaseWhere(const char* key, const std::string& value) {
@@ -109,17 +104,17 @@ bool DeviceReservation::ReleaseWhere(const char* key, const std::string& value) 
         return false;
     }
     ClearHostLock();
-    config_.Set(kOwnerKey, "", ZelConfig::Kind::kFixed);
-    config_.Set(kStateKey, kFree, ZelConfig::Kind::kFixed);
-    config_.Set(kHandleKey, "", ZelConfig::Kind::kFixed);
-    config_.Set(kUuidKey, kFreeUuid, ZelConfig::Kind::kFixed);
+    config_.SetFixed(StoreKeys::kOwner, "");
+    config_.SetFixed(StoreKeys::kState, kFree);
+    config_.SetFixed(StoreKeys::kHandle, "");
+    config_.SetFixed(StoreKeys::kUuid, kFreeUuid);
     return true;
 }
 
 DeviceReservation::Session DeviceReservation::ChangeHostLock(const std::string& handle,
                                                              const std::string& hostLock) {
     const std::unique_lock lock = Lock(handle);
-    if (!lock || config_.Get(kHandleKey) != handle) {
+    if (!lock || config_.Get(StoreKeys::kHandle) != handle) {
         return Session::kWrongHandle;
     }
     if (!IsReserved()) {
@@ -138,15 +133,15 @@ DeviceReservation::Session DeviceReservation::CheckSession(const std::string& ha
     if (!IsReserved()) {
         return Session::kNotReserved;
     }
-    return config_.Get(kHandleKey) == handle ? Session::kValid : Session::kWrongHandle;
+    return config_.Get(StoreKeys::kHandle) == handle ? Session::kValid : Session::kWrongHandle;
 }
 
 bool DeviceReservation::IsReserved() const {
-    return config_.Get(kStateKey) == kReserved;
+    return config_.Get(StoreKeys::kState) == kReserved;
 }
 
 std::unique_lock<HeldMutex> DeviceReservation::Lock(const std::string& handle) const {
-    const bool isOwner = !handle.empty() && config_.Get(kHandleKey) == handle;
+    const bool isOwner = !handle.empty() && config_.Get(StoreKeys::kHandle) == handle;
     std::unique_lock<HeldMutex> lock =
         isOwner ? std::unique_lock(mutex_, kPatience) : mutex_.LockInTurn(kPatience);
     if (!lock) {
@@ -157,12 +152,12 @@ std::unique_lock<HeldMutex> DeviceReservation::Lock(const std::string& handle) c
 
 void DeviceReservation::SetHostLock(const std::string& hostLock) {
     const std::string host = ToDottedAddress(hostLock);
-    config_.Set(kHostLockKey, host, ZelConfig::Kind::kFixed);
+    config_.SetFixed(StoreKeys::kHostLock, host);
     ports_.Open(host);
 }
 
 void DeviceReservation::ClearHostLock() {
-    const std::string host = config_.Get(kHostLockKey);
+    const std::string host = config_.Get(StoreKeys::kHostLock);
     if (!host.empty()) {
         ports_.Close(host);
     }

@@ -70,14 +70,15 @@ public:
     /// SetHostLock; empty means any host). Returns true with the new handle, a decimal number that
     /// cannot be guessed and is never 0; or false with "0" when the box is reserved or the agent is
     /// being stopped.
-    bool Reserve(const std::string& owner, const std::string& hostLock, std::string& handle);
+    [[nodiscard]] bool Reserve(const std::string& owner, const std::string& hostLock,
+                               std::string& handle);
 
     /// Releases the reserved box and closes its ports. Returns false, changing nothing, when it is
     /// free or `handle` is not the stored one.
-    bool Release(const std::string& handle);
+    [[nodiscard]] bool Release(const std::string& handle);
 
     /// The same for whoever names the stored owner.
-    bool ReleaseOwnedBy(const std::string& owner);
+    [[nodiscard]] bool ReleaseOwnedBy(const std::string& owner);
 
     /// Moves the diagnostic ports of the reserved box to another host. The handle is checked
     /// first, then the state. A refusal for want of time is told as a wrong handle.
@@ -95,7 +96,7 @@ private:
     /// knows the handle, wait in turn.
     std::unique_lock<HeldMutex> Lock(const std::string& handle = "") const;
     /// Releases the reserved box if that entry of the store has that value.
-    bool ReleaseWhere(const char* key, const std::string& value);
+    [[nodiscard]] bool ReleaseWhere(const char* key, const std::string& value);
     /// `hostLock` is what inet_aton accepts ("0" means any host); other text opens the ports to
     /// 255.255.255.255, that is, to nobody.
     void SetHostLock(const std::string& hostLock);

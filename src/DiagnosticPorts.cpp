@@ -41,7 +41,9 @@ Shell::Fate Filter(const char* action, const Rule& rule, const Shell::Limits& li
 
 void SetForwarding(int on) {
     std::string output;
-    Shell::RunSystemWithResult(output, "/bin/echo %d > %s", on, kForwarding);
+    static_cast<void>(
+        Shell::RunSystemWithResult(output, "/bin/echo %d > %s", on,
+                                   kForwarding));  // a box without forwarding serves all the same
 }
 
 /// Without a tool: also where none can be started.
@@ -87,7 +89,8 @@ std::optional<Rule> ParseRule(std::string_view line) {
 /// No value when the packet filter does not tell.
 std::optional<std::vector<Rule>> FindRules(const Shell::Limits& limits) {
     std::string listed;
-    Shell::RunWithin(limits, listed, "/sbin/iptables -S INPUT");
+    static_cast<void>(
+        Shell::RunWithin(limits, listed, "/sbin/iptables -S INPUT"));  // the list tells
     // The policy of the chain stands first.
     if (!listed.starts_with("-P INPUT ")) {
         ZEL_ERROR("Can't read the packet filter");

@@ -19,7 +19,7 @@ struct KvadVin {
     std::vector<std::string> controlUnits;
 
     /// Reads the file. Returns false when there is none.
-    bool Read();
+    [[nodiscard]] bool Read();
 
     /// The control units' addresses as "[a,b,c]".
     std::string ControlUnitList() const;

@@ -126,7 +126,8 @@ int ManagerLocator::OnAttributeReply(SlpReply& reply) {
         return -1;
     }
     std::string value;
-    SlpBase::FindAttribute(*reply.attrList, kAddressAttribute, value);
+    static_cast<void>(
+        SlpBase::FindAttribute(*reply.attrList, kAddressAttribute, value));  // else empty
     std::string address = Enclosed(value);
     if (!IsHostAddress(address)) {
         Complain("ClusterIP '" + LogText::Of(address) + "' of " + reply.peerAddress);

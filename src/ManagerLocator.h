@@ -31,7 +31,7 @@ public:
     /// ("zel.state.startup"), the fourth is reported to the discover-mode controller. Returns true
     /// once a manager has answered and its address is stored under StoreKeys::kFoundManager and
     /// saved, false when stopped.
-    bool LocateManager();
+    [[nodiscard]] bool LocateManager();
 
     /// Sends one request to a dotted address, or to the multicast group when it is empty. Replies
     /// count from now on until the wait for them has ended.
@@ -53,9 +53,9 @@ public:
     void Stop();
 
 private:
-    bool Ask(const std::string& address, std::chrono::milliseconds patience);
-    bool TryUnicast();
-    bool TryMulticast();
+    [[nodiscard]] bool Ask(const std::string& address, std::chrono::milliseconds patience);
+    [[nodiscard]] bool TryUnicast();
+    [[nodiscard]] bool TryMulticast();
     bool IsStopped() const;
     void OnMulticastFailure(int attempt);
     void Complain(const std::string& what);

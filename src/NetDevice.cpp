@@ -209,8 +209,9 @@ NetStatus NetDevice::StartDhcp() {
 
 void NetDevice::StartApipa() {
     std::string output;
-    Shell::RunSystemWithResult(
-        output, "/sbin/zcip -fq %s /etc/network/zcip.script > /dev/null 2>&1", name_.c_str());
+    static_cast<void>(Shell::RunSystemWithResult(
+        output, "/sbin/zcip -fq %s /etc/network/zcip.script > /dev/null 2>&1",
+        name_.c_str()));  // the address tells
     Shell::RunSystem("route add default dev " + name_);
     // An address from before may still be there.
     if (Ipv4::IsLinkLocal(Ipv4::Dotted({NetRequests::ReadOwnAddress(name_)}))) {
@@ -222,7 +223,9 @@ void NetDevice::StartApipa() {
 
 void NetDevice::Announce() {
     std::string output;
-    Shell::RunSystemWithResult(output, "/usr/bin/arping -b -c 1 -U -I %s 0.0.0.0", name_.c_str());
+    static_cast<void>(
+        Shell::RunSystemWithResult(output, "/usr/bin/arping -b -c 1 -U -I %s 0.0.0.0",
+                                   name_.c_str()));  // neighbours find it out by themselves
 }
 
 NetStatus NetDevice::FinishConfiguration() {

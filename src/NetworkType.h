@@ -15,7 +15,7 @@ inline bool IsLan(const ZelConfig& config) {
 
 /// `type` is kLan or kWlan. Not saved: every start finds it out anew.
 inline void Set(ZelConfig& config, const char* type) {
-    config.Set(StoreKeys::kNetworkType, type, ZelConfig::Kind::kFixed);
+    config.SetFixed(StoreKeys::kNetworkType, type);
 }
 
 }  // namespace NetworkType

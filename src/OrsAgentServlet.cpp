@@ -88,7 +88,7 @@ Answer IsServiceRunning(const Call& call) {
 }
 
 Answer RestartDevice(const Call& /*call*/) {
-    Reboot().DoReboot();
+    static_cast<void>(Reboot().DoReboot());  // there is no answer for it
     return {EmptyResponse("restartDevice")};
 }
 

@@ -9,16 +9,13 @@
 #include "PreSignInResponse.h"
 #include "Reboot.h"
 #include "SignInRequests.h"
+#include "StoreKeys.h"
 #include "ZelLog.h"
 
 namespace {
 
 constexpr char kOwner[] = "PreSignIn";
 constexpr char kAnyHost[] = "0";
-constexpr char kAddressKey[] =
-    "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips.tmp";
-constexpr char kRememberedAddressKey[] =
-    "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips";
 constexpr std::chrono::seconds kReservePause{1};
 constexpr int kAttempts = 2;
 // The manager's SLP service may be there before its SOAP service.
@@ -50,7 +47,7 @@ void OrsSignIn::Run() {
         return Pause(kReservePause);
     });
     try {
-        const std::string address = config_.Get(kAddressKey);
+        const std::string address = config_.Get(StoreKeys::kFoundManager);
         if (!address.empty()) {
             SignInWith(address);
         }
@@ -132,7 +129,7 @@ void OrsSignIn::Conclude(const std::string& address) {
         }
     }
     mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
-    config_.Set(kRememberedAddressKey, address, ZelConfig::Kind::kPersistent);
+    config_.SetPersistent(StoreKeys::kManager, address);
     if (!config_.Save()) {
         ZEL_ERROR("Can't save what the manager has set");
     }

@@ -43,9 +43,6 @@ constexpr SecretFile kSecretFiles[] = {
      WlanEnterprise::kClientCertificate},
     {"keypass", &Answer::keyPass, "Lomitrax", WlanEnterprise::kPrivateKey}};
 
-constexpr char kCredentialsKey[] = "wlan.conf.infra.credentials";
-constexpr char kPassPhraseKey[] = "wlan.conf.infra.psk";
-
 constexpr char kDefaultCountry[] = "DE";
 
 constexpr std::size_t kMaxHostName = 63;     // characters
@@ -114,19 +111,19 @@ Settings JudgeBox(const Answer& answer) {
     Settings settings;
     if (answer.hostName) {
         const std::string name = Trimmed(*answer.hostName);
-        Judge("host name", IsHostName(name), "tavo.hostname", name, settings);
+        Judge("host name", IsHostName(name), StoreKeys::kHostName, name, settings);
     }
     ZEL_DEBUG("PreSignIn response color: %s", LogText::Of(answer.color.value_or("")).c_str());
     if (answer.color) {
         const std::string_view name = ColorTable::NameOf(*answer.color);
-        Judge("color", !name.empty(), "tavo.color", std::string(name), settings);
+        Judge("color", !name.empty(), StoreKeys::kColor, std::string(name), settings);
     }
     ZEL_DEBUG("PreSignIn response countryCode: %s",
               LogText::Of(answer.countryCode.value_or("")).c_str());
     if (answer.countryCode) {
         const std::string code =
             answer.countryCode->empty() ? kDefaultCountry : *answer.countryCode;
-        Judge("country code", IsCountry(code), "country.code", code, settings);
+        Judge("country code", IsCountry(code), StoreKeys::kCountry, code, settings);
     }
     return settings;
 }
@@ -152,7 +149,7 @@ bool JudgeCertificates(const Answer& answer, Wlan& wlan) {
                     [](const std::string& text) { return text.empty(); })) {
         ZEL_DEBUG("Wlan enterprise configuration not new");
     }
-    wlan.settings.emplace_back(kCredentialsKey, WlanEnterprise::kDirectory);
+    wlan.settings.emplace_back(StoreKeys::kWlanCredentials, WlanEnterprise::kDirectory);
     return true;
 }
 
@@ -164,9 +161,9 @@ bool JudgeKey(const ZelConfig& config, const std::string& credentials, Settings&
         ZEL_DEBUG("Wlan psk configuration not new");
         return false;
     }
-    const bool hasPassPhrase = !config.Get(kPassPhraseKey).empty();
+    const bool hasPassPhrase = !config.Get(StoreKeys::kWlanPassPhrase).empty();
     if (trimmed.empty()) {
-        const bool hasKey = config.Get(kCredentialsKey) != WlanEnterprise::kDirectory;
+        const bool hasKey = config.Get(StoreKeys::kWlanCredentials) != WlanEnterprise::kDirectory;
         if (!hasPassPhrase && !hasKey) {
             LogRefused("WLAN configuration, which has no key,");
         }
@@ -183,9 +180,9 @@ bool JudgeKey(const ZelConfig& config, const std::string& credentials, Settings&
             kMaxCredentials);
     } else if (hasPassPhrase) {
         ZEL_INFO("PreSignIn response: the new WLAN key takes the place of the pass phrase");
-        settings.emplace_back(kPassPhraseKey, "");
+        settings.emplace_back(StoreKeys::kWlanPassPhrase, "");
     }
-    settings.emplace_back(kCredentialsKey, credentials);
+    settings.emplace_back(StoreKeys::kWlanCredentials, credentials);
     return true;
 }
 
@@ -212,20 +209,20 @@ bool JudgeWlan(const ZelConfig& config, const Answer& answer, Wlan& wlan) {
                !JudgeKey(config, answer.credentials.value_or(""), wlan.settings)) {
         return true;
     }
-    wlan.settings.emplace_back("wlan.conf.infra.security.level", level);
-    wlan.settings.emplace_back("wlan.conf.infra.ssid", ssid);
+    wlan.settings.emplace_back(StoreKeys::kWlanSecurity, level);
+    wlan.settings.emplace_back(StoreKeys::kWlanSsid, ssid);
     if (!band.empty()) {
-        wlan.settings.emplace_back("wlan.conf.infra.band", band);
+        wlan.settings.emplace_back(StoreKeys::kWlanBand, band);
     }
     if (!channel.empty()) {
-        wlan.settings.emplace_back("wlan.conf.infra.channel", channel);
+        wlan.settings.emplace_back(StoreKeys::kWlanChannel, channel);
     }
     return true;
 }
 
 void Store(ZelConfig& config, const Settings& settings) {
     for (const auto& [key, value] : settings) {
-        config.Set(key, value, ZelConfig::Kind::kPersistent);
+        config.SetPersistent(key, value);
     }
 }
 
@@ -234,7 +231,7 @@ bool Store(ZelConfig& config, const Answer& answer, const Wlan& wlan) {
     if (wlan.files) {
         const auto& [caCertificate, clientCertificate, privateKey] = *wlan.files;
         if (!WlanEnterprise::WriteCertificates(caCertificate, clientCertificate, privateKey) ||
-            !WlanEnterprise::WriteSupplicantFile(*answer.ssid, config.Get("hardware.devid"))) {
+            !WlanEnterprise::WriteSupplicantFile(*answer.ssid, config.Get(StoreKeys::kDeviceId))) {
             return false;
         }
     }

@@ -82,11 +82,11 @@ bool Create(pthread_t& thread, int detachState, const char* name, std::function<
 }  // namespace
 
 ServiceThread::~ServiceThread() {
-    Join();
+    static_cast<void>(Join());  // it has ended either way
 }
 
 bool ServiceThread::Start(const char* name, std::function<void()> work) {
-    Join();
+    static_cast<void>(Join());  // the former one has ended either way
     running_ = Create(thread_, PTHREAD_CREATE_JOINABLE, name, std::move(work));
     return running_;
 }

@@ -26,19 +26,19 @@ public:
     /// Starts a joinable thread named `name` (at most 15 characters reach the system). Returns
     /// false when no thread can be made. Where `work` runs out of memory it is called again, and so
     /// returns at once when it is to stop.
-    bool Start(const char* name, std::function<void()> work);
+    [[nodiscard]] bool Start(const char* name, std::function<void()> work);
     /// Whether there is a thread to wait for.
     bool IsStarted() const { return running_; }
     /// Waits for the thread's end; nothing to wait for is no error. Returns false when it cannot be
     /// waited for.
-    bool Join();
+    [[nodiscard]] bool Join();
     /// The same for at most `patience`; false also when the thread is still at work then. It is
     /// nobody's to join after that.
-    bool JoinWithin(std::chrono::milliseconds patience);
+    [[nodiscard]] bool JoinWithin(std::chrono::milliseconds patience);
 
     /// Starts a thread that is nobody's to join. Returns false when no thread can be made.
     /// `work` and what it owns are destroyed on the thread, also when it faults.
-    static bool StartDetached(const char* name, std::function<void()> work);
+    [[nodiscard]] static bool StartDetached(const char* name, std::function<void()> work);
 
 private:
     pthread_t thread_{};

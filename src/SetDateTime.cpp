@@ -87,10 +87,11 @@ std::int64_t SetDateTime::ReadEndDate(const std::string& key) {
         return kNoDate;
     }
     std::string date;
-    Shell::RunSystemWithResult(date,
-                               "/app/velka/bin/openssl  x509 -in %s -noout -enddate 2> /dev/null | "
-                               "sed 's/.*=\\(.*\\) [A-Z]*$/\\1/'",
-                               path.c_str());
+    static_cast<void>(Shell::RunSystemWithResult(
+        date,
+        "/app/velka/bin/openssl  x509 -in %s -noout -enddate 2> /dev/null | "
+        "sed 's/.*=\\(.*\\) [A-Z]*$/\\1/'",
+        path.c_str()));  // the date tells
     ZEL_DEBUG("Enddate from %s: %s", path.c_str(), date.c_str());
     std::tm end{};
     if (strptime(date.c_str(), "%b %d %T %Y", &end) == nullptr) {

@@ -94,18 +94,18 @@ void Shell::RunSystem(const std::string& command) {
     RunShell(command.c_str(), {}, false);
 }
 
-int Shell::KillByPidFile(const std::string& path) {
+void Shell::KillByPidFile(const std::string& path) {
     std::ifstream file(path);
     if (!file) {
         ZEL_DEBUG("pid file '%s' dosn't exist", path.c_str());
-        return 0;
+        return;
     }
     std::string id;
     file >> id;
     if (!IsProcessId(id)) {
         ZEL_ERROR("pid file '%s' holds no process id, removing it", path.c_str());
         unlink(path.c_str());
-        return 0;
+        return;
     }
     std::string command = "kill " + id;
     ZEL_DEBUG("%s", command.c_str());
@@ -113,20 +113,19 @@ int Shell::KillByPidFile(const std::string& path) {
     nanosleep(&kKillPause, nullptr);
     if (!std::ifstream(path)) {
         ZEL_DEBUG("pid file '%s' no longer exist", path.c_str());
-        return 0;
+        return;
     }
     command = "kill -9 " + id;
     ZEL_DEBUG("%s", command.c_str());
     RunSystem(command);
     unlink(path.c_str());
-    return 0;
 }
 
 int Shell::LoadModule(const std::string& name, const std::string& path,
                       const std::string& parameters) {
     ZEL_DEBUG("Load %s at %s", name.c_str(), path.c_str());
     std::string output;
-    RunSystemWithResult(output, "/usr/sbin/lsmod");
+    static_cast<void>(RunSystemWithResult(output, "/usr/sbin/lsmod"));  // else none is loaded
     if (output.find(name) != std::string::npos) {
         return 0;
     }

@@ -43,11 +43,12 @@ public:
     /// Runs the command line made from `format` through the system shell, waits for the shell's end
     /// (not for what it left in the background) and sets `result` to its standard output. Returns
     /// false when the command could not be started; how it went otherwise is not looked at.
-    static bool RunSystemWithResult(std::string& result, const char* format, ...)
+    [[nodiscard]] static bool RunSystemWithResult(std::string& result, const char* format, ...)
         __attribute__((format(printf, 2, 3)));
 
     /// The same within other limits.
-    static Fate RunWithin(const Limits& limits, std::string& result, const char* format, ...)
+    [[nodiscard]] static Fate RunWithin(const Limits& limits, std::string& result,
+                                        const char* format, ...)
         __attribute__((format(printf, 3, 4)));
 
     /// Runs a command line through the system shell and waits for the shell's end. Its output goes
@@ -55,21 +56,22 @@ public:
     static void RunSystem(const std::string& command);
 
     /// Ends the process named in a pid file: "kill", half a second, then "kill -9" and removal of
-    /// the file if it is still there. Returns 0.
-    static int KillByPidFile(const std::string& path);
+    /// the file if it is still there.
+    static void KillByPidFile(const std::string& path);
 
     /// Loads a kernel module unless a loaded module's name contains `name`. Returns 0, or -1 when
     /// the tool could not be started.
-    static int LoadModule(const std::string& name, const std::string& path,
-                          const std::string& parameters);
+    [[nodiscard]] static int LoadModule(const std::string& name, const std::string& path,
+                                        const std::string& parameters);
 
     /// Makes `path` and the directories above it. Returns 0, or -1 with errno set.
-    static int MakeDirectoryPath(const std::string& path, mode_t mode);
+    [[nodiscard]] static int MakeDirectoryPath(const std::string& path, mode_t mode);
 
     /// Whether `text` begins with `prefix`, upper and lower case being the same (ASCII).
     static bool HasPrefixIgnoringCase(std::string_view text, std::string_view prefix);
 
 private:
-    static Fate RunFormatted(const Limits& limits, std::string& result, const char* format,
-                             va_list arguments) __attribute__((format(printf, 3, 0)));
+    [[nodiscard]] static Fate RunFormatted(const Limits& limits, std::string& result,
+                                           const char* format, va_list arguments)
+        __attribute__((format(printf, 3, 0)));
 };

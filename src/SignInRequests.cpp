@@ -5,6 +5,7 @@
 #include "ColorTable.h"
 #include "Namespaces.h"
 #include "NetworkType.h"
+#include "StoreKeys.h"
 #include "XmlText.h"
 #include "ZelLog.h"
 
@@ -34,8 +35,8 @@ std::string NilBean(const char* name) {
 }
 
 std::string DeviceChildren(const ZelConfig& config) {
-    return Bean("fingerprint", Stored(config, "hardware.devid")) +
-           Bean("hostname", Stored(config, "tavo.hostname")) + Bean("type", "TAVO");
+    return Bean("fingerprint", Stored(config, StoreKeys::kDeviceId)) +
+           Bean("hostname", Stored(config, StoreKeys::kHostName)) + Bean("type", "TAVO");
 }
 
 /// Keys of one of the box's interfaces.
@@ -46,10 +47,10 @@ struct Interface {
     const char* mask;
     bool wired;
 };
-constexpr Interface kInternal{"ns2:internalInterface", "network.current.wlan.ip",
-                              "network.mac.wlan", "network.current.wlan.netmask", false};
-constexpr Interface kExternal{"ns2:externalInterface", "network.current.lan.ip", "network.mac.lan",
-                              "network.current.lan.netmask", true};
+constexpr Interface kInternal{"ns2:internalInterface", StoreKeys::kWlanIp, StoreKeys::kWlanMac,
+                              StoreKeys::kWlanNetmask, false};
+constexpr Interface kExternal{"ns2:externalInterface", StoreKeys::kLanIp, StoreKeys::kLanMac,
+                              StoreKeys::kLanNetmask, true};
 
 /// The interface that is not in use has only its MAC address.
 std::string InterfaceElement(const ZelConfig& config, const Interface& interface) {
@@ -57,7 +58,7 @@ std::string InterfaceElement(const ZelConfig& config, const Interface& interface
     const auto inUse = [&](const char* name, const char* key) {
         return isWired == interface.wired ? Bean(name, Stored(config, key)) : NilBean(name);
     };
-    return Wrap(interface.element, inUse("defaultGateway", "network.current.defaultgateway") +
+    return Wrap(interface.element, inUse("defaultGateway", StoreKeys::kDefaultGateway) +
                                        inUse("ip", interface.ip) +
                                        Bean("macAddress", Stored(config, interface.mac)) +
                                        NilBean("name") + inUse("networkMask", interface.mask));
@@ -67,7 +68,7 @@ std::string Components(const ZelConfig& config) {
     return Wrap(
         "ns2:components",
         Wrap("ns2:item", Bean("name", "Agent") + Bean("active", "true") + Bean("services", "") +
-                             Bean("timestamp", Stored(config, "system.timestamp"))));
+                             Bean("timestamp", Stored(config, StoreKeys::kTimestamp))));
 }
 
 std::string Date(std::time_t now) {
@@ -106,8 +107,8 @@ constexpr char kUpdateLocation[] =
     "<ns2:context></ns2:context><ns2:attributes/></ns2:updateLocation>";
 
 std::string UpdateConfiguration(const ZelConfig& config) {
-    const std::string boot = Stored(config, "system.version.boot");
-    const std::string application = Stored(config, "system.version.app");
+    const std::string boot = Stored(config, StoreKeys::kBootVersion);
+    const std::string application = Stored(config, StoreKeys::kApplicationVersion);
     return Wrap("ns2:updateConfigurationExt",
                 Bean("updateSoftware", "false") + Bean("currentVersion", boot) + kUpdateLocation +
                     Bean("appVersion", application) + Bean("firmwareVersion", boot) +
@@ -125,7 +126,7 @@ std::string Envelope(const char* operation, const std::string& arguments) {
 }  // namespace
 
 std::string PreSignIn(const ZelConfig& config, std::time_t now) {
-    const std::string deviceId = Stored(config, "hardware.devid");
+    const std::string deviceId = Stored(config, StoreKeys::kDeviceId);
     std::string device = Wrap("ns2:device", DeviceChildren(config));
     device += Wrap("ns2:deviceDetails", Bean("caption", "TAVO") + Bean("comment", "") +
                                             Bean("description", "TAVO, Velka, QK20417B") +
@@ -136,9 +137,9 @@ std::string PreSignIn(const ZelConfig& config, std::time_t now) {
     device += Wrap("ns2:networkConfiguration",
                    InterfaceElement(config, kInternal) + InterfaceElement(config, kExternal));
     device += kAdHocConfig;
-    device += Bean("color", ColorTable::ValueOf(Stored(config, "tavo.color")));
+    device += Bean("color", ColorTable::ValueOf(Stored(config, StoreKeys::kColor)));
     device += Components(config);
-    device += Bean("countryCode", Stored(config, "country.code"));
+    device += Bean("countryCode", Stored(config, StoreKeys::kCountry));
     device += Date(now);
     device += kInfrastructureConfig;
     device += kParent;

@@ -73,13 +73,6 @@ std::string ToSignedDecimal(const AddressParts& parts) {
     return std::to_string(static_cast<std::int32_t>(address));
 }
 
-/// `attribute` is the last word of the key.
-std::string OfCurrentNetwork(const Source& source, const char* attribute) {
-    const char* const prefix =
-        NetworkType::IsLan(source.config) ? "network.current.lan." : "network.current.wlan.";
-    return source.config.Get(prefix + std::string(attribute));
-}
-
 std::string Text(const Source& /*source*/, const char* argument) {
     return argument;
 }
@@ -104,8 +97,9 @@ std::string Owner(const Source& source, const char* argument) {
     return SlpEscapes::Escape(SlpEscapes::FirstCharacters(owner, kMaxOwner));
 }
 
-std::string CurrentAddress(const Source& source, const char* argument) {
-    return SlpEscapes::Escape(OfCurrentNetwork(source, argument));
+std::string CurrentAddress(const Source& source, const char* /*argument*/) {
+    return SlpEscapes::Escape(source.config.Get(
+        NetworkType::IsLan(source.config) ? StoreKeys::kLanIp : StoreKeys::kWlanIp));
 }
 
 std::string ColorValue(const Source& source, const char* argument) {
@@ -135,9 +129,11 @@ std::string NetGateway(const Source& source, const char* /*argument*/) {
 }
 
 /// Clients know the net mask that cannot be read as the gateway's address.
-std::string NetMask(const Source& source, const char* argument) {
+std::string NetMask(const Source& source, const char* /*argument*/) {
     AddressParts parts = GatewayParts(source);
-    ReadAddress(OfCurrentNetwork(source, argument), parts);
+    ReadAddress(source.config.Get(NetworkType::IsLan(source.config) ? StoreKeys::kLanNetmask
+                                                                    : StoreKeys::kWlanNetmask),
+                parts);
     return ToSignedDecimal(parts);
 }
 
@@ -176,7 +172,7 @@ constexpr Row kConnectorRows[] = {
     // The key is spelt as its provider spells it.
     {"),(AccuCapacity=", Stored, StoreKeys::kBatteryCapacity},
     {"),(VciChannels=", UsableChannels, nullptr},
-    {"),(Netmask=", NetMask, "netmask"},
+    {"),(Netmask=", NetMask, nullptr},
     {"),(NetGateway=", NetGateway, nullptr},
     {"),(NetworkType=", Stored, StoreKeys::kNetworkType},
     {"),(UUID=", Stored, StoreKeys::kUuid},
@@ -189,7 +185,7 @@ constexpr Row kLegacyRows[] = {
     {":6801)(VciChannel2=TELMANO:", Stored, StoreKeys::kHostName},
     {":6802)(RkoUrl=//", Stored, StoreKeys::kHostName},
     {":5302/rKO)(description=TAVO, Velka, QK20417B)(IsAllocated=", IsReserved, StoreKeys::kState},
-    {")(IpAddress=", CurrentAddress, "ip"},
+    {")(IpAddress=", CurrentAddress, nullptr},
     {")(AssignedColor=", Stored, StoreKeys::kColor},
     {")(VciChannels=2)(DevType=", Stored, StoreKeys::kDeviceType},
 };

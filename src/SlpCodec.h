@@ -25,8 +25,8 @@ using Datagram = std::array<std::uint8_t, kMaxSize>;
 /// service type. A text that does not fit is cut at the end of the datagram (of a reply: at
 /// kMaxReply) and its length field says so; what should follow is then missing. A request without
 /// scope list gets "default".
-std::size_t Encode(SlpRequest& request, Datagram& datagram);
-std::size_t Encode(const SlpReply& reply, Datagram& datagram);
+[[nodiscard]] std::size_t Encode(SlpRequest& request, Datagram& datagram);
+[[nodiscard]] std::size_t Encode(const SlpReply& reply, Datagram& datagram);
 
 /// The header's length field: bytes of the whole message, as its sender counted them.
 std::uint32_t DeclaredLength(const Datagram& datagram);

@@ -12,6 +12,7 @@
 #include "Characters.h"
 #include "LogText.h"
 #include "Shell.h"
+#include "StoreKeys.h"
 #include "UpdateFirmware.h"
 #include "ZelLog.h"
 
@@ -136,7 +137,8 @@ bool SoftwareUpdate::Fetch() const {
     }
 
     std::string digest;
-    Shell::RunSystemWithResult(digest, "md5sum /tmp/%s | awk '{print $1}'", fileName_.c_str());
+    static_cast<void>(Shell::RunSystemWithResult(digest, "md5sum /tmp/%s | awk '{print $1}'",
+                                                 fileName_.c_str()));  // the digest tells
     digest.resize(digest.find_last_not_of('\n') + 1);
     if (digest.empty() || digest != digest_) {
         RemoveFile();  // it may have filled the disk that the log is on
@@ -177,6 +179,6 @@ void SoftwareUpdate::RecordVersion(ZelConfig& config) const {
             kMaxVersion);
         return;
     }
-    config.Set(application_ ? "system.version.app" : "system.version.boot", version,
-               ZelConfig::Kind::kFixed);
+    config.SetFixed(application_ ? StoreKeys::kApplicationVersion : StoreKeys::kBootVersion,
+                    version);
 }

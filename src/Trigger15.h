@@ -12,10 +12,10 @@ public:
 
     /// Whether an edge was seen since the last reset. Returns false when the device does not
     /// answer.
-    bool Query(bool& triggered) const;
+    [[nodiscard]] bool Query(bool& triggered) const;
 
     /// Forgets the edge. Returns false when the device does not answer.
-    bool Reset() const;
+    [[nodiscard]] bool Reset() const;
 
 private:
     SocketGuard descriptor_;

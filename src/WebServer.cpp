@@ -76,8 +76,8 @@ bool WebServer::Start() {
 
 bool WebServer::Stop() {
     eventfd_write(stopEvent_.Get(), 1);
-    thread_.Join();
-    return connections_->Close(kStopTime);
+    const bool hasEnded = thread_.Join();
+    return connections_->Close(kStopTime) && hasEnded;
 }
 
 bool WebServer::WaitForStartupEnd() const {

@@ -47,10 +47,10 @@ public:
 
     /// True when the document is valid. Otherwise `errors` is the whole collected text, at most
     /// LatestMessages::kMaxText, which is never cleared: it repeats what earlier validations found.
-    bool ValidateDocument(xmlDoc* document, std::string& errors);
+    [[nodiscard]] bool ValidateDocument(xmlDoc* document, std::string& errors);
 
     /// The same for one element and what is below it.
-    bool ValidateElement(xmlNode* element, std::string& errors);
+    [[nodiscard]] bool ValidateElement(xmlNode* element, std::string& errors);
 
 private:
     /// What one loading or validation has to say: to standard error, and for the collected text.
@@ -62,8 +62,8 @@ private:
         __attribute__((format(printf, 2, 3)));
 
     template <typename Validate>
-    bool RunValidation(Validate validate, std::string& errors);
-    bool Load(Findings& findings);
+    [[nodiscard]] bool RunValidation(Validate validate, std::string& errors);
+    [[nodiscard]] bool Load(Findings& findings);
 
     struct Free {
         void operator()(xmlSchemaParserCtxt* p) const { xmlSchemaFreeParserCtxt(p); }

@@ -39,7 +39,7 @@ public:
     /// Stores `value` (for kFile: the path of the source) and gives the entry that kind. Kinds
     /// other than kFixed, kFile and kPersistent store nothing and return false, but change the
     /// kind.
-    bool Set(const std::string& key, const std::string& value, Kind kind);
+    [[nodiscard]] bool Set(const std::string& key, const std::string& value, Kind kind);
     /// The same with kFixed, and with kPersistent, which cannot fail.
     void SetFixed(const std::string& key, const std::string& value);
     void SetPersistent(const std::string& key, const std::string& value);

@@ -58,7 +58,7 @@ ZelSlpService::ZelSlpService(ZelConfig& config, DiscoverModeCtrl& mode,
       counter_(std::numeric_limits<std::int32_t>::max()) {}
 
 ZelSlpService::~ZelSlpService() {
-    Stop(kAnswering | kSignIn);
+    static_cast<void>(Stop(kAnswering | kSignIn));  // who must know has asked before
 }
 
 bool ZelSlpService::Start(unsigned flags) {

@@ -35,7 +35,7 @@ public:
     /// be called when the interface is configured: the multicast groups are joined on it. Returns
     /// false when a thread cannot be made; another call then starts what is missing. A socket that
     /// cannot be opened is only logged.
-    bool Start(unsigned flags);
+    [[nodiscard]] bool Start(unsigned flags);
 
     /// To be called when the box may be on another interface: multicasts are received there too.
     void JoinGroups() const { socket_.JoinGroups(); }
@@ -43,7 +43,7 @@ public:
     /// Stops the answering thread and, with kSignIn, the sign-in thread, and waits for them, for
     /// `signIn` less than a second. Returns false when a thread is still at work: what it uses must
     /// not be destroyed.
-    bool Stop(unsigned flags);
+    [[nodiscard]] bool Stop(unsigned flags);
 
 private:
     /// What a request is answered with.

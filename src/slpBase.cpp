@@ -108,7 +108,7 @@ std::optional<SlpMessage> SlpBase::Receive() const {
     if (received <= 0) {
         ZEL_DEBUG("recvfrom() == %lu\n", static_cast<unsigned long>(received));
         if (received < 0) {
-            IsInterruptedWithin(kFailurePause);
+            static_cast<void>(IsInterruptedWithin(kFailurePause));  // the next call tells
         }
         return std::nullopt;
     }

@@ -30,7 +30,7 @@ public:
 
     /// Opens the socket on a dotted address and joins kMulticastAddress and 239.255.1.1.
     /// False when the address is none or cannot be bound; no socket is open then.
-    bool Open(const std::string& address, std::uint16_t port);
+    [[nodiscard]] bool Open(const std::string& address, std::uint16_t port);
     void Close();
 
     /// Joins the groups on every interface there is, as Open() does: to be called when there is a
@@ -51,7 +51,7 @@ public:
     void Interrupt() const;
     bool IsInterrupted() const { return IsInterruptedWithin(std::chrono::milliseconds(0)); }
     /// Waits for that up to `patience`.
-    bool IsInterruptedWithin(std::chrono::milliseconds patience) const;
+    [[nodiscard]] bool IsInterruptedWithin(std::chrono::milliseconds patience) const;
 
     /// Sends a message to its peer. Sends nothing when the peer's address is not dotted or the
     /// record is no message (SlpCodec::Encode); what the buffer has no room for is lost. Always 0:
@@ -62,12 +62,13 @@ public:
     /// Searches an attribute list (RFC 2608, section 5) for the attribute with exactly this name.
     /// Returns 0 and the text behind its first "=", or -1. `attrList` is cut into pieces on the
     /// way, of which kMaxLogged are logged.
-    static int FindAttribute(std::string& attrList, const std::string& name, std::string& value);
+    [[nodiscard]] static int FindAttribute(std::string& attrList, const std::string& name,
+                                           std::string& value);
 
 private:
     template <typename Record>
     int SendRecord(Record& record) const;
-    bool WaitForDatagram(int milliseconds) const;
+    [[nodiscard]] bool WaitForDatagram(int milliseconds) const;
 
     SocketGuard socket_;
     SocketGuard interruption_;

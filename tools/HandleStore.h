@@ -14,7 +14,7 @@ std::string PathOf(const std::string& deviceId);
 std::string Get(const std::string& deviceId);
 
 /// Keeps a handle in place of the one before. False when it cannot be written.
-bool Put(const std::string& deviceId, const std::string& handle);
+[[nodiscard]] bool Put(const std::string& deviceId, const std::string& handle);
 
 void Forget(const std::string& deviceId);
 

@@ -11,7 +11,8 @@ namespace Dispatcher {
 /// Returns 0 on success with the command's answer in `result`; non-zero when the command is
 /// unknown, was refused, failed or took too long, with the reason or the command's own output in
 /// `result`. Thread-safe.
-int CommandExecution(const std::string& subsystem, const std::string& command,
-                     const std::map<std::string, std::string>& parameters, std::string& result);
+[[nodiscard]] int CommandExecution(const std::string& subsystem, const std::string& command,
+                                   const std::map<std::string, std::string>& parameters,
+                                   std::string& result);
 
 }  // namespace Dispatcher

@@ -5,9 +5,9 @@ namespace MeasureDevice {
 
 /// Whether an edge on terminal 15 was seen since the last reset. Returns 0 and sets `triggered`, or
 /// -1 when the device does not answer.
-int QueryTrigger15(int descriptor, bool& triggered);
+[[nodiscard]] int QueryTrigger15(int descriptor, bool& triggered);
 
 /// Forgets the edge. Returns 0, or -1 when the device does not answer.
-int ResetTrigger15(int descriptor);
+[[nodiscard]] int ResetTrigger15(int descriptor);
 
 }  // namespace MeasureDevice

@@ -4,5 +4,5 @@
 class Reboot {
 public:
     /// Asks the system to reboot and returns at once: 0 when the request was accepted, else -1.
-    int DoReboot();
+    [[nodiscard]] int DoReboot();
 };

@@ -18,7 +18,7 @@ public:
 
     /// Installs the file at `imagePath`. Returns 0 on success and -1 on failure; the reason is
     /// logged under the handler "UpdateFirmwareLog".
-    int DoUpdateFirmware(ImageType type, const std::string& imagePath);
+    [[nodiscard]] int DoUpdateFirmware(ImageType type, const std::string& imagePath);
 
     /// State of the last update of that type, an UpdateState.
     int GetUpdateState(ImageType type) const;
