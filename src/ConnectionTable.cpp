@@ -33,13 +33,13 @@ bool ConnectionTable::Place::HasGivenWay() const {
     return !counts_;
 }
 
-bool ConnectionTable::Close(std::chrono::milliseconds patience) {
+bool ConnectionTable::Close(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
     closed_ = true;
     for (const Place* place : places_) {
         shutdown(place->socket_, SHUT_RD);
     }
-    return changed_.wait_for(lock, patience, [this] { return places_.empty(); });
+    return changed_.wait_for(lock, timeout, [this] { return places_.empty(); });
 }
 
 int ConnectionTable::YieldRank(const Place& place, Clock::time_point now) {

@@ -65,8 +65,8 @@ public:
     ConnectionTable() { places_.reserve(kMaxThreads); }
 
     /// Lets nobody in any more, makes all connections end once they have answered what they are
-    /// serving, and waits for it. False when some are left after `patience`.
-    [[nodiscard]] bool Close(std::chrono::milliseconds patience);
+    /// serving, and waits for it. False when some are left after `timeout`.
+    [[nodiscard]] bool Close(std::chrono::milliseconds timeout);
 
 private:
     bool Enter(Place& place);

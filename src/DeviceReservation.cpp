@@ -56,7 +56,7 @@ void DeviceReservation::CloseLeftPorts() {
 void DeviceReservation::Stop() {
     ports_.Shut();
     // Whoever is at work may be adding a rule.
-    const std::unique_lock lock(mutex_, kStopPatience);
+    const std::unique_lock lock(mutex_, kStopTimeout);
     ports_.CloseAll({.time = kStopLimit, .runsInStop = true});
 }
 
@@ -143,7 +143,7 @@ bool DeviceReservation::IsReserved() const {
 std::unique_lock<HeldMutex> DeviceReservation::Lock(const std::string& handle) const {
     const bool isOwner = !handle.empty() && config_.Get(StoreKeys::kHandle) == handle;
     std::unique_lock<HeldMutex> lock =
-        isOwner ? std::unique_lock(mutex_, kPatience) : mutex_.LockInTurn(kPatience);
+        isOwner ? std::unique_lock(mutex_, kTimeout) : mutex_.LockInTurn(kTimeout);
     if (!lock) {
         ZEL_ERROR("The reservation is being changed, request refused");
     }

@@ -15,7 +15,7 @@
 /// diagnostic ports are open. The state lives in the store ("zel.state.*"), where every service
 /// reads it; it changes only here. Thread-safe: each operation is one critical section. An
 /// operation waits for the one at work, which may have to wait for a tool of the board, for at most
-/// kPatience and is then refused; where many wait already, for less (HeldMutex::LockInTurn).
+/// kTimeout and is then refused; where many wait already, for less (HeldMutex::LockInTurn).
 class DeviceReservation {
 public:
     // Values of "zel.state.current".
@@ -50,11 +50,11 @@ public:
     /// with it.
     static constexpr std::size_t kMaxOwner = std::size_t{32} * 1024;
 
-    static constexpr std::chrono::seconds kPatience{4};
+    static constexpr std::chrono::seconds kTimeout{4};
     /// Time in which rules are removed at the start, whose number is not known.
     static constexpr std::chrono::seconds kStartLimit{60};
     /// What a stop waits for the operation at work, and the time in which it then removes rules.
-    static constexpr std::chrono::milliseconds kStopPatience{500};
+    static constexpr std::chrono::milliseconds kStopTimeout{500};
     static constexpr std::chrono::milliseconds kStopLimit{1500};
 
     explicit DeviceReservation(ZelConfig& config) : config_(config) {}
@@ -92,7 +92,7 @@ public:
     bool IsReserved() const;
 
 private:
-    /// Holds nothing when the operation at work outlasts kPatience. Others than the owner, who
+    /// Holds nothing when the operation at work outlasts kTimeout. Others than the owner, who
     /// knows the handle, wait in turn.
     std::unique_lock<HeldMutex> Lock(const std::string& handle = "") const;
     /// Releases the reserved box if that entry of the store has that value.

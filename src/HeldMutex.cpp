@@ -16,18 +16,18 @@ bool HeldMutex::try_lock() {
     return try_lock_for(std::chrono::milliseconds::zero());
 }
 
-bool HeldMutex::try_lock_for(std::chrono::milliseconds patience) {
+bool HeldMutex::try_lock_for(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
-    if (!released_.wait_for(lock, patience, [this] { return !isHeld_; })) {
+    if (!released_.wait_for(lock, timeout, [this] { return !isHeld_; })) {
         return false;
     }
     Take();
     return true;
 }
 
-std::unique_lock<HeldMutex> HeldMutex::LockInTurn(std::chrono::milliseconds patience) {
+std::unique_lock<HeldMutex> HeldMutex::LockInTurn(std::chrono::milliseconds timeout) {
     const bool isOneTooMany = ++waiting_ > kMaxWaiting;
-    std::unique_lock lock(*this, isOneTooMany ? std::min(patience, kShortPatience) : patience);
+    std::unique_lock lock(*this, isOneTooMany ? std::min(timeout, kShortTimeout) : timeout);
     --waiting_;
     return lock;
 }

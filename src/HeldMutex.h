@@ -17,17 +17,17 @@ public:
 
     void lock();
     bool try_lock();
-    /// Waits for at most `patience`. Returns false when the mutex is still held then.
-    bool try_lock_for(std::chrono::milliseconds patience);
+    /// Waits for at most `timeout`. Returns false when the mutex is still held then.
+    bool try_lock_for(std::chrono::milliseconds timeout);
     void unlock();
 
-    /// Threads that LockInTurn() lets wait for one mutex with patience: each may hold a connection.
+    /// Threads that LockInTurn() lets wait for one mutex with timeout: each may hold a connection.
     static constexpr int kMaxWaiting = 32;
     /// What a further one waits, which is enough where no tool of the board is waited for.
-    static constexpr std::chrono::milliseconds kShortPatience{20};
-    /// Locks the mutex within `patience`, or within kShortPatience when kMaxWaiting threads wait
+    static constexpr std::chrono::milliseconds kShortTimeout{20};
+    /// Locks the mutex within `timeout`, or within kShortTimeout when kMaxWaiting threads wait
     /// already. Holds nothing when it is still held then.
-    std::unique_lock<HeldMutex> LockInTurn(std::chrono::milliseconds patience);
+    std::unique_lock<HeldMutex> LockInTurn(std::chrono::milliseconds timeout);
 
     /// Releases every HeldMutex that the calling thread holds.
     static void ReleaseAll();

@@ -192,9 +192,9 @@ bool HttpConnection::SendAll(std::span<iovec> parts, Clock::time_point deadline)
         const ssize_t sent = sendmsg(socket_.Get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent < 0) {
             const bool full = errno == EAGAIN || errno == EWOULDBLOCK;
-            const Clock::time_point patience = std::min(deadline, Clock::now() + kSendTimeout);
+            const Clock::time_point sendEnd = std::min(deadline, Clock::now() + kSendTimeout);
             if (errno == EINTR ||
-                (full && Descriptors::WaitUntil(socket_.Get(), POLLOUT, patience))) {
+                (full && Descriptors::WaitUntil(socket_.Get(), POLLOUT, sendEnd))) {
                 continue;
             }
             return false;

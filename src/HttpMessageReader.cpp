@@ -26,11 +26,11 @@ namespace {
 /// Counts the large bodies that are read, or have been and are still held.
 class LargeBodies {
 public:
-    /// A share that ends with its last owner; null when there is none within `patience`.
-    std::shared_ptr<void> Take(std::chrono::milliseconds patience) {
+    /// A share that ends with its last owner; null when there is none within `timeout`.
+    std::shared_ptr<void> Take(std::chrono::milliseconds timeout) {
         std::unique_lock lock(mutex_);
         const auto isFree = [this] { return taken_ < HttpMessageReader::kMaxLargeBodies; };
-        if (!changed_.wait_for(lock, patience, isFree)) {
+        if (!changed_.wait_for(lock, timeout, isFree)) {
             return nullptr;
         }
         ++taken_;

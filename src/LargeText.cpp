@@ -38,7 +38,7 @@ LargeText::LargeText(std::size_t size) : needsPlace_(size > kMediumSize) {
         return;
     }
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + kPatience;
+    const Clock::time_point end = Clock::now() + kTimeout;
     Places& places = PlacesFor(size);
     place_ = TakeFree(places);
     if (place_ != nullptr) {

@@ -18,7 +18,7 @@ public:
     static constexpr std::size_t kMediumPlaces = 8;
     /// How long a text waits for its place, and how many wait at a time for those of one size:
     /// their connections give way to nobody.
-    static constexpr std::chrono::seconds kPatience{20};
+    static constexpr std::chrono::seconds kTimeout{20};
     static constexpr int kMaxWaiting = 64;
 
     /// Waits for a place, if a text of `size` bytes needs one. Whatever is locked while it is held

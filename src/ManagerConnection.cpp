@@ -158,7 +158,7 @@ bool ManagerConnection::Open(Clock::time_point deadline) {
         Close();
         return false;
     }
-    reader_.emplace(socket_.Get(), kPatience);
+    reader_.emplace(socket_.Get(), kTimeout);
     return true;
 }
 
@@ -179,10 +179,10 @@ bool ManagerConnection::LimitSending(Clock::time_point deadline) const {
     using std::chrono::microseconds;
     using std::chrono::seconds;
     const auto left = std::min(std::chrono::duration_cast<microseconds>(deadline - Clock::now()),
-                               microseconds(kPatience));
+                               microseconds(kTimeout));
     const auto whole = std::chrono::floor<seconds>(left);
-    const timeval patience{static_cast<time_t>(whole.count()),
-                           static_cast<suseconds_t>((left - whole).count())};
+    const timeval timeout{static_cast<time_t>(whole.count()),
+                          static_cast<suseconds_t>((left - whole).count())};
     return left.count() > 0 &&
-           setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0;
+           setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) == 0;
 }

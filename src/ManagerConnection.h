@@ -16,11 +16,11 @@ public:
     static constexpr char kPath[] = "/webservices/OrsManagerTavoService/v1";
     /// Longest wait for the manager to accept a connection, to take a request, and for each next
     /// part of its answer.
-    static constexpr std::chrono::milliseconds kPatience{5000};
+    static constexpr std::chrono::milliseconds kTimeout{5000};
     /// Longest wait for the manager to be done with a connection that is given up: whoever takes
     /// one request after the other looks at the next one no earlier. It is as long as both attempts
     /// of an exchange, and so as the slowest answer that they get.
-    static constexpr std::chrono::milliseconds kSettleTime{2 * kPatience};
+    static constexpr std::chrono::milliseconds kSettleTime{2 * kTimeout};
 
     using Clock = std::chrono::steady_clock;
 

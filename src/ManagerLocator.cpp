@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr std::chrono::milliseconds kUnicastPatience{1000};
-constexpr std::chrono::milliseconds kMulticastPatience{2000};
+constexpr std::chrono::milliseconds kUnicastTimeout{1000};
+constexpr std::chrono::milliseconds kMulticastTimeout{2000};
 constexpr int kUnicastAttempts = 3;
 // Multicast attempts, counted from 0, after which a failure has a consequence.
 constexpr int kOpeningAttempt = 0;
@@ -66,7 +66,7 @@ bool ManagerLocator::TryUnicast() {
             const std::lock_guard lock(mutex_);
             managerFound_ = false;
         }
-        if (Ask(remembered, kUnicastPatience)) {
+        if (Ask(remembered, kUnicastTimeout)) {
             return true;
         }
     }
@@ -76,7 +76,7 @@ bool ManagerLocator::TryUnicast() {
 bool ManagerLocator::TryMulticast() {
     ZEL_DEBUG("discover manager using multicast");
     for (int attempt = 0; !IsStopped(); attempt = std::min(attempt + 1, kReportingAttempt + 1)) {
-        if (Ask("", kMulticastPatience)) {
+        if (Ask("", kMulticastTimeout)) {
             return true;
         }
         if (!IsStopped()) {
@@ -95,10 +95,10 @@ void ManagerLocator::OnMulticastFailure(int attempt) {
     }
 }
 
-bool ManagerLocator::Ask(const std::string& address, std::chrono::milliseconds patience) {
+bool ManagerLocator::Ask(const std::string& address, std::chrono::milliseconds timeout) {
     AskManager(address);
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, patience, [this] { return managerFound_ || stopped_; });
+    changed_.wait_for(lock, timeout, [this] { return managerFound_ || stopped_; });
     requestOutstanding_ = false;
     return managerFound_;
 }

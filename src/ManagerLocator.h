@@ -53,7 +53,7 @@ public:
     void Stop();
 
 private:
-    [[nodiscard]] bool Ask(const std::string& address, std::chrono::milliseconds patience);
+    [[nodiscard]] bool Ask(const std::string& address, std::chrono::milliseconds timeout);
     [[nodiscard]] bool TryUnicast();
     [[nodiscard]] bool TryMulticast();
     bool IsStopped() const;

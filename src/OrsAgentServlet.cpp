@@ -103,7 +103,7 @@ Answer ChangeService(const Call& call, const char* operation,
         return Answer::Fault("java.lang.IllegalArgumentException: No service " + Told(name) +
                              " found!");
     }
-    const std::unique_lock lock = mutex.LockInTurn(OrsAgentServlet::kServicePatience);
+    const std::unique_lock lock = mutex.LockInTurn(OrsAgentServlet::kServiceTimeout);
     const char* fault = lock ? change(call.device, handle) : kReserved;
     return fault != nullptr ? Answer::Fault(fault) : Answer{EmptyResponse(operation)};
 }

@@ -21,7 +21,7 @@ public:
     static constexpr std::size_t kMaxName = std::size_t{4} * 1024;
     /// What a request to stop or start the service waits for another one at work; then it is
     /// answered as while a client has the box.
-    static constexpr std::chrono::seconds kServicePatience{4};
+    static constexpr std::chrono::seconds kServiceTimeout{4};
 
     explicit OrsAgentServlet(const Device& device);
 

@@ -98,9 +98,9 @@ bool ServiceThread::Join() {
 }
 
 // pthread_timedjoin_np waits by the wall clock, which the box sets while it runs.
-bool ServiceThread::JoinWithin(std::chrono::milliseconds patience) {
+bool ServiceThread::JoinWithin(std::chrono::milliseconds timeout) {
     using Clock = std::chrono::steady_clock;
-    const Clock::time_point end = Clock::now() + patience;
+    const Clock::time_point end = Clock::now() + timeout;
     bool joined = !running_;
     while (!joined) {
         joined = pthread_tryjoin_np(thread_, nullptr) == 0;

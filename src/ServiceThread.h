@@ -32,9 +32,9 @@ public:
     /// Waits for the thread's end; nothing to wait for is no error. Returns false when it cannot be
     /// waited for.
     [[nodiscard]] bool Join();
-    /// The same for at most `patience`; false also when the thread is still at work then. It is
+    /// The same for at most `timeout`; false also when the thread is still at work then. It is
     /// nobody's to join after that.
-    [[nodiscard]] bool JoinWithin(std::chrono::milliseconds patience);
+    [[nodiscard]] bool JoinWithin(std::chrono::milliseconds timeout);
 
     /// Starts a thread that is nobody's to join. Returns false when no thread can be made.
     /// `work` and what it owns are destroyed on the thread, also when it faults.

@@ -8,7 +8,7 @@
 
 std::string SharedSelfTest::Run() {
     const unsigned begunBefore = begun_;
-    const std::unique_lock lock = mutex_.LockInTurn(kPatience);
+    const std::unique_lock lock = mutex_.LockInTurn(kTimeout);
     if (!lock) {
         ZEL_ERROR("The self test at work takes too long, no result is told");
         return "";

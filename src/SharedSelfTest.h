@@ -12,7 +12,7 @@
 class SharedSelfTest {
 public:
     /// What a caller waits for a test at work.
-    static constexpr std::chrono::seconds kPatience{10};
+    static constexpr std::chrono::seconds kTimeout{10};
 
     /// The lines of a result, each ended by ";"; none when the wait was in vain.
     std::string Run();

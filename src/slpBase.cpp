@@ -120,8 +120,8 @@ std::optional<SlpMessage> SlpBase::Receive() const {
     return message;
 }
 
-std::optional<SlpMessage> SlpBase::ReceiveWithin(std::chrono::milliseconds patience) const {
-    if (!WaitForDatagram(static_cast<int>(patience.count()))) {
+std::optional<SlpMessage> SlpBase::ReceiveWithin(std::chrono::milliseconds timeout) const {
+    if (!WaitForDatagram(static_cast<int>(timeout.count()))) {
         return std::nullopt;
     }
     return Receive();
@@ -133,9 +133,8 @@ bool SlpBase::WaitForDatagram(int milliseconds) const {
     return poll(polled.data(), polled.size(), milliseconds) > 0 && polled[1].revents == 0;
 }
 
-bool SlpBase::IsInterruptedWithin(std::chrono::milliseconds patience) const {
-    return Descriptors::WaitUntil(interruption_.Get(), POLLIN,
-                                  Descriptors::Clock::now() + patience);
+bool SlpBase::IsInterruptedWithin(std::chrono::milliseconds timeout) const {
+    return Descriptors::WaitUntil(interruption_.Get(), POLLIN, Descriptors::Clock::now() + timeout);
 }
 
 void SlpBase::Interrupt() const {

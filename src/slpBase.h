@@ -44,14 +44,14 @@ public:
     /// no processor.
     std::optional<SlpMessage> Receive() const;
 
-    /// Receive() when a datagram comes within `patience`, else nothing.
-    std::optional<SlpMessage> ReceiveWithin(std::chrono::milliseconds patience) const;
+    /// Receive() when a datagram comes within `timeout`, else nothing.
+    std::optional<SlpMessage> ReceiveWithin(std::chrono::milliseconds timeout) const;
 
     /// Ends every wait for a datagram, now and from now on.
     void Interrupt() const;
     bool IsInterrupted() const { return IsInterruptedWithin(std::chrono::milliseconds(0)); }
-    /// Waits for that up to `patience`.
-    [[nodiscard]] bool IsInterruptedWithin(std::chrono::milliseconds patience) const;
+    /// Waits for that up to `timeout`.
+    [[nodiscard]] bool IsInterruptedWithin(std::chrono::milliseconds timeout) const;
 
     /// Sends a message to its peer. Sends nothing when the peer's address is not dotted or the
     /// record is no message (SlpCodec::Encode); what the buffer has no room for is lost. Always 0:

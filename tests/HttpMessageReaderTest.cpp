@@ -33,10 +33,10 @@ private:
 /// Reads the message that `send` sends meanwhile. 0 when its head is none, 1 when its body is none,
 /// 2 when it is complete.
 int Read(HttpRequest& request, const std::function<void(Peer&)>& send,
-         std::chrono::milliseconds patience = 60s) {
+         std::chrono::milliseconds timeout = 60s) {
     Peer peer;
     const std::jthread sender([&] { send(peer); });
-    HttpMessageReader reader(peer.Descriptor(), patience);
+    HttpMessageReader reader(peer.Descriptor(), timeout);
     const int read = !reader.ReadHead(request) ? 0 : reader.ReadBody(request) ? 2 : 1;
     shutdown(peer.Descriptor(), SHUT_RDWR);
     return read;
@@ -176,14 +176,14 @@ TEST(HttpMessageReaderTest, ABodyInPartsTakesBytesOfTheNextRequest) {
 }
 
 TEST(HttpMessageReaderTest, LargeBodiesAreCountedAsLongAsTheyAreHeld) {
-    const auto read = [](HttpRequest& request, std::chrono::milliseconds patience = 60s) {
+    const auto read = [](HttpRequest& request, std::chrono::milliseconds timeout = 60s) {
         return Read(
             request,
             [](Peer& peer) {
                 peer.Send("POST / HTTP/1.0\r\nContent-Length: 65537\r\n\r\n" +
                           std::string(65537, 'b'));
             },
-            patience);
+            timeout);
     };
     std::array<HttpRequest, HttpMessageReader::kMaxLargeBodies> held;
     for (HttpRequest& request : held) {

@@ -26,8 +26,8 @@ std::jthread StartManager(const Connections& connections, const std::string& aga
     auto listener = std::make_shared<SocketGuard>(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const int on = 1;
     setsockopt(listener->Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const timeval patience{30, 0};  // for a connection that is not made
-    setsockopt(listener->Get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const timeval timeout{30, 0};  // for a connection that is not made
+    setsockopt(listener->Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     const sockaddr_in address = Address(kAddress, ManagerConnection::kPort);
     EXPECT_EQ(bind(listener->Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
               0);
@@ -81,7 +81,7 @@ TEST(ManagerConnectionTest, AnAnswerIsTakenForItsOwnMessageOnly) {
     const std::string provisional = "HTTP/1.1 100 Continue\r\n\r\n";
     const struct {
         const char* name;
-        Clock::duration patience;
+        Clock::duration timeout;
         Connections connections;
         std::string first;
     } managers[] = {
@@ -98,7 +98,7 @@ TEST(ManagerConnectionTest, AnAnswerIsTakenForItsOwnMessageOnly) {
         const auto exchange = [&](const char* message, Clock::duration time) {
             return connection.Exchange(message, response, Clock::now() + time);
         };
-        EXPECT_TRUE(exchange("<one/>", manager.patience) || exchange("<one/>", 60s));
+        EXPECT_TRUE(exchange("<one/>", manager.timeout) || exchange("<one/>", 60s));
         EXPECT_EQ(response.body, manager.first) << manager.name;
         connection.Settle(Clock::now() + 60s);
         EXPECT_TRUE(exchange("<two/>", 60s));

@@ -120,8 +120,8 @@ inline int OpenSocket(int type, const char* dotted, std::uint16_t port) {
     const int descriptor = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     const int on = 1;
     setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const timeval patience{30, 0};
-    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    const timeval timeout{30, 0};
+    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     const sockaddr_in own = Address(dotted, port);
     EXPECT_EQ(bind(descriptor, reinterpret_cast<const sockaddr*>(&own), sizeof own), 0);
     return descriptor;

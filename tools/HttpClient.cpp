@@ -25,8 +25,8 @@ Outcome Open(const BoxAddress& box, std::chrono::milliseconds timeout, SocketGua
     guard.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
     // Also limits the time of the connect.
-    const timeval patience{seconds.count(), std::chrono::microseconds(timeout - seconds).count()};
-    setsockopt(guard.Get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    const timeval limit{seconds.count(), std::chrono::microseconds(timeout - seconds).count()};
+    setsockopt(guard.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     const std::optional<in_addr> host = Ipv4::Parse(box.host);
     if (!host) {
         return Unreachable(box, "no address");

@@ -11,7 +11,7 @@ import subprocess
 from stage import PROJECT, in_network, output_of
 
 ROOT_FILES = PROJECT / "simbox/rootfs"
-PATIENCE = 20  # seconds
+TIMEOUT = 20  # seconds
 
 
 class Bay:
@@ -46,7 +46,7 @@ class Bay:
         """Returns the agent's exit status."""
         self.agent.send_signal(signal.SIGTERM)
         try:
-            return self.agent.wait(PATIENCE)
+            return self.agent.wait(TIMEOUT)
         except subprocess.TimeoutExpired:
             self.agent.kill()
             return self.agent.wait()

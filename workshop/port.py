@@ -103,8 +103,8 @@ class Port:
     def serve(self, control):
         word = ""
         while word != "end":
-            patience = None if self.due is None else max(0, self.due - time.monotonic())
-            ready = select.select([self.events, control], [], [], patience)[0]
+            timeout = None if self.due is None else max(0, self.due - time.monotonic())
+            ready = select.select([self.events, control], [], [], timeout)[0]
             if self.events in ready:
                 self.read_events()
             if control in ready:

@@ -33,7 +33,7 @@ QUIET_LIMIT = 3 * ANSWER_LIMIT         # seconds until the clients have come to 
 OVERTIME = 180                         # seconds after which a soak that does not end is given up
 GRACE = 1, 10                          # seconds of calm after a start, after the cable's return
 FREE_LOOKS = 3                         # a request whose client has gone may still be at work
-RULES_PATIENCE = 5                     # a sign-in may just have the box
+RULES_TIMEOUT = 5                     # a sign-in may just have the box
 LAST_START = 8                         # seconds before the end: later nothing is started
 LIFE = 6, 1 / 8                        # seconds that an agent lives at least; most of it, of the whole time
 MARK = {"SOAKED": str(os.getpid())}  # what the agent's processes inherit
@@ -162,7 +162,7 @@ class Soak:
         free = self.wait_until_free()
         self.asking.close()
         if free:
-            self.judge.check_rules(None, RULES_PATIENCE)
+            self.judge.check_rules(None, RULES_TIMEOUT)
         self.manager.look()
         with contextlib.suppress(FileNotFoundError):
             self.settings.check()
@@ -181,7 +181,7 @@ class Soak:
             self.judge.check_rules("192.168.68.99", still=lambda: self.judge.holds(owner, epoch))
             soak_owners.Owner.give_back(self.asking, owner, epoch, handle)
             self.asking.close()
-            self.judge.check_rules(None, RULES_PATIENCE)
+            self.judge.check_rules(None, RULES_TIMEOUT)
         self.gate.open()
 
     def reserve(self):

@@ -19,7 +19,7 @@ TEXT_FILE = "/tmp/soak.txt"
 GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
 KEPT_TIME = 2  # seconds that a kept connection is trusted; the box closes it after five
 PAUSE = 0.25 if RELEASE else 0.6  # mean seconds between two turns of a client
-SLP_TRIES, SLP_PATIENCE = 5, 2  # datagrams may be lost
+SLP_TRIES, SLP_TIMEOUT = 5, 2  # datagrams may be lost
 TYPES = "service:zel.connector,service:hux-vci,"
 
 
@@ -144,7 +144,7 @@ class Client:
         xid = self.random.randrange(1, 1 << 16)
         request = slp.message(function, *fields, xid=xid)
         with slp.open_client(self.address) as asking:
-            asking.settimeout(SLP_PATIENCE)
+            asking.settimeout(SLP_TIMEOUT)
             for attempt in range(SLP_TRIES):
                 sent = now()
                 try:
@@ -192,11 +192,11 @@ class Gate:
             self.closed = False
             self.changed.notify_all()
 
-    def close(self, patience):
+    def close(self, timeout):
         """True when all have left."""
         with self.changed:
             self.closed = True
-            return self.changed.wait_for(lambda: self.inside == 0, patience)
+            return self.changed.wait_for(lambda: self.inside == 0, timeout)
 
     def end(self):
         with self.changed:

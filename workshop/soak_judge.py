@@ -230,9 +230,9 @@ class Judge:
 
     # The packet filter ---------------------------------------------------------------------------
 
-    def check_rules(self, host, patience=0.0, still=lambda: True):
+    def check_rules(self, host, timeout=0.0, still=lambda: True):
         """Four for that host, none for None; `still` tells whether that is still what must be."""
-        end = now() + patience
+        end = now() + timeout
         while True:
             done = subprocess.run(stage.in_network("box", "sh", "-c", "iptables -S INPUT; "
                                                    "cat /proc/sys/net/ipv4/ip_forward"),
@@ -264,9 +264,9 @@ class Process:
         return {"descriptors": self.agent.descriptors(),
                 **{name: self.agent.status(name) for name in ("VmRSS", "VmHWM", "Threads")}}
 
-    def rest(self, patience=SILENCE_LIMIT):
+    def rest(self, timeout=SILENCE_LIMIT):
         """Waits until it has come to rest, and judges that."""
-        end = now() + patience
+        end = now() + timeout
         while True:
             figures = self.read()
             first = self.rests[0] if self.rests else figures

@@ -401,12 +401,12 @@ def release(handle, device_id=DEVICE_ID):
     return soap.value(call("releaseDevice", handle=handle, deviceId=device_id), "error")
 
 
-def ask(data, address=BOX, patience=10):
+def ask(data, address=BOX, timeout=10):
     """The box's answer to a datagram, None when there is none in time."""
     with namespace("client"):
         client = slp.open_client(CLIENT)
     with client:
-        client.settimeout(patience)
+        client.settimeout(timeout)
         client.sendto(data, (address, slp.PORT))
         with contextlib.suppress(TimeoutError):
             answer, sender = client.recvfrom(65536)

@@ -18,7 +18,7 @@ HANGING = pathlib.Path("/run/tools.hang")
 HANG = f"#!/bin/sh\nwhile [ -e {HANGING} ]; do sleep 0.1; done\n"
 FORWARDING = pathlib.Path("/proc/sys/net/ipv4/ip_forward")
 SERVING = "opla.mode=OPLA-Next\n"
-PATIENCE = 4  # of the agent, in seconds
+TIMEOUT = 4  # of the agent, in seconds
 
 # An administrator's: each differs in one thing from the agent's own.
 NEIGHBOURS = [f"-A INPUT {rule}" for rule in (
@@ -119,7 +119,7 @@ def test_nobody_waits_long_for_a_tool_that_hangs():
                     waiting.enter_context(in_background(lambda e=expected, w=work: answers.update({e: w()})))
                 begin = time.monotonic()
                 assert call("getDeviceInformation") and release("1") == "9" and stage.ask(slp.attribute_request())
-                assert time.monotonic() - begin < PATIENCE
+                assert time.monotonic() - begin < TIMEOUT
             assert first == [], "all are answered before the tool is"
         assert [expected for expected in refused if expected not in answers[expected]] == []
         assert first[0][0] == "0" and release(first[0][1]) == "0" and rules() == []
