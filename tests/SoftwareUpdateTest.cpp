@@ -104,9 +104,9 @@ protected:
     std::vector<std::string> Software() const {
         std::vector<std::string> software;
         for (const std::string type : {"application", "firmware"}) {
-            const std::string directory = "/app/zel/images/" + type + "/";
-            software.push_back(
-                ReadFile(directory + ReadFile(directory + "active").substr(0, 1) + "/image"));
+            const std::filesystem::path directory = "/app/zel/images/" + type;
+            const std::string slot = ReadFile(directory / "active").substr(0, 1);
+            software.push_back(ReadFile(directory / slot / "image"));
         }
         software.push_back(config_.Get("system.version.app"));
         software.push_back(config_.Get("system.version.boot"));
