@@ -33,19 +33,6 @@ TEST(BoxTest, AttributeListsAreReadWhateverTheyHold) {
     }
 }
 
-TEST(BoxTest, ColumnsSayWhatABoxIs) {
-    for (const auto& [list, row] : Table<const char*, BoxTable::Row>{
-             {kList, {kAddress, "TAVO0012345", "host", "red", "reserved", "me", "12.3 V", "cable"}},
-             {"(State=4),(Color=#123456),(NetworkType=1),(SignalStrength=70)",
-              {kAddress, "", "", "#123456", "free", "", "", "WLAN 70"}},
-             {"(State=x),(Color=\033[1m),(Kl30Voltage=-1),(NetworkType=2)",
-              {kAddress, "", "", "?[1m", "x", "", "-1", "2"}},
-             {"(Kl30Voltage=99999999999),(Owner=abcdefghijklmnopqrstuvwxyz0123456789)",
-              {kAddress, "", "", "", "", "abcdefghijklmnopqrstuvw…", "99999999999", ""}}}) {
-        EXPECT_EQ(BoxTable::MakeLine(Box::Read(kAddress, list)).row, row) << list;
-    }
-}
-
 TEST(BoxTest, TableIsAlignedAndColoredOnlyOnDemand) {
     std::vector<BoxTable::Line> lines = {
         BoxTable::MakeLine(Box::Read("10.0.0.1", kList)),

@@ -1,4 +1,3 @@
-#include "ColorTable.h"
 #include "DeviceAttributes.h"
 #include "StoreSetup.h"
 #include "Support.h"
@@ -143,13 +142,6 @@ TEST_F(DeviceAttributesTest, TheStoreAtStartUp) {
     EXPECT_EQ(Get("zel.state.startup"), "0");
     EXPECT_EQ(Get("zel.state.uuid"), "00000000-0000-0000-0000-000000000000");
     EXPECT_FALSE(Get("zel.svn.version").empty());
-}
-
-TEST(ColorTableTest, BothWays) {
-    EXPECT_EQ(ColorTable::ValueOf("grey"), "#acaea6");
-    EXPECT_EQ(ColorTable::NameOf("#163279"), "blue");
-    EXPECT_EQ(ColorTable::ValueOf("White"), "");
-    EXPECT_EQ(ColorTable::NameOf(""), "");
 }
 
 }  // namespace

@@ -67,12 +67,6 @@ TEST(ToolCommandsTest, CommandLinesAreReadOrRefused) {
     }
 }
 
-TEST(ToolCommandsTest, ParametersBecomeElements) {
-    EXPECT_EQ(ConnectorCommands::ParameterElements({"a=1", "b=<x=y>"}),
-              "<pParameters><key>a</key><value>1</value></pParameters>"
-              "<pParameters><key>b</key><value>&lt;x=y&gt;</value></pParameters>");
-}
-
 TEST(ToolCommandsTest, AnswersOfStrangersAreJudged) {
     const auto soap = [](const std::string& inner) { return "<E><Body>" + inner + "</Body></E>"; };
     constexpr int kNotUnderstood = -2;

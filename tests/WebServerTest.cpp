@@ -104,17 +104,6 @@ protected:
     WebServer server_{config_, 60s};
 };
 
-TEST_F(WebServerTest, KeepAliveIsTheRequestsChoice) {
-    Start();
-    EXPECT_EQ(
-        Exchange(kKeep + "GET /none HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n" +
-                 "GET /test HTTP/1.0\r\nConnection: keep-alive\r\n\r\n" + kGet),
-        Answer("200 OK", kText, "Connection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n") +
-            Answer("404 Not found",
-                   "An error 404 has occurred. The requested document could not be found.") +
-            kGreeting);
-}
-
 TEST_F(WebServerTest, TheFirstMatchingRegistrationAnswers) {
     Add({"other port", "/a", Mode::kPrefix, kOtherPort});
     Add({"exact", "/a/exact", Mode::kExact, 0});
@@ -145,19 +134,6 @@ TEST_F(WebServerTest, PostResponseFollowsTheReply) {
     EXPECT_TRUE(IsAnswered(connection));
     received.set_value();
     EXPECT_TRUE(inOrder.get_future().get());
-}
-
-TEST_F(WebServerTest, TwentyPortsAndNoMore) {
-    const SocketGuard taken(OpenSocket(SOCK_STREAM, kHere, 9000));
-    ASSERT_EQ(listen(taken.Get(), 1), 0);
-    for (std::size_t i = 2; i < WebServer::kMaxPorts; ++i) {
-        EXPECT_TRUE(server_.AddPort(static_cast<std::uint16_t>(8998 + i)));
-    }
-    Start();
-    EXPECT_FALSE(server_.AddPort(9999));
-    for (const std::uint16_t port : {std::uint16_t{9001}, std::uint16_t{9017}}) {
-        EXPECT_EQ(Exchange(kGet, port), kGreeting) << "one that cannot be opened is passed over";
-    }
 }
 
 TEST_F(WebServerTest, StopEndsIdleConnectionsAndLetsARequestFinish) {
