@@ -16,8 +16,8 @@ constexpr std::chrono::milliseconds kPollInterval{100};
 LanDevice::LanDevice(const Context& context)
     : NetDevice(NetworkAttributes::kLanInterface, context) {}
 
-int LanDevice::HasLink() {
-    return AwaitLink({}, [] { return false; }) ? 1 : 0;
+bool LanDevice::HasLink() {
+    return AwaitLink({}, [] { return false; });
 }
 
 bool LanDevice::AwaitLinkAfterSetUp(const StopRequested& stopRequested) {

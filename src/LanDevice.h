@@ -13,7 +13,7 @@ public:
     explicit LanDevice(const Context& context);
 
     /// Whether the cable is in and the other end alive (ETHTOOL_GLINK).
-    int HasLink() override;
+    bool HasLink() override;
 
     /// Asks until there is a link, or `timeout` is over, or it is asked to stop; at least once.
     /// Returns whether there is one, with one line in the log. An interface that cannot be asked

@@ -58,8 +58,8 @@ public:
     NetDevice(const NetDevice&) = delete;
     NetDevice& operator=(const NetDevice&) = delete;
 
-    /// Non-zero when there is a link.
-    virtual int HasLink() { return 1; }
+    /// Whether there is a link.
+    virtual bool HasLink() { return true; }
     /// Gives the interface its address by the address mode, which the first call reads from the
     /// store, and the routes that belong to it. It is not configured as long as it has none,
     /// whatever the tools say.

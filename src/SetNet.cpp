@@ -62,7 +62,7 @@ NetStatus SetNet::SetUpWlan(const StopRequested& stopRequested) {
         return NetStatus::kFailed;
     }
     static_cast<void>(lan_.DisableInterface());  // it has no link anyway
-    if (wlan_->Connect(stopRequested) != 0) {
+    if (Failed(wlan_->Connect(stopRequested))) {
         return NetStatus::kFailed;
     }
     ZEL_DEBUG("Connected to an access point, set ip address");

@@ -32,9 +32,10 @@ struct CloneParameters {
 constexpr std::uint16_t kStation = 1;
 constexpr std::uint16_t kParentBssid = 1;
 
-int Run(const std::string& command) {
+NetStatus Run(const std::string& command) {
     std::string output;
-    return Shell::RunSystemWithResult(output, "%s", command.c_str()) ? 0 : -1;
+    return Shell::RunSystemWithResult(output, "%s", command.c_str()) ? NetStatus::kDone
+                                                                     : NetStatus::kFailed;
 }
 
 }  // namespace
@@ -42,31 +43,31 @@ int Run(const std::string& command) {
 WlanAtherosDevice::WlanAtherosDevice(const Context& context)
     : WlanDevice(kInterface, kDriver, context, "WlanAtherosDevice: ") {}
 
-int WlanAtherosDevice::InitializeDriver(const WlanCountryCode::Country* country) {
+NetStatus WlanAtherosDevice::InitializeDriver(const WlanCountryCode::Country* country) {
     LogStep("Initialize wlan driver");
     if (!IsKnown(country) || !MakeDirectory(SupplicantNetwork::kDirectory)) {
-        return -1;
+        return NetStatus::kFailed;
     }
     const std::string options = "myregdomain=" + std::to_string(country->regulatoryDomain) +
                                 " countrycode=" + std::to_string(country->countryCode) +
                                 " regulatory=1";
     if (Shell::LoadModule("ath_mimo_pci", "/app/velka/wlan/sta/ath_mimo_pci.ko", options) != 0) {
-        return -1;
+        return NetStatus::kFailed;
     }
     return Run("echo 0 > /proc/sys/dev/wifi0/outdoor");
 }
 
-int WlanAtherosDevice::CreateInterface() {
+NetStatus WlanAtherosDevice::CreateInterface() {
     CloneParameters clone{};
     Name().copy(clone.name, sizeof clone.name - 1);
     clone.operatingMode = kStation;
     clone.flags = kParentBssid;
     ifreq request{};
     request.ifr_data = reinterpret_cast<char*>(&clone);
-    return static_cast<int>(NetRequests::Send(kParentDevice, &request, kCloneRequest));
+    return NetRequests::Send(kParentDevice, &request, kCloneRequest);
 }
 
-int WlanAtherosDevice::SetSsid() {
+NetStatus WlanAtherosDevice::SetSsid() {
     std::string ssid = Values().ssid;
     iwreq wireless{};
     wireless.u.essid.pointer = ssid.data();
@@ -78,46 +79,46 @@ int WlanAtherosDevice::SetSsid() {
     return DoIo(&request, SIOCSIWESSID);
 }
 
-int WlanAtherosDevice::SetAntennaGain() {
+NetStatus WlanAtherosDevice::SetAntennaGain() {
     const std::string gain = Values().band == "1" ? "3" : "5";
     return Run("echo " + gain + "  > /proc/sys/dev/wifi0/antennagain");
 }
 
-int WlanAtherosDevice::SetBand() {
+NetStatus WlanAtherosDevice::SetBand() {
     const std::string command =
         "/sbin/iwpriv " + Name() + " mode " + (Values().band == "0" ? "11NG" : "11NA");
     // The driver takes the mode at the second time only.
-    return Run(command) == 0 ? Run(command) : -1;
+    return Failed(Run(command)) ? NetStatus::kFailed : Run(command);
 }
 
-int WlanAtherosDevice::SetChainmaskAndBandwidth() {
+NetStatus WlanAtherosDevice::SetChainmaskAndBandwidth() {
     // Chains 0 and 2, management of the channel width, no background scans.
     constexpr const char* kSettings[] = {"rx_chainmask 5", "tx_chainmask 5", "cwmenable 1",
                                          "cwmmode 1", "bgscan 0"};
     for (const char* setting : kSettings) {
-        if (Run("/sbin/iwpriv " + Name() + " " + setting) != 0) {
-            return -1;
+        if (Failed(Run("/sbin/iwpriv " + Name() + " " + setting))) {
+            return NetStatus::kFailed;
         }
     }
-    return 0;
+    return NetStatus::kDone;
 }
 
-int WlanAtherosDevice::DoIo(ifreq* request, unsigned long code) {
+NetStatus WlanAtherosDevice::DoIo(ifreq* request, unsigned long code) {
     const NetStatus status = InterfaceRequest(request, code);
     ZEL_DEBUG("DoIo returned %d", static_cast<int>(status));
     if (status != NetStatus::kNoSuchDevice) {
-        return static_cast<int>(status);
+        return status;
     }
     if (BusDevices::HasAtherosCard()) {
         ZEL_ERROR("Device only inactive");
-        return kInactive;
+        return NetStatus::kInactive;
     }
-    return kNoCard;
+    return NetStatus::kNoCard;
 }
 
 std::string WlanAtherosDevice::GetMacAddress() {
     LogStep("Create wlan interface");
-    if (CreateInterface() != 0) {
+    if (Failed(CreateInterface())) {
         ZEL_ERROR("Create wlan interface failed");
         return "";
     }

@@ -24,8 +24,8 @@ WlanDevice::WlanDevice(std::string interface, std::string supplicantDriver, cons
       supplicantDriver_(std::move(supplicantDriver)),
       logPrefix_(logPrefix) {}
 
-int WlanDevice::HasLink() {
-    return SupplicantProcess::IsAssociated(Name()) ? 1 : 0;
+bool WlanDevice::HasLink() {
+    return SupplicantProcess::IsAssociated(Name());
 }
 
 NetStatus WlanDevice::DisableInterface() {
@@ -33,23 +33,23 @@ NetStatus WlanDevice::DisableInterface() {
     return NetDevice::DisableInterface();
 }
 
-int WlanDevice::Connect(const StopRequested& stopRequested) {
+NetStatus WlanDevice::Connect(const StopRequested& stopRequested) {
     ZEL_INFO("Try to connect with an access point");
     if (values_.Read(Config()) != 0 || !SupplicantNetwork::CanWrite(values_)) {
-        return -1;
+        return NetStatus::kFailed;
     }
     SupplicantProcess::End();
     static_cast<void>(DestroyInterface());  // there may be none yet
-    if (const int status = PrepareChip(); status != 0) {
+    if (const NetStatus status = PrepareChip(); Failed(status)) {
         return status;
     }
-    if (const int status = StartSupplicant(); status != 0) {
+    if (const NetStatus status = StartSupplicant(); Failed(status)) {
         return status;
     }
     for (int attempt = 0; attempt < kAssociationAttempts; ++attempt) {
         SupplicantLog::Limit();
-        if (HasLink() != 0) {
-            return 0;
+        if (HasLink()) {
+            return NetStatus::kDone;
         }
         if (stopRequested()) {
             break;
@@ -57,16 +57,16 @@ int WlanDevice::Connect(const StopRequested& stopRequested) {
         usleep(kAssociationPause);
     }
     SupplicantProcess::End();
-    return -1;
+    return NetStatus::kFailed;
 }
 
-int WlanDevice::PrepareChip() {
-    if (const int status = InitializeDriver(values_.country); status != 0) {
+NetStatus WlanDevice::PrepareChip() {
+    if (const NetStatus status = InitializeDriver(values_.country); Failed(status)) {
         return status;
     }
     constexpr struct {
         const char* name;
-        int (WlanDevice::*run)();
+        NetStatus (WlanDevice::*run)();
     } kSteps[] = {{"Create wlan interface", &WlanDevice::CreateInterface},
                   {"Set ssid", &WlanDevice::SetSsid},
                   {"Set antenna gain", &WlanDevice::SetAntennaGain},
@@ -74,31 +74,31 @@ int WlanDevice::PrepareChip() {
                   {"Set chainmask and bandwidth", &WlanDevice::SetChainmaskAndBandwidth}};
     for (const auto& [name, run] : kSteps) {
         LogStep(name);
-        if (const int status = (this->*run)(); status != 0) {
+        if (const NetStatus status = (this->*run)(); Failed(status)) {
             return status;
         }
     }
     return LoadDriver();
 }
 
-int WlanDevice::StartSupplicant() {
+NetStatus WlanDevice::StartSupplicant() {
     ZEL_DEBUG("Start supplicant");
     const std::string file = SupplicantNetwork::Write(values_);
     if (file.empty() || !SupplicantProcess::Start(Name(), supplicantDriver_, file)) {
-        return -1;
+        return NetStatus::kFailed;
     }
     sleep(1);
-    return static_cast<int>(EnableInterface());
+    return EnableInterface();
 }
 
-int WlanDevice::DestroyInterface() {
+NetStatus WlanDevice::DestroyInterface() {
     ifreq request{};
-    return static_cast<int>(InterfaceRequest(&request, kDestroyRequest));
+    return InterfaceRequest(&request, kDestroyRequest);
 }
 
-int WlanDevice::LoadDriver() {
+NetStatus WlanDevice::LoadDriver() {
     ZEL_DEBUG("LoadDriver");
-    return 0;
+    return NetStatus::kDone;
 }
 
 void WlanDevice::LogStep(const char* name) const {

@@ -5,7 +5,7 @@
 
 /// A WLAN station: before it gets an address it is connected to the configured access point, by the
 /// supplicant (SupplicantNetwork, SupplicantProcess) and by steps that each kind of chip fills in.
-/// Steps return 0 or a negative status that Connect() passes on.
+/// Connect() passes the status of a step that fails on.
 class WlanDevice : public NetDevice {
 public:
     using WlanValues = ::WlanValues;
@@ -15,33 +15,33 @@ public:
     WlanDevice(std::string interface, std::string supplicantDriver, const Context& context,
                const char* logPrefix = "");
 
-    /// 1 when the supplicant says that it is associated, else 0.
-    int HasLink() override;
+    /// Whether the supplicant says that it is associated.
+    bool HasLink() override;
     /// Ends the supplicant, then as every interface.
     NetStatus DisableInterface() override;
 
     /// Connects to the configured access point; waits up to a minute for it, and ends within two
-    /// seconds when it is asked to stop. Returns 0 or a negative status.
-    [[nodiscard]] virtual int Connect(const StopRequested& stopRequested);
+    /// seconds when it is asked to stop.
+    virtual NetStatus Connect(const StopRequested& stopRequested);
     /// The MAC address as six two-digit hexadecimal bytes with colons between them, empty when
     /// there is none.
     [[nodiscard]] virtual std::string GetMacAddress() { return ""; }
 
 protected:
-    [[nodiscard]] virtual int InitializeDriver(const WlanCountryCode::Country* /*country*/) {
-        return 0;
+    virtual NetStatus InitializeDriver(const WlanCountryCode::Country* /*country*/) {
+        return NetStatus::kDone;
     }
-    [[nodiscard]] virtual int DestroyInterface();
+    virtual NetStatus DestroyInterface();
     // Steps whose name is in the log already when they run.
-    [[nodiscard]] virtual int CreateInterface() { return 0; }
-    [[nodiscard]] virtual int SetSsid() { return 0; }
-    [[nodiscard]] virtual int SetAntennaGain() { return 0; }
-    [[nodiscard]] virtual int SetBand() { return 0; }
-    [[nodiscard]] virtual int SetChainmaskAndBandwidth() { return 0; }
+    virtual NetStatus CreateInterface() { return NetStatus::kDone; }
+    virtual NetStatus SetSsid() { return NetStatus::kDone; }
+    virtual NetStatus SetAntennaGain() { return NetStatus::kDone; }
+    virtual NetStatus SetBand() { return NetStatus::kDone; }
+    virtual NetStatus SetChainmaskAndBandwidth() { return NetStatus::kDone; }
 
-    [[nodiscard]] virtual int LoadDriver();
+    virtual NetStatus LoadDriver();
     /// Sends a wireless request of this chip.
-    [[nodiscard]] virtual int DoIo(ifreq* /*request*/, unsigned long /*code*/) { return 0; }
+    virtual NetStatus DoIo(ifreq* /*request*/, unsigned long /*code*/) { return NetStatus::kDone; }
 
     void LogStep(const char* name) const;
     /// False, and a line in the log, without a country.
@@ -53,8 +53,8 @@ protected:
     const WlanValues& Values() const { return values_; }
 
 private:
-    int PrepareChip();
-    int StartSupplicant();
+    NetStatus PrepareChip();
+    NetStatus StartSupplicant();
 
     WlanValues values_;
     std::string supplicantDriver_;

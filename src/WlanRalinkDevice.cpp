@@ -29,7 +29,7 @@ bool ReadFile(const char* path, std::string& text) {
 
 /// A settings file that ends within the template is a copy that was cut off: by a full disk, or by
 /// the end of the agent or of the power.
-int EnsureSettingsFile() {
+NetStatus EnsureSettingsFile() {
     std::string whole;
     std::string settings;
     const bool haveTemplate = ReadFile(kTemplate, whole);
@@ -37,24 +37,24 @@ int EnsureSettingsFile() {
         return settings.size() < whole.size() && whole.starts_with(settings);
     };
     if (ReadFile(kSettingsFile, settings) && !isCut()) {
-        return 0;
+        return NetStatus::kDone;
     }
     unlink(kSettingsFile);
     std::string output;
     if (!Shell::RunSystemWithResult(
             output, "cp /app/velka/wlan/ra/RT2870STA.dat /etc/Wireless/RT2870STA/.")) {
-        return -1;
+        return NetStatus::kFailed;
     }
     if (!haveTemplate || !ReadFile(kSettingsFile, settings) || isCut()) {
         unlink(kSettingsFile);
         ZEL_ERROR("Can't copy %s", kTemplate);
-        return -1;
+        return NetStatus::kFailed;
     }
-    return 0;
+    return NetStatus::kDone;
 }
 
 /// The line is in the file as a whole or not at all.
-int AppendSetting(const std::string& setting) {
+NetStatus AppendSetting(const std::string& setting) {
     std::error_code error;
     const std::uintmax_t size = std::filesystem::file_size(kSettingsFile, error);
     std::ofstream file(kSettingsFile, std::ios::app);
@@ -65,9 +65,9 @@ int AppendSetting(const std::string& setting) {
         if (!error) {
             std::filesystem::resize_file(kSettingsFile, size, error);
         }
-        return -1;
+        return NetStatus::kFailed;
     }
-    return 0;
+    return NetStatus::kDone;
 }
 
 }  // namespace
@@ -75,31 +75,31 @@ int AppendSetting(const std::string& setting) {
 WlanRalinkDevice::WlanRalinkDevice(const Context& context)
     : WlanDevice(kInterface, kDriver, context, "WlanRalinkDevice: ") {}
 
-int WlanRalinkDevice::InitializeDriver(const WlanCountryCode::Country* country) {
+NetStatus WlanRalinkDevice::InitializeDriver(const WlanCountryCode::Country* country) {
     LogStep("Initialize wlan driver");
     if (!MakeDirectory(SupplicantNetwork::kDirectory) || !MakeDirectory(kSettingsDirectory) ||
-        EnsureSettingsFile() != 0 || !IsKnown(country)) {
-        return -1;
+        Failed(EnsureSettingsFile()) || !IsKnown(country)) {
+        return NetStatus::kFailed;
     }
     return AppendSetting(std::string("CountryCode=") + country->iso);
 }
 
-int WlanRalinkDevice::DestroyInterface() {
-    return 0;
+NetStatus WlanRalinkDevice::DestroyInterface() {
+    return NetStatus::kDone;
 }
 
-int WlanRalinkDevice::SetBand() {
+NetStatus WlanRalinkDevice::SetBand() {
     return AppendSetting(std::string("WirelessMode=") + (Values().band == "0" ? "8" : "9"));
 }
 
-int WlanRalinkDevice::LoadDriver() {
+NetStatus WlanRalinkDevice::LoadDriver() {
     LogStep("LoadDriver");
     for (const std::string module : {"rtutil5572sta", "rt5572sta", "rtnet5572sta"}) {
         if (Shell::LoadModule(module, "/app/velka/wlan/ra/" + module + ".ko", "") != 0) {
-            return -1;
+            return NetStatus::kFailed;
         }
     }
-    return 0;
+    return NetStatus::kDone;
 }
 
 std::string WlanRalinkDevice::GetMacAddress() {

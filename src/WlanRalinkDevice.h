@@ -13,8 +13,8 @@ public:
     std::string GetMacAddress() override;
 
 protected:
-    int InitializeDriver(const WlanCountryCode::Country* country) override;
-    int DestroyInterface() override;
-    int SetBand() override;
-    int LoadDriver() override;
+    NetStatus InitializeDriver(const WlanCountryCode::Country* country) override;
+    NetStatus DestroyInterface() override;
+    NetStatus SetBand() override;
+    NetStatus LoadDriver() override;
 };

@@ -51,9 +51,9 @@ TEST_F(SetNetTest, TheCableIsWaitedForThreePasses) {
     EXPECT_EQ(Recorded(), "");
     EXPECT_EQ(RunPasses(3, [](int pass) { SetCable(pass == 2 ? "up" : "down"); }),
               NetStatus::kDone);
-    EXPECT_EQ(LanDevice(context_).HasLink(), 1);
+    EXPECT_TRUE(LanDevice(context_).HasLink());
     Ip("link del eth0");
-    EXPECT_EQ(LanDevice(context_).HasLink(), 0);
+    EXPECT_FALSE(LanDevice(context_).HasLink());
 }
 
 TEST_F(SetNetTest, TheLinkOfAnInterfaceThatWasSetUpIsWaitedFor) {

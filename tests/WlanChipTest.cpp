@@ -62,7 +62,7 @@ TEST_F(WlanAtherosTest, Connect) {
     for (const auto& [band, mode, gain] : Table<const char*, const char*, const char*>{
              {"0", "mode 11NG", "5\n"}, {"1", "mode 11NA", "3\n"}}) {
         SetWlan("104", band);
-        EXPECT_EQ(device_.Connect(Never), 0);
+        EXPECT_EQ(device_.Connect(Never), NetStatus::kDone);
         std::string expected =
             "destroy ath0\n/usr/sbin/insmod /app/velka/wlan/sta/ath_mimo_pci.ko myregdomain=55 "
             "countrycode=40 regulatory=1\nclone wifi0 ath0 1 1\nessid ath0 workshop 9 1\n";
@@ -79,9 +79,9 @@ TEST_F(WlanAtherosTest, Connect) {
 
 TEST_F(WlanAtherosTest, AMissingInterfaceIsAnInactiveCardOrNone) {
     for (const auto& [error, list, status] :
-         Table<int, const char*, int>{{ENODEV, "168c0013\n168c00c8\n", -6},
-                                      {ENODEV, "168c0013\n", -7},
-                                      {EOPNOTSUPP, "168c0013\n", -3}}) {
+         Table<int, const char*, NetStatus>{{ENODEV, "168c0013\n168c00c8\n", NetStatus::kInactive},
+                                            {ENODEV, "168c0013\n", NetStatus::kNoCard},
+                                            {EOPNOTSUPP, "168c0013\n", NetStatus::kNotSupported}}) {
         essidError_ = error;
         WriteFile(kPciDevices, list);
         EXPECT_EQ(device_.Connect(Never), status);
@@ -112,18 +112,18 @@ TEST_F(WlanRalinkTest, TheLastSettingsOfTheFileAreThoseOfTheConnection) {
     std::filesystem::create_directories(directory);
     ASSERT_EQ(mount("full", directory.c_str(), "tmpfs", 0, "size=4k"), 0);
     WriteFile(directory + "/filler", std::string(4096, 'x'));
-    EXPECT_NE(device.Connect(Never), 0);
+    EXPECT_TRUE(Failed(device.Connect(Never)));
     EXPECT_FALSE(std::filesystem::exists(file));
     EXPECT_EQ(umount(directory.c_str()), 0);
     EXPECT_EQ(Recorded(), "");
     WriteFile(file, "Default\nWire");
 
-    EXPECT_EQ(device.Connect(Never), 0);
+    EXPECT_EQ(device.Connect(Never), NetStatus::kDone);
     EXPECT_EQ(Recorded(), insmod + "rtutil5572sta.ko\n" + insmod + "rt5572sta.ko\n" +
                               SupplicantCommand("-i ra0 -D wext"));
     SetWlan("104", "1");
     Set("country.code", "US");
-    EXPECT_EQ(device.Connect(Never), 0);
+    EXPECT_EQ(device.Connect(Never), NetStatus::kDone);
     EXPECT_EQ(Recorded(), SupplicantCommand("-i ra0 -D wext"));
     EXPECT_EQ(ReadFile(file),
               "Default\nWirelessMode=5\nCountryCode=AT\nWirelessMode=8\n"

@@ -22,7 +22,7 @@ protected:
         Set("wlan.conf.infra.credentials", credentials);
         Set("wlan.conf.infra.psk", psk);
         WriteFile(kFile, "old");
-        EXPECT_EQ(device_.Connect(Never), isGood ? 0 : -1);
+        EXPECT_EQ(device_.Connect(Never), isGood ? NetStatus::kDone : NetStatus::kFailed);
         const std::string directory = level == "106" ? credentials : "/tmp/supplicant";
         EXPECT_EQ(Recorded(), isGood ? SupplicantCommand("-i w0 -D wext", directory) : "");
         return ReadFile(kFile);
@@ -51,7 +51,7 @@ TEST_F(WlanDeviceTest, TheFirstWrongSettingIsReported) {
         for (const char* value : wrong) {
             Set(key, value);
             EXPECT_EQ(values.Read(config_), code) << key << " " << value;
-            EXPECT_EQ(device_.Connect(Never), -1);
+            EXPECT_EQ(device_.Connect(Never), NetStatus::kFailed);
         }
         Set(key, right);
     }
@@ -114,14 +114,14 @@ TEST_F(WlanDeviceTest, NoSettingBecomesTwo) {
 TEST_F(WlanDeviceTest, TheSupplicantIsEnded) {
     const std::string file = "/var/run/wpa_supplicant.pid";
     Record("/app/velka/wlan/sta/wpa_supplicant", "sleep 1000 > /dev/null & echo $! > " + file);
-    EXPECT_EQ(device_.Connect(Never), 0);
+    EXPECT_EQ(device_.Connect(Never), NetStatus::kDone);
     const int first = std::stoi(ReadFile(file));
     const Supplicant supplicant("w0", "wpa_state=SCANNING\n");
     for (const auto& [asked, seconds] : Table<int, int>{{3, 2}, {1000, 60}}) {
         std::chrono::microseconds waited{};
         onPause = [&waited](std::chrono::microseconds pause) { waited += pause; };
         int left = asked;
-        EXPECT_EQ(device_.Connect([&left] { return --left == 0; }), -1);
+        EXPECT_EQ(device_.Connect([&left] { return --left == 0; }), NetStatus::kFailed);
         EXPECT_EQ(waited, std::chrono::seconds(1 + seconds)) << "1 for the supplicant's start";
         EXPECT_FALSE(std::filesystem::exists(file));
         EXPECT_TRUE(Eventually([first] { return kill(first, 0) != 0; }));
