@@ -161,7 +161,8 @@ bool ZelConfig::Save() const {
     const bool isKept = std::rename(kFile.c_str(), kOldFile.c_str()) == 0;
     if (std::rename(kNewFile.c_str(), kFile.c_str()) != 0) {
         if (isKept) {
-            std::rename(kOldFile.c_str(), kFile.c_str());
+            // Where that fails, too, Load() takes the old one.
+            static_cast<void>(std::rename(kOldFile.c_str(), kFile.c_str()));
         }
         std::remove(kNewFile.c_str());
         return false;

@@ -87,17 +87,15 @@ ServiceBox::ServiceBox() {
     SetUpStore(config, trigger15, [] { return std::string(); });
     for (const char* host : {"192.0.2.1", "0"}) {
         std::string handle;
-        reservation.Reserve(kOwner, host, handle);
+        static_cast<void>(reservation.Reserve(kOwner, host, handle));
         reservation.ChangeHostLock(handle, host);
-        reservation.Release(handle);
+        static_cast<void>(reservation.Release(handle));
     }
     isLearning = false;
 }
 
 void ServiceBox::Set(bool isReserved, bool isStopped) {
-    const auto set = [this](const char* key, const char* value) {
-        config.Set(key, value, ZelConfig::Kind::kFixed);
-    };
+    const auto set = [this](const char* key, const char* value) { config.SetFixed(key, value); };
     set("zel.state.current", isReserved ? DeviceReservation::kReserved : DeviceReservation::kFree);
     set("zel.state.owner", isReserved ? kOwner : "");
     set("zel.state.handle", isReserved ? kHandle : "");
