@@ -15,5 +15,6 @@ struct RkoRequest {
     /// "?FunctionName=" in the URL and the packet the body. Of a POST request the body is a form
     /// (RFC 7578): the function is the field "FunctionName", or the first one, within the first
     /// 4096 bytes; the packet is the first of the others. No value when there is no function.
+    /// "GET /rKo?FunctionName=rkoGetVersion" asks for rkoGetVersion, without a packet.
     [[nodiscard]] static std::optional<RkoRequest> Read(const HttpRequest& request);
 };

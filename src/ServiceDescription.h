@@ -17,7 +17,8 @@ struct File {
 };
 using Table = std::span<const File>;
 
-/// The file that the request's query names, null when it names none.
+/// The file that the request's query names, null when it names none. "/zel/services/x?xsd=2" asks
+/// for the file whose query is "xsd=2".
 [[nodiscard]] const File* Find(const Table& table, const HttpRequest& request);
 
 /// The text of the file, every line ended by a line feed. No value when it cannot be opened.

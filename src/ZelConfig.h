@@ -49,7 +49,8 @@ public:
     bool Register(const std::string& key, Provider provider);
 
     /// Reads the configuration file, or the previous one when it is missing, or else writes and
-    /// reads the built-in defaults. False when none can be read or a line could not be stored.
+    /// reads the built-in defaults. False when none can be read or a line could not be stored. Of
+    /// the lines "#comment", "tavo.color=white" and "x" the second one is a setting.
     [[nodiscard]] bool Load();
 
     /// Writes all persistent entries to the configuration file, replacing it as a whole; the

@@ -60,8 +60,9 @@ public:
     int Send(const SlpReply& reply) const;
 
     /// Searches an attribute list (RFC 2608, section 5) for the attribute with exactly this name.
-    /// Returns 0 and the text behind its first "=", or -1. `attrList` is cut into pieces on the
-    /// way, of which kMaxLogged are logged.
+    /// Returns 0 and the text behind its first "=", or -1: of
+    /// "(Service=zel-manager),(ClusterIP='a')" and "ClusterIP" it is "'a'". `attrList` is cut into
+    /// pieces on the way, of which kMaxLogged are logged.
     [[nodiscard]] static int FindAttribute(std::string& attrList, const std::string& name,
                                            std::string& value);
 
