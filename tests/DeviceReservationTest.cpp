@@ -34,6 +34,9 @@ TEST_F(DeviceReservationTest, WhatAReservationLeavesInTheBox) {
     EXPECT_EQ(ReadFile(kForwarding), "0\n");
     EXPECT_FALSE(reservation_.Release(""));
     EXPECT_FALSE(reservation_.ReleaseOwnedBy(""));
+    const std::string owner(DeviceReservation::kMaxOwner + 1, 'o');
+    ASSERT_TRUE(reservation_.Reserve(owner, "0", handle));
+    EXPECT_TRUE(reservation_.ReleaseOwnedBy(owner));
 
     reservation_.Stop();
     EXPECT_FALSE(reservation_.Reserve("owner", "0", handle));

@@ -77,6 +77,7 @@ TEST_F(SoftwareUpdateTest, OnlyAUsableAddressReachesTheShell) {
         {"FILENAME", "NAME"},
         {"update.img", ".."},
         {"update.img", "../config/wpa.conf"},
+        {"update.img", "log/x"},
         {"update.img", "a b"},
         {"update.img", "*"},
         {"update.img", longest},

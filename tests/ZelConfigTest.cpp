@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "DefaultConfiguration.h"
+#include "DurableFile.h"
 #include "Support.h"
 #include "WlanMacFile.h"
 #include "ZelConfig.h"
@@ -113,6 +114,10 @@ TEST_F(ZelConfigTest, SaveThatCannotBeWrittenLeavesTheFile) {
     std::filesystem::create_directory(kFile + ".new");
     EXPECT_FALSE(config_.Save());
     EXPECT_EQ(ReadFile(kFile), "before=1\n");
+
+    // A device takes what is written, but cannot force it to a disk.
+    std::filesystem::create_symlink("/dev/null", "/tmp/device");
+    EXPECT_FALSE(DurableFile::Write("/tmp/device", "text", 0666));
 
     // A file that is mounted is neither renamed nor replaced.
     std::filesystem::remove(kFile + ".new");

@@ -210,8 +210,9 @@ def test_a_manager_that_dies_in_a_download():
 
 
 def test_a_broken_sign_in_is_told_apart():
-    _, text = sign_in("not-soap", "fault.operation=signInTavo")
+    _, text = sign_in("not-soap", "fault.operation=signInTavo", "hostname=bay-7")
     assert "Response of SignIn not soap valid" in text and "SignIn failed" in text
+    assert settings()["tavo.hostname"] == "bay-7", "the PreSignIn counts all the same"
     _, text = sign_in("drop-in-head", "fault.times=0")
     assert text.count("Initialize socket PreSignIn") == 2 and "PreSignIn failed" in text
 

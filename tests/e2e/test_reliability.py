@@ -181,8 +181,9 @@ def test_tools_that_are_missing_or_crash(text):
             code, handle = reserve()
             assert (code, release(handle)) == ("0", "0"), tool
         assert rules() == []
-    with serving(ALONE):
+    with replaced("/dev/measure/0", None), serving(ALONE):
         serve_a_client()
+        assert "<error>17<" in stage.call("resetTrigger15Edge"), "there is no device to reset"
 
 
 def test_an_address_that_goes_away_under_open_connections():
