@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     static auto& schemas = *new ServiceSchemas("TaSigninServlet");
     std::string errors;
-    SoapEnvelopeSchema().ValidateDocument(document.get(), errors);
+    static_cast<void>(SoapEnvelopeSchema().ValidateDocument(document.get(), errors));
     const xmlNode* body = XmlText::FindChild(xmlDocGetRootElement(document.get()), "Body");
     xmlNode* answer = XmlText::FindChild(body, "preSignInTavoResponse");
     if (answer == nullptr) {

@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     if (auto* const reply = std::get_if<SlpReply>(&*message); reply && reply->attrList) {
         std::string value;
-        SlpBase::FindAttribute(*reply->attrList, "ClusterIP", value);
+        static_cast<void>(SlpBase::FindAttribute(*reply->attrList, "ClusterIP", value));
     }
     return 0;
 }
