@@ -115,7 +115,8 @@ bool ZelConfig::Load() {
     if (!file) {
         file = OpenToRead(kOldFile);
     }
-    if (!file && WriteDefaults()) {
+    if (!file) {
+        static_cast<void>(WriteDefaults());  // the file may be there, if not for certain on the disk
         file = OpenToRead(kFile);
     }
     if (!file) {
