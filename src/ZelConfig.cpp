@@ -116,7 +116,7 @@ bool ZelConfig::Load() {
         file = OpenToRead(kOldFile);
     }
     if (!file) {
-        static_cast<void>(WriteDefaults());  // the file may be there, if not for certain on the disk
+        static_cast<void>(WriteDefaults());  // there, but perhaps not on the disk yet
         file = OpenToRead(kFile);
     }
     if (!file) {
