@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 /// Classes of characters, the same whatever the locale.
 namespace Characters {
@@ -32,6 +34,13 @@ constexpr bool IsDigit(char byte) {
 /// Letters and digits of ASCII.
 constexpr bool IsAlphanumeric(char byte) {
     return IsDigit(byte) || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
+}
+
+/// Whether a text is made of letters and digits of ASCII and the `further` characters only.
+constexpr bool IsMadeOf(std::string_view text, std::string_view further) {
+    return std::all_of(text.begin(), text.end(), [further](char c) {
+        return IsAlphanumeric(c) || further.find(c) != std::string_view::npos;
+    });
 }
 
 /// A byte as two lower-case hexadecimal digits.

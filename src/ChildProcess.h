@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// Runs one program and waits for its end, within limits.
+/// Runs one program and waits for its end, within limits, or only starts it.
 ///
 /// The process that uses this may ignore SIGCHLD, so that the system keeps no exit status for it;
 /// a small process in between waits for the program and tells its fate. The program's end is the

@@ -45,7 +45,7 @@ bool WriteAll(int descriptor, std::string_view text) {
 void ReadAway(int socket, std::size_t limit, Clock::time_point deadline) {
     std::array<char, 4096> part{};
     std::size_t total = 0;
-    while (total < limit && WaitUntil(socket, POLLIN, deadline)) {
+    while (total < limit && Clock::now() < deadline && WaitUntil(socket, POLLIN, deadline)) {
         const ssize_t received = recv(socket, part.data(), part.size(), MSG_DONTWAIT);
         if (received < 1) {
             return;

@@ -24,7 +24,8 @@ using Clock = std::chrono::steady_clock;
 /// Writes the whole text to a file; false, with errno, when some of it cannot be written.
 [[nodiscard]] bool WriteAll(int descriptor, std::string_view text);
 
-/// Reads away what a peer sends until it closes its end, `limit` bytes have come or the time has.
+/// Reads away what a peer sends until it closes its end, `limit` bytes have come or the time has,
+/// also when there is always something to be read.
 void ReadAway(int socket, std::size_t limit, Clock::time_point deadline);
 
 }  // namespace Descriptors

@@ -21,7 +21,7 @@ public:
     bool try_lock_for(std::chrono::milliseconds timeout);
     void unlock();
 
-    /// Threads that LockInTurn() lets wait for one mutex with timeout: each may hold a connection.
+    /// Threads that LockInTurn() lets wait for one mutex at a time: each may hold a connection.
     static constexpr int kMaxWaiting = 32;
     /// What a further one waits, which is enough where no tool of the board is waited for.
     static constexpr std::chrono::milliseconds kShortTimeout{20};

@@ -53,6 +53,10 @@ int OpenSocketOrLog() {
 template <typename Request>
 bool Ask(const SocketGuard& socketGuard, const std::string& interface, unsigned long code,
          Request& request) {
+    if (interface.empty()) {
+        errno = ENODEV;  // the kernel says so, too, but looks for a module of that name first
+        return false;
+    }
     const InterfaceName name = CutName(interface);
     std::memcpy(&request, name.data(), name.size());
     return ioctl(socketGuard.Get(), code, &request) != -1;

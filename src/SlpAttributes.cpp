@@ -169,7 +169,6 @@ constexpr Row kConnectorRows[] = {
     {"),(VIN=", Stored, StoreKeys::kVin},
     {"),(Gateway=", Stored, StoreKeys::kGatewayAddress},
     {"),(Diag=", StoredList, StoreKeys::kControlUnits},
-    // The key is spelt as its provider spells it.
     {"),(AccuCapacity=", Stored, StoreKeys::kBatteryCapacity},
     {"),(VciChannels=", UsableChannels, nullptr},
     {"),(Netmask=", NetMask, nullptr},

@@ -22,13 +22,6 @@ constexpr char kDirectory[] = "/tmp/";
 constexpr char kFetchCommand[] = "wget -q -O /tmp/%s \"%s\"";
 constexpr std::string_view kProtocols[] = {"http", "https", "ftp"};
 
-/// Whether `text` is made of letters, digits and the `further` characters only.
-bool IsMadeOf(std::string_view text, std::string_view further) {
-    return std::all_of(text.begin(), text.end(), [further](char c) {
-        return Characters::IsAlphanumeric(c) || further.find(c) != std::string_view::npos;
-    });
-}
-
 std::string TextOr(const ManagerElements::Answer::Text& text, const char* otherwise) {
     return text.value_or("").empty() ? otherwise : *text;
 }
@@ -115,9 +108,9 @@ bool SoftwareUpdate::HasUsableAddress() const {
     const bool isKnown =
         std::find(std::begin(kProtocols), std::end(kProtocols), protocol_) != std::end(kProtocols);
     const std::size_t commandLength = sizeof kFetchCommand + fileName_.size() + url_.size();
-    return isKnown && !host_.empty() && IsMadeOf(host_, ".-:[]") &&
-           IsMadeOf(url_, "-._~:/?#[]@!&'()*+,;=%") && !fileName_.empty() &&
-           !fileName_.starts_with('.') && IsMadeOf(fileName_, "_.-") &&
+    return isKnown && !host_.empty() && Characters::IsMadeOf(host_, ".-:[]") &&
+           Characters::IsMadeOf(url_, "-._~:/?#[]@!&'()*+,;=%") && !fileName_.empty() &&
+           !fileName_.starts_with('.') && Characters::IsMadeOf(fileName_, "_.-") &&
            commandLength <= Shell::kCommandSize;
 }
 

@@ -38,10 +38,7 @@ bool SupplicantFile::CanStandAlone(std::string_view value) {
 }
 
 bool SupplicantFile::IsPlainPath(std::string_view path) {
-    constexpr std::string_view kOthers = "/._-";
-    return !path.empty() && std::all_of(path.begin(), path.end(), [&kOthers](char c) {
-        return Characters::IsAlphanumeric(c) || kOthers.find(c) != std::string_view::npos;
-    });
+    return !path.empty() && Characters::IsMadeOf(path, "/._-");
 }
 
 std::string SupplicantFile::Value(std::istream& file, std::string_view name) {

@@ -115,7 +115,8 @@ bool ZelConfig::Load() {
     if (!file) {
         file = OpenToRead(kOldFile);
     }
-    if (!file && WriteDefaults()) {
+    if (!file) {
+        static_cast<void>(WriteDefaults());  // there, but perhaps not on the disk yet
         file = OpenToRead(kFile);
     }
     if (!file) {

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Characters.h"
 #include "ChildProcess.h"
 #include "LogHandler.h"
 #include "LogText.h"
@@ -24,10 +25,7 @@ LogHandler& Log() {
 
 /// A name becomes part of a path.
 bool IsName(std::string_view name) {
-    constexpr std::string_view kAllowed(
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-");
-    return !name.empty() && !name.starts_with('.') &&
-           name.find_first_not_of(kAllowed) == std::string_view::npos;
+    return !name.empty() && !name.starts_with('.') && Characters::IsMadeOf(name, "_.-");
 }
 
 bool HasLineBreak(std::string_view text) {
