@@ -2,7 +2,6 @@
 #include "BoxChanges.h"
 #include "BoxCommands.h"
 #include "BoxName.h"
-#include "BoxTable.h"
 #include "Support.h"
 
 namespace {
@@ -31,23 +30,6 @@ TEST(BoxTest, AttributeListsAreReadWhateverTheyHold) {
         }
         EXPECT_EQ(shown, attributes) << list;
     }
-}
-
-TEST(BoxTest, TableIsAlignedAndColoredOnlyOnDemand) {
-    std::vector<BoxTable::Line> lines = {
-        BoxTable::MakeLine(Box::Read("10.0.0.1", kList)),
-        BoxTable::MakeLine(Box::Read("10.0.0.22", "(Owner=Jörg),(Color=#zz1110),(State=4)"))};
-    EXPECT_EQ(BoxTable::Render(lines, false),
-              "ADDRESS    SERIAL       NAME  COLOR    STATE     OWNER  VOLTAGE  NETWORK\n"
-              "10.0.0.1   TAVO0012345  host  red      reserved  me     12.3 V   cable\n"
-              "10.0.0.22                     #zz1110  free      Jörg\n");
-    lines.pop_back();
-    lines[0].changed[4] = true;
-    EXPECT_EQ(
-        BoxTable::Render(lines, true),
-        "\033[1mADDRESS   SERIAL       NAME  COLOR     STATE     OWNER  VOLTAGE  NETWORK\033[0m\n"
-        "10.0.0.1  TAVO0012345  host  \033[48;2;190;17;16m  \033[0m red    "
-        "\033[7mreserved\033[0m  me     12.3 V   cable\n");
 }
 
 TEST(BoxTest, ChangesFromSearchToSearchAreTold) {

@@ -56,13 +56,6 @@ TEST(LogHandlerTest, LinesFollowTheTreeAsFarAsLevelsLetThem) {
     EXPECT_EQ(recorder.lines, "both ways 1\none way\nother level\n" + longText + "\n");
 }
 
-TEST(LogHandlerTest, AFileThatCannotBeWrittenIsNoFailure) {
-    WriteFile("/tmp/plain", "x");
-    for (const char* path : {"/tmp/plain/a.log", "/dev/full"}) {
-        LogClientRollingFile(path, 1000000, 1).Append(LogEvent(kLevel, "unit", 1, "lost"));
-    }
-}
-
 TEST(LogHandlerTest, LinesOfManyThreadsStayWhole) {
     LogHandler& handler = LogHandler::GetLogHandler("threads");
     LogClientRollingFile file("/tmp/threads.log", 100000000, 1);

@@ -33,15 +33,6 @@ protected:
     }
 };
 
-TEST_F(SetNetTest, TheCableIsTakenWhenItHasALink) {
-    AddWlan("0");
-    Ip("link set eth0 down");
-    EXPECT_EQ(RunPasses(1, [](int) { ADD_FAILURE(); }), NetStatus::kDone);
-    EXPECT_EQ(config_.Get(StoreKeys::kNetworkType), NetworkType::kLan);
-    EXPECT_NE(Recorded().find("-p /var/run/udhcpc_eth0.pid -i eth0 "), std::string::npos);
-    EXPECT_FALSE(IsUp("ra0"));
-}
-
 TEST_F(SetNetTest, TheCableIsWaitedForThreePasses) {
     SetCable("down");
     const auto expectLog = [](int pass) {

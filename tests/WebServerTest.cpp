@@ -25,8 +25,6 @@ constexpr char kHere[] = "127.0.0.1";
 const std::string kGet = "GET /test HTTP/1.0\r\n\r\n";
 const std::string kKeep = "GET /test HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n";
 
-std::function<void()> afterResponse;
-
 /// A servlet under a path of its own that answers its text, when it has done its work.
 class Probe : public ZelServlet {
 public:
@@ -40,7 +38,6 @@ public:
     std::unique_ptr<ZelServlet> MakeInstance() const override {
         return std::make_unique<Probe>(registration_, work_);
     }
-    void PostResponse() override { afterResponse(); }
 
 private:
     Registration registration_;
@@ -120,20 +117,6 @@ TEST_F(WebServerTest, TheFirstMatchingRegistrationAnswers) {
     for (const auto& c : cases) {
         ExpectParts(Exchange("GET " + c.path + " HTTP/1.0\r\n\r\n", c.port), {c.answer});
     }
-}
-
-TEST_F(WebServerTest, PostResponseFollowsTheReply) {
-    std::promise<void> received;
-    std::promise<bool> inOrder;
-    afterResponse = [&] {
-        inOrder.set_value(received.get_future().wait_for(30s) == std::future_status::ready);
-    };
-    Add({"late", "/late", Mode::kExact, 0}, [] { return ZelServlet::kPostResponse; });
-    Start();
-    const SocketGuard connection(Connect("GET /late HTTP/1.0\r\n\r\n"));
-    EXPECT_TRUE(IsAnswered(connection));
-    received.set_value();
-    EXPECT_TRUE(inOrder.get_future().get());
 }
 
 TEST_F(WebServerTest, StopEndsIdleConnectionsAndLetsARequestFinish) {
