@@ -61,13 +61,14 @@ inline constexpr char kState[] = "zel.state.current";  // "4" free, "5" reserved
 inline constexpr char kOwner[] = "zel.state.owner";
 inline constexpr char kHandle[] = "zel.state.handle";  // decimal
 inline constexpr char kUuid[] = "zel.state.uuid";
-inline constexpr char kHostLock[] = "zel.state.hostlock";   // dotted
-inline constexpr char kServing[] = "zel.state.startup";     // StoreSetup, ManagerLocator, OrsSignIn
+inline constexpr char kHostLock[] = "zel.state.hostlock";  // dotted
+inline constexpr char kServing[] =
+    "zel.state.startup";  // and ManagerLocator, ZelSlpService: "0", "1"
 inline constexpr char kStopped[] = "zel.state.is_stopped";  // OrsAgentServlet: "1"
 
 // Settings. Persistent; also written by the one named.
 inline constexpr char kOplaMode[] = "opla.mode";      // "OPLA", "OPLA-Next"
-inline constexpr char kHostName[] = "tavo.hostname";  // PreSignInResponse
+inline constexpr char kHostName[] = "tavo.hostname";  // PreSignInResponse, Zel
 inline constexpr char kColor[] = "tavo.color";        // PreSignInResponse: ColorTable's names
 inline constexpr char kCountry[] = "country.code";    // PreSignInResponse: two letters
 inline constexpr char kManager[] =                    // OrsSignIn: dotted
