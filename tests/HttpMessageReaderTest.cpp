@@ -30,12 +30,15 @@ private:
     SocketGuard far_;
 };
 
-/// Reads the message that `send` sends meanwhile. 0 when its head is none, 1 when its body is none,
-/// 2 when it is complete.
+/// Reads the message that `send` sends: before, where the wait is short, else meanwhile. 0 when its
+/// head is none, 1 when its body is none, 2 when it is complete.
 int Read(HttpRequest& request, const std::function<void(Peer&)>& send,
          std::chrono::milliseconds timeout = 60s) {
     Peer peer;
-    const std::jthread sender([&] { send(peer); });
+    std::jthread sender([&] { send(peer); });
+    if (timeout < 60s) {
+        sender.join();
+    }
     HttpMessageReader reader(peer.Descriptor(), timeout);
     const int read = !reader.ReadHead(request) ? 0 : reader.ReadBody(request) ? 2 : 1;
     shutdown(peer.Descriptor(), SHUT_RDWR);
