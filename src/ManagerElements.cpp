@@ -88,15 +88,13 @@ void DropForeignAndNil(xmlNode* parent) {
     }
 }
 
-/// The first element of that name below `parent`, in document order, at any depth.
-const xmlNode* FindBelow(const xmlNode* parent, std::string_view name) {
-    for (const xmlNode* child : XmlText::Children(parent)) {
-        const xmlNode* found = XmlText::LocalName(child) == name ? child : FindBelow(child, name);
-        if (found != nullptr) {
-            return found;
-        }
-    }
-    return nullptr;
+/// The first element of that name below `root`, in document order, at any depth.
+const xmlNode* FindBelow(const xmlNode* root, std::string_view name) {
+    const xmlNode* element = root;
+    do {
+        element = XmlText::Next(root, element);
+    } while (element != nullptr && XmlText::LocalName(element) != name);
+    return element;
 }
 
 /// Value of the item with that key.

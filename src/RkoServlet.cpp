@@ -28,15 +28,19 @@ constexpr char kPacketStart[] =
     "<data>\n";
 constexpr char kPacketEnd[] = "</data>\n</wddxPacket>\n";
 
-/// The string variable with that name anywhere below `node`; empty when there is none.
-std::string StringVariable(const xmlNode* node, std::string_view name) {
-    for (const xmlNode* child : XmlText::Children(node)) {
-        if (XmlText::LocalName(child) == "var" && XmlText::Attribute(child, "name") == name) {
-            return XmlText::ChildText(child, "string");
-        }
-        std::string found = StringVariable(child, name);
-        if (!found.empty()) {
-            return found;
+/// The string variable with that name anywhere below `root`; empty when there is none. Behind one
+/// that is empty, those beside it do not count.
+std::string StringVariable(const xmlNode* root, std::string_view name) {
+    const xmlNode* element = XmlText::Next(root, root);
+    while (element != nullptr) {
+        if (XmlText::LocalName(element) == "var" && XmlText::Attribute(element, "name") == name) {
+            std::string text = XmlText::ChildText(element, "string");
+            if (!text.empty()) {
+                return text;
+            }
+            element = XmlText::NextBehind(root, element->parent);
+        } else {
+            element = XmlText::Next(root, element);
         }
     }
     return "";

@@ -224,6 +224,22 @@ bool IsNil(const xmlNode* element) {
     return element->_private == &nilMark;
 }
 
+const xmlNode* Next(const xmlNode* root, const xmlNode* element) {
+    const xmlNode* const child = *Children(element);
+    return child != nullptr ? child : NextBehind(root, element);
+}
+
+const xmlNode* NextBehind(const xmlNode* root, const xmlNode* element) {
+    for (; element != root; element = element->parent) {
+        for (const xmlNode* next = element->next; next != nullptr; next = next->next) {
+            if (next->type == XML_ELEMENT_NODE) {
+                return next;
+            }
+        }
+    }
+    return nullptr;
+}
+
 Children& Children::operator++() {
     child_ = next_;
     while (child_ != nullptr && (child_->type != XML_ELEMENT_NODE ||

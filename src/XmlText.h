@@ -48,6 +48,13 @@ bool IsNil(const xmlNode* element);
 
 std::string_view LocalName(const xmlNode* node);
 
+/// The element that follows `element` in document order, below `root`, and that which follows it
+/// and all that it holds; null at the end. To walk over what strangers send without a call for each
+/// level of it: for (element = Next(root, root); element != nullptr; element = Next(root,
+/// element)).
+const xmlNode* Next(const xmlNode* root, const xmlNode* element);
+const xmlNode* NextBehind(const xmlNode* root, const xmlNode* element);
+
 /// The child elements of a node (which may be null), in their order; with a name, those with that
 /// local name: for (const xmlNode* item : XmlText::Children(items, "item")). The one that is looked
 /// at may be taken away. *Children(node) is the first, or null.
