@@ -82,7 +82,7 @@ class CleanBox : public testing::EmptyTestEventListener {
     /// The folder of that layer, made when there is none.
     static std::string Layer(std::string name) {
         std::replace(name.begin(), name.end(), '/', '-');
-        const std::string path = std::string(kLayers) + "/" + name;
+        std::string path = std::string(kLayers) + "/" + name;
         std::filesystem::create_directory(path);
         return path;
     }
