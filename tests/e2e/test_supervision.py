@@ -77,7 +77,7 @@ def test_a_fault_in_a_connection_ends_only_that():
     number = SYS_TGKILL[platform.machine()]
     with serving(ALONE) as agent:
         for round_number in range(1, 4):
-            wait_until(lambda: not agent.connections(), "nobody is served")
+            agent.at_rest()
             with connect() as victim:
                 tid = wait_until(agent.connections, "the connection is served")[0]
                 # It waits for a request then, holding nothing of the C library's.
