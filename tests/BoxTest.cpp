@@ -1,6 +1,5 @@
 #include "Box.h"
 #include "BoxChanges.h"
-#include "BoxCommands.h"
 #include "BoxName.h"
 #include "Support.h"
 
@@ -55,27 +54,6 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
         BoxChanges::Texts texts;
         EXPECT_EQ(changes.Next(boxes, texts).size(), lines);
         EXPECT_EQ(texts, expected);
-    }
-}
-
-TEST(BoxTest, FiltersAndSerialNumbersMatchWholly) {
-    const Box box = Box::Read(kAddress, kList);
-    for (const auto& [option, value, isWanted] :
-         Table<std::string Options::*, const char*, bool>{{&Options::color, "", true},
-                                                          {&Options::color, "red", true},
-                                                          {&Options::color, "#be1110", true},
-                                                          {&Options::color, "re", false},
-                                                          {&Options::serial, "TAVO0012345", true},
-                                                          {&Options::serial, "0012345", true},
-                                                          {&Options::serial, "12345", false},
-                                                          {&Options::serial, "TAVO", false},
-                                                          {&Options::state, "reserved", true},
-                                                          {&Options::state, "free", false},
-                                                          {&Options::owner, "me", true},
-                                                          {&Options::owner, "m", false}}) {
-        Options options;
-        options.*option = value;
-        EXPECT_EQ(BoxCommands::IsWanted(box, options), isWanted) << value;
     }
 }
 

@@ -41,7 +41,8 @@ def test_a_box_is_found():
     assert lines[1].split() == [BOX, DEVICE_ID, lines[1].split()[2], "white", "free", "12.3", "V", "cable"]
     found, = json.loads(zelctl("find", "--json", "--serial", "0012345"))
     assert found["address"] == BOX and found["attributes"]["VIN"] == "TESTVIN0123456789"
-    assert zelctl("find", "--owner", "nobody", status=3)
+    for part in (["--owner", "nobody"], ["--serial", "12345"], ["--color", "whit"], ["--state", "reserved"]):
+        assert zelctl("find", *part, status=3)
     assert json.loads(zelctl("info", "--json"))["currentNetworkConfig.ip4Address"] == BOX
     assert re.search(rf"^id +{DEVICE_ID}$", zelctl("info", DEVICE_ID), re.M)
 
