@@ -1,5 +1,7 @@
 #include "ZelConnectorServlet.h"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "ConnectorCodes.h"
@@ -23,6 +25,10 @@ using Code = ConnectorCode;
 constexpr char kName[] = "ZelConnectorServlet";
 constexpr char kPath[] = "/zel/services/ConnectorService";
 constexpr std::uint16_t kPort = 5302;
+
+// Where memory is lacking to release the box after a switch: five seconds.
+constexpr useconds_t kReleasePause = 100000;
+constexpr int kReleaseTries = 50;
 
 constexpr ServiceDescription::File kDescription[] = {{"wsdl", "zelConnector.wsdl"},
                                                      {"xsd=1", "ZELConnector_v1.xsd"},
@@ -230,13 +236,13 @@ Code Switch(const Call& call, ModeSwitch::FormerAddress& former) {
     if (!reservation.Reserve("", "127.0.0.1", handle)) {
         return Code::kWrongHandle;  // somebody else was faster
     }
-    const auto release = [&](const std::string* reserved) {
-        ZEL_DEBUG("Change back to state free");
-        // Whoever names no owner may have done so already.
-        static_cast<void>(reservation.Release(*reserved));
-    };
-    const std::unique_ptr<const std::string, decltype(release)> guard(&handle, release);
-    return run();
+    const DeviceReservation::Lease lease(reservation, std::move(handle), [tries = 0]() mutable {
+        usleep(kReleasePause);
+        return ++tries < kReleaseTries;
+    });
+    const Code code = run();
+    ZEL_DEBUG("Change back to state free");
+    return code;
 }
 
 Answer SwitchMode(const Call& call) {
