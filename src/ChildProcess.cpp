@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <optional>
 #include <string_view>
 
@@ -89,22 +90,24 @@ struct Report {
 // From here to the end of RunInBetween() only calls that are safe in the child of a process with
 // several threads.
 
-void EndOwnGroup(int /*signal*/) {
-    kill(0, SIGKILL);
+void BlockOnly(std::initializer_list<int> signals) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : signals) {
+        sigaddset(&blocked, signal);
+    }
+    sigprocmask(SIG_SETMASK, &blocked, nullptr);
 }
 
-/// A program that nobody waits for any more has no business here: the parent's end is a signal.
+/// A program that nobody waits for any more has no business here: the parent's end is a signal,
+/// which waits, as does the program's, until it is asked for.
 void ResetSignals(pid_t parent) {
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
-    for (const int signal : {SIGCHLD, SIGPIPE, SIGHUP, SIGINT, SIGSEGV}) {
+    for (const int signal : {SIGCHLD, SIGPIPE, SIGHUP, SIGINT, SIGSEGV, SIGTERM}) {
         sigaction(signal, &action, nullptr);
     }
-    action.sa_handler = EndOwnGroup;
-    sigaction(SIGTERM, &action, nullptr);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
+    BlockOnly({SIGCHLD, SIGTERM});
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != parent) {
         _exit(1);
@@ -134,10 +137,26 @@ void KeepOnly(const Task& task) {
         const rlimit limit{task.maxFileSize, task.maxFileSize};
         setrlimit(RLIMIT_FSIZE, &limit);
     }
+    BlockOnly({});
     execve(task.path, task.arguments, environ);
     const int error = errno;
     static_cast<void>(!write(errorPipe, &error, sizeof error));
     _exit(127);
+}
+
+/// The program's status as waitpid gives it. Ends the group instead when the parent has ended.
+int AwaitEnd(pid_t program) {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGCHLD);
+    sigaddset(&ends, SIGTERM);
+    int status = 0;
+    while (waitpid(program, &status, WNOHANG) == 0) {
+        if (sigwaitinfo(&ends, nullptr) == SIGTERM) {
+            kill(0, SIGKILL);
+        }
+    }
+    return status;
 }
 
 [[noreturn]] void RunInBetween(const Task& task) {
@@ -158,8 +177,8 @@ void KeepOnly(const Task& task) {
         if (read(errorPipe[0], &report.startError, sizeof report.startError) < 0) {
             report.startError = errno;
         }
-        if (task.isWaitedFor && waitpid(program, &report.waitStatus, 0) < 0) {
-            EndOwnGroup(SIGTERM);  // where a handler runs only behind the call that is interrupted
+        if (task.isWaitedFor) {
+            report.waitStatus = AwaitEnd(program);
         }
     }
     static_cast<void>(!write(kReportDescriptor, &report, sizeof report));

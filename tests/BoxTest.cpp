@@ -6,9 +6,6 @@
 namespace {
 
 constexpr char kAddress[] = "192.168.68.42";
-constexpr char kList[] =
-    "(DevId=host),(Serial=TAVO0012345),(Color=#be1110),(State=5),(Owner=me),(Kl30Voltage=12310),"
-    "(NetworkType=0)";
 
 TEST(BoxTest, AttributeListsAreReadWhateverTheyHold) {
     for (const auto& [list, attributes] : Table<const char*, const char*>{
