@@ -1,11 +1,10 @@
 """What the agent takes of a board, beside its budget and a program that does nothing.
 
-Runs in a simulated stage. Arguments: the agent and the other program, both stripped.
+Runs in a simulated box. Arguments: the agent and the other program, both stripped.
 """
 
 import contextlib
 import pathlib
-import re
 import statistics
 import subprocess
 import sys
@@ -18,12 +17,7 @@ import stage
 STARTS = 20
 REST_SECONDS = 30
 # The address is there and stays: it is set anew, but not asked for.
-CONFIGURATION = f"""opla.mode=OPLA-Next
-network.config.discover.mode=202
-network.config.static.ip={stage.BOX}
-network.config.static.netmask=255.255.0.0
-network.config.static.gateway={stage.CLIENT}
-"""
+CONFIGURATION = "opla.mode=OPLA-Next\n" + stage.static(stage.BOX)
 #            what                                      unit        budget
 QUANTITIES = (("file, stripped", "KiB", 700),
               ("resident memory at rest", "KiB", 8 * 1024),
@@ -31,14 +25,9 @@ QUANTITIES = (("file, stripped", "KiB", 700),
               ("wake-ups at rest", "per s", 1))
 
 
-def number(path, field):
-    """A number of one of the kernel's status files."""
-    return int(re.search(rf"^{field}:\s+(\d+)", path.read_text(), re.M)[1])
-
-
 def wake_ups(process):
     """How often its threads have waited since they began."""
-    return sum(number(path, "voluntary_ctxt_switches")
+    return sum(stage.number(path, "voluntary_ctxt_switches")
                for path in pathlib.Path(f"/proc/{process.pid}/task").glob("*/status"))
 
 
@@ -49,8 +38,7 @@ def end(process):
 
 def start_agent(program):
     stage.CONFIGURATION.write_text(CONFIGURATION)
-    with open("/dev/null", "w") as output:
-        return subprocess.Popen([program], stdout=output, stderr=output)
+    return subprocess.Popen([program], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
 
 def first_answer(program):
@@ -85,7 +73,7 @@ def measure(program, start):
     before = wake_ups(process)
     time.sleep(REST_SECONDS)
     rate = (wake_ups(process) - before) / REST_SECONDS
-    memory = number(pathlib.Path(f"/proc/{process.pid}/status"), "VmRSS")
+    memory = stage.number(f"/proc/{process.pid}/status", "VmRSS")
     end(process)
     size = pathlib.Path(program).stat().st_size / 1024
     return size, memory, statistics.median(times), rate

@@ -59,8 +59,7 @@ ModeSwitch::Outcome ModeSwitch::Run(long number, in_addr asked, FormerAddress& f
         return Outcome::kFailed;
     }
     onWlan_ = !NetworkType::IsLan(context_.config);
-    const std::string netmask =
-        context_.config.Get(onWlan_ ? StoreKeys::kWlanNetmask : StoreKeys::kLanNetmask);
+    const std::string netmask = context_.config.Get(NetworkType::NetmaskKey(!onWlan_));
     context_.discoverMode.Follow();
     LanDevice lan(context_);
     const Outcome outcome = Switch(lan, *mode);

@@ -29,9 +29,9 @@ public:
 
     /// Switches to the mode that clients name by that number (AddressModes::OfClient); takes up to
     /// half a minute. `asked` is the address at which the box was asked; when the box has lost it
-    /// by the switch, it becomes an alias, which `former` holds. A switch that
-    /// fails and has cost the box its address gives it a link-local one; one that came from the
-    /// WLAN returns there, for which it tries as the bring-up does, up to some minutes.
+    /// by the switch, it becomes an alias, which `former` holds. A switch that fails and has cost
+    /// the box its address gives it a link-local one; one that came from the WLAN returns there,
+    /// for which it tries as the bring-up does, up to some minutes.
     [[nodiscard]] Outcome Run(long number, in_addr asked, FormerAddress& former);
 
 private:

@@ -6,11 +6,14 @@ enum class [[nodiscard]] NetStatus{
     kDone = 0,
     kFailed = -1,  ///< one of its steps has, or there was no socket to ask the kernel through
     // What the kernel says.
-    kNoSuchDevice = -2, kNotSupported = -3, kAddressNotAvailable = -4,
+    kNoSuchDevice = -2,
+    kNotSupported = -3,
+    kAddressNotAvailable = -4,
     kRefused = -5,  ///< for another reason
     // The adapter's interface is not there.
     kInactive = -6,  ///< the card is
-    kNoCard = -7};
+    kNoCard = -7,
+};
 
 /// if (Failed(device.EnableInterface())) ...
 [[nodiscard]] constexpr bool Failed(NetStatus status) {

@@ -98,8 +98,8 @@ std::string Owner(const Source& source, const char* argument) {
 }
 
 std::string CurrentAddress(const Source& source, const char* /*argument*/) {
-    return SlpEscapes::Escape(source.config.Get(
-        NetworkType::IsLan(source.config) ? StoreKeys::kLanIp : StoreKeys::kWlanIp));
+    return SlpEscapes::Escape(
+        source.config.Get(NetworkType::IpKey(NetworkType::IsLan(source.config))));
 }
 
 std::string ColorValue(const Source& source, const char* argument) {
@@ -131,9 +131,8 @@ std::string NetGateway(const Source& source, const char* /*argument*/) {
 /// Clients know the net mask that cannot be read as the gateway's address.
 std::string NetMask(const Source& source, const char* /*argument*/) {
     AddressParts parts = GatewayParts(source);
-    ReadAddress(source.config.Get(NetworkType::IsLan(source.config) ? StoreKeys::kLanNetmask
-                                                                    : StoreKeys::kWlanNetmask),
-                parts);
+    const bool isLan = NetworkType::IsLan(source.config);
+    ReadAddress(source.config.Get(NetworkType::NetmaskKey(isLan)), parts);
     return ToSignedDecimal(parts);
 }
 

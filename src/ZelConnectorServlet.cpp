@@ -138,16 +138,14 @@ std::string Channels(const ZelConfig& config, bool reserved) {
 
 std::string CurrentNetworkConfig(const ZelConfig& config) {
     const bool isLan = NetworkType::IsLan(config);
-    const char* ip = isLan ? StoreKeys::kLanIp : StoreKeys::kWlanIp;
-    const char* netmask = isLan ? StoreKeys::kLanNetmask : StoreKeys::kWlanNetmask;
     const std::string mac = config.Get(StoreKeys::kLanMac);
     ZEL_DEBUG("MAC address: %s", mac.c_str());
     return Tabs(4) + "<currentNetworkConfig>\n" +
            Element(5, "gateway", SignedAddress(config.Get(StoreKeys::kDefaultGateway))) +
-           Element(5, "ip4Address", SignedAddress(config.Get(ip))) +
+           Element(5, "ip4Address", SignedAddress(config.Get(NetworkType::IpKey(isLan)))) +
            Element(5, "lanDiscoverMode", config.Get(StoreKeys::kAddressMode)) +
            Element(5, "macAddress", HexPrefixAsDecimal(mac)) +
-           Element(5, "netmask", SignedAddress(config.Get(netmask))) +
+           Element(5, "netmask", SignedAddress(config.Get(NetworkType::NetmaskKey(isLan)))) +
            Element(5, "type", config.Get(StoreKeys::kNetworkType)) +
            Element(5, "wlanSignal", config.Get(StoreKeys::kWlanQuality)) + Tabs(4) +
            "</currentNetworkConfig>\n";

@@ -70,8 +70,10 @@ TEST_F(CrashGuardTest, ReleasesTheLocksOfTheFaultingThread) {
         std::thread([&outer] { EXPECT_FALSE(outer.try_lock_for(20ms)); }).join();
         Fault();
     });
-    const std::lock_guard first(outer);
-    const std::lock_guard second(inner);
+    for (HeldMutex* mutex : {&outer, &inner}) {
+        ASSERT_TRUE(mutex->try_lock_for(30s));
+        mutex->unlock();
+    }
 }
 
 TEST_F(CrashGuardTest, DestroysWhatTheThreadWasGivenToOwn) {

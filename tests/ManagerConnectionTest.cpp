@@ -23,14 +23,8 @@ constexpr char kAddress[] = "127.0.0.1";
 /// Accepts one connection after the other, and sends there one text after each request; then
 /// `again` every now and then, or nothing more until the box closes it.
 std::jthread StartManager(const Connections& connections, const std::string& again = "") {
-    auto listener = std::make_shared<SocketGuard>(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const int on = 1;
-    setsockopt(listener->Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const timeval timeout{30, 0};  // for a connection that is not made
-    setsockopt(listener->Get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-    const sockaddr_in address = Address(kAddress, ManagerConnection::kPort);
-    EXPECT_EQ(bind(listener->Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address),
-              0);
+    auto listener =
+        std::make_shared<SocketGuard>(OpenSocket(SOCK_STREAM, kAddress, ManagerConnection::kPort));
     EXPECT_EQ(listen(listener->Get(), 1), 0);
     return std::jthread([listener, connections, again](const std::stop_token& stop) {
         for (const auto& texts : connections) {

@@ -36,7 +36,7 @@ protected:
     }
 
     static std::string Routes(const std::string& arguments = "dev t0") {
-        return Run("ip route show " + arguments);
+        return OutputOf("ip route show " + arguments);
     }
 
     NetDevice device_{"t0", context_};
@@ -220,7 +220,7 @@ TEST_F(NetDeviceTest, WhatIsWrongWithStaticValues) {
 }
 
 TEST_F(NetDeviceTest, AnAliasHasAPidFileOfItsOwn) {
-    const std::string id = Run("sleep 1000 >/dev/null 2>&1 & echo $!");
+    const std::string id = OutputOf("sleep 1000 >/dev/null 2>&1 & echo $!");
     WriteFile("/var/run/udhcpc_eth0_1.pid", id);
     NetDevice("eth0:1", context_).StopDhcpClient();
     EXPECT_TRUE(Eventually([&id] { return kill(std::stoi(id), 0) != 0; }));
@@ -233,7 +233,7 @@ TEST_F(NetDeviceTest, TheVehicleEthernetIsStartedInTheBackground) {
         EXPECT_EQ(device_.ConfigureInterface(), kDone);
     }
     EXPECT_FALSE(std::filesystem::exists("/tmp/waited"));
-    EXPECT_TRUE(Eventually([] { return Run("grep -c start_kvad /tmp/commands") == "1\n"; }));
+    EXPECT_TRUE(Eventually([] { return OutputOf("grep -c start_kvad /tmp/commands") == "1\n"; }));
 }
 
 }  // namespace

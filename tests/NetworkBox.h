@@ -44,11 +44,9 @@ protected:
         onPause = [](auto) {};
     }
 
-    static std::string Run(const std::string& command) { return OutputOf(command); }
-
     /// Runs the `ip` tool, which is to say nothing.
     static void Ip(const std::string& arguments) {
-        EXPECT_EQ(Run("ip " + arguments), "") << arguments;
+        EXPECT_EQ(OutputOf("ip " + arguments), "") << arguments;
     }
     static void AddInterface(const std::string& name) {
         const std::string other = name.substr(0, name.size() - 1) + "1";
@@ -57,16 +55,16 @@ protected:
     }
     /// Puts the cable of eth0 in ("up") or pulls it.
     static void SetCable(const std::string& state) {
-        EXPECT_EQ(Run("nsenter --net=/run/netns/switch ip link set box " + state), "");
+        EXPECT_EQ(OutputOf("nsenter --net=/run/netns/switch ip link set box " + state), "");
     }
 
     /// The IPv4 addresses of an interface with their prefix lengths and labels, a line each.
     static std::string Addresses(const std::string& interface) {
-        return Run("ip -4 -o address show dev " + interface +
-                   " | sed 's/.*inet \\(\\S*\\).* \\(\\S*\\)\\\\.*/\\1 \\2/'");
+        return OutputOf("ip -4 -o address show dev " + interface +
+                        " | sed 's/.*inet \\(\\S*\\).* \\(\\S*\\)\\\\.*/\\1 \\2/'");
     }
     static bool IsUp(const std::string& interface) {
-        return !Run("ip link show dev " + interface + " up").empty();
+        return !OutputOf("ip link show dev " + interface + " up").empty();
     }
 
     /// Lays a tool at `path` that writes its command line down and runs `script`.
@@ -75,7 +73,7 @@ protected:
     }
     /// The command lines since the last call.
     static std::string Recorded() {
-        return Run("cat /tmp/commands 2>/dev/null; rm -f /tmp/commands");
+        return OutputOf("cat /tmp/commands 2>/dev/null; rm -f /tmp/commands");
     }
 
     /// Asked to stop? No.

@@ -84,10 +84,7 @@ std::string HostName(const std::string& name) {
 }
 
 TEST_F(PreSignInResponseTest, WhatAnAnswerChanges) {
-    std::string longName;
-    for (int i = 0; i < 63; ++i) {
-        longName += "\U0001f527";
-    }
+    const std::string longName = Times(63, "\U0001f527");
     const std::string longSsid(32, 's');
     const std::string longKey(64, 'F');
     const struct {

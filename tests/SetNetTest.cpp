@@ -19,11 +19,11 @@ protected:
                 onPass(++pass);
             }
         };
-        return SetNet(context_).SetUpNetwork([] { return false; }, passes);
+        return SetNet(context_).SetUpNetwork(Never, passes);
     }
 
     static int Count(const std::string& line) {
-        return std::stoi(Run("grep -c '" + line + "$' " + ZelLogging::kLogFile));
+        return std::stoi(OutputOf("grep -c '" + line + "$' " + ZelLogging::kLogFile));
     }
 
     void AddWlan(const std::string& band) {
@@ -63,7 +63,7 @@ TEST_F(SetNetTest, TheLinkOfAnInterfaceThatWasSetUpIsWaitedFor) {
             }
         };
         // Every attempt for the WLAN takes the interface down.
-        EXPECT_EQ(SetNet(context_).SetUpNetwork([] { return false; }, 5),
+        EXPECT_EQ(SetNet(context_).SetUpNetwork(Never, 5),
                   comes ? NetStatus::kDone : NetStatus::kFailed);
         const microseconds last = comes ? milliseconds(2900) : seconds(3);
         waits.resize(5);

@@ -38,7 +38,7 @@ protected:
                 AddInterface("ath0");
             } else if (code == 0x89F8) {
                 record << "destroy " << request.ifr_name << std::endl;
-                Run("ip link del ath0");
+                OutputOf("ip link del ath0");
             } else if (code == SIOCSIWESSID) {
                 iwreq wireless{};
                 std::memcpy(&wireless, &request, sizeof wireless);
@@ -89,7 +89,7 @@ TEST_F(WlanAtherosTest, AMissingInterfaceIsAnInactiveCardOrNone) {
     }
     Ip("link del ath0");
     const std::string address = device_.GetMacAddress();
-    EXPECT_EQ(address + "\n", Run("ip -br link show ath0 | awk '{print $3}'"));
+    EXPECT_EQ(address + "\n", OutputOf("ip -br link show ath0 | awk '{print $3}'"));
     answerRequest = [](unsigned long, const ifreq&) { return Answer(ENODEV); };
     EXPECT_EQ(device_.GetMacAddress(), "");
 }
@@ -130,7 +130,7 @@ TEST_F(WlanRalinkTest, TheLastSettingsOfTheFileAreThoseOfTheConnection) {
               "CountryCode=US\nWirelessMode=9\n");
 
     // The interface is up while its address is read.
-    EXPECT_EQ(device.GetMacAddress() + "\n", Run("ip -br link show ra0 | awk '{print $3}'"));
+    EXPECT_EQ(device.GetMacAddress() + "\n", OutputOf("ip -br link show ra0 | awk '{print $3}'"));
     EXPECT_EQ(Recorded(), "/sbin/ifconfig ra0 up\n/sbin/ifconfig ra0 down\n");
 }
 

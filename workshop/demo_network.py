@@ -4,9 +4,9 @@ import re
 import subprocess
 
 import stage
-from stage import (ALONE, BASE, BOX, CONFIGURATION, DEVICE_ID, MANAGER_OUTPUT, WLAN_BOX, Manager, log, output_of,
-                   wait_until)
-from story import REFUSED, check, log_of_this_start, setting, start_agent, stop, title, zelctl
+from stage import (ALONE, BASE, BOX, CONFIGURATION, DEVICE_ID, DHCP, MANAGER_OUTPUT, WLAN_BOX, Manager, log,
+                   output_of, settings, wait_for_log, wait_until)
+from story import REFUSED, check, log_of_this_start, start_agent, stop, title, zelctl
 
 LINK_LOCAL = re.compile(r"169\.254\.\d+\.\d+")
 SSID = "Bay 7"
@@ -79,7 +79,7 @@ def find_box(expected):
 
 def dhcp():
     """the cable is in and a DHCP server answers"""
-    agent = start(ALONE + "network.config.discover.mode=3\n")
+    agent = start(ALONE + DHCP)
     check_lease()
     title("A client finds it there")
     agent.wait_until_serving()
@@ -91,7 +91,7 @@ def link_local():
     """no DHCP server: a link-local address, remembered for the next start"""
     title("No DHCP server answers in the workshop; the box is switched on")
     network("dhcp", "stop")
-    agent = start(BASE + "network.config.discover.mode=3\n")
+    agent = start(BASE + DHCP)
     wait_for_network()
     own = address()
     show("ip", "-4", "address", "show", "dev", "eth0")
@@ -100,7 +100,7 @@ def link_local():
     title("A client finds it there and talks to it")
     agent.wait_until_serving(own)
     find_box(own)
-    wait_until(lambda: setting("network.config.discover.mode") == "2", "the mode is remembered")
+    wait_until(lambda: settings()["network.config.discover.mode"] == "2", "the mode is remembered")
     check(True, "the box was found: link-local addressing is its mode from now on")
     stop(agent)
 
@@ -116,10 +116,7 @@ def link_local():
 def static():
     """a static address"""
     title("The box has a static address")
-    agent = start(ALONE + "network.config.discover.mode=202\n"
-                  "network.config.static.ip=192.168.70.7\n"
-                  "network.config.static.netmask=255.255.0.0\n"
-                  "network.config.static.gateway=192.168.68.1\n")
+    agent = start(ALONE + stage.static("192.168.70.7"))
     wait_for_network()
     show("ip", "-4", "address", "show", "dev", "eth0")
     routes = show("ip", "route")
@@ -135,9 +132,9 @@ def bad_static():
     title("Somebody has mistyped the static address")
     agent = start(BASE + "network.config.discover.mode=202\n"
                   "network.config.static.ip=192.168.70.700\n")
-    wait_until(lambda: "No network configured" in log(), "the first attempt has failed")
+    wait_for_log("No network configured")
     say()
-    wait_until(lambda: setting("network.config.discover.mode") == "3", "the mode is written")
+    wait_until(lambda: settings()["network.config.discover.mode"] == "3", "the mode is written")
     check(True, "the box has no address now, but DHCP is its mode from the next start on")
     stop(agent)
 
@@ -166,7 +163,7 @@ def check_wlan():
 def start_with_pass_phrase():
     pull_cable()
     network("access-point", "psk", "--ssid", SSID, "--passphrase", PASS_PHRASE)
-    agent = start(ALONE + "network.config.discover.mode=3\nwlan.conf.infra.band=0\n"
+    agent = start(ALONE + DHCP + "wlan.conf.infra.band=0\n"
                   f"wlan.conf.infra.ssid={SSID}\nwlan.conf.infra.security.level=103\n"
                   f"wlan.conf.infra.encryption.type=AES\nwlan.conf.infra.psk={PASS_PHRASE}\n")
     check_wlan()
@@ -190,8 +187,8 @@ def wlan_tls():
     """no cable: the WLAN, with the certificates that the manager has sent"""
     title("The box, on its cable, signs in; the manager sends it the workshop's WLAN")
     manager = Manager("wlan-enterprise", f"wlan.ssid={SSID}")
-    agent = start(BASE + "network.config.discover.mode=3\n")
-    wait_until(lambda: "* SignIn succeed" in log(), "the box is signed in")
+    agent = start(BASE + DHCP)
+    wait_for_log("* SignIn succeed")
     stop(agent)
     manager.stop()
     show("cat", "/config/wpa.conf")
@@ -227,7 +224,7 @@ def wlan_processes():
 
 def mode_switch():
     """a client switches the box from DHCP to link-local addressing and back"""
-    agent = start(ALONE + "network.config.discover.mode=3\n")
+    agent = start(ALONE + DHCP)
     check_lease()
     agent.wait_until_serving()
 
@@ -259,7 +256,7 @@ def late_cable():
     title("No cable; the switch's port takes 2.5 s for a link, as a real one. The box has a WLAN card, but no settings")
     network("port", "--delay", "2500")
     pull_cable()
-    agent = start(ALONE + "network.config.discover.mode=3\n")
+    agent = start(ALONE + DHCP)
     wait_until(lambda: "try wlan" in log_of_this_start(), "the box has tried its WLAN")
     say()
 
@@ -275,7 +272,7 @@ def late_cable():
 def sign_in_with(scenario, *notable):
     """Starts manager and box, and shows what both have to say of the sign-in."""
     manager = Manager(scenario)
-    agent = start(BASE + "network.config.discover.mode=3\n")
+    agent = start(BASE + DHCP)
     wait_until(lambda: re.search(r"\* SignIn succeed|SignIn failed", log_of_this_start()), "the sign-in has ended")
     told = [line[:13] + line.split()[1] + " " + line.split()[3].rstrip(":")
             for line in MANAGER_OUTPUT.read_text().splitlines() if "signInTavo" in line or "SignInTavo" in line]

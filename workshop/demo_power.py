@@ -5,6 +5,7 @@ import re
 import subprocess
 import time
 
+import stage
 from bays import Bay
 from demo_network import LINK_LOCAL, network
 from stage import AGENT, BASE, CONFIGURATION, PROJECT, ZELCTL, Manager, in_network, output_of, wait_until
@@ -17,17 +18,16 @@ SECONDS_FOR_A_REQUEST = 0.1
 LIMIT = 120
 SIGNED_IN = r"\* SignIn succeed"
 
-DHCP = f"{BASE}network.config.discover.mode=3\n"
+DYNAMIC = BASE + stage.DHCP
 REMEMBERED = f"{BASE}network.config.discover.mode=2\n"
 
 
 def static(number):
-    return (f"{BASE}network.config.discover.mode=202\nnetwork.config.static.ip=192.168.70.{number}\n"
-            "network.config.static.netmask=255.255.0.0\nnetwork.config.static.gateway=192.168.68.1\n")
+    return BASE + stage.static(f"192.168.70.{number}")
 
 
 # What kind of box, its settings, and how long its port takes for a link, in milliseconds.
-KINDS = [*[("DHCP", DHCP, 0)] * 3, *[("DHCP", DHCP, 1500)] * 3, *[("DHCP", DHCP, 2800)] * 3,
+KINDS = [*[("DHCP", DYNAMIC, 0)] * 3, *[("DHCP", DYNAMIC, 1500)] * 3, *[("DHCP", DYNAMIC, 2800)] * 3,
          ("static", static(7), 1500), ("static", static(8), 1500), ("link-local since then", REMEMBERED, 1500)]
 
 

@@ -4,9 +4,10 @@ import contextlib
 import re
 import select
 import socket
-import struct
 import threading
 import time
+
+import soap
 
 HEAD_LIMIT = 64 << 10
 BODY_LIMIT = 4 << 20
@@ -101,7 +102,7 @@ class Connection:
         return False
 
     def reset_on_close(self):
-        self.sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        soap.reset_on_close(self.sock)
 
 
 class HttpServer:

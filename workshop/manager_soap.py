@@ -5,8 +5,9 @@ import re
 import xml.etree.ElementTree as ElementTree
 from xml.sax.saxutils import escape
 
+from soap import ENVELOPE, local_name
+
 PATH = "/webservices/OrsManagerTavoService/v1"
-ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
 SCHEMA = "http://www.w3.org/2001/XMLSchema"
 INSTANCE = f"{SCHEMA}-instance"
 SERVICE = "http://lusora.tembra.com/services/opla/OrsManagerTavo/v1"
@@ -99,7 +100,7 @@ def is_nil(element):
 def check_children(element, wanted, where, problems):
     names = []
     for child in element:
-        name = child.tag.rpartition("}")[2]
+        name = local_name(child)
         names.append(name)
         namespace = "" if name in UNQUALIFIED else BEAN
         if child.tag != (f"{{{namespace}}}{name}" if namespace else name):
@@ -125,7 +126,7 @@ def check_children(element, wanted, where, problems):
 
 
 def check_interface(element, where, problems):
-    nil = [child.tag.rpartition("}")[2] for child in element if is_nil(child)]
+    nil = [local_name(child) for child in element if is_nil(child)]
     if nil not in (["name"], ["defaultGateway", "ip", "name", "networkMask"]):
         problems.append(f"{where}: nil are {', '.join(nil) or 'none'}")
     for child in element:
@@ -159,7 +160,7 @@ def parse(body):
             problems.append(f"the operation does not declare {prefix} as {uri}")
     check_children(operation, PRE_SIGN_IN if name == "preSignInTavo" else SIGN_IN, name, problems)
     serials = {element.text for element in operation.iter()
-               if element.tag.rpartition("}")[2] in ("fingerprint", "serialNumber", "serial")}
+               if local_name(element) in ("fingerprint", "serialNumber", "serial")}
     if len(serials) > 1:
         problems.append(f"different serial numbers: {serials}")
     return name, operation, problems

@@ -2,21 +2,20 @@
 
 import http.client
 import socket
-import struct
 import threading
 import time
 import traceback
 import xml.etree.ElementTree as ElementTree
 
 import slp
+import soap
 import stage
 from soak_judge import ANSWER_LIMIT, RELEASE, SLP_SIZE, Broken, now
-from soap import AGENT, CONNECTOR, NAMESPACES, element, envelope, find, local_name, operation, post, read_all
+from soap import AGENT, CONNECTOR, GREETING, NAMESPACES, element, envelope, find, local_name, operation, post, read_all
 
 DESCRIPTIONS = [(CONNECTOR, query) for query in ("wsdl", "xsd=1", "xsd=2", "xsd=3", "xsd=4")] + [(AGENT, "wsdl")]
 TEXT = "".join(f"{number:07} what a vehicle has said, and what it has been asked\n" for number in range(50000))
 TEXT_FILE = "/tmp/soak.txt"
-GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
 KEPT_TIME = 2  # seconds that a kept connection is trusted; the box closes it after five
 PAUSE = 0.25 if RELEASE else 0.6  # mean seconds between two turns of a client
 SLP_TRIES, SLP_TIMEOUT = 5, 2  # datagrams may be lost
@@ -82,7 +81,7 @@ class Client:
 
     @staticmethod
     def reset(connection):
-        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        soap.reset_on_close(connection)
         connection.close()
 
     def send_and_reset(self, data, read=0):

@@ -13,7 +13,7 @@ import time
 
 import stage
 
-RELEASE = "asan" not in stage.AGENT and "tsan" not in stage.AGENT
+RELEASE = not stage.SANITIZED
 # Bounds of the agent's process; a sanitizer keeps what was freed, and has a thread of its own.
 RESIDENT_SPREAD = 4 << 10 if RELEASE else 600 << 10   # kB above the rest at the start
 RESIDENT_GROWTH = 1 << 10 if RELEASE else 300 << 10   # kB from the second third of a long life to the last

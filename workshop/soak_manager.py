@@ -17,7 +17,6 @@ class Settings:
     FIXED = {"opla.mode": "OPLA", "network.config.discover.mode": "3", "web.listen.backlog": "16",
              "site.note": "what nobody knows is kept, too; " + "x" * 200,
              stage.ADDRESS_KEY: stage.MANAGER}
-    OLD = stage.CONFIGURATION.with_name(stage.CONFIGURATION.name + ".old")
 
     def __init__(self, judge, values):
         self.judge = judge
@@ -35,12 +34,7 @@ class Settings:
 
     def check(self, text=None, where="the file"):
         possible = set(self.possible)  # a sign-in may come to its end meanwhile
-        if text is None:
-            try:
-                text = stage.CONFIGURATION.read_text()
-            except FileNotFoundError:  # in the middle of a save; a start reads the other one then
-                text = self.OLD.read_text()
-        found = dict(line.partition("=")[::2] for line in text.splitlines())
+        found = stage.settings(text)
         lost = {key: found.get(key) for key, value in self.FIXED.items() if found.get(key) != value}
         values = tuple(found.get(key) for key in self.KEYS)
         self.judge.check("settings", not lost and text.endswith("\n") and values in possible | self.possible,

@@ -18,7 +18,7 @@ import soap
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", PROJECT / "build/release/zel"))
-SANITIZED = "release" not in AGENT
+SANITIZED = pathlib.Path(AGENT).parent.name != "release"  # or emulated: slower, with memory of its own
 EMULATED = AGENT.endswith("tests/powerpc/agent")
 ZELCTL = pathlib.Path(AGENT).with_name("zelctl")
 if not ZELCTL.exists():  # the agent is another processor's, and emulated
@@ -31,6 +31,7 @@ DEVICE_ID = "TAVO0012345"
 PORTS = (6801, 6802, 52410, 52411)  # for diagnosis
 
 CONFIGURATION = pathlib.Path("/config/agent.configuration")
+OLD_CONFIGURATION = pathlib.Path("/config/agent.configuration.old")
 AGENT_LOG = pathlib.Path("/tmp/log/nativezel.log")
 AGENT_OUTPUT = pathlib.Path("/tmp/agent.out")
 MANAGER_OUTPUT = pathlib.Path("/tmp/manager.out")
@@ -39,7 +40,8 @@ IMAGES = pathlib.Path("/app/zel/images")
 REBOOTS = pathlib.Path("/tmp/reboot.log")
 ADDRESS_KEY = "com.tembra.lusora.agent.impl.configuration.AgentConfiguration.ips"
 BASE = "tavo.color=white\ntavo.hostname=TAVO\ncountry.code=DE\n"
-SIGNING_IN = BASE + f"network.config.discover.mode=3\n{ADDRESS_KEY}={MANAGER}\n"
+DHCP = "network.config.discover.mode=3\n"
+SIGNING_IN = BASE + DHCP + f"{ADDRESS_KEY}={MANAGER}\n"
 # A box that is integrated without a manager serves at once.
 ALONE = BASE + "opla.mode=OPLA-Next\n"
 
@@ -59,6 +61,16 @@ def wait_until(condition, what, seconds=60):
             raise Failed(f"{what}: not within {seconds} s")
         time.sleep(0.02)
     return result
+
+
+@contextlib.contextmanager
+def in_background(work):
+    thread = threading.Thread(target=work)
+    thread.start()
+    try:
+        yield
+    finally:
+        thread.join()
 
 
 # The network ------------------------------------------------------------------------------------
@@ -130,12 +142,20 @@ def sign_in_ended():
     return re.search(r"debug   \d+ +go to receive", log().rpartition("Start PreSignInSignIn")[2])
 
 
-def settings():
-    """What the next start reads."""
-    path = CONFIGURATION
-    if not path.exists():
-        path = path.with_suffix(".configuration.old")
-    return dict(line.split("=", 1) for line in path.read_text().splitlines())
+def settings(text=None):
+    """What the next start reads, or what a text of that kind says."""
+    if text is None:
+        try:
+            text = CONFIGURATION.read_text()
+        except FileNotFoundError:  # in the middle of a save
+            text = OLD_CONFIGURATION.read_text()
+    return dict(line.partition("=")[::2] for line in text.splitlines())
+
+
+def static(address):
+    """The settings of a static address."""
+    return (f"network.config.discover.mode=202\nnetwork.config.static.ip={address}\n"
+            f"network.config.static.netmask=255.255.0.0\nnetwork.config.static.gateway={CLIENT}\n")
 
 
 def active_image(kind="application"):
@@ -174,10 +194,26 @@ def changed(command, back):
 
 @contextlib.contextmanager
 def without_address():
-    card = "dev eth0"
-    with changed(f"ip address flush {card}", f"ip route replace default via {CLIENT} {card}"):
-        with changed("true", f"ip address add {BOX}/16 brd + {card}"):
-            yield
+    output_of(*"ip address flush dev eth0".split())
+    try:
+        yield
+    finally:
+        output_of(*f"ip address add {BOX}/16 brd + dev eth0".split())
+        output_of(*f"ip route replace default via {CLIENT} dev eth0".split())
+
+
+def number(path, field):
+    """A number of one of the kernel's status files."""
+    return int(re.search(rf"^{field}:\s+(\d+)", pathlib.Path(path).read_text(), re.M)[1])
+
+
+def names(folder="/proc"):
+    """Names of the box's processes, or of the threads in such a folder, by their ids."""
+    found = {}
+    for path in pathlib.Path(folder).glob("[0-9]*/comm"):
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
+            found[int(path.parent.name)] = path.read_text().strip()
+    return found
 
 
 class Program:
@@ -248,19 +284,14 @@ class Agent(Program):
         check_output(self.output())
 
     def status(self, name):
-        text = pathlib.Path(f"/proc/{self.pid}/status").read_text()
-        return int(re.search(rf"^{name}:\s+(\d+)", text, re.M)[1])
+        return number(f"/proc/{self.pid}/status", name)
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def threads(self):
         """Names of the threads by their ids."""
-        names = {}
-        for tid in os.listdir(f"/proc/{self.pid}/task"):
-            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
-                names[int(tid)] = pathlib.Path(f"/proc/{self.pid}/task/{tid}/comm").read_text().strip()
-        return names
+        return names(f"/proc/{self.pid}/task")
 
     def connections(self):
         """Ids of the threads that serve a connection; one that has just begun has the name of the server's own yet."""
@@ -324,11 +355,14 @@ class Manager(Program):
 def other_boxes(*lists):
     """Further boxes, on addresses from 192.168.70.1 on, that do nothing but answer with these attributes."""
     addresses = [f"192.168.70.{number}" for number in range(1, len(lists) + 1)]
-    for address in addresses:
-        output_of("ip", "address", "add", f"{address}/16", "dev", "eth0", network="manager")
-    with contextlib.ExitStack() as stack, namespace("manager"):
-        listener, *senders = (stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-                              for _ in ["", *addresses])
+    with contextlib.ExitStack() as stack:
+        for address in addresses:
+            alias = f"{address}/16", "dev", "eth0"
+            output_of("ip", "address", "add", *alias, network="manager")
+            stack.callback(output_of, "ip", "address", "delete", *alias, network="manager")
+        with namespace("manager"):
+            listener, *senders = (stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+                                  for _ in ["", *addresses])
         for sock, address in zip([listener, *senders], [slp.GROUP, *addresses]):
             sock.bind((address, slp.PORT))
         slp.join_group(listener, MANAGER)
@@ -346,15 +380,9 @@ def other_boxes(*lists):
                         # To a question of somebody else's.
                         sender.sendto(slp.attribute_reply("(Serial=?)", xid ^ 1), client)
 
-        thread = threading.Thread(target=answer)
-        thread.start()
-        try:
-            yield
-        finally:
-            ended.set()
-            thread.join()
-    for address in addresses:
-        output_of("ip", "address", "delete", f"{address}/16", "dev", "eth0", network="manager")
+        stack.enter_context(in_background(answer))
+        stack.callback(ended.set)  # comes before the join
+        yield
 
 
 # The client -------------------------------------------------------------------------------------
@@ -389,6 +417,10 @@ def request(operation, path=soap.CONNECTOR):
 def call(name, path=soap.CONNECTOR, /, **values):
     """Calls an operation and returns the body of the answer."""
     return request(soap.operation(name, **values), path)
+
+
+def ask_agent(operation, name="VCI-Agent"):
+    return call(operation, soap.AGENT, **({"name": name} if operation.endswith(("Service", "Running")) else {}))
 
 
 def reserve(owner="tester", host_lock=""):

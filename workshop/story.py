@@ -6,9 +6,8 @@ import shlex
 import subprocess
 import sys
 
-from stage import CONFIGURATION, DEVICE_ID, PROJECT, SANITIZED, ZELCTL, Agent, Failed, in_network, log
+from stage import DEVICE_ID, PROJECT, ZELCTL, Agent, Failed, in_network, log
 
-STOP_LIMIT = 20 if SANITIZED else 2  # seconds; a sanitizer looks for leaks at the end
 REFUSED = 1  # exit status of zelctl
 
 BOLD, GREEN, RED, PLAIN = ("\033[1m", "\033[32m", "\033[31m", "\033[0m") if sys.stdout.isatty() \
@@ -54,11 +53,6 @@ def is_state(state, host=DEVICE_ID):
     return state in zelctl("info", host, only="^state").split()
 
 
-def setting(name):
-    lines = CONFIGURATION.read_text().splitlines()
-    return next((line.partition("=")[2] for line in lines if line.startswith(name + "=")), None)
-
-
 def start_agent():
     """Switches the box on: its card has no address, and the agent starts."""
     subprocess.run(["ip", "address", "flush", "dev", "eth0"], check=True)
@@ -75,5 +69,5 @@ def log_of_this_start():
 
 
 def stop(agent):
-    status = agent.stop(STOP_LIMIT)
+    status = agent.stop(2)
     check(status == 0, f"the agent's exit status is {status}")

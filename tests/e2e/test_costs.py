@@ -101,7 +101,7 @@ WAYS = {
     "in chunks": in_chunks,
     "agent service": lambda text: post(text, AGENT),
     "packet": lambda text: post(text.replace("<e:Body>", "<data>").replace("</e:Body>", "</data>"),
-                                "/rKo?FunctionName=rkoReleaseDevice").replace(b"POST", b"GET", 1),
+                                "/rKo?FunctionName=rkoReleaseDevice", method="GET"),
 }
 
 

@@ -13,11 +13,10 @@ import uuid
 import pytest
 
 import stage
-from stage import BOX, CONFIGURATION, is_serving, output_of, rules, wait_until
+from stage import BOX, CONFIGURATION, OLD_CONFIGURATION, is_serving, output_of, rules, wait_until
 
 BUILD = pathlib.Path("build/release")
 PID_FILE = pathlib.Path("/var/run/zel.pid")
-OLD_SETTINGS = pathlib.Path("/config/agent.configuration.old")
 UNIT = "/lib/systemd/system/zel.service"
 DPKG = ["dpkg", "--force-depends", "--log=/tmp/dpkg.log"]  # this box knows no other package
 
@@ -45,7 +44,7 @@ def serves():
 
 
 def without_files():
-    for path in (CONFIGURATION, OLD_SETTINGS, pathlib.Path("/config/wlan.mac")):
+    for path in (CONFIGURATION, OLD_CONFIGURATION, pathlib.Path("/config/wlan.mac")):
         path.unlink(missing_ok=True)
 
 
@@ -109,7 +108,7 @@ def test_the_init_script_harms_nobody(board):
     assert bystander.poll() is None
     bystander.kill()
     bystander.wait()
-    OLD_SETTINGS.write_text("tavo.color=red\n")
+    OLD_CONFIGURATION.write_text("tavo.color=red\n")
     init("start")
     assert not CONFIGURATION.exists(), "the agent takes up the old file"
     init("stop")

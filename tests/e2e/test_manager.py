@@ -1,6 +1,5 @@
 """The box and its manager: found, signed in, told what to be, updated; and whatever goes wrong."""
 
-import contextlib
 import functools
 import pathlib
 import re
@@ -47,12 +46,7 @@ def check_at_rest(running, searching=False):
 
 def processes():
     """Those of the box, without the DHCP client, which keeps the lease for the next start."""
-    found = set()
-    for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
-            if path.read_text() != "busybox\n":
-                found.add(path.parent.name)
-    return found
+    return {pid for pid, name in stage.names().items() if name != "busybox"}
 
 
 def sign_in(scenario, *options, configuration=SIGNING_IN):

@@ -17,9 +17,8 @@ from stage import ALONE, BOX, DEVICE_ID, MANAGER, WLAN_BOX, network, output_of, 
 pytestmark = pytest.mark.usefixtures("workshop_in_order", "real_port")
 
 SWITCHES = int(os.environ.get("ZEL_SWITCHES", "30"))
-DHCP = ALONE + "network.config.discover.mode=3\n"
-STATIC = (ALONE + "network.config.discover.mode=202\nnetwork.config.static.ip=192.168.70.7\n"
-          "network.config.static.netmask=255.255.0.0\nnetwork.config.static.gateway=192.168.68.1\n")
+DHCP = ALONE + stage.DHCP
+STATIC = ALONE + stage.static("192.168.70.7")
 # Takes an address at once, where the real one probes for seconds.
 FAST_ZCIP = """#!/bin/sh
 export interface=$2 ip=169.254.9.9
@@ -45,11 +44,7 @@ def routes():
 
 def processes():
     """Names of the programs of the box, without those that ask."""
-    names = []
-    for path in pathlib.Path("/proc").glob("[0-9]*/comm"):
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it has just ended
-            names.append(path.read_text().strip())
-    return sorted(name for name in names if name not in ("tini", "python3", "bash", "sleep"))
+    return sorted(name for name in stage.names().values() if name not in ("tini", "python3", "bash", "sleep"))
 
 
 def set_up():
@@ -166,7 +161,7 @@ def test_a_box_that_is_moved_to_dhcp_finds_its_manager():
 def test_a_loose_cable_leaves_nothing_behind():
     network("cable", "out")
     with stage.agent(DHCP) as agent:
-        wait_until(lambda: "Lan is not link" in stage.log(), "the first pass")
+        stage.wait_for_log("Lan is not link")
         before = processes(), agent.descriptors()
         for _ in range(10):
             network("cable", "in")
@@ -188,7 +183,7 @@ def test_a_card_that_disappears_is_reported_and_waited_for(mode, tool):
     with stage.agent(ALONE + f"network.config.discover.mode={mode}\n") as agent:
         wait_until(lambda: tool in processes(), "it asks for an address")
         output_of("ip", "link", "delete", "eth0")
-        wait_until(lambda: "errno: ERR_NO_SUCH_DEVICE" in stage.log(), "it says what is wrong", 60)
+        stage.wait_for_log("errno: ERR_NO_SUCH_DEVICE")
         assert not set_up()
         assert agent.stop() == 0, "it can be stopped without a network"
     insert_card()
@@ -202,7 +197,7 @@ def test_a_card_that_disappears_during_a_switch_fails_it():
     zcip = '#!/bin/sh\n[ "$1" = STOP ] || ip link delete eth0\n'
     with stage.replaced("/sbin/zcip", zcip), stage.serving(DHCP):
         client = start_switch("2")
-        wait_until(lambda: "Change back to state free" in stage.log(), "the switch is over")
+        stage.wait_for_log("Change back to state free")
         insert_card()
         output_of("ip", "address", "add", f"{BOX}/16", "dev", "eth0")
         output_of("ip", "link", "set", "eth0", "up")

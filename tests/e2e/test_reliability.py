@@ -11,16 +11,15 @@ import pytest
 
 import slp
 import stage
-from soap import envelope, operation, post, read_all, read_response
+from soap import INFORMATION, envelope, operation, post, read_all, read_response
 from stage import (BOX, CONFIGURATION, DEVICE_ID, SIGNING_IN, Manager, active_image, agent, changed, connect, log,
                    network, output_of, release, replaced, reserve, rules, serving, settings, wait_for_log, wait_until)
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
-ALONE = stage.ALONE + "network.config.discover.mode=3\n"
+ALONE = stage.ALONE + stage.DHCP
 WLAN = ("wlan.conf.infra.band=0\nwlan.conf.infra.ssid=hall\nwlan.conf.infra.psk=a secret\n"
         "wlan.conf.infra.security.level=102\n")
-INFORMATION = post(envelope("<getDeviceInformation/>"))
 ANSWER = b"getDeviceInformationResponse"
 KEEP = "Connection: Keep-Alive\r\n"
 KEPT = post(envelope("<getDeviceInformation/>"), headers=KEEP)

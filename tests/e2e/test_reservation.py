@@ -4,13 +4,13 @@ import contextlib
 import pathlib
 import signal
 import subprocess
-import threading
 import time
 
 import slp
 import stage
-from soap import AGENT, post
-from stage import CLIENT, DEVICE_ID, PORTS, call, exchange, port_rules, release, reserve, rules, serving, wait_until
+from soap import post
+from stage import (CLIENT, DEVICE_ID, PORTS, ask_agent, call, exchange, in_background, port_rules, release, reserve,
+                   rules, serving, wait_for_log, wait_until)
 
 FILTER = pathlib.Path("/usr/sbin/iptables")
 FILTER_AS_IT_IS = FILTER.readlink()
@@ -31,23 +31,9 @@ NEIGHBOURS = [f"-A INPUT {rule}" for rule in (
     "-s 10.0.0.1/32 -p tcp -m tcp --sport 99 --dport 6802 -j ACCEPT")]
 
 
-def ask_agent(operation):
-    return call(operation, AGENT, **({"name": "VCI-Agent"} if operation.endswith("Service") else {}))
-
-
 def legacy(function, owner):
     body = f"<p><data><var name='DeviceOwner'><string>{owner}</string></var></data></p>"
-    return exchange(post(body, f"/rKo?FunctionName={function}").replace(b"POST", b"GET", 1)).decode()
-
-
-@contextlib.contextmanager
-def in_background(work):
-    thread = threading.Thread(target=work)
-    thread.start()
-    try:
-        yield
-    finally:
-        thread.join()
+    return exchange(post(body, f"/rKo?FunctionName={function}", method="GET")).decode()
 
 
 def filter_tool(script):
@@ -61,7 +47,7 @@ def hanging_filter(victim):
     HANGING.touch()
     with filter_tool(HANG), in_background(victim):
         try:
-            wait_until(lambda: "/sbin/iptables -A" in stage.log(), "the filter is at work")
+            wait_for_log("/sbin/iptables -A")
             yield
         finally:
             HANGING.unlink()

@@ -10,15 +10,13 @@ import socket
 import pytest
 
 import stage
-from soap import envelope, post
+from soap import GREETING, INFORMATION, envelope, post
 from stage import connect, exchange
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 
 # Nobody waits for the second try of a connect.
 CONFIGURATION = "opla.mode=OPLA-Next\nnetwork.config.discover.mode=3\nweb.listen.backlog=128\n"
-GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
-INFORMATION = post(envelope("<getDeviceInformation/>"))
 LARGE = [post(envelope("<a/>" * 250000)), post("<a/>" * 250000), post("x" * 1000000),
          b"POST /x HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n"
          + (b"10000\r\n" + b"y" * 65536 + b"\r\n") * 16 + b"0\r\n"]

@@ -4,18 +4,17 @@ import socket
 
 import pytest
 
+import soap
 import stage
-from soap import CONNECTOR, envelope, post, read_all
+from soap import CONNECTOR, GREETING, INFORMATION, envelope, post, read_all
 from stage import call, connect, exchange, release, reserve
 
 pytestmark = pytest.mark.usefixtures("agent")
 
 ENVELOPE = envelope("<getDeviceInformation/>").encode()
-INFORMATION = post(ENVELOPE)
 CHUNKED = f"POST {CONNECTOR} HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
 NO_DOCUMENT = b"Can't create xml document from request"
 NOT_FOUND = b"An error 404 has occurred. The requested document could not be found."
-GREETING = b"Hallo Welt, ist es nicht nett hier draussen?"
 DTD = '<!DOCTYPE e:Envelope [<!ENTITY a "aaaaaaaaaa"><!ENTITY x SYSTEM "file:///etc/passwd">]>'
 
 
@@ -84,7 +83,7 @@ def test_many_requests_leave_nothing_behind(agent):
             for data, expected in small:
                 assert expected in send_and_end(data)
                 with connect() as connection:  # leaves in the middle, by a reset
-                    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
+                    soap.reset_on_close(connection)
                     connection.sendall(data[:len(data) // 2])
                 assert b"getDeviceInformationResponse" in exchange(INFORMATION)
             assert release(reserve()[1]) == "0"

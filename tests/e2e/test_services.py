@@ -10,7 +10,7 @@ import pytest
 import stage
 from answers import PACKET, fault, wrapped
 from soap import AGENT, NAMESPACES, post, value
-from stage import BOX, CLIENT, call, exchange, port_rules, release, reserve, rules
+from stage import BOX, CLIENT, ask_agent, call, exchange, port_rules, release, reserve, rules
 
 pytestmark = pytest.mark.usefixtures("agent")
 
@@ -21,10 +21,6 @@ ALLOCATION = ('<struct>\n<var name="Status"><struct><var name="code"><number>{}/
               "</var></struct></var></struct>")
 NOT_FOUND = (b'HTTP/1.0 404 Not found\r\nContent-Type: text/plain"\r\nContent-Length: 40\r\n'
              b"content-length: 40\r\nConnection: Close\r\n\r\n<html><body>FILE NOT FOUND</body></html>")
-
-
-def ask_agent(operation, name="VCI-Agent"):
-    return call(operation, AGENT, **({"name": name} if operation.endswith(("Service", "Running")) else {}))
 
 
 def response(operation, children=None):
@@ -185,7 +181,7 @@ def test_forms_of_old_clients(body, answer):
 
 
 def get(target, body=b""):
-    return exchange(post(body, target).replace(b"POST", b"GET", 1))
+    return exchange(post(body, target, method="GET"))
 
 
 def test_the_function_in_the_url():

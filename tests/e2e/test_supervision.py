@@ -25,7 +25,7 @@ def test_start_up_tells_what_it_does():
     mac.write_text("00:00:00:00:00:00\n")
     with stage.replaced("/app/zel/images/firmware/state", "dirty\n"):
         with serving("opla.mode=OPLA-Next\ntavo.hostname=\ncountry.code=DE\n") as agent:
-            wait_until(lambda: "status not Clean" in stage.log(), "start-up is done")
+            stage.wait_for_log("status not Clean")
             # A sanitizer may have a thread of its own.
             wait_until(lambda: {"WebServer", "Zel::main"} <= set(agent.threads().values()), "it has these threads")
     lines = [line for line in log_lines() if not line.startswith("debug")]
