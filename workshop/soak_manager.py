@@ -34,6 +34,7 @@ class Settings:
 
     def check(self, text=None, where="the file"):
         possible = set(self.possible)  # a sign-in may come to its end meanwhile
+        text = stage.settings_text() if text is None else text
         found = stage.settings(text)
         lost = {key: found.get(key) for key, value in self.FIXED.items() if found.get(key) != value}
         values = tuple(found.get(key) for key in self.KEYS)

@@ -142,13 +142,17 @@ def sign_in_ended():
     return re.search(r"debug   \d+ +go to receive", log().rpartition("Start PreSignInSignIn")[2])
 
 
+def settings_text():
+    """What the next start reads."""
+    try:
+        return CONFIGURATION.read_text()
+    except FileNotFoundError:  # in the middle of a save
+        return OLD_CONFIGURATION.read_text()
+
+
 def settings(text=None):
-    """What the next start reads, or what a text of that kind says."""
-    if text is None:
-        try:
-            text = CONFIGURATION.read_text()
-        except FileNotFoundError:  # in the middle of a save
-            text = OLD_CONFIGURATION.read_text()
+    """Those of the next start, or of a text of that kind."""
+    text = settings_text() if text is None else text
     return dict(line.partition("=")[::2] for line in text.splitlines())
 
 
