@@ -144,19 +144,23 @@ void KeepOnly(const Task& task) {
     _exit(127);
 }
 
-/// The program's status as waitpid gives it. Ends the group instead when the parent has ended.
+/// The program's status as waitpid gives it. Ends the group instead when the parent has ended, or
+/// when there is no status.
 int AwaitEnd(pid_t program) {
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGCHLD);
     sigaddset(&ends, SIGTERM);
     int status = 0;
-    while (waitpid(program, &status, WNOHANG) == 0) {
-        if (sigwaitinfo(&ends, nullptr) == SIGTERM) {
+    for (;;) {
+        const pid_t ended = waitpid(program, &status, WNOHANG);
+        if (ended > 0) {
+            return status;
+        }
+        if (ended < 0 || sigwaitinfo(&ends, nullptr) == SIGTERM) {
             kill(0, SIGKILL);
         }
     }
-    return status;
 }
 
 [[noreturn]] void RunInBetween(const Task& task) {

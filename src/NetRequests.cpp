@@ -7,7 +7,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -60,6 +59,12 @@ bool Ask(const SocketGuard& socketGuard, const std::string& interface, unsigned 
     const InterfaceName name = CutName(interface);
     std::memcpy(&request, name.data(), name.size());
     return ioctl(socketGuard.Get(), code, &request) != -1;
+}
+
+/// The same without a line in the log; without a socket, too, where no interface is named.
+template <typename Request>
+bool AskQuietly(const std::string& interface, unsigned long code, Request& request) {
+    return !interface.empty() && Ask(SocketGuard(OpenSocket()), interface, code, request);
 }
 
 sockaddr ToSocketAddress(in_addr_t address) {
@@ -234,9 +239,7 @@ NetStatus ReadGateway(const std::string& interface, in_addr_t& gateway) {
 
 std::optional<in_addr> ReadAddress(const std::string& interface, unsigned long code) {
     ifreq request{};
-    return Ask(SocketGuard(OpenSocket()), interface, code, request)
-               ? std::optional(AddressIn(request))
-               : std::nullopt;
+    return AskQuietly(interface, code, request) ? std::optional(AddressIn(request)) : std::nullopt;
 }
 
 std::optional<in_addr> ReadDefaultGateway() {
@@ -252,7 +255,7 @@ std::optional<in_addr> ReadDefaultGateway() {
 bool ReadMacAddress(const std::string& interface, std::string& out) {
     out.clear();
     ifreq request{};
-    if (!Ask(SocketGuard(OpenSocket()), interface, SIOCGIFHWADDR, request)) {
+    if (!AskQuietly(interface, SIOCGIFHWADDR, request)) {
         return false;
     }
     std::array<unsigned char, 6> b{};
@@ -269,8 +272,7 @@ unsigned ReadLinkQuality(const std::string& interface) {
     iw_statistics statistics{};
     request.u.data.pointer = &statistics;
     request.u.data.length = sizeof statistics;
-    return Ask(SocketGuard(OpenSocket()), interface, SIOCGIWSTATS, request) ? statistics.qual.qual
-                                                                            : 0;
+    return AskQuietly(interface, SIOCGIWSTATS, request) ? statistics.qual.qual : 0;
 }
 
 }  // namespace NetRequests

@@ -9,8 +9,9 @@
 
 #include "NetStatus.h"
 
-/// All that the kernel is asked and told about interfaces and routes. An interface is a name of the
-/// kernel, which is given its first 15 characters. Addresses are in network byte order.
+/// All that the kernel is asked and told about interfaces and routes, but for the list of them. An
+/// interface is a name of the kernel, which is given its first 15 characters. Addresses are in
+/// network byte order.
 namespace NetRequests {
 
 // Requests: a failure is logged.
@@ -29,7 +30,7 @@ NetStatus ChangeFlags(const std::string& interface, short set, short cleared, sh
 [[nodiscard]] std::optional<bool> ReadLink(const std::string& interface);
 
 /// The first address that the interface has under its very name, not under an alias label.
-/// INADDR_ANY when it has none, which is no failure.
+/// INADDR_ANY when it has none, or is not there, which is no failure.
 [[nodiscard]] in_addr_t ReadOwnAddress(const std::string& interface);
 
 /// The ends of a route.

@@ -56,18 +56,21 @@ inline constexpr char kWlanQuality[] = "network.current.wlan.quality";  // 0 to 
 inline constexpr char kDefaultGateway[] = "network.current.defaultgateway";
 inline constexpr char kNetworkType[] = "net.current.networktype";  // NetworkType: fixed, "0", "1"
 
-// Who uses the box. Fixed (DeviceReservation).
+// Who uses the box. Fixed (StoreSetup, then DeviceReservation).
 inline constexpr char kState[] = "zel.state.current";  // "4" free, "5" reserved
 inline constexpr char kOwner[] = "zel.state.owner";
 inline constexpr char kHandle[] = "zel.state.handle";  // decimal
 inline constexpr char kUuid[] = "zel.state.uuid";
 inline constexpr char kHostLock[] = "zel.state.hostlock";  // dotted
+// Whether it serves. Fixed.
 inline constexpr char kServing[] =
-    "zel.state.startup";  // and ManagerLocator, ZelSlpService: "0", "1"
-inline constexpr char kStopped[] = "zel.state.is_stopped";  // OrsAgentServlet: "1"
+    "zel.state.startup";  // StoreSetup, ManagerLocator, ZelSlpService: "0", "1"
+inline constexpr char kStopped[] =
+    "zel.state.is_stopped";  // OrsAgentServlet: "0", "1", no value before the first stop
 
 // Settings. Persistent; also written by the one named.
-inline constexpr char kOplaMode[] = "opla.mode";      // "OPLA", "OPLA-Next"
+inline constexpr char kOplaMode[] = "opla.mode";      // StoreSetup, where the file has none (then
+                                                      // fixed): "OPLA", "OPLA-Next"
 inline constexpr char kHostName[] = "tavo.hostname";  // PreSignInResponse, Zel
 inline constexpr char kColor[] = "tavo.color";        // PreSignInResponse: ColorTable's names
 inline constexpr char kCountry[] = "country.code";    // PreSignInResponse: two letters
@@ -86,7 +89,8 @@ inline constexpr char kWlanSsid[] = "wlan.conf.infra.ssid";
 inline constexpr char kWlanBand[] = "wlan.conf.infra.band";
 inline constexpr char kWlanChannel[] = "wlan.conf.infra.channel";
 inline constexpr char kWlanCredentials[] = "wlan.conf.infra.credentials";
-inline constexpr char kWlanPassPhrase[] = "wlan.conf.infra.psk";
-inline constexpr char kWlanEncryption[] = "wlan.conf.infra.encryption.type";
+inline constexpr char kWlanPassPhrase[] = "wlan.conf.infra.psk";  // which empties it only
+// Of the access point, too, and set by hand.
+inline constexpr char kWlanEncryption[] = "wlan.conf.infra.encryption.type";  // "AES", "TKIP"
 
 }  // namespace StoreKeys

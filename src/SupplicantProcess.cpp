@@ -3,23 +3,30 @@
 #include <cstring>
 
 #include "Shell.h"
+#include "SupplicantLog.h"
 #include "WpaCliInterface.h"
 #include "ZelLog.h"
 
 namespace SupplicantProcess {
+namespace {
+
+constexpr char kControlDirectory[] = "/tmp/supplicant/ctrl";
+constexpr char kPidFile[] = "/var/run/wpa_supplicant.pid";
+
+}  // namespace
 
 bool Start(const std::string& interface, const std::string& driver, const std::string& file) {
     std::string output;
     return Shell::RunWithin(
                {}, output,
-               "/app/velka/wlan/sta/wpa_supplicant -i %s -D %s -c %s -B -C /tmp/supplicant/ctrl "
-               "-tddf /tmp/log/wpa_supplicant -P /var/run/wpa_supplicant.pid",
-               interface.c_str(), driver.c_str(), file.c_str()) >= Shell::Fate::kEnded;
+               "/app/velka/wlan/sta/wpa_supplicant -i %s -D %s -c %s -B -C %s -tddf %s -P %s",
+               interface.c_str(), driver.c_str(), file.c_str(), kControlDirectory,
+               SupplicantLog::kFile, kPidFile) >= Shell::Fate::kEnded;
 }
 
 bool IsAssociated(const std::string& interface) {
     WpaCliInterface supplicant;
-    if (supplicant.Open("/tmp/supplicant/ctrl/" + interface) != 0) {
+    if (supplicant.Open(std::string(kControlDirectory) + "/" + interface) != 0) {
         return false;
     }
     std::string reply;
@@ -33,7 +40,7 @@ bool IsAssociated(const std::string& interface) {
 }
 
 void End() {
-    Shell::KillByPidFile("/var/run/wpa_supplicant.pid");
+    Shell::KillByPidFile(kPidFile);
 }
 
 }  // namespace SupplicantProcess

@@ -13,7 +13,7 @@ namespace SupplicantProcess {
 /// Whether it says that the interface is associated with an access point.
 bool IsAssociated(const std::string& interface);
 
-/// Ends it, within half a second; nothing to do when it does not run.
+/// Ends it, which takes half a second and the board's tool; nothing to do when it does not run.
 void End();
 
 }  // namespace SupplicantProcess

@@ -20,8 +20,8 @@ public:
     /// Ends the supplicant, then as every interface.
     NetStatus DisableInterface() override;
 
-    /// Connects to the configured access point; waits up to a minute for it, and ends within two
-    /// seconds when it is asked to stop.
+    /// Connects to the configured access point; waits up to a minute for it, a wait that ends
+    /// within two seconds when it is asked to stop.
     virtual NetStatus Connect(const StopRequested& stopRequested);
     /// The MAC address as six two-digit hexadecimal bytes with colons between them, empty when
     /// there is none.

@@ -108,11 +108,11 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, ServletResponse& respon
         ZEL_ERROR("Can't create doc node");
         return kAnswered;
     }
-    const std::string service = std::string("{") + definition_.namespaceUri + "}";
+    const auto service = [&] { return std::string("{") + definition_.namespaceUri + "}"; };
     xmlNode* method = FindMethod(document.get());
     if (method == nullptr) {
         ZEL_ERROR("ZEL soap method is empty");
-        return refuse("Method is empty for " + service);
+        return refuse("Method is empty for " + service());
     }
     const std::string name(XmlText::LocalName(method));
     const std::string shownName = LogText::Of(name);
@@ -124,7 +124,7 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, ServletResponse& respon
     const auto found = definition_.methods.find(name);
     if (found == definition_.methods.end()) {
         ZEL_ERROR("ZEL soap method '%s' not found", shownName.c_str());
-        return refuse("Cannot find dispatch method for " + service + name);
+        return refuse("Cannot find dispatch method for " + service() + name);
     }
     return found->second(method, request, response, *this);
 }
