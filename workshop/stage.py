@@ -358,12 +358,15 @@ class Manager(Program):
 @contextlib.contextmanager
 def other_boxes(*lists):
     """Further boxes, on addresses from 192.168.70.1 on, that do nothing but answer with these attributes."""
-    addresses = [f"192.168.70.{number}" for number in range(1, len(lists) + 1)]
+    addresses = [f"192.168.{70 + number // 250}.{number % 250 + 1}" for number in range(len(lists))]
+
+    def change_addresses(what):
+        output_of("ip", "-batch", "-", network="manager",
+                  input="".join(f"address {what} {address}/16 dev eth0\n" for address in addresses))
+
     with contextlib.ExitStack() as stack:
-        for address in addresses:
-            alias = f"{address}/16", "dev", "eth0"
-            output_of("ip", "address", "add", *alias, network="manager")
-            stack.callback(output_of, "ip", "address", "delete", *alias, network="manager")
+        change_addresses("add")
+        stack.callback(change_addresses, "delete")
         with namespace("manager"):
             listener, *senders = (stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
                                   for _ in ["", *addresses])
