@@ -6,6 +6,16 @@
 namespace LogText {
 namespace {
 
+/// Whether a text is printable ASCII throughout, as most are.
+bool IsPlain(std::string_view text) {
+    for (const char c : text) {
+        if (c < ' ' || c > '~') {
+            return false;
+        }
+    }
+    return true;
+}
+
 std::string Escaped(char c) {
     switch (c) {
         case '\n':
@@ -37,6 +47,9 @@ std::string TakePiece(std::string_view& text) {
 }  // namespace
 
 std::string Of(std::string_view text, std::size_t limit) {
+    if (text.size() <= limit && IsPlain(text)) {
+        return std::string(text);
+    }
     const std::size_t size = text.size();
     std::string out;
     while (!text.empty()) {

@@ -7,7 +7,14 @@
 #include <map>
 #include <mutex>
 #include <shared_mutex>
-#include <utility>
+#include <string_view>
+
+namespace {
+
+// Bytes of a message that is put together without taking memory.
+constexpr std::size_t kUsualMessage = 512;
+
+}  // namespace
 
 /// All handlers, and the lock over the tree that they form.
 struct LogHandler::Registry {
@@ -21,14 +28,12 @@ struct LogHandler::Registry {
     }
 };
 
-LogHandler::LogHandler(std::string name) : name_(std::move(name)) {}
-
 LogHandler& LogHandler::GetLogHandler(const std::string& name) {
     Registry& registry = Registry::Instance();
     const std::unique_lock lock(registry.mutex);
     LogHandler*& handler = registry.handlers[name];
     if (handler == nullptr) {
-        handler = new LogHandler(name);
+        handler = new LogHandler();
     }
     return *handler;
 }
@@ -40,7 +45,7 @@ bool LogHandler::AddClient(LogHandler& client) {
     }
     if (std::find(handlers_.begin(), handlers_.end(), &client) == handlers_.end()) {
         handlers_.push_back(&client);
-        RefreshListening();
+        RefreshRoutes();
     }
     return true;
 }
@@ -48,13 +53,13 @@ bool LogHandler::AddClient(LogHandler& client) {
 void LogHandler::AddClient(LogClient& client) {
     const std::unique_lock lock(Registry::Instance().mutex);
     clients_.push_back(&client);
-    RefreshListening();
+    RefreshRoutes();
 }
 
 void LogHandler::RemoveClient(LogClient& client) {
     const std::unique_lock lock(Registry::Instance().mutex);
     clients_.erase(std::remove(clients_.begin(), clients_.end(), &client), clients_.end());
-    RefreshListening();
+    RefreshRoutes();
 }
 
 void LogHandler::SetLogLevel(int level, bool enabled) {
@@ -62,8 +67,8 @@ void LogHandler::SetLogLevel(int level, bool enabled) {
         return;
     }
     const std::unique_lock lock(Registry::Instance().mutex);
-    disabled_[static_cast<std::size_t>(level)] = !enabled;
-    RefreshListening();
+    enabled_[static_cast<std::size_t>(level)] = enabled;
+    RefreshRoutes();
 }
 
 bool LogHandler::Reaches(const LogHandler& other) const {
@@ -72,34 +77,35 @@ bool LogHandler::Reaches(const LogHandler& other) const {
                        [&other](const LogHandler* client) { return client->Reaches(other); });
 }
 
-bool LogHandler::ComputeListening(std::size_t level) const {
-    return !disabled_[level] &&
-           (!clients_.empty() ||
-            std::any_of(handlers_.begin(), handlers_.end(), [level](const LogHandler* client) {
-                return client->ComputeListening(level);
-            }));
-}
-
-void LogHandler::RefreshListening() {
-    for (const auto& [name, handler] : Registry::Instance().handlers) {
-        for (std::size_t level = 0; level < handler->listening_.size(); ++level) {
-            handler->listening_[level].store(handler->ComputeListening(level),
-                                             std::memory_order_relaxed);
-        }
-    }
-}
-
-void LogHandler::CollectClients(int level, std::vector<LogClient*>& clients) const {
-    if (!IsListening(level)) {
-        return;
-    }
+void LogHandler::AddRoutes(Levels levels, std::vector<Route>& routes) const {
+    levels &= enabled_;
     for (LogClient* client : clients_) {
-        if (std::find(clients.begin(), clients.end(), client) == clients.end()) {
-            clients.push_back(client);
+        // A client that can be reached by two ways writes the line once.
+        const auto found = std::find_if(routes.begin(), routes.end(), [client](const Route& route) {
+            return route.client == client;
+        });
+        if (found == routes.end()) {
+            routes.push_back({client, levels});
+        } else {
+            found->levels |= levels;
         }
     }
     for (const LogHandler* handler : handlers_) {
-        handler->CollectClients(level, clients);
+        handler->AddRoutes(levels, routes);
+    }
+}
+
+void LogHandler::RefreshRoutes() {
+    for (const auto& [name, handler] : Registry::Instance().handlers) {
+        handler->routes_.clear();
+        handler->AddRoutes(Levels().set(), handler->routes_);
+        Levels listening;
+        for (const Route& route : handler->routes_) {
+            listening |= route.levels;
+        }
+        for (std::size_t level = 0; level < listening.size(); ++level) {
+            handler->listening_[level].store(listening[level], std::memory_order_relaxed);
+        }
     }
 }
 
@@ -111,28 +117,40 @@ void LogHandler::Log(int level, const char* sourceFile, int sourceLine, const ch
     va_list arguments;
     va_start(arguments, format);
     try {
-        Write(level, sourceFile, sourceLine, format, arguments);
+        Format(level, sourceFile, sourceLine, format, arguments);
     } catch (const std::exception&) {
         // There is no memory: the line is lost.
     }
     va_end(arguments);
 }
 
-void LogHandler::Write(int level, const char* sourceFile, int sourceLine, const char* format,
-                       va_list arguments) const {
+/// What reads the arguments, and needs most of the stack, is done before anything is locked: a
+/// thread that faults does so here.
+void LogHandler::Format(int level, const char* sourceFile, int sourceLine, const char* format,
+                        va_list arguments) const {
     va_list again;
     va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
+    char usual[kUsualMessage];
+    const int length = std::vsnprintf(usual, sizeof usual, format, arguments);
+    const auto size = static_cast<std::size_t>(std::max(length, 0));
+    if (size < sizeof usual) {
+        va_end(again);
+        Write(level, sourceFile, sourceLine, {usual, size});
+        return;
+    }
+    std::string message(size, '\0');
+    std::vsnprintf(message.data(), size + 1, format, again);
     va_end(again);
-    std::string message(static_cast<std::size_t>(std::max(length, 0)), '\0');
-    std::vsnprintf(message.data(), message.size() + 1, format, arguments);
-    const LogEvent event(level, sourceFile, sourceLine, std::move(message));
+    Write(level, sourceFile, sourceLine, message);
+}
 
-    // A client that can be reached by two ways writes the line once.
-    std::vector<LogClient*> clients;
+void LogHandler::Write(int level, const char* sourceFile, int sourceLine,
+                       std::string_view message) const {
+    const LogEvent event(level, sourceFile, sourceLine, message);
     const std::shared_lock lock(Registry::Instance().mutex);
-    CollectClients(level, clients);
-    for (LogClient* client : clients) {
-        client->Append(event);
+    for (const Route& route : routes_) {
+        if (route.levels[static_cast<std::size_t>(level)]) {
+            route.client->Append(event);
+        }
     }
 }

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "LogEvent.h"
@@ -64,7 +63,6 @@ private:
     const std::string path_;
     const std::size_t sizeLimit_;
     const std::size_t fileCount_;
-    std::mutex mutex_;
-    std::unique_ptr<Sink> sink_;
+    const std::unique_ptr<Sink> sink_;
     std::chrono::steady_clock::time_point failed_;
 };

@@ -2,8 +2,10 @@
 
 #include <array>
 #include <atomic>
+#include <bitset>
 #include <cstdarg>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "LogClient.h"
@@ -45,21 +47,28 @@ public:
     LogHandler& operator=(const LogHandler&) = delete;
 
 private:
-    explicit LogHandler(std::string name);
+    using Levels = std::bitset<LogLevelManager::kMaxLevel + 1>;
+    /// A client that lines of this handler come to, and of which levels.
+    struct Route {
+        LogClient* client = nullptr;
+        Levels levels;
+    };
+
+    LogHandler() = default;
     ~LogHandler() = default;
 
     bool Reaches(const LogHandler& other) const;
-    bool ComputeListening(std::size_t level) const;
-    void CollectClients(int level, std::vector<LogClient*>& clients) const;
-    void Write(int level, const char* sourceFile, int sourceLine, const char* format,
-               va_list arguments) const __attribute__((format(printf, 5, 0)));
-    static void RefreshListening();
+    void AddRoutes(Levels levels, std::vector<Route>& routes) const;
+    static void RefreshRoutes();
+    void Format(int level, const char* sourceFile, int sourceLine, const char* format,
+                va_list arguments) const __attribute__((format(printf, 5, 0)));
+    void Write(int level, const char* sourceFile, int sourceLine, std::string_view message) const;
 
     struct Registry;
 
-    std::string name_;
     std::vector<LogHandler*> handlers_;
     std::vector<LogClient*> clients_;
-    std::array<bool, LogLevelManager::kMaxLevel + 1> disabled_{};
+    Levels enabled_ = Levels().set();
+    std::vector<Route> routes_;
     std::array<std::atomic<bool>, LogLevelManager::kMaxLevel + 1> listening_{};
 };
