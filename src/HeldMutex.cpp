@@ -6,10 +6,39 @@ namespace {
 thread_local HeldMutex* latestHeld = nullptr;
 }
 
+/// Who holds it has mostly done with it before anybody could have gone to sleep.
+bool HeldMutex::TryTakeSoon() {
+    constexpr int kLooks = 200;
+    for (int i = 0; i < kLooks; ++i) {
+        if (!isHeld_.load(std::memory_order_relaxed) && TryTake()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// `wait` waits, with `mutex_` locked, until TryTake() has done it, and returns whether it has.
+template <typename Wait>
+bool HeldMutex::TakeAfter(Wait wait) {
+    bool isTaken = TryTakeSoon();
+    if (!isTaken) {
+        std::unique_lock lock(mutex_);
+        // Told before the next try: who releases the mutex after that sees it.
+        ++sleeping_;
+        isTaken = wait(lock);
+        --sleeping_;
+    }
+    if (isTaken) {
+        Taken();
+    }
+    return isTaken;
+}
+
 void HeldMutex::lock() {
-    std::unique_lock lock(mutex_);
-    released_.wait(lock, [this] { return !isHeld_; });
-    Take();
+    TakeAfter([this](auto& lock) {
+        released_.wait(lock, [this] { return TryTake(); });
+        return true;
+    });
 }
 
 bool HeldMutex::try_lock() {
@@ -17,12 +46,9 @@ bool HeldMutex::try_lock() {
 }
 
 bool HeldMutex::try_lock_for(std::chrono::milliseconds timeout) {
-    std::unique_lock lock(mutex_);
-    if (!released_.wait_for(lock, timeout, [this] { return !isHeld_; })) {
-        return false;
-    }
-    Take();
-    return true;
+    return TakeAfter([&](auto& lock) {
+        return released_.wait_for(lock, timeout, [this] { return TryTake(); });
+    });
 }
 
 std::unique_lock<HeldMutex> HeldMutex::LockInTurn(std::chrono::milliseconds timeout) {
@@ -32,19 +58,18 @@ std::unique_lock<HeldMutex> HeldMutex::LockInTurn(std::chrono::milliseconds time
     return lock;
 }
 
-void HeldMutex::Take() {
-    isHeld_ = true;
+void HeldMutex::Taken() {
     previous_ = latestHeld;
     latestHeld = this;
 }
 
 void HeldMutex::unlock() {
     latestHeld = previous_;
-    {
+    isHeld_ = false;
+    if (sleeping_ > 0) {
         const std::lock_guard lock(mutex_);
-        isHeld_ = false;
+        released_.notify_one();
     }
-    released_.notify_one();
 }
 
 void HeldMutex::ReleaseAll() {

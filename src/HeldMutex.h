@@ -33,12 +33,18 @@ public:
     static void ReleaseAll();
 
 private:
-    void Take();
+    bool TryTake() { return !isHeld_.exchange(true); }
+    bool TryTakeSoon();
+    void Taken();
+    template <typename Wait>
+    bool TakeAfter(Wait wait);
 
-    // Not a timed mutex: the thread sanitizer does not see how that is locked.
+    std::atomic<bool> isHeld_ = false;
+    // For who finds it held. Not a timed mutex: the thread sanitizer does not see how that is
+    // locked.
     std::mutex mutex_;
     std::condition_variable released_;
-    bool isHeld_ = false;
+    std::atomic<int> sleeping_ = 0;
     std::atomic<int> waiting_ = 0;
     HeldMutex* previous_ = nullptr;
 };

@@ -64,16 +64,24 @@ TEST_F(CrashGuardTest, SurvivesRepeatedStackOverflow) {
 TEST_F(CrashGuardTest, ReleasesTheLocksOfTheFaultingThread) {
     HeldMutex outer;
     HeldMutex inner;
+    std::promise<void> waits;
+    std::future<void> waiting;
     RunThread([&] {
         const std::lock_guard first(outer);
         const std::lock_guard second(inner);
-        std::thread([&outer] { EXPECT_FALSE(outer.try_lock_for(20ms)); }).join();
+        waiting = std::async(std::launch::async, [&outer, &waits] {
+            EXPECT_FALSE(outer.try_lock_for(20ms));
+            waits.set_value();
+            outer.lock();
+            outer.unlock();
+        });
+        waits.get_future().wait();
+        std::this_thread::sleep_for(50ms);  // it sleeps by then, and has to be woken
         Fault();
     });
-    for (HeldMutex* mutex : {&outer, &inner}) {
-        ASSERT_TRUE(mutex->try_lock_for(30s));
-        mutex->unlock();
-    }
+    ASSERT_EQ(waiting.wait_for(30s), std::future_status::ready);
+    ASSERT_TRUE(inner.try_lock_for(30s));
+    inner.unlock();
 }
 
 TEST_F(CrashGuardTest, DestroysWhatTheThreadWasGivenToOwn) {
