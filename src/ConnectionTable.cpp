@@ -22,15 +22,15 @@ constexpr int kStays = 5;
 
 }  // namespace
 
-void ConnectionTable::Place::SetPhase(Phase phase) {
+bool ConnectionTable::Place::SetPhase(Phase phase) {
+    if (phase == Phase::kReceiving) {
+        phase_ = phase;  // without the lock, whose owner may be looking for one who is idle
+    }
+    const Clock::time_point now = Clock::now();
     const std::lock_guard lock(table_->mutex_);
     phase_ = phase;
-    since_ = Clock::now();
-}
-
-bool ConnectionTable::Place::HasGivenWay() const {
-    const std::lock_guard lock(table_->mutex_);
-    return !counts_;
+    since_ = now;
+    return counts_;
 }
 
 bool ConnectionTable::Close(std::chrono::milliseconds timeout) {
@@ -46,8 +46,10 @@ int ConnectionTable::YieldRank(const Place& place, Clock::time_point now) {
     if (place.counts_) {
         switch (place.phase_) {
             case Phase::kIdle:
-                // Where bytes have come in, its thread only has not seen them yet.
-                return Descriptors::IsReady(place.socket_, POLLIN) ? kStays : kIdleRank;
+                // Where bytes have come in, its thread only has not seen them yet, or just has.
+                return Descriptors::IsReady(place.socket_, POLLIN) || place.phase_ != Phase::kIdle
+                           ? kStays
+                           : kIdleRank;
             case Phase::kServing:
                 return Descriptors::IsReady(place.socket_, POLLRDHUP) ? kHungUpRank : kStays;
             case Phase::kReceiving:
@@ -63,6 +65,9 @@ int ConnectionTable::YieldRank(const Place& place, Clock::time_point now) {
 /// because somebody gives way to `comer`.
 template <typename Filter>
 bool ConnectionTable::HasRoom(const Place& comer, std::size_t places, Filter filter) {
+    if (places_.size() < places) {
+        return true;  // whoever they are
+    }
     const auto count = [this](auto isCounted) {
         return std::count_if(places_.begin(), places_.end(), [&](const Place* place) {
             return place->counts_ && isCounted(*place);

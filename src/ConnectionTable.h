@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -48,16 +49,15 @@ public:
         /// to an address with more places: of the address that has most, that which has been at it
         /// longest. False when there is none, and when the table is closed.
         [[nodiscard]] bool Take() { return table_->Enter(*this); }
-        void SetPhase(Phase phase);
-        /// Whether the connection has given way: its thread is to wait for nothing any more.
-        [[nodiscard]] bool HasGivenWay() const;
+        /// False when the connection has given way: its thread is to wait for nothing any more.
+        bool SetPhase(Phase phase);
 
     private:
         friend class ConnectionTable;
         const std::shared_ptr<ConnectionTable> table_;
         const int socket_;
         const in_addr_t peer_;
-        Phase phase_ = Phase::kReceiving;
+        std::atomic<Phase> phase_ = Phase::kReceiving;
         std::chrono::steady_clock::time_point since_ = std::chrono::steady_clock::now();
         bool counts_ = true;
     };

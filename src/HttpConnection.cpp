@@ -1,6 +1,5 @@
 #include "HttpConnection.h"
 
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -24,6 +23,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Phase = ConnectionTable::Phase;
+using namespace std::string_view_literals;
 
 constexpr int kOk = 200;
 constexpr char kNotFoundText[] =
@@ -35,29 +35,36 @@ constexpr std::size_t kFileBlock = 16 * 1024;
 constexpr std::chrono::seconds kLingerTime{2};
 constexpr std::size_t kLingerBytes = 4 * 1024 * 1024;
 
-void SetLocalEnd(int descriptor, HttpRequest& request) {
+/// Of all but extra header lines.
+constexpr std::size_t kHeadSize = 256;
+
+sockaddr_in LocalEnd(int descriptor) {
     sockaddr_in address{};
     socklen_t size = sizeof address;
-    if (getsockname(descriptor, Ipv4::Generic(address), &size) == 0) {
-        request.localPort = ntohs(address.sin_port);
-        request.localAddress = address.sin_addr;
-    }
+    getsockname(descriptor, Ipv4::Generic(address), &size);
+    return address;
 }
 
 std::string Head(const ServletResponse& response) {
     const std::string length = std::to_string(response.body.size() + response.fileLength);
-    std::string head = "HTTP/1.0 ";
-    head += response.status == kOk ? "200 OK\r\n" : "404 Not found\r\n";
-    head += "Content-Type: " + response.contentType + "\r\n";
+    std::string head;
+    head.reserve(kHeadSize);
+    head += response.status == kOk ? "HTTP/1.0 200 OK\r\nContent-Type: "sv
+                                   : "HTTP/1.0 404 Not found\r\nContent-Type: "sv;
+    head += response.contentType;
     // Some clients look for the one spelling, some for the other.
-    head += "Content-Length: " + length + "\r\n";
-    head += "content-length: " + length + "\r\n";
-    head += response.keepAlive ? "Connection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n"
-                               : "Connection: Close\r\n";
+    head += "\r\nContent-Length: "sv;
+    head += length;
+    head += "\r\ncontent-length: "sv;
+    head += length;
+    head += response.keepAlive ? "\r\nConnection: Keep-Alive\r\nKeep-Alive: timeout=5, max=5\r\n"sv
+                               : "\r\nConnection: Close\r\n"sv;
     for (const std::string& line : response.headerLines) {
-        head += line + "\r\n";
+        head += line;
+        head += "\r\n"sv;
     }
-    return head + "\r\n";
+    head += "\r\n"sv;
+    return head;
 }
 
 }  // namespace
@@ -68,13 +75,10 @@ HttpConnection::HttpConnection(int descriptor, in_addr peer, const ServletRegist
     : registry_(registry),
       reader_(descriptor, lineTimeout),
       socket_(descriptor),
-      place_(std::move(table), descriptor, peer) {
-    // A response leaves in one piece; its last segment must not wait for an acknowledgement.
-    const int on = 1;
-    setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
+      place_(std::move(table), descriptor, peer) {}
 
 void HttpConnection::Serve() {
+    localEnd_ = LocalEnd(socket_.Get());
     try {
         while (ServeRequest()) {
             place_.SetPhase(reader_.HasUnread() ? Phase::kReceiving : Phase::kIdle);
@@ -87,16 +91,15 @@ void HttpConnection::Serve() {
     if (unreadBody_) {
         Linger();
     }
-    HttpRequest local;
-    SetLocalEnd(socket_.Get(), local);
-    ZEL_DEBUG("Closing connection to %s", Ipv4::Dotted(local.localAddress).c_str());
+    ZEL_DEBUG("Closing connection to %s", Ipv4::Dotted(localEnd_.sin_addr).c_str());
 }
 
 bool HttpConnection::ServeRequest() {
     request_ = {};
     response_ = {};
     servlet_.reset();
-    SetLocalEnd(socket_.Get(), request_);
+    request_.localPort = ntohs(localEnd_.sin_port);
+    request_.localAddress = localEnd_.sin_addr;
     const bool begun = reader_.WaitForMessage();
     place_.SetPhase(Phase::kReceiving);
     if (!begun || !reader_.ReadHead(request_)) {
@@ -116,10 +119,10 @@ bool HttpConnection::ServeRequest() {
     const int result = CallServlet();
     const bool isLast = response_.keptUntilReceived != nullptr;
     response_.keepAlive = response_.keepAlive && !isLast;
-    place_.SetPhase(Phase::kSending);
-    const bool sent = Send(place_.HasGivenWay() ? std::chrono::seconds{0} : kResponseTimeLimit);
-    place_.SetPhase(Phase::kServing);
+    const bool mayWait = place_.SetPhase(Phase::kSending);
+    const bool sent = Send(mayWait ? kResponseTimeLimit : std::chrono::seconds{0});
     if (result == ZelServlet::kPostResponse) {
+        place_.SetPhase(Phase::kServing);
         servlet_->PostResponse();
     }
     if (servlet_ && registry_.onServed) {
@@ -161,17 +164,17 @@ bool HttpConnection::Send(std::chrono::seconds timeLimit) {
 /// Block by block: a file may be larger than the memory. One that has become shorter since its
 /// length was told ends the connection.
 bool HttpConnection::SendFile(Clock::time_point deadline) {
-    std::array<char, kFileBlock> block{};
+    const auto block = std::make_unique_for_overwrite<char[]>(kFileBlock);
     std::uint64_t sent = 0;
     while (sent < response_.fileLength) {
         const auto wanted = static_cast<std::size_t>(
-            std::min<std::uint64_t>(block.size(), response_.fileLength - sent));
+            std::min<std::uint64_t>(kFileBlock, response_.fileLength - sent));
         const ssize_t count =
-            pread(response_.file->Get(), block.data(), wanted, static_cast<off_t>(sent));
+            pread(response_.file->Get(), block.get(), wanted, static_cast<off_t>(sent));
         if (count <= 0) {
             return false;
         }
-        iovec part{block.data(), static_cast<std::size_t>(count)};
+        iovec part{block.get(), static_cast<std::size_t>(count)};
         if (!SendAll({&part, 1}, deadline)) {
             return false;
         }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <netinet/in.h>
 #include <sys/uio.h>
 
 #include <chrono>
@@ -49,6 +50,7 @@ private:
 
     const ServletRegistry& registry_;
     HttpMessageReader reader_;
+    sockaddr_in localEnd_{};
     bool unreadBody_ = false;
     // Of the request being served. Not on the stack: a fault abandons that, but not the connection.
     HttpRequest request_;

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -20,6 +21,8 @@
 #include "LogText.h"
 #include "Numbers.h"
 #include "ZelLog.h"
+
+using namespace std::string_view_literals;
 
 namespace {
 
@@ -58,12 +61,12 @@ LargeBodies& AllLargeBodies() {
 
 /// The size in a chunk line; without value when the line holds anything but hexadecimal digits,
 /// blanks and the two control characters that some clients pad it with.
-std::optional<std::size_t> ParseChunkSize(const std::string& line) {
+std::optional<std::size_t> ParseChunkSize(std::string_view line) {
     constexpr std::string_view kAllowed("0123456789abcdefABCDEF \x10\x13");
-    if (line.find_first_not_of(kAllowed) != std::string::npos) {
+    if (line.find_first_not_of(kAllowed) != std::string_view::npos) {
         return std::nullopt;
     }
-    return std::strtoul(line.c_str(), nullptr, Numbers::kHexadecimal);
+    return std::strtoul(std::string(line).c_str(), nullptr, Numbers::kHexadecimal);
 }
 
 int ToInt(std::size_t value) {
@@ -72,36 +75,36 @@ int ToInt(std::size_t value) {
 
 /// Takes `prefix` off a line that begins with it.
 bool Take(std::string_view& line, std::string_view prefix) {
-    const bool found = line.starts_with(prefix);
+    const bool found = line.front() == prefix.front() && line.starts_with(prefix);
     line.remove_prefix(found ? prefix.size() : 0);
     return found;
 }
 
 void TakeLine(std::string_view line, HttpMessage& message) {
-    if (Take(line, "Content-Type: ")) {
+    if (Take(line, "Content-Type: "sv)) {
         message.contentType = line;
-    } else if (Take(line, "Content-Length: ")) {
+    } else if (Take(line, "Content-Length: "sv)) {
         message.contentLength = Numbers::Leading<std::int32_t>(std::string(line));
-    } else if (Take(line, "Transfer-Encoding: ")) {
-        message.chunked |= line == "chunked";
-    } else if (Take(line, "Connection: ")) {
-        message.keepAlive |= line.starts_with("Keep-Alive");
+    } else if (Take(line, "Transfer-Encoding: "sv)) {
+        message.chunked |= line == "chunked"sv;
+    } else if (Take(line, "Connection: "sv)) {
+        message.keepAlive |= line.starts_with("Keep-Alive"sv);
     }
 }
 
 void TakeLine(std::string_view line, HttpRequest& request) {
     // Behind the first blank of a request line stands the protocol version.
-    if (Take(line, "POST ")) {
+    if (Take(line, "POST "sv)) {
         request.method = HttpRequest::Method::kPost;
         request.url = line.substr(0, line.find(' '));
-    } else if (Take(line, "GET ")) {
+    } else if (Take(line, "GET "sv)) {
         request.method = HttpRequest::Method::kGet;
         request.url = line.substr(0, line.find(' '));
-    } else if (Take(line, "Accept-Encoding: ")) {
+    } else if (Take(line, "Accept-Encoding: "sv)) {
         request.acceptEncoding = line;
-    } else if (Take(line, "Host: ")) {
+    } else if (Take(line, "Host: "sv)) {
         request.host = line;
-    } else if (Take(line, "User-Agent: ")) {
+    } else if (Take(line, "User-Agent: "sv)) {
         request.userAgent = line;
     } else {
         TakeLine(line, static_cast<HttpMessage&>(request));
@@ -109,7 +112,7 @@ void TakeLine(std::string_view line, HttpRequest& request) {
 }
 
 void TakeLine(std::string_view line, HttpResponse& response) {
-    if (Take(line, "HTTP/1.0 ") || Take(line, "HTTP/1.1 ")) {
+    if (Take(line, "HTTP/1.0 "sv) || Take(line, "HTTP/1.1 "sv)) {
         response.status = Numbers::Leading<std::int32_t>(std::string(line));
     } else {
         TakeLine(line, static_cast<HttpMessage&>(response));
@@ -117,6 +120,16 @@ void TakeLine(std::string_view line, HttpResponse& response) {
 }
 
 }  // namespace
+
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer needs no zeros
+HttpMessageReader::HttpMessageReader(int descriptor, std::chrono::milliseconds lineTimeout)
+    : descriptor_(descriptor), lineTimeout_(lineTimeout) {
+    const auto whole = std::chrono::floor<std::chrono::seconds>(lineTimeout);
+    const timeval timeout{
+        static_cast<time_t>(whole.count()),
+        static_cast<suseconds_t>(std::chrono::microseconds(lineTimeout - whole).count())};
+    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+}
 
 int HttpMessageReader::WaitForInput() {
     if (Buffered() > 0) {
@@ -146,29 +159,53 @@ long HttpMessageReader::Receive(char* out, std::size_t size) {
     return received;
 }
 
-int HttpMessageReader::ReadLine(std::string& line) {
-    line.clear();
+/// Has something in the buffer. The socket itself ends a receive that waits for as long as for a
+/// byte of a line, so that only a deadline before that needs a wait of its own.
+int HttpMessageReader::Fill() {
+    if (Buffered() > 0) {
+        return kFilled;
+    }
+    if (deadline_ != Clock::time_point::max() && deadline_ - Clock::now() < lineTimeout_ &&
+        WaitForInput() < 1) {
+        return kTimedOut;
+    }
+    const long received = Receive(buffer_.data(), buffer_.size());
+    begin_ = 0;
+    end_ = static_cast<std::size_t>(std::max(received, 0L));
+    if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        return kTimedOut;
+    }
+    return received > 0 ? kFilled : kClosed;
+}
+
+/// The next line without its end and its carriage returns, until something is received again.
+std::optional<std::string_view> HttpMessageReader::ReadLine() {
+    line_.clear();
     for (;;) {
-        if (Buffered() == 0) {
-            if (WaitForInput() < 1) {
-                return kTimedOut;
-            }
-            const long received = Receive(buffer_.data(), buffer_.size());
-            if (received < 1) {
-                return kClosed;
-            }
-            begin_ = 0;
-            end_ = static_cast<std::size_t>(received);
+        if (Fill() != kFilled) {
+            return std::nullopt;
         }
-        const char c = buffer_[begin_++];
-        if (++headSize_ > kMaxHead) {
-            return kClosed;
+        char* const begin = buffer_.data() + begin_;
+        const std::size_t most = std::min(Buffered(), kMaxHead + 1 - headSize_);
+        char* end = static_cast<char*>(std::memchr(begin, '\n', most));
+        const bool isWhole = end != nullptr;
+        const std::size_t taken = isWhole ? static_cast<std::size_t>(end - begin) + 1 : most;
+        begin_ += taken;
+        headSize_ += taken;
+        if (headSize_ > kMaxHead) {
+            return std::nullopt;
         }
-        if (c == '\n') {
-            return static_cast<int>(line.size());
+        end = begin + taken - (isWhole ? 1 : 0);
+        if (void* const dropped = std::memchr(begin, '\r', static_cast<std::size_t>(end - begin))) {
+            end = std::remove(static_cast<char*>(dropped), end, '\r');
         }
-        if (c != '\r') {
-            line += c;
+        const std::string_view part(begin, static_cast<std::size_t>(end - begin));
+        if (isWhole && line_.empty()) {
+            return part;
+        }
+        line_ += part;
+        if (isWhole) {
+            return line_;
         }
     }
 }
@@ -177,31 +214,30 @@ bool HttpMessageReader::WaitForMessage(Clock::time_point deadline) {
     // The time limit of the message begins with its first byte; until then only the wait for that
     // byte counts.
     deadline_ = deadline;
-    return WaitForInput() >= 1;
+    return Fill() != kTimedOut;
 }
 
 /// As ReadLine(), from the beginning of a message: empty lines in front of it are passed over.
-int HttpMessageReader::ReadFirstLine(std::string& line, Clock::time_point deadline) {
+std::optional<std::string_view> HttpMessageReader::ReadFirstLine(Clock::time_point deadline) {
     if (!WaitForMessage(deadline)) {
-        return kTimedOut;
+        return std::nullopt;
     }
     deadline_ = std::min(deadline, Clock::now() + kMessageTimeLimit);
     headSize_ = 0;
-    int length = 0;
-    while (length == 0) {
-        length = ReadLine(line);
-    }
-    return length;
+    std::optional<std::string_view> line;
+    do {
+        line = ReadLine();
+    } while (line && line->empty());
+    return line;
 }
 
 template <typename Message>
 bool HttpMessageReader::ReadHead(Message& message, Clock::time_point deadline) {
-    std::string line;
-    int length = ReadFirstLine(line, deadline);
-    for (; length > 0; length = ReadLine(line)) {
-        TakeLine(line, message);
+    std::optional<std::string_view> line = ReadFirstLine(deadline);
+    for (; line && !line->empty(); line = ReadLine()) {
+        TakeLine(*line, message);
     }
-    return length == 0;
+    return line.has_value();
 }
 
 template bool HttpMessageReader::ReadHead(HttpRequest& message, Clock::time_point deadline);
@@ -265,16 +301,16 @@ long HttpMessageReader::Append(std::string& body, std::size_t most, Share share)
 
 bool HttpMessageReader::ReadChunkedBody(HttpMessage& message, Share share) {
     std::string body;
-    std::string line;
     for (;;) {
         headSize_ = 0;
-        if (ReadLine(line) < 0) {
+        const std::optional<std::string_view> line = ReadLine();
+        if (!line) {
             return false;
         }
-        const std::optional<std::size_t> size = ParseChunkSize(line);
+        const std::optional<std::size_t> size = ParseChunkSize(*line);
         if (!size) {
             ZEL_ERROR("Chunked-Encoding: Expected chunk length, received {%s}",
-                      LogText::Of(line).c_str());
+                      LogText::Of(*line).c_str());
             return false;
         }
         if (*size == 0) {
@@ -294,7 +330,7 @@ bool HttpMessageReader::ReadChunkedBody(HttpMessage& message, Share share) {
             return false;
         }
         headSize_ = 0;
-        if (ReadLine(line) < 0) {
+        if (!ReadLine()) {
             return false;
         }
     }

@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "HttpMessage.h"
 
@@ -37,13 +39,9 @@ public:
     /// would roll the log over.
     static constexpr int kMaxLoggedReceives = 64;
 
-    // Results of ReadLine().
-    static constexpr int kTimedOut = -1;
-    static constexpr int kClosed = -2;
-
-    /// The descriptor stays the caller's.
-    explicit HttpMessageReader(int descriptor, std::chrono::milliseconds lineTimeout = kLineTimeout)
-        : descriptor_(descriptor), lineTimeout_(lineTimeout) {}
+    /// The descriptor stays the caller's; its receive time-out is set.
+    explicit HttpMessageReader(int descriptor,
+                               std::chrono::milliseconds lineTimeout = kLineTimeout);
 
     /// Waits for the first byte of the next message, or the end of the connection, for as long as
     /// for a byte of a line and not beyond `deadline`. Returns false when there is neither.
@@ -71,8 +69,14 @@ private:
     /// Where a large body puts its share; null where bodies are not counted.
     using Share = std::shared_ptr<void>*;
 
-    int ReadLine(std::string& line);
-    int ReadFirstLine(std::string& line, Clock::time_point deadline);
+    // Results of Fill().
+    static constexpr int kFilled = 1;
+    static constexpr int kTimedOut = -1;
+    static constexpr int kClosed = -2;
+
+    std::optional<std::string_view> ReadLine();
+    std::optional<std::string_view> ReadFirstLine(Clock::time_point deadline);
+    int Fill();
     int WaitForInput();
     /// Up to `size` bytes: those in the buffer, or those of one receive. 0 or less at the end.
     long Receive(char* out, std::size_t size);
@@ -90,5 +94,7 @@ private:
     std::size_t headSize_ = 0;
     std::size_t begin_ = 0;
     std::size_t end_ = 0;
-    std::array<char, 4096> buffer_{};
+    /// Of a line that came in parts.
+    std::string line_;
+    std::array<char, 4096> buffer_;  // not cleared
 };

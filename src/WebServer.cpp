@@ -1,17 +1,21 @@
 #include "WebServer.h"
 
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <list>
 #include <new>
 #include <string>
+#include <utility>
 
+#include "ConnectionWorkers.h"
 #include "Descriptors.h"
 #include "Ipv4.h"
 #include "LogText.h"
@@ -24,6 +28,7 @@ namespace {
 constexpr std::chrono::milliseconds kStartupPoll{100};
 constexpr std::chrono::milliseconds kPause{100};
 constexpr std::chrono::milliseconds kStopTime{500};
+constexpr std::size_t kMaxTaken = 16;  // off the queue at once
 
 int OpenListener(std::uint16_t port, int backlog) {
     SocketGuard listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -31,6 +36,9 @@ int OpenListener(std::uint16_t port, int backlog) {
     const sockaddr_in address = Ipv4::SocketAddress({INADDR_ANY}, port);
     if (listener.Get() < 0 ||
         setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        // Connections inherit it: a response leaves in one piece, and its last segment must not
+        // wait for an acknowledgement.
+        setsockopt(listener.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0 ||
         bind(listener.Get(), Ipv4::Generic(address), sizeof address) != 0 ||
         listen(listener.Get(), backlog) != 0) {
         return -1;
@@ -134,36 +142,52 @@ void WebServer::Listen() {
     }
 }
 
+/// Takes all that wait off the queue before it does anything with the next of them: as long as that
+/// is full, whoever comes waits for his second try, a second later.
 void WebServer::Accept(int listener) const {
-    sockaddr_in peer{};
-    socklen_t size = sizeof peer;
-    SocketGuard socket(accept4(listener, Ipv4::Generic(peer), &size, SOCK_CLOEXEC));
-    if (socket.Get() < 0) {
-        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            ZEL_ERROR("Can't accept a connection: %s", std::strerror(errno));
-            Pause();
+    struct Accepted {
+        SocketGuard socket;
+        sockaddr_in peer{};
+    };
+    std::array<Accepted, kMaxTaken> taken;
+    std::size_t count = 0;
+    std::size_t started = 0;
+    int error = 0;
+    do {
+        while (count < taken.size() && error == 0) {
+            auto& [socket, peer] = taken[count];
+            socklen_t size = sizeof peer;
+            socket.Reset(accept4(listener, Ipv4::Generic(peer), &size, SOCK_CLOEXEC));
+            error = socket.Get() < 0 ? errno : 0;
+            count += error == 0 ? 1 : 0;
         }
-        return;  // otherwise the peer has left already
-    }
-    ZEL_DEBUG("Webservices connection from %s", Ipv4::Dotted(peer.sin_addr).c_str());
-    try {
-        StartConnection(socket, peer.sin_addr);
-    } catch (const std::bad_alloc&) {
-        ZEL_ERROR("Out of memory, closing a connection");
+        if (started < count) {
+            auto& [socket, peer] = taken[started++];
+            ZEL_DEBUG("Webservices connection from %s", Ipv4::Dotted(peer.sin_addr).c_str());
+            try {
+                StartConnection(socket, peer.sin_addr);
+            } catch (const std::bad_alloc&) {
+                ZEL_ERROR("Out of memory, closing a connection");
+                Pause();
+            }
+        }
+        error = error == EAGAIN ? 0 : error;
+    } while (started < count);
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        ZEL_ERROR("Can't accept a connection: %s", std::strerror(error));
         Pause();
-    }
+    }  // otherwise nobody waits any more, or has left already
 }
 
 void WebServer::StartConnection(SocketGuard& socket, in_addr peer) const {
-    // Owned by the thread's work, not by a frame of it: a fault in the thread closes the
-    // connection all the same. The memory is there before the socket is given away.
-    const std::shared_ptr<HttpConnection> connection(
+    // The memory is there before the socket is given away.
+    std::unique_ptr<HttpConnection> connection(
         new HttpConnection(socket.Release(), peer, registry_, lineTimeout_, connections_));
     if (!connection->TakePlace()) {
         ZEL_ERROR("Too many connections, closing one");
         return;
     }
-    if (!ServiceThread::StartDetached("WebServer:Proto", [connection] { connection->Serve(); })) {
+    if (!ConnectionWorkers::Serve(std::move(connection))) {
         ZEL_ERROR("Can't start a thread for a connection, closing it");
         Pause();
     }

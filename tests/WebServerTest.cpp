@@ -7,6 +7,8 @@
 #include <future>
 #include <list>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "SocketGuard.h"
@@ -188,6 +190,36 @@ TEST_F(WebServerTest, WhereAllAreServedOnlyThoseWhoHungUpGiveWay) {
     for (const SocketGuard& connection : busy) {
         EXPECT_TRUE(ReadToEnd(connection.Get()).ends_with("waited"));
     }
+}
+
+TEST_F(WebServerTest, AThreadServesWhoComesNextAndLeavesWhenNobodyDoes) {
+    std::set<pid_t> threads;
+    std::size_t requests = 0;
+    std::mutex mutex;
+    Add({"thread", "/thread", Mode::kExact, 0}, [&] {
+        const std::lock_guard lock(mutex);
+        threads.insert(gettid());
+        ++requests;
+        return ZelServlet::kDone;
+    });
+    config_.SetPersistent("web.listen.backlog", "128");  // nobody waits for a second try
+    Start();
+    const std::string get = "GET /thread HTTP/1.0\r\n\r\n";
+    EXPECT_TRUE(Eventually([&] {
+        Exchange(get);
+        const std::lock_guard lock(mutex);
+        return threads.size() < requests;
+    }));
+    std::list<SocketGuard> waiting;
+    for (int i = 0; i < 3; ++i) {  // at a time: none of them waits for a thread
+        waiting.emplace_back(Connect(""));
+    }
+    for (const SocketGuard& connection : waiting) {
+        Send(connection, get);
+        EXPECT_TRUE(ReadToEnd(connection.Get()).ends_with("thread"));
+    }
+    EXPECT_TRUE(Eventually(
+        [] { return OutputOf("cat /proc/$PPID/task/*/comm | grep -c WebServer:Proto") == "0\n"; }));
 }
 
 TEST(WebServerBacklogTest, ASiteCanSetIt) {
