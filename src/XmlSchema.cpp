@@ -33,11 +33,12 @@ const std::string& LatestMessages::Text() {
 
 void LatestMessages::DropOldest() {
     std::size_t dropped = 0;
+    auto kept = sizes_.begin();
     while (text_.size() - dropped > kMaxText) {
-        dropped += sizes_.front();
-        sizes_.pop_front();
+        dropped += *kept++;
     }
     text_.erase(0, dropped);
+    sizes_.erase(sizes_.begin(), kept);
 }
 
 /// Also where it has failed before: it may have been for want of memory or of a descriptor.

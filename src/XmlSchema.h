@@ -4,11 +4,11 @@
 #include <libxml/xmlschemas.h>
 
 #include <cstddef>
-#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "HeldMutex.h"
 
@@ -28,7 +28,7 @@ private:
     void DropOldest();
 
     std::string text_;  // in one piece: many small ones would lie between the nodes of a document
-    std::deque<std::size_t> sizes_;
+    std::vector<std::size_t> sizes_;
 };
 
 /// One W3C XML Schema with the newest of the messages that loading it and validating against it

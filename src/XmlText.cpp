@@ -5,10 +5,13 @@
 #include <libxml/parser.h>
 #include <libxml/xmlstring.h>
 
+#include <array>
 #include <cstddef>
+#include <mutex>
 #include <new>
 #include <utility>
 
+#include "HeldMutex.h"
 #include "Namespaces.h"
 #include "Utf8.h"
 
@@ -31,9 +34,73 @@ std::string TakeText(xmlChar* text) {
     return owned ? ToChars(owned.get()) : "";
 }
 
+/// Most of what is written: ASCII that is neither control character nor markup. A table, since it
+/// is asked for each byte.
+constexpr auto kStandsForItself = [] {
+    std::array<bool, 256> table{};
+    for (std::size_t code = ' '; code < 0x80; ++code) {
+        table[code] = code != '&' && code != '<' && code != '>' && code != '"';
+    }
+    return table;
+}();
+
+/// How many bytes at the beginning stand for themselves.
+std::size_t PlainSize(std::string_view text) {
+    std::size_t size = 0;
+    while (size < text.size() && kStandsForItself[static_cast<unsigned char>(text[size])]) {
+        ++size;
+    }
+    return size;
+}
+
 struct FreeParser {
     void operator()(xmlParserCtxt* parser) const { xmlFreeParserCtxt(parser); }
 };
+using Parser = std::unique_ptr<xmlParserCtxt, FreeParser>;
+
+// What clients usually send. Nobody can make the box keep much with it.
+constexpr std::size_t kSmallText = std::size_t{4} * 1024;
+
+/// Parsers that have read a small text and may read others. To make one costs as much as such a
+/// text, and takes a lock of the library that is the same for all threads.
+class Parsers {
+public:
+    static constexpr std::size_t kMaxKept = 8;
+    /// Bytes that one has taken for the names that it has read: the first piece only, since a table
+    /// of many short names takes more than they do.
+    static constexpr std::size_t kMaxNames = std::size_t{4} * 1024;
+
+    Parser Take() {
+        {
+            const std::lock_guard lock(mutex_);
+            if (count_ > 0) {
+                return std::move(kept_[--count_]);
+            }
+        }
+        return Parser(xmlNewParserCtxt());
+    }
+
+    void GiveBack(Parser parser) {
+        if (xmlDictGetUsage(parser->dict) > kMaxNames) {
+            return;
+        }
+        const std::lock_guard lock(mutex_);
+        if (count_ < kept_.size()) {
+            kept_[count_++] = std::move(parser);
+        }
+    }
+
+private:
+    HeldMutex mutex_;
+    std::array<Parser, kMaxKept> kept_;
+    std::size_t count_ = 0;
+};
+
+Parsers& AllParsers() {
+    // Connections may outlive what the process destroys at its end.
+    static auto& all = *new Parsers;
+    return all;
+}
 
 bool IsSame(const xmlChar* text, const char* other) {
     return xmlStrEqual(text, reinterpret_cast<const xmlChar*>(other)) != 0;
@@ -75,7 +142,10 @@ std::size_t NameSize(const xmlChar* name, const xmlChar* uri) {
 class Reading {
 public:
     Reading(std::string_view text, DocumentType type)
-        : rest_(text), type_(type), parser_(xmlNewParserCtxt()) {}
+        : rest_(text),
+          isSmall_(text.size() <= kSmallText),
+          type_(type),
+          parser_(isSmall_ ? AllParsers().Take() : Parser(xmlNewParserCtxt())) {}
     Reading(const Reading&) = delete;
     Reading& operator=(const Reading&) = delete;
 
@@ -93,12 +163,20 @@ public:
         // it says of a broken encoding heeds the options not.
         xmlSetGenericErrorFunc(nullptr, Ignore);
         constexpr int kOptions = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+        // The few names of a small text stay without the library's lock when they are its own.
+        const int options = kOptions | (isSmall_ ? XML_PARSE_NODICT : 0);
         // The document gets no name: with one, every message of a validator looks through all the
         // nodes before its own.
         Document document(
-            xmlCtxtReadIO(parser_.get(), GivePiece, nullptr, this, nullptr, nullptr, kOptions));
+            xmlCtxtReadIO(parser_.get(), GivePiece, nullptr, this, nullptr, nullptr, options));
         // Where memory was lacking, the library stops and returns what it has.
-        return refused_ || parser_->disableSAX != 0 ? nullptr : std::move(document);
+        if (!document || refused_ || parser_->disableSAX != 0) {
+            return nullptr;
+        }
+        if (isSmall_) {
+            AllParsers().GiveBack(std::move(parser_));
+        }
+        return document;
     }
 
 private:
@@ -199,8 +277,9 @@ private:
     }
 
     std::string_view rest_;
+    const bool isSmall_;
     DocumentType type_;
-    std::unique_ptr<xmlParserCtxt, FreeParser> parser_;
+    Parser parser_;
     bool refused_ = false;
     int elements_ = 0;
     int attributes_ = 0;
@@ -270,36 +349,45 @@ std::string ChildText(const xmlNode* parent, std::string_view localName) {
     return Content(FindChild(parent, localName));
 }
 
-std::string Escape(std::string_view text) {
-    std::string escaped;
-    escaped.reserve(text.size());
+void AppendEscaped(std::string& out, std::string_view text) {
     while (!text.empty()) {
+        const std::size_t plain = PlainSize(text);
+        out.append(text, 0, plain);
+        text.remove_prefix(plain);
+        if (text.empty()) {
+            return;
+        }
         const Utf8::Character character = Utf8::First(text);
         switch (text.front()) {
             case '&':
-                escaped += "&amp;";
+                out += "&amp;";
                 break;
             case '<':
-                escaped += "&lt;";
+                out += "&lt;";
                 break;
             case '>':
-                escaped += "&gt;";
+                out += "&gt;";
                 break;
             case '"':
-                escaped += "&quot;";
+                out += "&quot;";
                 break;
             case '\r':
-                escaped += "&#13;";
+                out += "&#13;";
                 break;
             default:
                 if (character.isValid && xmlIsCharQ(character.code)) {
-                    escaped += text.substr(0, character.size);
+                    out += text.substr(0, character.size);
                 } else {
-                    escaped += kUnprintable;
+                    out += kUnprintable;
                 }
         }
         text.remove_prefix(character.size);
     }
+}
+
+std::string Escape(std::string_view text) {
+    std::string escaped;
+    AppendEscaped(escaped, text);
     return escaped;
 }
 

@@ -88,8 +88,11 @@ std::string Content(const xmlNode* node);
 /// Value of the attribute without namespace; empty when there is none.
 std::string Attribute(const xmlNode* node, const char* name);
 
-/// `text` as it may stand in element content or in a quoted attribute. What no XML document may
-/// hold (control characters, broken UTF-8, U+FFFE and U+FFFF) becomes question marks.
+/// Appends `text` as it may stand in element content or in a quoted attribute. What no XML document
+/// may hold (control characters, broken UTF-8, U+FFFE and U+FFFF) becomes question marks.
+void AppendEscaped(std::string& out, std::string_view text);
+
+/// The same as a text of its own.
 std::string Escape(std::string_view text);
 
 }  // namespace XmlText

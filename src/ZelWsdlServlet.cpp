@@ -17,19 +17,35 @@ namespace {
 constexpr int kAnswered = 0;
 constexpr char kContentType[] = "text/xml;charset=\"utf-8\"";
 
-std::string Envelope(const std::string& content) {
-    return std::string("<S:Envelope xmlns:S=\"") + Namespaces::kSoap11Envelope +
-           "\">\n\t<S:Body>\n" + content + "\t</S:Body>\n</S:Envelope>\n";
+// Bytes of an envelope and of a fault around what they hold, and more.
+constexpr std::size_t kFrameSize = 512;
+
+void AppendFault(std::string& text, const std::string& message) {
+    text += "\t\t<S:Fault xmlns:ns4=\"";
+    text += Namespaces::kSoap12Envelope;
+    text +=
+        "\">\n"
+        "\t\t\t<faultcode>S:Client</faultcode>\n"
+        "\t\t\t<faultstring>";
+    text += message;
+    text +=
+        "</faultstring>\n"
+        "\t\t</S:Fault>\n";
 }
 
-std::string Fault(const std::string& message) {
-    return std::string("\t\t<S:Fault xmlns:ns4=\"") + Namespaces::kSoap12Envelope +
-           "\">\n"
-           "\t\t\t<faultcode>S:Client</faultcode>\n"
-           "\t\t\t<faultstring>" +
-           message +
-           "</faultstring>\n"
-           "\t\t</S:Fault>\n";
+std::string Envelope(const ZelWsdlServlet::Answer& answer) {
+    std::string text;
+    text.reserve(answer.text.size() + kFrameSize);
+    text += "<S:Envelope xmlns:S=\"";
+    text += Namespaces::kSoap11Envelope;
+    text += "\">\n\t<S:Body>\n";
+    if (answer.isFault) {
+        AppendFault(text, answer.text);
+    } else {
+        text += answer.text;
+    }
+    text += "\t</S:Body>\n</S:Envelope>\n";
+    return text;
 }
 
 ServiceSchemas& SchemasOf(const std::string& servletName) {
@@ -86,8 +102,7 @@ int ZelWsdlServlet::Service(const HttpRequest& request, ServletResponse& respons
 }
 
 int ZelWsdlServlet::Send(Answer answer, const HttpRequest& request, ServletResponse& response) {
-    response.Fulfil(request, kContentType,
-                    Envelope(answer.isFault ? Fault(answer.text) : answer.text));
+    response.Fulfil(request, kContentType, Envelope(answer));
     response.keepAlive = response.keepAlive && !answer.isFault;
     response.keptUntilReceived = std::move(answer.keptUntilReceived);
     return kAnswered;
@@ -114,7 +129,7 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, ServletResponse& respon
         ZEL_ERROR("ZEL soap method is empty");
         return refuse("Method is empty for " + service());
     }
-    const std::string name(XmlText::LocalName(method));
+    const std::string_view name = XmlText::LocalName(method);
     const std::string shownName = LogText::Of(name);
     if (!IsValid(method, GetName(), errors)) {
         ZEL_ERROR("ZEL soap method '%s' not valid", shownName.c_str());
@@ -124,7 +139,7 @@ int ZelWsdlServlet::Dispatch(const HttpRequest& request, ServletResponse& respon
     const auto found = definition_.methods.find(name);
     if (found == definition_.methods.end()) {
         ZEL_ERROR("ZEL soap method '%s' not found", shownName.c_str());
-        return refuse("Cannot find dispatch method for " + service() + name);
+        return refuse("Cannot find dispatch method for " + service() + std::string(name));
     }
     return found->second(method, request, response, *this);
 }

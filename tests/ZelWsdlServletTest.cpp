@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <signal.h>
 
 #include <string>
@@ -162,6 +163,30 @@ TEST(XmlTextTest, WhatADocumentMayHoldIsLimited) {
          }) {
         EXPECT_TRUE(isRead(start, limit, end)) << start.substr(0, 60);
         EXPECT_FALSE(isRead(start, above, end)) << start.substr(0, 60);
+    }
+}
+
+TEST(XmlTextTest, SmallTextsLeaveNothingBehind) {
+    const auto inUse = [] { return mallinfo2().uordblks + mallinfo2().hblkhd; };
+    // An encoding, a document type, a namespace and a name that no other text has.
+    const auto isRead = [](int number) {
+        return XmlText::Parse(
+                   "<?xml version='1.0' encoding='ISO-8859-1'?><!DOCTYPE a><p:a xmlns:p='u'>\xfc<" +
+                       std::string(3500, 'n') + std::to_string(number) + "/></p:a>",
+                   XmlText::DocumentType::kNameOnly) != nullptr;
+    };
+    EXPECT_TRUE(isRead(0));
+    const std::size_t before = inUse();
+    for (int i = 1; i < 2000; ++i) {
+        EXPECT_TRUE(isRead(i));
+    }
+    EXPECT_LT(inUse(), before + 100000);
+    const XmlText::Document document = XmlText::Parse("<p:a/>");
+    ASSERT_TRUE(document);
+    EXPECT_EQ(xmlDocGetRootElement(document.get())->ns, nullptr);
+    for (const char* text : {"<!DOCTYPE a><a/>", "<a>\xfc</a>"}) {
+        EXPECT_TRUE(isRead(1));
+        EXPECT_FALSE(XmlText::Parse(text)) << text;
     }
 }
 
