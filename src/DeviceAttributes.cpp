@@ -9,10 +9,10 @@
 #include <string>
 #include <string_view>
 
-#include "KvadVin.h"
 #include "NetRequests.h"
 #include "NetworkAttributes.h"
 #include "Numbers.h"
+#include "SourceFile.h"
 #include "StoreKeys.h"
 #include "WlanMacFile.h"
 #include "ZelLog.h"
@@ -28,8 +28,6 @@ constexpr std::string_view kTemperaturePrefix = "Temp:";
 constexpr unsigned kFanOn = 0x02;
 constexpr unsigned kTemperatureCritical = 0x10;
 
-constexpr char kUsbDevices[] = "/proc/bus/usb/devices";
-constexpr char kOpticalBusId[] = "Vendor=103a ProdID=000b";
 constexpr char kOpticalBusState[] = "/tmp/moststate";
 
 constexpr char kMemoryInfo[] = "/proc/meminfo";
@@ -41,7 +39,7 @@ const char* ToDigit(bool value) {
 
 bool SetFromFile(ZelConfig& config, const std::string& key, const char* path) {
     std::string value;
-    const bool read = ReadFirstLine(path, value);
+    const bool read = SourceFile(path).ReadFirstLine(value);
     config.SetFixed(key, value);
     return read;
 }
@@ -92,7 +90,7 @@ bool AddVersions(ZelConfig& config) {
                                      {StoreKeys::kApplicationPackage, "/app/PACKAGE_VERSION", ""}}};
     bool complete = true;
     for (Version& version : versions) {
-        complete &= ReadFirstLine(version.path, version.text);
+        complete &= SourceFile(version.path).ReadFirstLine(version.text);
     }
     CutApplicationVersion(versions[2].text);
     for (Version& version : versions) {
@@ -107,8 +105,9 @@ bool AddVersions(ZelConfig& config) {
 
 /// The line is "Temp:<text>,<name>:<status word in hexadecimal>".
 bool ReadTemperature(std::string& temperature, unsigned& status) {
+    static SourceFile file(kTemperatureFile);
     std::string line;
-    if (!ReadFirstLine(kTemperatureFile, line) || !line.starts_with(kTemperaturePrefix)) {
+    if (!file.ReadFirstLine(line) || !line.starts_with(kTemperaturePrefix)) {
         return false;
     }
     const std::size_t comma = line.find(',');
@@ -159,42 +158,33 @@ void AddSupply(ZelConfig& config, const Trigger15& trigger15) {
     });
 }
 
-bool ProvideVehicleDiagnosis(const std::string& key, std::string& out) {
-    KvadVin vehicle;
-    if (!vehicle.Read()) {
+bool ProvideVehicleDiagnosis(const std::string& key, std::string& out, LiveSources& sources) {
+    const KvadVin* vehicle = sources.Vehicle();
+    if (vehicle == nullptr) {
         return false;
     }
     if (key == StoreKeys::kVin) {
-        out = vehicle.vin;
+        out = vehicle->vin;
     } else if (key == StoreKeys::kHasVin) {
-        out = ToDigit(!vehicle.vin.empty());
+        out = ToDigit(!vehicle->vin.empty());
     } else if (key == StoreKeys::kGatewayAddress) {
-        out = vehicle.gateway;
+        out = vehicle->gateway;
     } else if (key == StoreKeys::kControlUnits) {
-        out = vehicle.ControlUnitList();
+        out = vehicle->ControlUnitList();
     } else {
         return false;
     }
     return true;
 }
 
-bool HasOpticalBus() {
-    std::ifstream devices(kUsbDevices);
-    for (std::string line; std::getline(devices, line);) {
-        if (line.find(kOpticalBusId) != std::string::npos) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool ProvideOpticalBus(const std::string& key, std::string& out) {
-    if (!HasOpticalBus()) {
+bool ProvideOpticalBus(const std::string& key, std::string& out, LiveSources& sources) {
+    if (!sources.HasOpticalBus()) {
         out = "0";
         return true;
     }
     if (key == StoreKeys::kOpticalBusLight) {
-        return ReadFirstLine(kOpticalBusState, out);
+        static SourceFile state(kOpticalBusState);
+        return state.ReadFirstLine(out);
     }
     out = "1";
     return true;
@@ -202,8 +192,9 @@ bool ProvideOpticalBus(const std::string& key, std::string& out) {
 
 /// The kernel's version of the head is a number other than zero when one is connected.
 bool ProvideHeadC(const std::string& /*key*/, std::string& out) {
+    static SourceFile file("/proc/sys/tavoc_ver");
     std::string version;
-    ReadFirstLine("/proc/sys/tavoc_ver", version);
+    file.ReadFirstLine(version);
     out = ToDigit(version.find_first_not_of("0x. \t") != std::string::npos);
     return true;
 }

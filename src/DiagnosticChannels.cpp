@@ -2,8 +2,8 @@
 
 #include "StoreKeys.h"
 
-DiagnosticChannels DiagnosticChannels::Read(const ZelConfig& config) {
-    const auto isOn = [&config](const char* key) { return config.Get(key) == "1"; };
+DiagnosticChannels DiagnosticChannels::Read(const ZelConfig& config, LiveSources& sources) {
+    const auto isOn = [&](const char* key) { return config.Get(key, sources) == "1"; };
     return {.dCan = !isOn(StoreKeys::kHeadC) && !isOn(StoreKeys::kHeadD),
             .most = isOn(StoreKeys::kOpticalBusLight) && isOn(StoreKeys::kOpticalBusThere)};
 }

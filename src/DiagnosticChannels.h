@@ -10,7 +10,7 @@ struct DiagnosticChannels {
     bool dCan = false;  ///< no diagnosis head is connected that takes the bus
     bool most = false;  ///< the optical bus interface is there and sees light
 
-    static DiagnosticChannels Read(const ZelConfig& config);
+    static DiagnosticChannels Read(const ZelConfig& config, LiveSources& sources);
 
     /// The usable channels in brackets, with commas between them and always in this order:
     /// "[KLine,DCAN,MOST]", at least "[KLine]".

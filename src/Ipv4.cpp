@@ -3,12 +3,21 @@
 #include <arpa/inet.h>
 
 #include <array>
+#include <bit>
+#include <charconv>
 
 namespace Ipv4 {
 
 std::string Dotted(in_addr address) {
     std::array<char, INET_ADDRSTRLEN> dotted{};
-    return inet_ntop(AF_INET, &address, dotted.data(), dotted.size());
+    char* end = dotted.data();
+    for (const unsigned char part : std::bit_cast<std::array<unsigned char, 4>>(address)) {
+        if (end != dotted.data()) {
+            *end++ = '.';
+        }
+        end = std::to_chars(end, dotted.data() + dotted.size(), part).ptr;
+    }
+    return {dotted.data(), end};
 }
 
 std::optional<in_addr> Parse(const std::string& dotted) {

@@ -1,25 +1,37 @@
 #include "KvadVin.h"
 
-#include <array>
-#include <cstdio>
+#include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "Characters.h"
-#include "File.h"
+#include "SourceFile.h"
 
 namespace {
 
 // Lines of 1023 bytes and more are read in pieces.
 constexpr std::size_t kLineSize = 1024;
 
+constexpr std::string_view kBlanks(" \t\n\v\f\r");
+
+/// Takes the next line, or piece of one, off `text`. Empty lines, and blanks at the beginning of
+/// others, do not count; nothing is left of a text without further lines.
+std::string_view TakeLine(std::string_view& text) {
+    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    const std::string_view line = text.substr(0, text.find('\n')).substr(0, kLineSize - 1);
+    text.remove_prefix(line.size());
+    return line.substr(0, line.find('\0'));
+}
+
 /// The text without blanks at both ends, and without control characters.
 std::string Clean(std::string_view text) {
     std::string clean;
-    for (const char c : text) {
-        if (!Characters::IsControl(c) && (c != ' ' || !clean.empty())) {
-            clean += c;
-        }
-    }
+    clean.reserve(text.size());
+    std::copy_if(text.begin(), text.end(), std::back_inserter(clean), [&clean](char c) {
+        return !Characters::IsControl(c) && (c != ' ' || !clean.empty());
+    });
     clean.resize(clean.find_last_not_of(' ') + 1);
     return clean;
 }
@@ -27,27 +39,26 @@ std::string Clean(std::string_view text) {
 }  // namespace
 
 bool KvadVin::Read() {
-    const File file = OpenToRead(kPath);
-    if (!file) {
+    static SourceFile file(kPath);
+    std::string text;
+    if (!file.ReadAll(text)) {
         return false;
     }
     *this = {};
-    std::array<char, kLineSize> buffer{};
-    // The blank in front skips empty lines at the beginning of the file, the one behind all others.
-    while (std::fscanf(file.get(), " %1023[^\n]\n", buffer.data()) == 1) {
-        const std::string_view line(buffer.data());
+    for (std::string_view rest(text); !rest.empty();) {
+        const std::string_view line = TakeLine(rest);
         const std::size_t cut = line.find('=');
         if (cut == std::string_view::npos) {
             continue;
         }
         const std::string name = Clean(line.substr(0, cut));
-        const std::string value = Clean(line.substr(cut + 1));
+        std::string value = Clean(line.substr(cut + 1));
         if (name == "KVAD") {
-            vin = value;
+            vin = std::move(value);
         } else if (name == "GW_DIAG_ADR") {
-            gateway = value;
+            gateway = std::move(value);
         } else if (name == "DIAG_ADR") {
-            controlUnits.push_back(value);
+            controlUnits.push_back(std::move(value));
         }
     }
     return true;

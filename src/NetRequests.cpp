@@ -5,13 +5,14 @@
 #include <net/route.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
-#include <vector>
+#include <span>
+#include <string_view>
 
 // Clashes with <net/if.h> unless it comes behind it.
 #include <linux/wireless.h>
@@ -19,6 +20,7 @@
 #include "Ipv4.h"
 #include "Numbers.h"
 #include "SocketGuard.h"
+#include "SourceFile.h"
 #include "ZelLog.h"
 
 namespace NetRequests {
@@ -50,21 +52,33 @@ int OpenSocketOrLog() {
 /// Fills the name into an ifreq or iwreq and sends it through the socket. False, with errno, when
 /// the kernel refuses it.
 template <typename Request>
-bool Ask(const SocketGuard& socketGuard, const std::string& interface, unsigned long code,
-         Request& request) {
+bool Ask(int socket, const std::string& interface, unsigned long code, Request& request) {
     if (interface.empty()) {
         errno = ENODEV;  // the kernel says so, too, but looks for a module of that name first
         return false;
     }
     const InterfaceName name = CutName(interface);
     std::memcpy(&request, name.data(), name.size());
-    return ioctl(socketGuard.Get(), code, &request) != -1;
+    return ioctl(socket, code, &request) != -1;
 }
 
-/// The same without a line in the log; without a socket, too, where no interface is named.
+/// For the questions: one socket for all of them, made by the first for which there is one.
+int KeptSocket() {
+    static std::atomic<int> kept = -1;
+    if (kept < 0) {
+        SocketGuard opened(OpenSocket());
+        int none = -1;
+        if (kept.compare_exchange_strong(none, opened.Get())) {
+            static_cast<void>(opened.Release());  // it lives as long as the process
+        }
+    }
+    return kept;
+}
+
+/// The same as Ask() without a line in the log; without a socket, too, where no interface is named.
 template <typename Request>
 bool AskQuietly(const std::string& interface, unsigned long code, Request& request) {
-    return !interface.empty() && Ask(SocketGuard(OpenSocket()), interface, code, request);
+    return !interface.empty() && Ask(KeptSocket(), interface, code, request);
 }
 
 sockaddr ToSocketAddress(in_addr_t address) {
@@ -90,10 +104,10 @@ rtentry MakeRoute(unsigned short flags, in_addr_t destination) {
 
 /// The first words of a line of the kernel's table.
 struct RouteLine {
-    std::string interface;
-    std::string destination;
-    std::string gateway;
-    std::string flags;
+    std::string_view interface;
+    std::string_view destination;
+    std::string_view gateway;
+    std::string_view flags;
 
     bool IsDefault() const { return destination == "00000000"; }
     /// The kernel prints the address word as it lies in memory.
@@ -102,22 +116,43 @@ struct RouteLine {
     }
 };
 
-/// The kernel's table of routes with its heading. Nothing, with errno, when it cannot be opened.
-std::optional<std::vector<RouteLine>> ReadRoutes() {
-    std::ifstream file(kRouteFile);
-    if (!file) {
-        return std::nullopt;
+std::string_view TakeWord(std::string_view& text) {
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    const auto* const begin = std::find_if_not(text.begin(), text.end(), isBlank);
+    const auto* const end = std::find_if(begin, text.end(), isBlank);
+    text = {end, text.end()};
+    return {begin, end};
+}
+
+/// Gives the lines of the kernel's table of routes, its heading among them, to `take` until that
+/// returns false. False, with errno, when the table cannot be opened.
+template <typename Take>
+bool ReadRoutes(Take take) {
+    static SourceFile file(kRouteFile);
+    SourceFile::Reading reading(file);
+    if (!reading.IsOpen()) {
+        return false;
     }
-    std::vector<RouteLine> routes;
-    std::string line;
-    while (std::getline(file, line)) {
-        RouteLine route;
-        if (std::istringstream(line) >> route.interface >> route.destination >> route.gateway >>
-            route.flags) {
-            routes.push_back(route);
+    constexpr std::size_t kBlock = 4096;  // a line has 128 bytes
+    std::array<char, kBlock> block;       // NOLINT(cppcoreguidelines-pro-type-member-init)
+    std::size_t kept = 0;
+    while (const std::size_t count = reading.Next(std::span(block).subspan(kept))) {
+        std::string_view text(block.data(), kept + count);
+        for (std::size_t end = 0; (end = text.find('\n')) != std::string_view::npos;) {
+            std::string_view words = text.substr(0, end);
+            RouteLine route;
+            for (std::string_view* word :
+                 {&route.interface, &route.destination, &route.gateway, &route.flags}) {
+                *word = TakeWord(words);
+            }
+            if (!route.flags.empty() && !take(route)) {
+                return true;
+            }
+            text.remove_prefix(end + 1);
         }
+        kept = text.copy(block.data(), text.size());
     }
-    return routes;
+    return true;
 }
 
 }  // namespace
@@ -130,7 +165,7 @@ NetStatus Send(const std::string& interface, ifreq* request, unsigned long code)
     if (socketGuard.Get() < 0) {
         return NetStatus::kFailed;
     }
-    if (Ask(socketGuard, interface, code, *request)) {
+    if (Ask(socketGuard.Get(), interface, code, *request)) {
         return NetStatus::kDone;
     }
     switch (errno) {
@@ -176,7 +211,8 @@ std::optional<bool> ReadLink(const std::string& interface) {
 
 in_addr_t ReadOwnAddress(const std::string& interface) {
     ifreq request{};
-    const bool answered = Ask(SocketGuard(OpenSocketOrLog()), interface, SIOCGIFADDR, request);
+    const bool answered =
+        Ask(SocketGuard(OpenSocketOrLog()).Get(), interface, SIOCGIFADDR, request);
     return answered ? AddressIn(request).s_addr : INADDR_ANY;
 }
 
@@ -217,22 +253,24 @@ NetStatus DeleteRoute(const std::string& interface, unsigned short flags, in_add
 }
 
 NetStatus ReadGateway(const std::string& interface, in_addr_t& gateway) {
-    const auto routes = ReadRoutes();
-    if (!routes) {
+    in_addr_t found = 0;
+    const bool isRead = ReadRoutes([&](const RouteLine& route) {
+        ZEL_DEBUG("%s, %s, %s, %s", std::string(route.interface).c_str(),
+                  std::string(route.destination).c_str(), std::string(route.gateway).c_str(),
+                  std::string(route.flags).c_str());
+        // The flags are hexadecimal; their last decimal digit tells RTF_UP just as well.
+        if (route.interface == interface && route.IsDefault() &&
+            Numbers::Leading(std::string(route.flags)) % 2 != 0) {
+            found = route.Gateway().value_or(0);
+            ZEL_DEBUG("set %s %x", interface.c_str(), found);
+        }
+        return true;
+    });
+    if (!isRead) {
         ZEL_ERROR("Can't open file because of '%s'", std::strerror(errno));
         return NetStatus::kFailed;
     }
-    gateway = 0;
-    for (const RouteLine& route : *routes) {
-        ZEL_DEBUG("%s, %s, %s, %s", route.interface.c_str(), route.destination.c_str(),
-                  route.gateway.c_str(), route.flags.c_str());
-        // The flags are hexadecimal; their last decimal digit tells RTF_UP just as well.
-        if (route.interface == interface && route.IsDefault() &&
-            Numbers::Leading(route.flags) % 2 != 0) {
-            gateway = route.Gateway().value_or(0);
-            ZEL_DEBUG("set %s %x", interface.c_str(), gateway);
-        }
-    }
+    gateway = found;
     ZEL_DEBUG("Gateway: %x", gateway);
     return NetStatus::kDone;
 }
@@ -243,13 +281,12 @@ std::optional<in_addr> ReadAddress(const std::string& interface, unsigned long c
 }
 
 std::optional<in_addr> ReadDefaultGateway() {
-    for (const RouteLine& route : ReadRoutes().value_or(std::vector<RouteLine>())) {
-        if (route.IsDefault()) {
-            const std::optional<in_addr_t> gateway = route.Gateway();
-            return gateway ? std::optional(in_addr{*gateway}) : std::nullopt;
-        }
-    }
-    return std::nullopt;
+    std::optional<in_addr_t> gateway;
+    static_cast<void>(ReadRoutes([&gateway](const RouteLine& route) {  // no table, no gateway
+        gateway = route.IsDefault() ? route.Gateway() : std::nullopt;
+        return !route.IsDefault();
+    }));
+    return gateway ? std::optional(in_addr{*gateway}) : std::nullopt;
 }
 
 bool ReadMacAddress(const std::string& interface, std::string& out) {

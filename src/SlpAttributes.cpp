@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <limits>
 #include <string_view>
-#include <vector>
 
 #include "ColorTable.h"
 #include "DeviceReservation.h"
@@ -18,14 +17,26 @@
 namespace SlpAttributes {
 namespace {
 
+using AddressParts = std::array<int, 4>;
+
+/// What one list is made of: what several of its rows need is read once.
 struct Source {
     const ZelConfig& config;
-    std::int32_t counter;
+    LiveSources live = {};
+    std::string kl15 = {};
+    std::string kl30 = {};
+    AddressParts gateway = {};
+    std::string value = {};  // room for that of the row at work
+
+    const std::string& Get(const char* key) {
+        config.Get(key, value, live);
+        return value;
+    }
 };
 
-/// Makes the value of a row as it stands in the list: only what the agent itself has put together
-/// is not escaped. `argument` is what the row holds for it, most often a key.
-using Value = std::string (*)(const Source& source, const char* argument);
+/// Puts the value of a row at the end of the list: only what the agent itself has put together is
+/// not escaped. `argument` is what the row holds for it, most often a key.
+using Value = void (*)(std::string& list, Source& source, const char* argument);
 
 struct Row {
     const char* label;
@@ -46,8 +57,6 @@ const char* ReadInt(const char* text, int base, int& number) {
     return end;
 }
 
-using AddressParts = std::array<int, 4>;
-
 /// Reads "%i.%i.%i.%i": the parts from the first one that is no number on stay as they were.
 void ReadAddress(const std::string& text, AddressParts& parts) {
     constexpr int kAnyBase = 0;
@@ -63,87 +72,88 @@ void ReadAddress(const std::string& text, AddressParts& parts) {
     }
 }
 
-std::string ToSignedDecimal(const AddressParts& parts) {
+void AppendAddress(std::string& list, const AddressParts& parts) {
     std::uint32_t address = 0;
     for (std::size_t i = 0; i < parts.size(); ++i) {
         constexpr std::uint32_t kPartBits = 8;
         address |= static_cast<std::uint32_t>(parts[i])
                    << (kPartBits * static_cast<std::uint32_t>(parts.size() - 1 - i));
     }
-    return std::to_string(static_cast<std::int32_t>(address));
+    list += std::to_string(static_cast<std::int32_t>(address));
 }
 
-std::string Text(const Source& /*source*/, const char* argument) {
-    return argument;
+void Text(std::string& list, Source& /*source*/, const char* argument) {
+    list += argument;
 }
 
-std::string Stored(const Source& source, const char* argument) {
-    return SlpEscapes::Escape(source.config.Get(argument));
+void Stored(std::string& list, Source& source, const char* argument) {
+    SlpEscapes::AppendEscaped(list, source.Get(argument));
 }
 
-std::string StoredOrZero(const Source& source, const char* argument) {
-    std::string value;
-    return source.config.Get(argument, value) ? SlpEscapes::Escape(value) : "0";
+void Kl15Voltage(std::string& list, Source& source, const char* /*argument*/) {
+    SlpEscapes::AppendEscaped(list, source.kl15);
+}
+
+void Kl30Voltage(std::string& list, Source& source, const char* /*argument*/) {
+    SlpEscapes::AppendEscaped(list, source.kl30);
+}
+
+void StoredOrZero(std::string& list, Source& source, const char* argument) {
+    const bool isThere = source.config.Get(argument, source.value, source.live);
+    SlpEscapes::AppendEscaped(list, isThere ? source.value : "0");
 }
 
 /// "[a,b,c]"; what is escaped are its members.
-std::string StoredList(const Source& source, const char* argument) {
-    std::string value;
-    return source.config.Get(argument, value) ? SlpEscapes::Escape(value, ",") : "[]";
+void StoredList(std::string& list, Source& source, const char* argument) {
+    const bool isThere = source.config.Get(argument, source.value, source.live);
+    SlpEscapes::AppendEscaped(list, isThere ? source.value : "[]", ",");
 }
 
-std::string Owner(const Source& source, const char* argument) {
-    const std::string owner = source.config.Get(argument);
-    return SlpEscapes::Escape(SlpEscapes::FirstCharacters(owner, kMaxOwner));
+void Owner(std::string& list, Source& source, const char* argument) {
+    SlpEscapes::AppendEscaped(list, SlpEscapes::FirstCharacters(source.Get(argument), kMaxOwner));
 }
 
-std::string CurrentAddress(const Source& source, const char* /*argument*/) {
-    return SlpEscapes::Escape(
-        source.config.Get(NetworkType::IpKey(NetworkType::IsLan(source.config))));
+void CurrentAddress(std::string& list, Source& source, const char* /*argument*/) {
+    Stored(list, source, NetworkType::IpKey(NetworkType::IsLan(source.config)));
 }
 
-std::string ColorValue(const Source& source, const char* argument) {
-    return std::string(ColorTable::ValueOf(source.config.Get(argument)));
+void ColorValue(std::string& list, Source& source, const char* argument) {
+    list += ColorTable::ValueOf(source.Get(argument));
 }
 
-std::string Counter(const Source& source, const char* /*argument*/) {
-    return std::to_string(source.counter);
+/// Every list has one of its own.
+void Counter(std::string& /*list*/, Source& /*source*/, const char* /*argument*/) {}
+
+void IsNotZero(std::string& list, Source& source, const char* argument) {
+    list += source.Get(argument) == "0" ? "false" : "true";
 }
 
-std::string IsNotZero(const Source& source, const char* argument) {
-    return source.config.Get(argument) == "0" ? "false" : "true";
+void UsableChannels(std::string& list, Source& source, const char* /*argument*/) {
+    list += DiagnosticChannels::Read(source.config, source.live).ToText();
 }
 
-std::string UsableChannels(const Source& source, const char* /*argument*/) {
-    return DiagnosticChannels::Read(source.config).ToText();
+/// What is missing in the mask is the gateway's.
+void NetMask(std::string& list, Source& source, const char* /*argument*/) {
+    ReadAddress(source.Get(StoreKeys::kDefaultGateway), source.gateway);
+    AddressParts mask = source.gateway;
+    ReadAddress(source.Get(NetworkType::NetmaskKey(NetworkType::IsLan(source.config))), mask);
+    AppendAddress(list, mask);
 }
 
-AddressParts GatewayParts(const Source& source) {
-    AddressParts parts{};
-    ReadAddress(source.config.Get(StoreKeys::kDefaultGateway), parts);
-    return parts;
+/// Stands behind the mask.
+void NetGateway(std::string& list, Source& source, const char* /*argument*/) {
+    AppendAddress(list, source.gateway);
 }
 
-std::string NetGateway(const Source& source, const char* /*argument*/) {
-    return ToSignedDecimal(GatewayParts(source));
-}
-
-/// Clients know the net mask that cannot be read as the gateway's address.
-std::string NetMask(const Source& source, const char* /*argument*/) {
-    AddressParts parts = GatewayParts(source);
-    const bool isLan = NetworkType::IsLan(source.config);
-    ReadAddress(source.config.Get(NetworkType::NetmaskKey(isLan)), parts);
-    return ToSignedDecimal(parts);
-}
-
-std::string WithoutLastTwo(const Source& source, const char* argument) {
+void WithoutLastTwo(std::string& list, Source& source, const char* argument) {
     constexpr std::size_t kCut = 2;
-    const std::string value = source.config.Get(argument);
-    return SlpEscapes::Escape(value.size() > kCut ? value.substr(0, value.size() - kCut) : value);
+    const std::string_view value = source.Get(argument);
+    SlpEscapes::AppendEscaped(list,
+                              value.substr(0, value.size() - (value.size() > kCut ? kCut : 0)));
 }
 
-std::string IsReserved(const Source& source, const char* argument) {
-    return source.config.Get(argument) == DeviceReservation::kReserved ? "1" : "0";
+void IsReserved(std::string& list, Source& source, const char* argument) {
+    list += source.Get(argument) == DeviceReservation::kReserved ? "1" : "0";
 }
 
 constexpr char kEnd[] = ")";
@@ -161,8 +171,8 @@ constexpr Row kConnectorRows[] = {
     {"),(Counter=", Counter, nullptr},
     {"),(State=", Stored, StoreKeys::kState},
     {"),(Owner=", Owner, StoreKeys::kOwner},
-    {"),(Kl15Voltage=", Stored, StoreKeys::kKl15},
-    {"),(Kl30Voltage=", Stored, StoreKeys::kKl30},
+    {"),(Kl15Voltage=", Kl15Voltage, nullptr},
+    {"),(Kl30Voltage=", Kl30Voltage, nullptr},
     {"),(Kl15Trigger=", IsNotZero, StoreKeys::kKl15Edge},
     {"),(SignalStrength=", StoredOrZero, StoreKeys::kWlanQuality},
     {"),(VIN=", Stored, StoreKeys::kVin},
@@ -188,6 +198,14 @@ constexpr Row kLegacyRows[] = {
     {")(VciChannels=2)(DevType=", Stored, StoreKeys::kDeviceType},
 };
 
+constexpr std::size_t kCounterRow = [] {
+    std::size_t row = 0;
+    while (kConnectorRows[row].value != Counter) {
+        ++row;
+    }
+    return row;
+}();
+
 /// Bytes of a list without its values.
 template <std::size_t N>
 constexpr std::size_t FrameSize(const Row (&rows)[N]) {
@@ -204,9 +222,9 @@ constexpr bool HasRoom(const Row (&rows)[N]) {
 }
 static_assert(HasRoom(kConnectorRows) && HasRoom(kLegacyRows));
 
-std::string Cut(const Row& row, const std::string& value, std::size_t size) {
+std::string Cut(const Row& row, std::string_view value, std::size_t size) {
     if (value.size() <= size) {
-        return value;
+        return std::string(value);
     }
     std::string cut(SlpEscapes::CutEscaped(value, size));
     if (row.value == StoredList) {
@@ -217,15 +235,12 @@ std::string Cut(const Row& row, const std::string& value, std::size_t size) {
     return cut;
 }
 
+/// A list with its values cut.
 template <std::size_t N>
-std::string MakeList(const Row (&rows)[N], const Source& source) {
-    std::vector<std::string> values;
-    for (const Row& row : rows) {
-        values.push_back(row.value(source, row.argument));
-    }
+std::string CutList(const Row (&rows)[N], const std::array<std::string_view, N>& values) {
     const auto fits = [&](std::size_t longest) {
         std::size_t size = FrameSize(rows);
-        for (const std::string& value : values) {
+        for (const std::string_view value : values) {
             size += std::min(value.size(), longest);
         }
         return size <= kMaxList;
@@ -241,23 +256,66 @@ std::string MakeList(const Row (&rows)[N], const Source& source) {
     return list + kEnd;
 }
 
-int ReadVoltage(const ZelConfig& config, const char* key) {
+template <std::size_t N>
+Values ReadValues(const Row (&rows)[N], Source& source) {
+    Values values;
+    values.text.reserve(kMaxList);
+    values.spans.reserve(N);
+    for (const Row& row : rows) {
+        values.text += row.label;
+        const std::size_t begin = values.text.size();
+        row.value(values.text, source, row.argument);
+        values.spans.emplace_back(begin, values.text.size());
+    }
+    values.text += kEnd;
+    return values;
+}
+
+/// The list with `text` as the value of that row; what it has there is empty.
+template <std::size_t N>
+std::string MakeList(const Row (&rows)[N], const Values& values, std::size_t row,
+                     std::string_view text) {
+    if (values.text.size() + text.size() <= kMaxList) {
+        std::string list;
+        list.reserve(kMaxList);
+        list = values.text;
+        return list.insert(values.spans[row].first, text);
+    }
+    std::array<std::string_view, N> views;
+    std::transform(values.spans.begin(), values.spans.end(), views.begin(), [&](const auto& span) {
+        return std::string_view(values.text).substr(span.first, span.second - span.first);
+    });
+    if (!text.empty()) {
+        views[row] = text;
+    }
+    return CutList(rows, views);
+}
+
+int ReadVoltage(const std::string& text) {
     constexpr int kDecimal = 10;
     int voltage = 0;
-    ReadInt(config.Get(key).c_str(), kDecimal, voltage);
+    ReadInt(text.c_str(), kDecimal, voltage);
     return voltage;
 }
 
 }  // namespace
 
-std::string ConnectorList(const ZelConfig& config, std::int32_t counter) {
-    ZEL_DEBUG("Kl30 voltage %d: Kl15 voltage %d", ReadVoltage(config, StoreKeys::kKl30),
-              ReadVoltage(config, StoreKeys::kKl15));
-    return MakeList(kConnectorRows, {config, counter});
+std::string ConnectorList::With(std::int32_t counter) {
+    if (values_.spans.empty()) {
+        Source source{config_};
+        source.kl15 = source.Get(StoreKeys::kKl15);
+        source.kl30 = source.Get(StoreKeys::kKl30);
+        kl15_ = ReadVoltage(source.kl15);
+        kl30_ = ReadVoltage(source.kl30);
+        values_ = ReadValues(kConnectorRows, source);
+    }
+    ZEL_DEBUG("Kl30 voltage %d: Kl15 voltage %d", kl30_, kl15_);
+    return MakeList(kConnectorRows, values_, kCounterRow, std::to_string(counter));
 }
 
 std::string LegacyList(const ZelConfig& config) {
-    return MakeList(kLegacyRows, {config, 0});
+    Source source{config};
+    return MakeList(kLegacyRows, ReadValues(kLegacyRows, source), 0, {});
 }
 
 }  // namespace SlpAttributes

@@ -1,6 +1,7 @@
 #include "SlpCodec.h"
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <string_view>
 
@@ -40,7 +41,7 @@ public:
     /// Begins with the header.
     Writer(Datagram& datagram, const SlpHead& head, std::size_t capacity)
         : datagram_(datagram), capacity_(capacity) {
-        datagram.fill(0);
+        std::fill_n(datagram.begin(), kXidOffset, std::uint8_t{0});
         datagram[kVersionOffset] = kVersion;
         datagram[kFunctionOffset] = static_cast<std::uint8_t>(head.functionId);
         position_ = kXidOffset;
@@ -62,8 +63,9 @@ public:
         constexpr std::size_t kLengthSize = 2;
         text = text.substr(0, capacity_ - std::min(capacity_, position_ + kLengthSize));
         Word(text.size());
-        for (const char character : text) {
-            Byte(static_cast<std::uint8_t>(character));
+        if (!text.empty()) {
+            std::memcpy(datagram_.data() + position_, text.data(), text.size());
+            position_ += text.size();
         }
     }
     void OptionalText(const std::optional<std::string>& text) {
@@ -88,13 +90,11 @@ private:
 /// Reads fields one behind the other; behind the datagram there are only zeros.
 class Reader {
 public:
-    Reader(const Datagram& datagram, std::size_t position)
-        : datagram_(datagram), position_(position) {}
+    Reader(Received datagram, std::size_t position) : datagram_(datagram), position_(position) {}
 
     std::uint8_t Byte() {
-        const std::uint8_t value = position_ < kMaxSize ? datagram_[position_] : std::uint8_t{0};
-        ++position_;
-        return value;
+        const std::size_t position = position_++;
+        return position < datagram_.size() ? datagram_[position] : std::uint8_t{0};
     }
     std::uint16_t Word() {
         const unsigned high = Byte();
@@ -102,11 +102,11 @@ public:
     }
     /// Up to `length` bytes, ended by a zero byte; what lies behind that one comes next.
     std::string Text(std::size_t length) {
-        std::string text;
-        while (text.size() < length && position_ < kMaxSize && datagram_[position_] != 0) {
-            text.push_back(static_cast<char>(datagram_[position_++]));
-        }
-        return text;
+        const Received rest = datagram_.subspan(std::min(position_, datagram_.size()));
+        const Received text = rest.first(std::min(length, rest.size()));
+        const auto size = std::find(text.begin(), text.end(), 0) - text.begin();
+        position_ += static_cast<std::size_t>(size);
+        return {text.begin(), text.begin() + size};
     }
     /// Length and text of a request.
     std::string RequestText() { return RequestText(Word()); }
@@ -122,11 +122,11 @@ private:
         return Text(length > kMaxSize ? kCutLength : length);
     }
 
-    const Datagram& datagram_;
+    Received datagram_;
     std::size_t position_;
 };
 
-void ReadIds(const Datagram& datagram, SlpHead& head) {
+void ReadIds(Received datagram, SlpHead& head) {
     head.functionId = FunctionId(datagram);
     head.xid = Reader(datagram, kXidOffset).Word();
 }
@@ -149,7 +149,7 @@ void ReadIds(const Datagram& datagram, SlpHead& head) {
 //
 // What is sent differs: a SrvTypeRqst has no naming authority, and every request ends with four
 // zero bytes, be they lengths or not.
-SlpRequest DecodeRequest(const Datagram& datagram) {
+SlpRequest DecodeRequest(Received datagram) {
     SlpRequest request;
     ReadIds(datagram, request);
     Reader reader(datagram, kLanguageTagLengthOffset);
@@ -187,7 +187,7 @@ SlpRequest DecodeRequest(const Datagram& datagram) {
 //   +--------------+---------------+-------------+--------+-----------+----------------+
 //
 // What is sent has one more zero byte at the end of every reply.
-SlpReply DecodeReply(const Datagram& datagram) {
+SlpReply DecodeReply(Received datagram) {
     SlpReply reply;
     ReadIds(datagram, reply);
     Reader reader(datagram, kLanguageTagLengthOffset);
@@ -266,17 +266,17 @@ std::size_t Encode(const SlpReply& reply, Datagram& datagram) {
     return writer.Finish();
 }
 
-std::uint32_t DeclaredLength(const Datagram& datagram) {
+std::uint32_t DeclaredLength(Received datagram) {
     Reader reader(datagram, kLengthOffset);
     const std::uint32_t high = reader.Byte();
     return high << 2 * kByteBits | reader.Word();
 }
 
-std::uint32_t FunctionId(const Datagram& datagram) {
-    return datagram[kFunctionOffset];
+std::uint32_t FunctionId(Received datagram) {
+    return Reader(datagram, kFunctionOffset).Byte();
 }
 
-std::optional<SlpMessage> Decode(const Datagram& datagram) {
+std::optional<SlpMessage> Decode(Received datagram) {
     switch (FunctionId(datagram)) {
         case SlpFunction::kSrvRqst:
         case SlpFunction::kAttrRqst:

@@ -1,5 +1,8 @@
 #include "SlpEscapes.h"
 
+#include <algorithm>
+#include <array>
+
 #include "Characters.h"
 #include "Numbers.h"
 #include "Utf8.h"
@@ -11,10 +14,18 @@ constexpr char kMark = '\\';
 constexpr std::size_t kDigits = 2;
 constexpr std::size_t kEscapeSize = 1 + kDigits;
 
-bool IsReserved(char character) {
+constexpr bool IsReserved(char character) {
     constexpr std::string_view kReserved("(),\\!<=>~");
     return Characters::IsControl(character) || kReserved.find(character) != std::string_view::npos;
 }
+
+constexpr auto kIsReserved = [] {
+    std::array<bool, 256> table{};
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        table[i] = IsReserved(static_cast<char>(i));
+    }
+    return table;
+}();
 
 /// Whether `text` begins with an escape, and the byte that it stands for.
 bool ReadEscape(std::string_view text, char& byte) {
@@ -30,14 +41,24 @@ bool ReadEscape(std::string_view text, char& byte) {
 
 std::string Escape(std::string_view value, std::string_view kept) {
     std::string escaped;
-    for (const char character : value) {
-        if (!IsReserved(character) || kept.find(character) != std::string_view::npos) {
-            escaped += character;
-            continue;
-        }
-        escaped += kMark + Characters::Hex(character);
-    }
+    AppendEscaped(escaped, value, kept);
     return escaped;
+}
+
+void AppendEscaped(std::string& text, std::string_view value, std::string_view kept) {
+    while (!value.empty()) {
+        const auto* const end = std::find_if(value.begin(), value.end(), [kept](char character) {
+            return kIsReserved[static_cast<unsigned char>(character)] &&
+                   kept.find(character) == std::string_view::npos;
+        });
+        const auto size = static_cast<std::size_t>(end - value.begin());
+        text += value.substr(0, size);
+        if (size == value.size()) {
+            return;
+        }
+        text += kMark + Characters::Hex(*end);
+        value.remove_prefix(size + 1);
+    }
 }
 
 std::string Unescape(std::string_view value) {

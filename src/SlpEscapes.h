@@ -11,6 +11,8 @@ namespace SlpEscapes {
 /// `value` with "(", ")", ",", "\", "!", "<", "=", ">", "~", the bytes 0x00 to 0x1f and 0x7f
 /// escaped, but for the characters in `kept`: "a,b" becomes "a\2cb".
 std::string Escape(std::string_view value, std::string_view kept = {});
+/// The same at the end of `text`.
+void AppendEscaped(std::string& text, std::string_view value, std::string_view kept = {});
 
 /// Takes the escapes away; digits of either case. A backslash without two of them stays.
 std::string Unescape(std::string_view value);

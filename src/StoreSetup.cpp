@@ -24,6 +24,13 @@ constexpr struct {
     {StoreKeys::kOplaMode, "OPLA"},
 };
 
+/// What answers are made of, but for what is stored.
+constexpr const char* kLiveKeys[] = {
+    StoreKeys::kKl15,   StoreKeys::kKl30,           StoreKeys::kHeadC, StoreKeys::kHeadD,
+    StoreKeys::kVin,    StoreKeys::kDefaultGateway, StoreKeys::kLanIp, StoreKeys::kOpticalBusLight,
+    StoreKeys::kTooHot, StoreKeys::kFanSpeed,
+};
+
 }  // namespace
 
 void SetUpStore(ZelConfig& config, Trigger15& trigger15,
@@ -41,4 +48,8 @@ void SetUpStore(ZelConfig& config, Trigger15& trigger15,
         ZEL_INFO("Warning: not all attributes initialized successfully!");
     }
     trigger15.Open();
+    // Their sources stay open: answers find them so even where descriptors have become scarce.
+    for (const char* key : kLiveKeys) {
+        config.Get(key);
+    }
 }

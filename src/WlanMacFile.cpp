@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "DurableFile.h"
-#include "ZelConfig.h"
+#include "SourceFile.h"
 #include "ZelLog.h"
 
 namespace WlanMacFile {
@@ -14,7 +14,7 @@ constexpr char kNoAddress[] = "00:00:00:00:00:00";
 
 bool HoldsAddress() {
     std::string line;
-    if (!ReadFirstLine(kPath, line)) {
+    if (!SourceFile(kPath).ReadFirstLine(line)) {
         return false;
     }
     std::array<unsigned, 6> b{};

@@ -12,48 +12,51 @@
 namespace {
 
 constexpr std::size_t kLineSize = 8192;
+constexpr std::size_t kUsualFile = std::size_t{16} * 1024;
 
 const std::string kFile = ZelConfig::kConfigurationFile;
 const std::string kNewFile = kFile + ".new";
 const std::string kOldFile = kFile + ".old";
 
-std::string Line(const std::string& key, const std::string& value) {
-    std::string line = key + "=" + value;
-    std::replace(line.begin(), line.end(), '\n', ' ');
-    line.resize(std::min(line.size(), kLineSize - 1));
-    return line + "\n";
+void AddLine(std::string& text, const std::string& key, const std::string& value) {
+    const std::size_t start = text.size();
+    text += key;
+    text += '=';
+    text += value;
+    text.resize(std::min(text.size(), start + kLineSize - 1));
+    for (std::size_t end = start; (end = text.find('\n', end)) != std::string::npos;) {
+        text[end] = ' ';
+    }
+    text += '\n';
 }
 
 }  // namespace
 
-bool ReadFirstLine(const std::string& path, std::string& out) {
-    out.clear();
-    if (path.empty()) {
-        return false;
-    }
-    const File file = OpenToRead(path);
-    if (!file) {
-        return false;
-    }
-    std::array<char, kLineSize> line{};
-    if (std::fscanf(file.get(), "%8190[^\n]", line.data()) == 0) {
-        return false;
-    }
-    out = line.data();
-    return true;
+ZelConfig::Named* ZelConfig::Find(std::string_view key) const {
+    const auto found = index_.find(key);
+    return found == index_.end() ? nullptr : found->second;
 }
 
-bool ZelConfig::Get(const std::string& key, std::string& out) const {
+/// The entry, and whether it is new.
+std::pair<ZelConfig::Entry&, bool> ZelConfig::FindOrMake(const std::string& key) {
+    const auto [position, isNew] = entries_.try_emplace(key);
+    index_.try_emplace(position->first, &*position);
+    return {position->second, isNew};
+}
+
+bool ZelConfig::Get(std::string_view key, std::string& out, LiveSources& sources) const {
     out.clear();
-    std::string source;
-    Provider provider;
+    const std::string* name = nullptr;
+    std::shared_ptr<SourceFile> source;
+    std::shared_ptr<const SharingProvider> provider;
     {
         const std::lock_guard lock(mutex_);
-        const auto found = entries_.find(key);
-        if (found == entries_.end()) {
+        const Named* found = Find(key);
+        if (found == nullptr) {
             return false;
         }
         const Entry& entry = found->second;
+        name = &found->first;
         switch (entry.kind) {
             case Kind::kFile:
                 source = entry.source;
@@ -66,22 +69,32 @@ bool ZelConfig::Get(const std::string& key, std::string& out) const {
                 return true;
         }
     }
-    return provider ? provider(key, out) : ReadFirstLine(source, out);
+    return provider ? (*provider)(*name, out, sources) : source && source->ReadFirstLine(out);
 }
 
-std::string ZelConfig::Get(const std::string& key) const {
+bool ZelConfig::Get(std::string_view key, std::string& out) const {
+    LiveSources sources;
+    return Get(key, out, sources);
+}
+
+std::string ZelConfig::Get(std::string_view key) const {
+    LiveSources sources;
+    return Get(key, sources);
+}
+
+std::string ZelConfig::Get(std::string_view key, LiveSources& sources) const {
     std::string value;
-    Get(key, value);
+    Get(key, value, sources);
     return value;
 }
 
 bool ZelConfig::Set(const std::string& key, const std::string& value, Kind kind) {
     const std::lock_guard lock(mutex_);
-    Entry& entry = entries_[key];
+    Entry& entry = FindOrMake(key).first;
     entry.kind = kind;
     switch (kind) {
         case Kind::kFile:
-            entry.source = value;
+            entry.source = std::make_shared<SourceFile>(value);
             return true;
         case Kind::kFixed:
         case Kind::kPersistent:
@@ -101,12 +114,22 @@ void ZelConfig::SetPersistent(const std::string& key, const std::string& value) 
 }
 
 bool ZelConfig::Register(const std::string& key, Provider provider) {
-    const std::lock_guard lock(mutex_);
-    const auto [position, isNew] = entries_.try_emplace(key);
-    if (isNew) {
-        position->second.kind = Kind::kComputed;
+    if (!provider) {
+        return Register(key, SharingProvider());
     }
-    position->second.provider = std::move(provider);
+    return Register(
+        key, [ask = std::move(provider)](const std::string& name, std::string& out,
+                                         LiveSources& /*sources*/) { return ask(name, out); });
+}
+
+bool ZelConfig::Register(const std::string& key, SharingProvider provider) {
+    auto shared = provider ? std::make_shared<const SharingProvider>(std::move(provider)) : nullptr;
+    const std::lock_guard lock(mutex_);
+    auto [entry, isNew] = FindOrMake(key);
+    if (isNew) {
+        entry.kind = Kind::kComputed;
+    }
+    entry.provider = std::move(shared);
     return true;
 }
 
@@ -148,11 +171,12 @@ bool ZelConfig::Load() {
 bool ZelConfig::Save() const {
     const std::lock_guard saving(saveMutex_);
     std::string text;
+    text.reserve(kUsualFile);
     {
         const std::lock_guard lock(mutex_);
         for (const auto& [key, entry] : entries_) {
             if (entry.kind == Kind::kPersistent) {
-                text += Line(key, entry.value);
+                AddLine(text, key, entry.value);
             }
         }
     }

@@ -3,10 +3,15 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 
 #include "HeldMutex.h"
+#include "LiveSources.h"
+#include "SourceFile.h"
 
 /// The agent's key/value store: persistent settings and live attributes behind one get and set.
 /// Thread-safe; no provider and no file is read while its lock is held.
@@ -22,6 +27,9 @@ public:
 
     /// Computes the value of `key`. Returns false when it is not to be had now.
     using Provider = std::function<bool(const std::string& key, std::string& out)>;
+    /// The same for a value that others are read with.
+    using SharingProvider =
+        std::function<bool(const std::string& key, std::string& out, LiveSources& sources)>;
 
     static constexpr char kConfigurationFile[] = "/config/agent.configuration";
 
@@ -32,9 +40,13 @@ public:
 
     /// Sets `out` to the value of `key`; false and an empty `out` when the key is unknown or its
     /// value is not to be had.
-    bool Get(const std::string& key, std::string& out) const;
+    bool Get(std::string_view key, std::string& out) const;
     /// The value of `key`, empty when there is none.
-    std::string Get(const std::string& key) const;
+    std::string Get(std::string_view key) const;
+
+    /// The same for one of several values of one answer, which share `sources`.
+    bool Get(std::string_view key, std::string& out, LiveSources& sources) const;
+    std::string Get(std::string_view key, LiveSources& sources) const;
 
     /// Stores `value` (for kFile: the path of the source) and gives the entry that kind. Kinds
     /// other than kFixed, kFile and kPersistent store nothing and return false, but change the
@@ -47,6 +59,7 @@ public:
     /// Gives `key` a provider. A new key becomes computed; an existing one keeps its kind. Returns
     /// true.
     bool Register(const std::string& key, Provider provider);
+    bool Register(const std::string& key, SharingProvider provider);
 
     /// Reads the configuration file, or the previous one when it is missing, or else writes and
     /// reads the built-in defaults. False when none can be read or a line could not be stored. Of
@@ -66,16 +79,18 @@ public:
 private:
     struct Entry {
         std::string value;
-        std::string source;
+        std::shared_ptr<SourceFile> source;
         Kind kind = Kind::kFixed;
-        Provider provider;
+        std::shared_ptr<const SharingProvider> provider;
     };
+
+    using Named = std::pair<const std::string, Entry>;
+
+    Named* Find(std::string_view key) const;
+    std::pair<Entry&, bool> FindOrMake(const std::string& key);
 
     mutable HeldMutex mutex_;
     mutable HeldMutex saveMutex_;
-    std::map<std::string, Entry> entries_;
+    std::map<std::string, Entry> entries_;  // in the order of the file; none is ever taken away
+    std::unordered_map<std::string_view, Named*> index_;
 };
-
-/// First line of a file, without its line end and cut at 8190 bytes. False when the file cannot be
-/// opened or begins with a line end; an empty file gives true and an empty text.
-bool ReadFirstLine(const std::string& path, std::string& out);

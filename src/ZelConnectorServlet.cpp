@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <initializer_list>
 #include <utility>
 
 #include "ConnectorCodes.h"
@@ -41,41 +44,92 @@ constexpr char kHardwareVersion[] = "164306";
 constexpr char kDeviceName[] = "TAVO";
 constexpr char kDeviceType[] = "2";
 
-std::string Tabs(int count) {
-    return std::string(static_cast<std::size_t>(count), '\t');
+/// What the longest answer takes but for its values, and some of those.
+constexpr std::size_t kUsualAnswer = 3072;
+
+/// A text that a template is made for.
+template <std::size_t N>
+struct Name {
+    char text[N]{};
+    constexpr Name(const char (&name)[N]) { std::copy_n(name, N, text); }
+    constexpr std::string_view View() const { return {text, N - 1}; }
+};
+
+/// Texts, one behind the other, made when this is compiled.
+template <Name... kParts>
+constexpr auto kJoined = [] {
+    std::array<char, (kParts.View().size() + ...)> text{};
+    auto* end = text.data();
+    ((end = std::copy_n(kParts.text, kParts.View().size(), end)), ...);
+    return text;
+}();
+
+constexpr Name kIndent3("\t\t\t");
+constexpr Name kIndent4("\t\t\t\t");
+constexpr Name kIndent5("\t\t\t\t\t");
+constexpr Name kIndent6("\t\t\t\t\t\t");
+
+void AddLine(std::string& text, std::string_view open, std::string_view value,
+             std::string_view close) {
+    text += open;
+    XmlText::AppendEscaped(text, value);
+    text += close;
 }
 
-/// One line: the element `name` with `value`, which is escaped.
-std::string Element(int depth, const std::string& name, std::string_view value) {
-    return Tabs(depth) + "<" + name + ">" + XmlText::Escape(value) + "</" + name + ">\n";
+template <std::size_t N>
+constexpr std::string_view View(const std::array<char, N>& text) {
+    return {text.data(), N};
 }
 
-std::string OpenTag(int depth, const char* operation) {
-    return Tabs(depth) + "<ns2:" + operation + "Response xmlns=\"" + Namespaces::kConnectorBean +
-           "\" xmlns:ns2=\"" + Namespaces::kConnectorService + "\" xmlns:ns3=\"" +
-           Namespaces::kManagerBean + "\" xmlns:ns4=\"" + Namespaces::kBeans + "\">";
+/// One line: the element of that name with `value`, which is escaped, behind `kIndent`.
+template <Name kIndent, Name kName>
+void AddElement(std::string& text, std::string_view value) {
+    AddLine(text, View(kJoined<kIndent, "<", kName, ">">), value,
+            View(kJoined<"</", kName, ">\n">));
 }
 
-std::string CloseTag(int depth, const char* operation) {
-    return Tabs(depth) + "</ns2:" + operation + "Response>";
-}
-
-constexpr int kResponseDepth = 2;
+constexpr std::size_t kResponseDepth = 2;
 constexpr char kOutOpen[] = "\t\t<ns2:out>\n";
 constexpr char kOutClose[] = "\t\t</ns2:out>\n";
-constexpr int kOutChildDepth = 3;
+constexpr std::size_t kOutChildDepth = 3;
+
+void OpenResponse(std::string& text, std::string_view operation) {
+    text.append(kResponseDepth, '\t') += "<ns2:";
+    using Parts = std::initializer_list<std::string_view>;
+    for (const std::string_view part :
+         Parts{operation, "Response xmlns=\"", Namespaces::kConnectorBean, "\" xmlns:ns2=\"",
+               Namespaces::kConnectorService, "\" xmlns:ns3=\"", Namespaces::kManagerBean,
+               "\" xmlns:ns4=\"", Namespaces::kBeans, "\">"}) {
+        text += part;
+    }
+}
+
+void CloseResponse(std::string& text, std::string_view operation) {
+    text.append(kResponseDepth, '\t') += "</ns2:";
+    text += operation;
+    text += "Response>";
+}
 
 std::string Number(Code code) {
     return std::to_string(static_cast<int>(code));
 }
 
-/// A response of `error` and, in some operations, further children. `afterOpenTag` is the line
-/// feed that one operation leaves out.
-std::string CodeResponse(const char* operation, Code code, const std::string& furtherChildren = "",
+/// A response of `error` and, in one operation, a `handle`. `afterOpenTag` is the line feed
+/// that one operation leaves out.
+std::string CodeResponse(const char* operation, Code code, const std::string* handle = nullptr,
                          const char* afterOpenTag = "\n") {
-    return OpenTag(kResponseDepth, operation) + afterOpenTag + kOutOpen +
-           Element(kOutChildDepth, "error", Number(code)) + furtherChildren + kOutClose +
-           CloseTag(kResponseDepth, operation) + "\n";
+    std::string text;
+    OpenResponse(text, operation);
+    text += afterOpenTag;
+    text += kOutOpen;
+    AddElement<kIndent3, "error">(text, Number(code));
+    if (handle != nullptr) {
+        AddElement<kIndent3, "handle">(text, *handle);
+    }
+    text += kOutClose;
+    CloseResponse(text, operation);
+    text += '\n';
+    return text;
 }
 
 Code CodeOf(DeviceReservation::Session session) {
@@ -121,66 +175,84 @@ const char* ToXml(bool value) {
     return value ? "true" : "false";
 }
 
-std::string Channel(const std::string& ip, const char* name, const char* port, const char* type,
-                    bool active) {
-    return Tabs(5) + "<ns3:Channel>\n" + Element(6, "ns3:active", ToXml(active)) +
-           Element(6, "ns3:ip", ip) + Element(6, "ns3:name", name) + Element(6, "ns3:port", port) +
-           Element(6, "ns3:type", type) + Tabs(5) + "</ns3:Channel>\n";
+void AddChannel(std::string& text, const std::string& ip, const char* name, const char* port,
+                const char* type, bool active) {
+    text += "\t\t\t\t\t<ns3:Channel>\n";
+    AddElement<kIndent6, "ns3:active">(text, ToXml(active));
+    AddElement<kIndent6, "ns3:ip">(text, ip);
+    AddElement<kIndent6, "ns3:name">(text, name);
+    AddElement<kIndent6, "ns3:port">(text, port);
+    AddElement<kIndent6, "ns3:type">(text, type);
+    text += "\t\t\t\t\t</ns3:Channel>\n";
 }
 
-std::string Channels(const ZelConfig& config, bool reserved) {
-    const std::string ip = SignedAddress(config.Get(StoreKeys::kLanIp));
-    const DiagnosticChannels usable = DiagnosticChannels::Read(config);
-    return Tabs(4) + "<channels>\n" + Channel(ip, "KLine", "6801", "0", reserved) +
-           Channel(ip, "DCAN", "6801", "1", usable.dCan && reserved) +
-           Channel(ip, "MOST", "6802", "2", usable.most && reserved) + Tabs(4) + "</channels>\n";
+/// Nobody can use a channel of a free box, whose connectors are not looked at.
+void AddChannels(std::string& text, const ZelConfig& config, LiveSources& live,
+                 const std::string& ip, bool reserved) {
+    const DiagnosticChannels usable =
+        reserved ? DiagnosticChannels::Read(config, live) : DiagnosticChannels{};
+    text += "\t\t\t\t<channels>\n";
+    AddChannel(text, ip, "KLine", "6801", "0", reserved);
+    AddChannel(text, ip, "DCAN", "6801", "1", usable.dCan);
+    AddChannel(text, ip, "MOST", "6802", "2", usable.most);
+    text += "\t\t\t\t</channels>\n";
 }
 
-std::string CurrentNetworkConfig(const ZelConfig& config) {
+void AddCurrentNetworkConfig(std::string& text, const ZelConfig& config, const std::string& lanIp) {
     const bool isLan = NetworkType::IsLan(config);
     const std::string mac = config.Get(StoreKeys::kLanMac);
     ZEL_DEBUG("MAC address: %s", mac.c_str());
-    return Tabs(4) + "<currentNetworkConfig>\n" +
-           Element(5, "gateway", SignedAddress(config.Get(StoreKeys::kDefaultGateway))) +
-           Element(5, "ip4Address", SignedAddress(config.Get(NetworkType::IpKey(isLan)))) +
-           Element(5, "lanDiscoverMode", config.Get(StoreKeys::kAddressMode)) +
-           Element(5, "macAddress", HexPrefixAsDecimal(mac)) +
-           Element(5, "netmask", SignedAddress(config.Get(NetworkType::NetmaskKey(isLan)))) +
-           Element(5, "type", config.Get(StoreKeys::kNetworkType)) +
-           Element(5, "wlanSignal", config.Get(StoreKeys::kWlanQuality)) + Tabs(4) +
-           "</currentNetworkConfig>\n";
+    text += "\t\t\t\t<currentNetworkConfig>\n";
+    AddElement<kIndent5, "gateway">(text, SignedAddress(config.Get(StoreKeys::kDefaultGateway)));
+    AddElement<kIndent5, "ip4Address">(
+        text, isLan ? lanIp : SignedAddress(config.Get(NetworkType::IpKey(isLan))));
+    AddElement<kIndent5, "lanDiscoverMode">(text, config.Get(StoreKeys::kAddressMode));
+    AddElement<kIndent5, "macAddress">(text, HexPrefixAsDecimal(mac));
+    AddElement<kIndent5, "netmask">(text,
+                                    SignedAddress(config.Get(NetworkType::NetmaskKey(isLan))));
+    AddElement<kIndent5, "type">(text, config.Get(StoreKeys::kNetworkType));
+    AddElement<kIndent5, "wlanSignal">(text, config.Get(StoreKeys::kWlanQuality));
+    text += "\t\t\t\t</currentNetworkConfig>\n";
 }
 
 Answer GetDeviceInformation(const Call& call) {
     constexpr char kOperation[] = "getDeviceInformation";
     const ZelConfig& config = call.device.config;
+    LiveSources live;
     const std::string state = config.Get(StoreKeys::kState);
     const std::string kl15 = config.Get(StoreKeys::kKl15);
     const std::string kl30 = config.Get(StoreKeys::kKl30);
     ZEL_DEBUG("Kl30 voltage %s, Kl15 voltage %s", kl30.c_str(), kl15.c_str());
+    const std::string lanIp = SignedAddress(config.Get(StoreKeys::kLanIp));
 
-    std::string body = OpenTag(kResponseDepth, kOperation) + "\n" + Tabs(3) + "<ns2:out>\n";
-    body += Element(4, "accu", "0");
-    body += Channels(config, state == DeviceReservation::kReserved);
-    body += Tabs(4) + "<color xmlns:xsi=\"" + Namespaces::kXmlSchemaInstance +
-            "\" xsi:nil=\"true\"/>\n";
-    body += CurrentNetworkConfig(config);
-    body += Element(4, "deviceDescriptionOrNull", kDeviceDescription);
-    body += Element(4, "error", Number(Code::kSuccess));
-    body += Element(4, "firmware", config.Get(StoreKeys::kBootVersion));
-    body += Element(4, "hardwareVersion", kHardwareVersion);
-    body += Element(4, "id", config.Get(StoreKeys::kDeviceId));
-    body += Element(4, "kl15", kl15);
-    body += Element(4, "kl15Edge", ToXml(config.Get(StoreKeys::kKl15Edge) == "1"));
-    body += Element(4, "kl30", kl30);
-    body += Element(4, "name", kDeviceName);
-    body += Element(4, "serial", config.Get(StoreKeys::kSerial));
-    body += Element(4, "sessionOwnerOrNull", config.Get(StoreKeys::kOwner));
-    body += Element(4, "state", state);
-    body += Element(4, "type", kDeviceType);
-    body += Element(4, "vin", config.Get(StoreKeys::kVin));
-    body += Tabs(3) + "</ns2:out>\n" + CloseTag(kResponseDepth, kOperation) + "\n";
-    return {std::move(body)};
+    std::string text;
+    text.reserve(kUsualAnswer);
+    OpenResponse(text, kOperation);
+    text += "\n\t\t\t<ns2:out>\n";
+    AddElement<kIndent4, "accu">(text, "0");
+    AddChannels(text, config, live, lanIp, state == DeviceReservation::kReserved);
+    text += "\t\t\t\t<color xmlns:xsi=\"";
+    text += Namespaces::kXmlSchemaInstance;
+    text += "\" xsi:nil=\"true\"/>\n";
+    AddCurrentNetworkConfig(text, config, lanIp);
+    AddElement<kIndent4, "deviceDescriptionOrNull">(text, kDeviceDescription);
+    AddElement<kIndent4, "error">(text, Number(Code::kSuccess));
+    AddElement<kIndent4, "firmware">(text, config.Get(StoreKeys::kBootVersion, live));
+    AddElement<kIndent4, "hardwareVersion">(text, kHardwareVersion);
+    AddElement<kIndent4, "id">(text, config.Get(StoreKeys::kDeviceId, live));
+    AddElement<kIndent4, "kl15">(text, kl15);
+    AddElement<kIndent4, "kl15Edge">(text, ToXml(config.Get(StoreKeys::kKl15Edge) == "1"));
+    AddElement<kIndent4, "kl30">(text, kl30);
+    AddElement<kIndent4, "name">(text, kDeviceName);
+    AddElement<kIndent4, "serial">(text, config.Get(StoreKeys::kSerial, live));
+    AddElement<kIndent4, "sessionOwnerOrNull">(text, config.Get(StoreKeys::kOwner, live));
+    AddElement<kIndent4, "state">(text, state);
+    AddElement<kIndent4, "type">(text, kDeviceType);
+    AddElement<kIndent4, "vin">(text, config.Get(StoreKeys::kVin, live));
+    text += "\t\t\t</ns2:out>\n";
+    CloseResponse(text, kOperation);
+    text += '\n';
+    return {std::move(text)};
 }
 
 Answer ReserveDevice(const Call& call) {
@@ -193,7 +265,7 @@ Answer ReserveDevice(const Call& call) {
             ? Code::kSuccess
             : Code::kReserveRefused;
     handle = code == Code::kSuccess ? handle : "";
-    return {CodeResponse("reserveDevice", code, Element(kOutChildDepth, "handle", handle))};
+    return {CodeResponse("reserveDevice", code, &handle)};
 }
 
 Answer ReleaseDevice(const Call& call) {
@@ -202,7 +274,7 @@ Answer ReleaseDevice(const Call& call) {
                       : IsForOtherDevice(call)                    ? Code::kWrongDevice
                       : !reservation.Release(call.Text("handle")) ? Code::kWrongHandle
                                                                   : Code::kSuccess;
-    return {CodeResponse("releaseDevice", code, "", "")};
+    return {CodeResponse("releaseDevice", code, nullptr, "")};
 }
 
 Answer ResetTrigger15Edge(const Call& call) {
@@ -291,11 +363,20 @@ Answer ExecuteGenericCommand(const Call& call) {
         ZEL_DEBUG("executeGenericCommand returned '%s'", LogText::Of(value).c_str());
         key = failed != 0 ? "error" : "result";
     }
-    return {OpenTag(kResponseDepth, kOperation) + "\n" + kOutOpen + Tabs(kOutChildDepth) +
-            "<error>" + Number(code) + "</error><commandResultList><ns4:key>" + key +
-            "</ns4:key><ns4:value>" + XmlText::Escape(value) +
-            "</ns4:value></commandResultList>\n" + kOutClose +
-            CloseTag(kResponseDepth, kOperation)};
+    std::string text;
+    OpenResponse(text, kOperation);
+    text += '\n';
+    text += kOutOpen;
+    text.append(kOutChildDepth, '\t') += "<error>";
+    text += Number(code);
+    text += "</error><commandResultList><ns4:key>";
+    text += key;
+    text += "</ns4:key><ns4:value>";
+    XmlText::AppendEscaped(text, value);
+    text += "</ns4:value></commandResultList>\n";
+    text += kOutClose;
+    CloseResponse(text, kOperation);
+    return {std::move(text)};
 }
 
 template <auto kOperation>

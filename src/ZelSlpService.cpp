@@ -85,39 +85,37 @@ bool ZelSlpService::Stop(unsigned flags) {
 }
 
 void ZelSlpService::AnswerRequests() {
-    const auto receive = [this] {
-        const ZelLog::Limit rubbish;
-        return socket_.Receive();
-    };
     while (!socket_.IsInterrupted()) {
-        try {
-            std::optional<SlpMessage> message = receive();
-            if (message) {
-                Handle(*message);
+        // Its values are read with the first message, when all have come.
+        SlpAttributes::ConnectorList attributes(config_);
+        std::vector<SlpReply> replies;
+        socket_.Receive([&](SlpMessage& message) {
+            if (std::optional<SlpReply> reply = Handle(message, attributes)) {
+                replies.push_back(std::move(*reply));
             }
-        } catch (const std::bad_alloc&) {
-            ZEL_ERROR("No memory to answer an SLP message");
-        }
+        });
+        socket_.Send(replies);
     }
 }
 
-void ZelSlpService::Handle(SlpMessage& message) {
+std::optional<SlpReply> ZelSlpService::Handle(SlpMessage& message,
+                                              SlpAttributes::ConnectorList& attributes) {
     if (auto* const received = std::get_if<SlpReply>(&message)) {
         // Also before the box is open to clients: the manager is located meanwhile.
         if (received->functionId == SlpFunction::kAttrRply) {
             const ZelLog::Limit rubbish;
             locator_.OnAttributeReply(*received);
         }
-        return;
+        return std::nullopt;
     }
     if (config_.Get(StoreKeys::kServing) == "0") {
-        return;
+        return std::nullopt;
     }
     const auto& request = std::get<SlpRequest>(message);
     const Answer answer = Judge(request);
-    if (answer != Answer::kNone && IsWithinLimit(request)) {
-        socket_.Send(Make(answer, request));
-    }
+    return answer != Answer::kNone && IsWithinLimit(request)
+               ? std::optional(Make(answer, request, attributes))
+               : std::nullopt;
 }
 
 ZelSlpService::Answer ZelSlpService::Judge(const SlpRequest& request) {
@@ -154,7 +152,8 @@ bool ZelSlpService::IsWithinLimit(const SlpRequest& request) {
     return isAdmitted;
 }
 
-SlpReply ZelSlpService::Make(Answer answer, const SlpRequest& request) {
+SlpReply ZelSlpService::Make(Answer answer, const SlpRequest& request,
+                             SlpAttributes::ConnectorList& attributes) {
     if (answer == Answer::kServices) {
         SlpReply reply = ReplyTo(request, SlpFunction::kSrvRply);
         reply.urlEntries.push_back({kLifetimeSeconds, kTypeList});
@@ -170,7 +169,7 @@ SlpReply ZelSlpService::Make(Answer answer, const SlpRequest& request) {
         reply.attrList = SlpAttributes::LegacyList(config_);
         return reply;
     }
-    reply.attrList = SlpAttributes::ConnectorList(config_, NextCounter());
+    reply.attrList = attributes.With(NextCounter());
     if (mode_.SharesNetworkWith(request.peerAddress)) {
         mode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
     }

@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 
 #include "DiscoverModeCtrl.h"
 #include "ManagerLocator.h"
 #include "ServiceThread.h"
 #include "SlpAnswerLimit.h"
+#include "SlpAttributes.h"
 #include "SlpMessage.h"
 #include "ZelConfig.h"
 #include "slpBase.h"
@@ -50,10 +52,11 @@ private:
     enum class Answer { kNone, kServices, kTypes, kConnectorAttributes, kLegacyAttributes };
 
     void AnswerRequests();
-    void Handle(SlpMessage& message);
+    std::optional<SlpReply> Handle(SlpMessage& message, SlpAttributes::ConnectorList& attributes);
     static Answer Judge(const SlpRequest& request);
     bool IsWithinLimit(const SlpRequest& request);
-    SlpReply Make(Answer answer, const SlpRequest& request);
+    SlpReply Make(Answer answer, const SlpRequest& request,
+                  SlpAttributes::ConnectorList& attributes);
     std::int32_t NextCounter();
     void SignIn();
     template <typename Work>

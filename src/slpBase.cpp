@@ -1,14 +1,20 @@
 #include "slpBase.h"
 
 #include <net/if.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <optional>
+#include <span>
+#include <variant>
 
 #include "Descriptors.h"
 #include "Ipv4.h"
@@ -31,16 +37,47 @@ void JoinGroupsAt(int descriptor, int interface) {
     }
 }
 
+/// Datagrams that one system call receives or sends.
+struct Datagrams {
+    Datagrams() {  // NOLINT(cppcoreguidelines-pro-type-member-init): the bytes need no zeros
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            buffers[i] = {bytes[i].data(), bytes[i].size()};
+            msghdr& message = headers[i].msg_hdr;
+            message.msg_name = &peers[i];
+            message.msg_namelen = sizeof peers[i];
+            message.msg_iov = &buffers[i];
+            message.msg_iovlen = 1;
+        }
+    }
+    Datagrams(const Datagrams&) = delete;
+    Datagrams& operator=(const Datagrams&) = delete;
+
+    std::array<SlpCodec::Datagram, SlpBase::kMaxAtOnce> bytes;
+    std::array<sockaddr_in, SlpBase::kMaxAtOnce> peers{};
+    std::array<iovec, SlpBase::kMaxAtOnce> buffers{};
+    std::array<mmsghdr, SlpBase::kMaxAtOnce> headers{};
+};
+
 void FillPeer(const sockaddr_in& peer, SlpHead& head) {
     head.peerAddress = Ipv4::Dotted(peer.sin_addr);
     head.peerPort = ntohs(peer.sin_port);
 }
 
-std::optional<SlpMessage> DecodeReceived(const SlpCodec::Datagram& datagram, std::size_t size) {
+/// Tells of a receive that gave no bytes.
+void LogReceived(long result) {
+    ZEL_DEBUG("recvfrom() == %lu\n", static_cast<unsigned long>(result));
+}
+
+std::optional<SlpMessage> DecodeReceived(SlpCodec::Received datagram) {
+    const ZelLog::Limit rubbish;
+    if (datagram.empty()) {
+        LogReceived(0);
+        return std::nullopt;
+    }
     const std::uint32_t length = SlpCodec::DeclaredLength(datagram);
-    if (length != size) {
+    if (length != datagram.size()) {
         ZEL_DEBUG("incomplete packet (%lu != %lu)\n", static_cast<unsigned long>(length),
-                  static_cast<unsigned long>(size));
+                  static_cast<unsigned long>(datagram.size()));
         return std::nullopt;
     }
     if (length > SlpCodec::kMaxSize) {
@@ -92,76 +129,73 @@ void SlpBase::Close() {
     socket_.Reset();
 }
 
-std::optional<SlpMessage> SlpBase::Receive() const {
-    SlpCodec::Datagram datagram{};
-    sockaddr_in peer{};
-    socklen_t peerSize = sizeof peer;
-    ssize_t received = 0;
+void SlpBase::Receive(const Take& take) const {
+    Datagrams datagrams;
+    int count = 0;
     do {
-        if (socket_.Get() >= 0 && !WaitForDatagram(-1)) {
-            return std::nullopt;
+        count =
+            recvmmsg(socket_.Get(), datagrams.headers.data(), kMaxAtOnce, MSG_WAITFORONE, nullptr);
+    } while (count < 0 && errno == EINTR);
+    if (IsInterrupted()) {
+        return;
+    }
+    if (count < 0) {
+        LogReceived(count);
+        static_cast<void>(IsInterruptedWithin(kFailurePause));  // the next call tells
+    }
+    for (std::size_t i = 0; count > 0 && i < static_cast<std::size_t>(count); ++i) {
+        const std::size_t size = datagrams.headers[i].msg_len;
+        try {
+            if (auto message = DecodeReceived(std::span(datagrams.bytes[i]).first(size))) {
+                std::visit([&](SlpHead& head) { FillPeer(datagrams.peers[i], head); }, *message);
+                take(*message);
+            }
+        } catch (const std::bad_alloc&) {
+            ZEL_ERROR("No memory to answer an SLP message");
         }
-        // A datagram that woke the wait up may turn out to be damaged and be gone.
-        received = recvfrom(socket_.Get(), datagram.data(), datagram.size(), MSG_DONTWAIT,
-                            Ipv4::Generic(peer), &peerSize);
-    } while (received < 0 && (errno == EAGAIN || errno == EINTR));
-    if (received <= 0) {
-        ZEL_DEBUG("recvfrom() == %lu\n", static_cast<unsigned long>(received));
-        if (received < 0) {
-            static_cast<void>(IsInterruptedWithin(kFailurePause));  // the next call tells
-        }
-        return std::nullopt;
     }
-    std::optional<SlpMessage> message =
-        DecodeReceived(datagram, static_cast<std::size_t>(received));
-    if (message) {
-        std::visit([&peer](SlpHead& head) { FillPeer(peer, head); }, *message);
-    }
-    return message;
-}
-
-std::optional<SlpMessage> SlpBase::ReceiveWithin(std::chrono::milliseconds timeout) const {
-    if (!WaitForDatagram(static_cast<int>(timeout.count()))) {
-        return std::nullopt;
-    }
-    return Receive();
-}
-
-/// False when none comes in time (-1: no limit) or the wait is interrupted.
-bool SlpBase::WaitForDatagram(int milliseconds) const {
-    std::array<pollfd, 2> polled{{{socket_.Get(), POLLIN, 0}, {interruption_.Get(), POLLIN, 0}}};
-    return poll(polled.data(), polled.size(), milliseconds) > 0 && polled[1].revents == 0;
 }
 
 bool SlpBase::IsInterruptedWithin(std::chrono::milliseconds timeout) const {
     return Descriptors::WaitUntil(interruption_.Get(), POLLIN, Descriptors::Clock::now() + timeout);
 }
 
-void SlpBase::Interrupt() const {
+void SlpBase::Interrupt() {
+    isInterrupted_ = true;
     eventfd_write(interruption_.Get(), 1);
+    // Ends a receive that waits, too, although it says that such a socket has no connection.
+    shutdown(socket_.Get(), SHUT_RD);
 }
 
 template <typename Record>
-int SlpBase::SendRecord(Record& record) const {
-    SlpCodec::Datagram datagram{};
-    const std::size_t size = SlpCodec::Encode(record, datagram);
-    if (const auto host = Ipv4::Parse(record.peerAddress); size > 0 && host) {
-        const sockaddr_in peer =
-            Ipv4::SocketAddress(*host, static_cast<std::uint16_t>(record.peerPort));
-        // Answers to addresses that nobody has wait in the buffer for their neighbours: who asked
-        // in their name must not hold the thread up.
-        sendto(socket_.Get(), datagram.data(), size, MSG_DONTWAIT, Ipv4::Generic(peer),
-               sizeof peer);
+void SlpBase::SendRecords(std::span<Record> records) const {
+    Datagrams datagrams;
+    std::size_t count = 0;
+    for (Record& record : records.first(std::min(records.size(), kMaxAtOnce))) {
+        const std::size_t size = SlpCodec::Encode(record, datagrams.bytes[count]);
+        if (const auto host = Ipv4::Parse(record.peerAddress); size > 0 && host) {
+            datagrams.peers[count] =
+                Ipv4::SocketAddress(*host, static_cast<std::uint16_t>(record.peerPort));
+            datagrams.buffers[count].iov_len = size;
+            ++count;
+        }
     }
-    return 0;
+    // Answers to addresses that nobody has wait in the buffer for their neighbours: who asked in
+    // their name must not hold the thread up.
+    for (std::size_t sent = 0; sent < count;) {
+        const int more = sendmmsg(socket_.Get(), &datagrams.headers[sent],
+                                  static_cast<unsigned>(count - sent), MSG_DONTWAIT);
+        sent += static_cast<std::size_t>(std::max(more, 1));  // the first of them is lost otherwise
+    }
 }
 
 int SlpBase::Send(SlpRequest& request) const {
-    return SendRecord(request);
+    SendRecords(std::span(&request, 1));
+    return 0;
 }
 
-int SlpBase::Send(const SlpReply& reply) const {
-    return SendRecord(reply);
+void SlpBase::Send(std::span<const SlpReply> replies) const {
+    SendRecords(replies);
 }
 
 int SlpBase::FindAttribute(std::string& attrList, const std::string& name, std::string& value) {

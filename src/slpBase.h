@@ -1,8 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <optional>
+#include <functional>
+#include <span>
 #include <string>
 
 #include "SlpMessage.h"
@@ -37,19 +40,23 @@ public:
     /// new one.
     void JoinGroups() const;
 
-    /// Waits for a datagram and returns its message. Nothing when the receive fails, when the
-    /// datagram is no message (its length field does not count the bytes received, or its function
-    /// is not in SlpFunction; the log tells) or when interrupted. A failed receive, as on a socket
+    /// Most datagrams that one call receives or sends.
+    static constexpr std::size_t kMaxAtOnce = 8;
+
+    using Take = std::function<void(SlpMessage& message)>;
+
+    /// Waits for a datagram and receives, up to kMaxAtOnce, what else has come by then. Gives
+    /// `take` the messages among them, one after the other: none when the receive fails, when no
+    /// datagram is a message (its length field does not count the bytes received, or its function
+    /// is not in SlpFunction; the log tells, within limits) or when interrupted. One for which
+    /// there is not enough memory, in `take` either, is lost. A failed receive, as on a socket
     /// that is not open, is followed by a pause of a second, so that calling again and again costs
     /// no processor.
-    std::optional<SlpMessage> Receive() const;
-
-    /// Receive() when a datagram comes within `timeout`, else nothing.
-    std::optional<SlpMessage> ReceiveWithin(std::chrono::milliseconds timeout) const;
+    void Receive(const Take& take) const;
 
     /// Ends every wait for a datagram, now and from now on.
-    void Interrupt() const;
-    bool IsInterrupted() const { return IsInterruptedWithin(std::chrono::milliseconds(0)); }
+    void Interrupt();
+    bool IsInterrupted() const { return isInterrupted_; }
     /// Waits for that up to `timeout`.
     [[nodiscard]] bool IsInterruptedWithin(std::chrono::milliseconds timeout) const;
 
@@ -57,7 +64,8 @@ public:
     /// record is no message (SlpCodec::Encode); what the buffer has no room for is lost. Always 0:
     /// failures are not reported.
     int Send(SlpRequest& request) const;
-    int Send(const SlpReply& reply) const;
+    /// The same for the first kMaxAtOnce of the replies, which leave in one call.
+    void Send(std::span<const SlpReply> replies) const;
 
     /// Searches an attribute list (RFC 2608, section 5) for the attribute with exactly this name.
     /// Returns 0 and the text behind its first "=", or -1: of
@@ -68,9 +76,9 @@ public:
 
 private:
     template <typename Record>
-    int SendRecord(Record& record) const;
-    [[nodiscard]] bool WaitForDatagram(int milliseconds) const;
+    void SendRecords(std::span<Record> records) const;
 
     SocketGuard socket_;
-    SocketGuard interruption_;
+    SocketGuard interruption_;  // readable once interrupted
+    std::atomic<bool> isInterrupted_ = false;
 };

@@ -36,10 +36,11 @@ protected:
     std::future<bool> Locate() {
         receiver_ = std::jthread([this] {
             while (!socket_.IsInterrupted()) {
-                auto message = socket_.Receive();
-                if (message && std::holds_alternative<SlpReply>(*message)) {
-                    locator_.OnAttributeReply(std::get<SlpReply>(*message));
-                }
+                socket_.Receive([this](SlpMessage& message) {
+                    if (auto* const reply = std::get_if<SlpReply>(&message)) {
+                        locator_.OnAttributeReply(*reply);
+                    }
+                });
             }
         });
         return std::async(std::launch::async, [this] { return locator_.LocateManager(); });

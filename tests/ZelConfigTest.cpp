@@ -41,10 +41,20 @@ TEST_F(ZelConfigTest, GetFollowsTheKindOfTheEntry) {
                                          {"first\nsecond\n", "first"},
                                          {"\nsecond\n", "-"},
                                          {"no end", "no end"},
+                                         {std::string("zero\0byte", 9), "zero"},
                                          {std::string(9000, 'x'), std::string(8190, 'x')}}) {
-        WriteFile("/tmp/source", text);
+        WriteFile("/tmp/next", text);
+        std::filesystem::rename("/tmp/next", "/tmp/source");
         EXPECT_EQ(Get("file"), value);
     }
+    std::filesystem::remove("/tmp/source");
+    EXPECT_EQ(Get("file"), "-") << "no source any more";
+    const std::string process = OutputOf("sleep 60 > /dev/null 2>&1 & printf $!");
+    EXPECT_TRUE(config_.Set("file", "/proc/" + process + "/comm", Kind::kFile));
+    EXPECT_TRUE(Eventually([this] { return Get("file") == "sleep"; }));
+    OutputOf("kill " + process);
+    EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists("/proc/" + process); }));
+    EXPECT_EQ(Get("file"), "-") << "the kernel has taken it away";
 
     EXPECT_FALSE(config_.Set("computed", "x", Kind::kComputed));
     EXPECT_EQ(Get("computed"), "-") << "marked computed, but nobody computes";
