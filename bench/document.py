@@ -29,9 +29,12 @@ def table_of_rows(result, experiments):
     return rows.markdown_table(head, lines)
 
 
+LEVELS = {"Os": "`-Os`", "O2": "`-O2`"}  # by the folder of the build
+
+
 def table_of_levels(levels):
     requests = list(next(iter(levels.values()))["counts"])
-    lines = [("`-O2`" if "O2" in agent else "as released", rows.number(found["file"] / 1024),
+    lines = [(LEVELS.get(pathlib.Path(agent).parent.name, "as released"), rows.number(found["file"] / 1024),
               *(rows.number(found["counts"][name]["instructions"]) for name in requests))
              for agent, found in levels.items()]
     return rows.markdown_table(("level", "file, KiB", *requests), lines)
