@@ -91,7 +91,6 @@ void AddElement(std::string& text, std::string_view value) {
 constexpr std::size_t kResponseDepth = 2;
 constexpr char kOutOpen[] = "\t\t<ns2:out>\n";
 constexpr char kOutClose[] = "\t\t</ns2:out>\n";
-constexpr std::size_t kOutChildDepth = 3;
 
 void OpenResponse(std::string& text, std::string_view operation) {
     text.append(kResponseDepth, '\t') += "<ns2:";
@@ -367,7 +366,7 @@ Answer ExecuteGenericCommand(const Call& call) {
     OpenResponse(text, kOperation);
     text += '\n';
     text += kOutOpen;
-    text.append(kOutChildDepth, '\t') += "<error>";
+    text += "\t\t\t<error>";
     text += Number(code);
     text += "</error><commandResultList><ns4:key>";
     text += key;
