@@ -1,11 +1,14 @@
 #include "ServiceThread.h"
 
+#include <sys/mman.h>
 #include <sys/prctl.h>
 
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -17,19 +20,63 @@ namespace {
 
 constexpr timespec kJoinPause{0, 10'000'000};
 
-struct Start {
+// Below a stack; a multiple of every page size.
+constexpr std::size_t kGuardSize = std::size_t{64} * 1024;
+
+struct Unmapping {
+    void operator()(std::byte* memory) const {
+        munmap(memory, kGuardSize + ServiceThread::kStackSize);
+    }
+};
+
+/// The stack of a thread that is nobody's to join. The C library would keep those of many ended
+/// threads, with the pages that they have touched.
+using Stack = std::unique_ptr<std::byte, Unmapping>;
+
+Stack MakeStack() {
+    void* const memory = mmap(nullptr, kGuardSize + ServiceThread::kStackSize, PROT_NONE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    Stack stack(memory == MAP_FAILED ? nullptr : static_cast<std::byte*>(memory));
+    if (!stack || mprotect(stack.get() + kGuardSize, ServiceThread::kStackSize,
+                           PROT_READ | PROT_WRITE) != 0) {
+        throw std::bad_alloc();
+    }
+    return stack;
+}
+
+struct Ended {
+    pthread_t thread;
+    Stack stack;
+};
+
+/// Frees the stack of the thread that came here before; that of the caller is freed by the next.
+void EndOn(Stack stack) {
+    // Threads may outlive what the process destroys at its end.
+    static auto& mutex = *new std::mutex;
+    static auto& last = *new std::optional<Ended>;
+    std::optional<Ended> former(Ended{pthread_self(), std::move(stack)});
+    {
+        const std::lock_guard lock(mutex);
+        former.swap(last);
+    }
+    if (former) {
+        pthread_join(former->thread, nullptr);
+    }
+}
+
+struct Beginning {
     std::string name;
     std::function<void()> work;
-    bool isRepeated;
+    Stack stack;  // null in a thread that somebody joins
 };
 
 /// True when the work is to be begun again.
-bool RanOutOfMemory(const Start& start) {
+bool RanOutOfMemory(const Beginning& start) {
     try {
         start.work();
     } catch (const std::bad_alloc&) {
         ZEL_ERROR("Out of memory in thread %s", start.name.c_str());
-        return start.isRepeated;
+        return start.stack == nullptr;
     } catch (const std::exception& error) {
         ZEL_ERROR("Thread %s has ended: %s", start.name.c_str(), error.what());
     }
@@ -37,24 +84,32 @@ bool RanOutOfMemory(const Start& start) {
 }
 
 void* Main(void* argument) {
-    auto* const start = static_cast<Start*>(argument);
+    auto* const start = static_cast<Beginning*>(argument);
     prctl(PR_SET_NAME, start->name.c_str());
     const bool completed = CrashGuard::Run([start] {
         while (RanOutOfMemory(*start)) {
             std::this_thread::sleep_for(ServiceThread::kMemoryPause);
         }
     });
+    Stack stack = std::move(start->stack);
     // After a fault, what the work owns may be in a state that cannot be destroyed.
     const bool destroyed = CrashGuard::Run([start] { delete start; });
+    if (stack) {
+        EndOn(std::move(stack));
+    }
     return completed && destroyed ? nullptr : reinterpret_cast<void*>(-1);
 }
 
 class ThreadAttributes {
 public:
-    explicit ThreadAttributes(int detachState) {
+    explicit ThreadAttributes(const Stack& stack) {
         pthread_attr_init(&attributes_);
-        pthread_attr_setstacksize(&attributes_, ServiceThread::kStackSize);
-        pthread_attr_setdetachstate(&attributes_, detachState);
+        if (stack) {
+            pthread_attr_setstack(&attributes_, stack.get() + kGuardSize,
+                                  ServiceThread::kStackSize);
+        } else {
+            pthread_attr_setstacksize(&attributes_, ServiceThread::kStackSize);
+        }
     }
     ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
     ThreadAttributes(const ThreadAttributes&) = delete;
@@ -65,18 +120,13 @@ private:
     pthread_attr_t attributes_{};
 };
 
-bool Create(pthread_t& thread, int detachState, const char* name, std::function<void()> work) try {
-    auto start = std::make_unique<Start>(
-        Start{name, std::move(work), detachState == PTHREAD_CREATE_JOINABLE});
-    const ThreadAttributes attributes(detachState);
-    const int result = pthread_create(&thread, attributes.Get(), Main, start.get());
-    if (result != 0) {
+bool Create(pthread_t& thread, std::unique_ptr<Beginning> start) {
+    const ThreadAttributes attributes(start->stack);
+    if (pthread_create(&thread, attributes.Get(), Main, start.get()) != 0) {
         return false;
     }
     static_cast<void>(start.release());  // the thread owns it now
     return true;
-} catch (const std::bad_alloc&) {
-    return false;
 }
 
 }  // namespace
@@ -85,10 +135,12 @@ ServiceThread::~ServiceThread() {
     static_cast<void>(Join());  // it has ended either way
 }
 
-bool ServiceThread::Start(const char* name, std::function<void()> work) {
+bool ServiceThread::Start(const char* name, std::function<void()> work) try {
     static_cast<void>(Join());  // the former one has ended either way
-    running_ = Create(thread_, PTHREAD_CREATE_JOINABLE, name, std::move(work));
+    running_ = Create(thread_, std::make_unique<Beginning>(Beginning{name, std::move(work), nullptr}));
     return running_;
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
 bool ServiceThread::Join() {
@@ -116,7 +168,9 @@ bool ServiceThread::JoinWithin(std::chrono::milliseconds timeout) {
     return joined;
 }
 
-bool ServiceThread::StartDetached(const char* name, std::function<void()> work) {
+bool ServiceThread::StartDetached(const char* name, std::function<void()> work) try {
     pthread_t thread{};
-    return Create(thread, PTHREAD_CREATE_DETACHED, name, std::move(work));
+    return Create(thread, std::make_unique<Beginning>(Beginning{name, std::move(work), MakeStack()}));
+} catch (const std::bad_alloc&) {
+    return false;
 }
