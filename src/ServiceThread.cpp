@@ -2,13 +2,16 @@
 
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <ctime>
 #include <exception>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -22,11 +25,15 @@ constexpr timespec kJoinPause{0, 10'000'000};
 
 // Below a stack; a multiple of every page size.
 constexpr std::size_t kGuardSize = std::size_t{64} * 1024;
+#ifdef __SANITIZE_THREAD__
+// The sanitizer has something of each thread on its stack, and adds to the size of others' alone.
+constexpr std::size_t kStackSize = ServiceThread::kStackSize + std::size_t{1024} * 1024;
+#else
+constexpr std::size_t kStackSize = ServiceThread::kStackSize;
+#endif
 
 struct Unmapping {
-    void operator()(std::byte* memory) const {
-        munmap(memory, kGuardSize + ServiceThread::kStackSize);
-    }
+    void operator()(std::byte* memory) const { munmap(memory, kGuardSize + kStackSize); }
 };
 
 /// The stack of a thread that is nobody's to join. The C library would keep those of many ended
@@ -34,40 +41,40 @@ struct Unmapping {
 using Stack = std::unique_ptr<std::byte, Unmapping>;
 
 Stack MakeStack() {
-    void* const memory = mmap(nullptr, kGuardSize + ServiceThread::kStackSize, PROT_NONE,
+    void* const memory = mmap(nullptr, kGuardSize + kStackSize, PROT_NONE,
                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
     Stack stack(memory == MAP_FAILED ? nullptr : static_cast<std::byte*>(memory));
-    if (!stack || mprotect(stack.get() + kGuardSize, ServiceThread::kStackSize,
-                           PROT_READ | PROT_WRITE) != 0) {
+    if (!stack || mprotect(stack.get() + kGuardSize, kStackSize, PROT_READ | PROT_WRITE) != 0) {
         throw std::bad_alloc();
     }
     return stack;
 }
 
 struct Ended {
-    pthread_t thread;
+    pid_t thread = 0;
     Stack stack;
 };
 
-/// Frees the stack of the thread that came here before; that of the caller is freed by the next.
-void EndOn(Stack stack) {
+bool IsGone(const Ended& ended) {
+    return syscall(SYS_tgkill, getpid(), ended.thread, 0) != 0 && errno == ESRCH;
+}
+
+/// Frees the stacks of the threads that came here before and are gone; that of the caller, the only
+/// entry of `own`, is freed by a later one.
+void EndOn(std::list<Ended> own) {
     // Threads may outlive what the process destroys at its end.
     static auto& mutex = *new std::mutex;
-    static auto& last = *new std::optional<Ended>;
-    std::optional<Ended> former(Ended{pthread_self(), std::move(stack)});
-    {
-        const std::lock_guard lock(mutex);
-        former.swap(last);
-    }
-    if (former) {
-        pthread_join(former->thread, nullptr);
-    }
+    static auto& all = *new std::list<Ended>;
+    own.front().thread = static_cast<pid_t>(syscall(SYS_gettid));
+    const std::lock_guard lock(mutex);
+    all.remove_if(IsGone);
+    all.splice(all.end(), own);
 }
 
 struct Beginning {
     std::string name;
     std::function<void()> work;
-    Stack stack;  // null in a thread that somebody joins
+    std::list<Ended> stack;  // none in a thread that somebody joins
 };
 
 /// True when the work is to be begun again.
@@ -76,7 +83,7 @@ bool RanOutOfMemory(const Beginning& start) {
         start.work();
     } catch (const std::bad_alloc&) {
         ZEL_ERROR("Out of memory in thread %s", start.name.c_str());
-        return start.stack == nullptr;
+        return start.stack.empty();
     } catch (const std::exception& error) {
         ZEL_ERROR("Thread %s has ended: %s", start.name.c_str(), error.what());
     }
@@ -91,10 +98,10 @@ void* Main(void* argument) {
             std::this_thread::sleep_for(ServiceThread::kMemoryPause);
         }
     });
-    Stack stack = std::move(start->stack);
+    std::list<Ended> stack = std::move(start->stack);
     // After a fault, what the work owns may be in a state that cannot be destroyed.
     const bool destroyed = CrashGuard::Run([start] { delete start; });
-    if (stack) {
+    if (!stack.empty()) {
         EndOn(std::move(stack));
     }
     return completed && destroyed ? nullptr : reinterpret_cast<void*>(-1);
@@ -102,13 +109,14 @@ void* Main(void* argument) {
 
 class ThreadAttributes {
 public:
-    explicit ThreadAttributes(const Stack& stack) {
+    explicit ThreadAttributes(const std::list<Ended>& stack) {
         pthread_attr_init(&attributes_);
-        if (stack) {
-            pthread_attr_setstack(&attributes_, stack.get() + kGuardSize,
-                                  ServiceThread::kStackSize);
-        } else {
+        if (stack.empty()) {
             pthread_attr_setstacksize(&attributes_, ServiceThread::kStackSize);
+        } else {
+            std::byte* const lowest = stack.front().stack.get() + kGuardSize;
+            pthread_attr_setstack(&attributes_, lowest, kStackSize);
+            pthread_attr_setdetachstate(&attributes_, PTHREAD_CREATE_DETACHED);
         }
     }
     ~ThreadAttributes() { pthread_attr_destroy(&attributes_); }
@@ -137,7 +145,7 @@ ServiceThread::~ServiceThread() {
 
 bool ServiceThread::Start(const char* name, std::function<void()> work) try {
     static_cast<void>(Join());  // the former one has ended either way
-    running_ = Create(thread_, std::make_unique<Beginning>(Beginning{name, std::move(work), nullptr}));
+    running_ = Create(thread_, std::make_unique<Beginning>(Beginning{name, std::move(work), {}}));
     return running_;
 } catch (const std::bad_alloc&) {
     return false;
@@ -169,8 +177,10 @@ bool ServiceThread::JoinWithin(std::chrono::milliseconds timeout) {
 }
 
 bool ServiceThread::StartDetached(const char* name, std::function<void()> work) try {
+    auto start = std::make_unique<Beginning>(Beginning{name, std::move(work), {}});
+    start->stack.push_back({0, MakeStack()});
     pthread_t thread{};
-    return Create(thread, std::make_unique<Beginning>(Beginning{name, std::move(work), MakeStack()}));
+    return Create(thread, std::move(start));
 } catch (const std::bad_alloc&) {
     return false;
 }
