@@ -1,12 +1,13 @@
 """The demo's scenarios: the ways in which a box comes onto the network. Each is a story of its own."""
 
 import re
+import shlex
 import subprocess
 
 import stage
 from stage import (ALONE, BASE, BOX, CONFIGURATION, DEVICE_ID, DHCP, MANAGER_OUTPUT, WLAN_BOX, Manager, log,
                    output_of, settings, wait_for_log, wait_until)
-from story import REFUSED, check, log_of_this_start, start_agent, stop, title, zelctl
+from story import REFUSED, check, log_of_this_start, show, start_agent, stop, title, zelctl
 
 LINK_LOCAL = re.compile(r"169\.254\.\d+\.\d+")
 SSID = "Bay 7"
@@ -14,7 +15,7 @@ PASS_PHRASE = "correct horse battery"
 
 
 def network(*arguments):
-    print(f"  workshop/network {' '.join(arguments)}", flush=True)
+    show(f"workshop/network {shlex.join(arguments)}", "")
     stage.network(*arguments)
 
 
@@ -31,9 +32,10 @@ def address(device="eth0"):
     return found[0] if len(found) == 1 else ", ".join(found)
 
 
-def show(*command):
+def in_box(*command):
+    """Runs a command there, shows it with what it prints, and returns that."""
     output = output_of(*command)
-    print(f"  {' '.join(command)}\n" + "".join(f"    {line}\n" for line in output.splitlines()), end="", flush=True)
+    show(shlex.join(command), output)
     return output
 
 
@@ -58,8 +60,8 @@ def wait_for_network(seconds=90):
 def check_lease():
     title("The box is switched on: the cable is in, and it asks for an address")
     wait_for_network()
-    show("ip", "-4", "address", "show", "dev", "eth0")
-    routes = show("ip", "route")
+    in_box("ip", "-4", "address", "show", "dev", "eth0")
+    routes = in_box("ip", "route")
     check(address() == BOX, f"it has leased {BOX}")
     check("default via 192.168.68.1" in routes, "its default route leads to the router")
     check("239.255.255.253 dev eth0" in routes, "the groups of SLP are routed to its card")
@@ -94,7 +96,7 @@ def link_local():
     agent = start(BASE + DHCP)
     wait_for_network()
     own = address()
-    show("ip", "-4", "address", "show", "dev", "eth0")
+    in_box("ip", "-4", "address", "show", "dev", "eth0")
     check(LINK_LOCAL.fullmatch(own), f"it has given itself the link-local address {own}")
 
     title("A client finds it there and talks to it")
@@ -118,8 +120,8 @@ def static():
     title("The box has a static address")
     agent = start(ALONE + stage.static("192.168.70.7"))
     wait_for_network()
-    show("ip", "-4", "address", "show", "dev", "eth0")
-    routes = show("ip", "route")
+    in_box("ip", "-4", "address", "show", "dev", "eth0")
+    routes = in_box("ip", "route")
     check(address() == "192.168.70.7", "it has the configured address")
     check("default via 192.168.68.1" in routes, "and the configured default route")
     agent.wait_until_serving("192.168.70.7")
@@ -154,8 +156,8 @@ def pull_cable():
 def check_wlan():
     """Waits until a box without cable is on the WLAN."""
     wait_for_network()
-    show("ip", "-4", "address", "show", "dev", "ra0")
-    status = show("wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status")
+    in_box("ip", "-4", "address", "show", "dev", "ra0")
+    status = in_box("wpa_cli", "-p", "/tmp/supplicant/ctrl", "-i", "ra0", "status")
     check("wpa_state=COMPLETED" in status, "the supplicant is associated")
     check(address("ra0") == WLAN_BOX, f"the box has leased {WLAN_BOX} over the air")
 
@@ -176,7 +178,7 @@ def wlan_psk():
     title("No cable; an access point with a pass phrase")
     agent = start_with_pass_phrase()
     check(log().count("Lan is not link") == 4, "after it had waited three times for the cable")
-    show("cat", "/tmp/supplicant/wpa.conf")
+    in_box("cat", "/tmp/supplicant/wpa.conf")
 
     title("A client finds it there")
     find_box(WLAN_BOX)
@@ -191,8 +193,8 @@ def wlan_tls():
     wait_for_log("* SignIn succeed")
     stop(agent)
     manager.stop()
-    show("cat", "/config/wpa.conf")
-    show("openssl", "x509", "-in", "/config/clientcert", "-noout", "-subject", "-issuer", "-enddate")
+    in_box("cat", "/config/wpa.conf")
+    in_box("openssl", "x509", "-in", "/config/clientcert", "-noout", "-subject", "-issuer", "-enddate")
 
     title("Without its cable it is switched on again; the access point wants a certificate")
     pull_cable()
@@ -211,7 +213,7 @@ def cable_back():
     network("cable", "in")
     zelctl("mode", WLAN_BOX, "dhcp")
     wait_until(lambda: address() == BOX, "the box has the wired address only", 10)
-    show("ip", "-4", "-o", "address")
+    in_box("ip", "-4", "-o", "address")
     check(address("ra0") == "", "its WLAN card has no address any more")
     check(not wlan_processes(), "and the supplicant is gone")
     find_box(BOX)

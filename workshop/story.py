@@ -28,17 +28,22 @@ def check(condition, text):
     print(f"  {GREEN}ok{PLAIN}: {text}", flush=True)
 
 
+def show(typed, output, only=""):
+    """A command of the box as it is typed from outside, in the project's folder, and what it has printed."""
+    typed = f"simbox/enter {typed}" + (f" | grep -E {shlex.quote(only)}" if only else "")
+    lines = [line for line in output.splitlines() if re.search(only, line)]
+    print(f"  {BOLD}{typed}{PLAIN}\n" + "".join(f"    {line}\n" for line in lines), end="", flush=True)
+
+
 def in_client_network(*command, status=0, only=""):
     """Runs a command there, shows it with what it prints, checks its exit status, and returns what it prints.
 
     `only` is a pattern of the lines to be shown.
     """
-    typed = shlex.join(command) + (f" | grep -E {shlex.quote(only)}" if only else "")
     path = f"{ZELCTL.parent}:{os.environ['PATH']}"
     done = subprocess.run(in_network("client", *command), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                           text=True, cwd=PROJECT, env={**os.environ, "PATH": path})
-    lines = [line for line in done.stdout.splitlines() if re.search(only, line)]
-    print(f"  $ {typed}\n" + "".join(f"  {line}\n" for line in lines), end="", flush=True)
+    show(f"--client {shlex.join(command)}", done.stdout, only)
     if done.returncode != status:
         raise Failed(f"exit status {done.returncode}, not {status}: {done.stdout}")
     return done.stdout
