@@ -1,5 +1,6 @@
 """Every example of the documents, pasted into the shells that they name."""
 
+import os
 import pathlib
 import re
 import subprocess
@@ -9,13 +10,16 @@ import pytest
 
 import stage
 
-SHELLS = {"$": stage.in_network("client", "bash"), "#": ["bash"]}
+SHELLS = {"client$": stage.in_network("client", "bash"), "manager$": stage.in_network("manager", "bash"),
+          "box#": ["bash"]}
+PROMPT = re.compile(f"({'|'.join(map(re.escape, SHELLS))}) (.*)")
 
 
 class Shell:
     def __init__(self, command):
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        stderr=subprocess.STDOUT, text=True)
+                                        stderr=subprocess.STDOUT, text=True,
+                                        env={**os.environ, "PATH": f"{os.environ['PATH']}:{stage.ZELCTL.parent}"})
 
     def run(self, command):
         mark = uuid.uuid4().hex
@@ -34,12 +38,16 @@ class Shell:
 
 
 def examples(text):
-    """(prompt, command, expected output) of every command, in order."""
+    """(prompt, command, expected output) of every command, in order; what is between <<'END' and END is its input."""
     found = []
     for block in re.findall(r"^```console\n(.*?)^```$", text, re.M | re.S):
-        for line in block.splitlines():
-            if line[:2] in ("$ ", "# "):
-                found.append((line[0], line[2:], []))
+        lines = iter(block.splitlines())
+        for line in lines:
+            if typed := PROMPT.fullmatch(line):
+                prompt, command = typed.groups()
+                if "<<'END'" in command:
+                    command = "\n".join([command, *iter(lines.__next__, "END"), "END"])
+                found.append((prompt, command, []))
             else:
                 found[-1][2].append(line)
     return [(prompt, command, "\n".join(output)) for prompt, command, output in found]
