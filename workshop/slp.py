@@ -74,6 +74,22 @@ def attribute_reply(attributes, xid, language="en", error=0):
     return message(ATTR_RPLY, struct.pack("!H", error), attributes, b"\0", xid=xid, language=language)
 
 
+def service_reply(url, xid, lifetime=65530, language="en"):
+    """With one URL, and the zero byte that a box puts behind it."""
+    entry = struct.pack("!HHBH", 0, 1, 0, lifetime)
+    return message(SRV_RPLY, entry, url, b"\0\0", xid=xid, language=language)
+
+
+def read_request(data):
+    """Function, number (as bytes) and the URL or the type that is asked for."""
+    fields = Fields(data)
+    function = fields.take(2, "head")[1]
+    fields.take(8, "head")
+    xid = fields.take(2, "number")
+    fields.text("language tag"), fields.text("list of who has answered")
+    return function, xid, fields.text("URL")
+
+
 def read_reply(data, function):
     """The fields behind the error code of a good reply."""
     fields = Fields(data)

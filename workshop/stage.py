@@ -327,7 +327,7 @@ def serving(configuration, **environment):
         yield running.wait_until_serving()
 
 
-# The manager and other boxes --------------------------------------------------------------------
+# The manager --------------------------------------------------------------------------------
 
 class Manager(Program):
     """The simulated manager in its own network; ends with the block. Settings are KEY=VALUE."""
@@ -353,43 +353,6 @@ class Manager(Program):
 
     def problems(self):
         return [line for line in self.output().splitlines() if "PROBLEM" in line]
-
-
-@contextlib.contextmanager
-def other_boxes(*lists):
-    """Further boxes, on addresses from 192.168.70.1 on, that do nothing but answer with these attributes."""
-    addresses = [f"192.168.{70 + number // 250}.{number % 250 + 1}" for number in range(len(lists))]
-
-    def change_addresses(what):
-        output_of("ip", "-batch", "-", network="manager",
-                  input="".join(f"address {what} {address}/16 dev eth0\n" for address in addresses))
-
-    with contextlib.ExitStack() as stack:
-        change_addresses("add")
-        stack.callback(change_addresses, "delete")
-        with namespace("manager"):
-            listener, *senders = (stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-                                  for _ in ["", *addresses])
-        for sock, address in zip([listener, *senders], [slp.GROUP, *addresses]):
-            sock.bind((address, slp.PORT))
-        slp.join_group(listener, MANAGER)
-        listener.settimeout(0.1)
-        ended = threading.Event()
-
-        def answer():
-            while not ended.is_set():
-                with contextlib.suppress(OSError):  # nobody asks, or from where no answer gets to
-                    request, client = listener.recvfrom(4096)
-                    xid = int.from_bytes(request[10:12], "big")
-                    for sender, attributes in zip(senders, lists):
-                        sender.sendto(b"", client)
-                        sender.sendto(slp.attribute_reply(attributes, xid), client)
-                        # To a question of somebody else's.
-                        sender.sendto(slp.attribute_reply("(Serial=?)", xid ^ 1), client)
-
-        stack.enter_context(in_background(answer))
-        stack.callback(ended.set)  # comes before the join
-        yield
 
 
 # The client -------------------------------------------------------------------------------------
