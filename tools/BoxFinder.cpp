@@ -1,6 +1,7 @@
 #include "BoxFinder.h"
 
 #include <ifaddrs.h>
+#include <linux/sock_diag.h>
 #include <net/if.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -61,60 +62,153 @@ void Ask(int descriptor, std::uint16_t xid) {
     }
 }
 
-/// The box that has sent the next datagram, and the key that sorts it.
-std::optional<std::pair<std::uint32_t, Box>> Receive(int descriptor, std::uint16_t xid) {
-    SlpCodec::Datagram datagram{};
-    sockaddr_in peer{};
-    socklen_t peerSize = sizeof peer;
-    const ssize_t size = recvfrom(descriptor, datagram.data(), datagram.size(), MSG_DONTWAIT,
-                                  Ipv4::Generic(peer), &peerSize);
-    if (size < 1 || SlpCodec::DeclaredLength(datagram) != static_cast<std::size_t>(size)) {
-        return std::nullopt;
+/// Sockets that share a port: the kernel always gives a sender's datagrams to the same one. A
+/// socket by itself holds some hundred answers, and a thousand boxes answer in less time than it
+/// may take until this program gets a processor.
+using Sockets = std::array<SocketGuard, 64>;
+
+void Open(Sockets& sockets) {
+    constexpr int kOn = 1;
+    sockaddr_in own = Ipv4::SocketAddress({INADDR_ANY}, 0);
+    for (SocketGuard& socket : sockets) {
+        socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        socklen_t size = sizeof own;
+        if (setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEPORT, &kOn, sizeof kOn) != 0 ||
+            bind(socket.Get(), Ipv4::Generic(own), size) != 0 ||
+            getsockname(socket.Get(), Ipv4::Generic(own), &size) != 0) {
+            return;  // some are enough for some boxes
+        }
     }
-    const std::optional<SlpMessage> message = SlpCodec::Decode(datagram);
-    const auto* const reply = message ? std::get_if<SlpReply>(&*message) : nullptr;
-    if (reply == nullptr || !reply->attrList || reply->xid != xid || reply->errorCode != 0) {
-        return std::nullopt;
-    }
-    return std::pair(ntohl(peer.sin_addr.s_addr),
-                     Box::Read(Ipv4::Dotted(peer.sin_addr), *reply->attrList));
 }
+
+/// One search: its sockets, and what has been heard.
+class Search {
+public:
+    explicit Search(int interruption) {
+        Open(sockets_);
+        polled_.push_back({interruption, POLLIN, 0});
+        for (const SocketGuard& socket : sockets_) {
+            polled_.push_back({socket.Get(), POLLIN, 0});
+        }
+    }
+
+    void Ask() const { BoxFinder::Ask(sockets_.front().Get(), xid_); }
+
+    /// Collects answers. False when the search was interrupted, or `isEnough` is true of a box.
+    bool CollectUntil(Clock::time_point end, const std::function<bool(const Box&)>& isEnough) {
+        while (Clock::now() < end) {
+            poll(polled_.data(), polled_.size(), Descriptors::MillisecondsUntil(end));
+            if (polled_.front().revents != 0) {
+                return false;
+            }
+            // All that has come is taken out before any of it is looked into.
+            std::vector<std::uint32_t> senders;
+            for (std::size_t i = 1; i < polled_.size(); ++i) {
+                while (polled_[i].revents != 0 && Clock::now() < end &&
+                       ReceiveOne(polled_[i].fd, senders)) {
+                }
+            }
+            if (isEnough && std::any_of(senders.begin(), senders.end(), [&](std::uint32_t sender) {
+                    return isEnough(ToBox(sender, lists_.at(sender)));
+                })) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+    /// Boxes that are new since the last call.
+    std::size_t TakeNew() { return lists_.size() - std::exchange(known_, lists_.size()); }
+
+    /// Datagrams that the sockets could not hold, since the last call.
+    std::uint32_t TakeLost() {
+        std::uint32_t lost = 0;
+        for (const SocketGuard& socket : sockets_) {
+            std::array<std::uint32_t, SK_MEMINFO_VARS> memory{};
+            socklen_t size = sizeof memory;
+            getsockopt(socket.Get(), SOL_SOCKET, SO_MEMINFO, memory.data(), &size);
+            lost += memory[SK_MEMINFO_DROPS];
+        }
+        return lost - std::exchange(lost_, lost);
+    }
+
+    std::vector<Box> Boxes() const {
+        std::vector<Box> boxes;
+        boxes.reserve(lists_.size());
+        for (const auto& [address, list] : lists_) {
+            boxes.push_back(ToBox(address, list));
+        }
+        return boxes;
+    }
+
+private:
+    static Box ToBox(std::uint32_t address, const std::string& list) {
+        return Box::Read(Ipv4::Dotted({htonl(address)}), list);
+    }
+
+    /// Whether there was a datagram; `senders` gets the sender of an answer.
+    bool ReceiveOne(int descriptor, std::vector<std::uint32_t>& senders) {
+        SlpCodec::Datagram datagram{};
+        sockaddr_in peer{};
+        socklen_t peerSize = sizeof peer;
+        const ssize_t size = recvfrom(descriptor, datagram.data(), datagram.size(), MSG_DONTWAIT,
+                                      Ipv4::Generic(peer), &peerSize);
+        if (size < 0) {
+            return false;
+        }
+        if (SlpCodec::DeclaredLength(datagram) != static_cast<std::size_t>(size)) {
+            return true;
+        }
+        std::optional<SlpMessage> message = SlpCodec::Decode(datagram);
+        auto* const reply = message ? std::get_if<SlpReply>(&*message) : nullptr;
+        const std::uint32_t sender = ntohl(peer.sin_addr.s_addr);
+        if (reply != nullptr && reply->attrList && reply->xid == xid_ && reply->errorCode == 0 &&
+            (lists_.size() < kMaxBoxes || lists_.contains(sender))) {
+            lists_.insert_or_assign(sender, std::move(*reply->attrList));
+            senders.push_back(sender);
+        }
+        return true;
+    }
+
+    Sockets sockets_;
+    std::vector<pollfd> polled_;
+    std::uint16_t xid_ = static_cast<std::uint16_t>(std::random_device()());
+    /// Attribute lists by the addresses of their boxes, as numbers.
+    std::map<std::uint32_t, std::string> lists_;
+    std::size_t known_ = 0;
+    std::uint32_t lost_ = 0;
+};
 
 }  // namespace
 
 std::vector<Box> Find(std::chrono::milliseconds wait,
-                      const std::function<bool(const Box&)>& isEnough, int interruption) {
-    std::map<std::uint32_t, Box> found;
-    const SocketGuard socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const auto xid = static_cast<std::uint16_t>(std::random_device()());
-    const Clock::time_point end = Clock::now() + wait;
-    Clock::time_point askAgain = end - wait / 2;
-    Ask(socket.Get(), xid);
-    while (Clock::now() < end) {
-        std::array<pollfd, 2> polled{{{socket.Get(), POLLIN, 0}, {interruption, POLLIN, 0}}};
-        poll(polled.data(), polled.size(), Descriptors::MillisecondsUntil(std::min(askAgain, end)));
-        if (polled[1].revents != 0) {
+                      const std::function<bool(const Box&)>& isEnough, int interruption,
+                      bool mayTakeLonger) {
+    constexpr int kQuarters = 4;
+    constexpr int kHalf = kQuarters / 2;
+    const int most = mayTakeLonger ? 2 * kQuarters : kQuarters;
+    const Clock::time_point start = Clock::now();
+    const auto endOf = [&](int quarter) { return start + wait * quarter / kQuarters; };
+    Search search(interruption);
+    search.Ask();
+    for (int quarter = 1; quarter <= most; ++quarter) {
+        if (!search.CollectUntil(endOf(quarter), isEnough)) {
+            search.Ask();
+            search.CollectUntil(std::min<Clock::time_point>(Clock::now() + kMoment, endOf(most)),
+                                {});
             break;
         }
-        if (Clock::now() >= askAgain) {
-            askAgain = Clock::time_point::max();
-            Ask(socket.Get(), xid);
-        }
-        auto answer = polled[0].revents == 0 ? std::nullopt : Receive(socket.Get(), xid);
-        if (!answer || (found.size() >= kMaxBoxes && !found.contains(answer->first))) {
-            continue;
-        }
-        const bool isLast = isEnough && isEnough(answer->second);
-        found.insert_or_assign(answer->first, std::move(answer->second));
-        if (isLast) {
+        // Also those that only a second question has reached tell that there are others.
+        const bool isLater = search.TakeNew() > 0 && quarter > kHalf;
+        const bool isIncomplete = search.TakeLost() > 0 || isLater;
+        if (quarter == most || (quarter >= kQuarters && !isIncomplete)) {
             break;
         }
+        if (isIncomplete || quarter == kHalf) {
+            search.Ask();
+        }
     }
-    std::vector<Box> boxes;
-    for (auto& entry : found) {
-        boxes.push_back(std::move(entry.second));
-    }
-    return boxes;
+    return search.Boxes();
 }
 
 }  // namespace BoxFinder
