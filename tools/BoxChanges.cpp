@@ -8,11 +8,23 @@
 
 namespace {
 
+constexpr std::size_t kSerialColumn = 1;
 constexpr std::size_t kStateColumn = 4;
 constexpr char kGone[] = "gone";
 
 std::string NameOf(const BoxTable::Row& row) {
     return row[0] + " (" + row[1] + ")";
+}
+
+/// Tells of a box that shares its serial number, or does so no more.
+void CompareSerials(std::size_t before, BoxTable::Line& line, BoxChanges::Texts& texts) {
+    if (line.sameSerial != before) {
+        line.changed[kSerialColumn] = true;
+        texts.push_back(NameOf(line.row) + (line.sameSerial == 1
+                                                ? " is the only box with this serial number"
+                                                : " is one of " + std::to_string(line.sameSerial) +
+                                                      " boxes with this serial number"));
+    }
 }
 
 /// Marks the cells that differ and puts them into words.
@@ -29,12 +41,24 @@ void Compare(const BoxTable::Row& before, BoxTable::Line& line, BoxChanges::Text
 }  // namespace
 
 std::vector<BoxTable::Line> BoxChanges::Next(const std::vector<Box>& boxes, Texts& texts) {
-    std::map<std::uint32_t, BoxTable::Line> lines;
     std::map<std::uint32_t, Known> now;
+    std::vector<BoxTable::Line*> there;
     for (const Box& box : boxes) {
         const std::uint32_t key = ntohl(inet_addr(box.address.c_str()));
-        BoxTable::Line line = BoxTable::MakeLine(box);
-        now.emplace(key, Known{line});
+        there.push_back(&now.emplace(key, Known{BoxTable::MakeLine(box)}).first->second.line);
+    }
+    for (const auto& [key, known] : before_) {
+        const auto [entry, isNew] = now.try_emplace(key, Known{known.line, true});
+        if (isNew && known.isMissed) {
+            now.erase(entry);
+        } else if (isNew) {
+            there.push_back(&entry->second.line);
+        }
+    }
+    BoxTable::CountSerials(there);
+    std::map<std::uint32_t, BoxTable::Line> lines;
+    for (const auto& [key, known] : now) {
+        BoxTable::Line line = known.line;
         const auto found = before_.find(key);
         if (found != before_.end()) {
             Compare(found->second.line.row, line, texts);
@@ -42,25 +66,21 @@ std::vector<BoxTable::Line> BoxChanges::Next(const std::vector<Box>& boxes, Text
             texts.push_back(NameOf(line.row) + " is there, " + line.row[kStateColumn]);
             line.changed.fill(!isFirst_);
         }
-        lines.emplace(key, line);
+        CompareSerials(found != before_.end() ? found->second.line.sameSerial : 1, line, texts);
+        lines.emplace(key, std::move(line));
     }
     for (auto& [key, known] : before_) {
-        if (now.contains(key)) {
-            continue;
-        }
-        if (!known.isMissed) {
-            now.emplace(key, Known{known.line, true});
-        } else {
+        if (!now.contains(key)) {
             texts.push_back(NameOf(known.line.row) + " is gone");
             known.line.row[kStateColumn] = kGone;
             known.line.changed.fill(true);
+            lines.emplace(key, std::move(known.line));
         }
-        lines.emplace(key, known.line);
     }
     before_ = std::move(now);
     isFirst_ = false;
     std::vector<BoxTable::Line> shown;
     std::transform(lines.begin(), lines.end(), std::back_inserter(shown),
-                   [](const auto& entry) { return entry.second; });
+                   [](auto& entry) { return std::move(entry.second); });
     return shown;
 }

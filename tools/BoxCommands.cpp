@@ -7,8 +7,9 @@
 #include <array>
 #include <cstdio>
 #include <ctime>
-#include <iterator>
+#include <functional>
 #include <optional>
+#include <string_view>
 
 #include "BoxChanges.h"
 #include "BoxFinder.h"
@@ -20,13 +21,22 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string TimeOfDay() {
+/// RFC 3339: with the distance from UTC, in which strftime has no colon.
+std::string Timestamp() {
+    constexpr std::size_t kMinutes = 2;
     const std::time_t now = std::time(nullptr);
     std::tm local{};
     localtime_r(&now, &local);
-    std::array<char, 16> text{};
-    std::strftime(text.data(), text.size(), "%H:%M:%S", &local);
-    return text.data();
+    std::array<char, 32> buffer{};
+    std::strftime(buffer.data(), buffer.size(), "%Y-%m-%dT%H:%M:%S%z", &local);
+    std::string text = buffer.data();
+    return text.insert(text.size() - kMinutes, ":");
+}
+
+std::string TimeOfDay() {
+    constexpr std::string_view kDate = "YYYY-MM-DDT";
+    constexpr std::string_view kTime = "HH:MM:SS";
+    return Timestamp().substr(kDate.size(), kTime.size());
 }
 
 /// The part of the screen that is redrawn: without cursor and line wrap, until it goes out of
@@ -44,11 +54,16 @@ public:
     Screen(const Screen&) = delete;
     Screen& operator=(const Screen&) = delete;
 
-    /// Cuts what does not fit on the screen.
-    static void Show(const std::string& text) {
+    /// Lines that fit on it, the last one empty.
+    static std::size_t Rows() {
         winsize size{};
         const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 1;
-        std::size_t rowsLeft = isKnown ? size.ws_row - 1U : text.size();
+        return isKnown ? size.ws_row - 1U : std::string::npos;
+    }
+
+    /// Cuts what does not fit on the screen.
+    static void Show(const std::string& text) {
+        std::size_t rowsLeft = Rows();
         std::string frame = "\033[H";
         for (std::size_t begin = 0; begin < text.size() && rowsLeft > 0; --rowsLeft) {
             const std::size_t end = text.find('\n', begin);
@@ -62,9 +77,23 @@ public:
 
 void PrintChanges(const BoxChanges::Texts& texts) {
     for (const std::string& text : texts) {
-        std::printf("%s %s\n", TimeOfDay().c_str(), text.c_str());
+        std::printf("%s %s\n", Timestamp().c_str(), text.c_str());
     }
     std::fflush(stdout);
+}
+
+/// What a screen of that many rows shows. Boxes that do not fit are counted; what has changed then
+/// comes first.
+std::string Frame(std::vector<BoxTable::Line> lines, std::size_t boxCount, std::size_t rows) {
+    constexpr std::size_t kAround = 4;  // heads of screen and table, and the count
+    const std::size_t room = rows - std::min(rows, kAround);
+    std::string count;
+    if (lines.size() > room) {
+        std::stable_partition(lines.begin(), lines.end(), std::mem_fn(&BoxTable::Line::HasChanged));
+        count = "and " + std::to_string(lines.size() - room) + " more; what changes comes first\n";
+    }
+    return TimeOfDay() + "  boxes: " + std::to_string(boxCount) + "; Ctrl-C ends\n\n" +
+           BoxTable::Render(lines, BoxTable::ShowsColors(), room) + count;
 }
 
 }  // namespace
@@ -78,11 +107,12 @@ bool IsWanted(const Box& box, const Options& options) {
 }
 
 Outcome Find(const Options& options) {
-    // A serial number is one box's.
     const auto isEnough = [&options](const Box& box) {
         return !options.serial.empty() && box.HasSerial(options.serial);
     };
     std::vector<Box> boxes = BoxFinder::Find(options.wait, isEnough);
+    const std::vector<BoxTable::Line> lines =
+        BoxTable::MakeLines(boxes, [&options](const Box& box) { return IsWanted(box, options); });
     const bool isAnyWanted = IsWanted(Box(), options);
     std::erase_if(boxes, [&options](const Box& box) { return !IsWanted(box, options); });
     if (options.json) {
@@ -92,8 +122,6 @@ Outcome Find(const Options& options) {
         }
         std::printf("[%s]\n", list.c_str());
     } else if (!boxes.empty()) {
-        std::vector<BoxTable::Line> lines;
-        std::transform(boxes.begin(), boxes.end(), std::back_inserter(lines), BoxTable::MakeLine);
         std::fputs(BoxTable::Render(lines, BoxTable::ShowsColors()).c_str(), stdout);
     }
     if (!boxes.empty()) {
@@ -114,15 +142,14 @@ Outcome Watch(const Options& options) {
     for (;;) {
         next += options.interval;
         const std::vector<Box> boxes = BoxFinder::Find(std::min(options.wait, options.interval), {},
-                                                       interruption.Descriptor());
+                                                       interruption.Descriptor(), false);
         if (interruption.WithinTime(std::chrono::milliseconds(0))) {
             return {};  // the search may be incomplete
         }
         BoxChanges::Texts texts;
         const std::vector<BoxTable::Line> lines = changes.Next(boxes, texts);
         if (isTerminal) {
-            Screen::Show(TimeOfDay() + "  boxes: " + std::to_string(boxes.size()) +
-                         "; Ctrl-C ends\n\n" + BoxTable::Render(lines, BoxTable::ShowsColors()));
+            Screen::Show(Frame(lines, boxes.size(), Screen::Rows()));
         } else {
             PrintChanges(texts);
         }

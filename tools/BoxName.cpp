@@ -44,7 +44,7 @@ std::optional<Parts> Split(const std::string& name) {
     return Parts{name.substr(0, colon), port};
 }
 
-Outcome ChooseOnly(const std::vector<Box>& boxes, BoxAddress& address) {
+Outcome ChooseOnly(const std::vector<Box>& boxes, BoxAddress& address, const std::string& name) {
     if (boxes.empty()) {
         return {ExitStatus::kUnreachable,
                 "no box answers on this network; name its address, or wait longer (--wait)"};
@@ -58,8 +58,10 @@ Outcome ChooseOnly(const std::vector<Box>& boxes, BoxAddress& address) {
         list += (i == 0 ? " " : ", ") + boxes[i].address + " (" +
                 SafeText::Shorten(SafeText::Line(boxes[i].DeviceId()), kListedWidth) + ")";
     }
-    return {ExitStatus::kUsage, std::to_string(boxes.size()) + " boxes answer, name one:" + list +
-                                    (boxes.size() > kMaxListed ? ", ..." : "")};
+    return {ExitStatus::kUsage,
+            std::to_string(boxes.size()) + " boxes answer" +
+                (name.empty() ? ", name one:" : " to '" + name + "', name one by its address:") +
+                list + (boxes.size() > kMaxListed ? ", ..." : "")};
 }
 
 Outcome Resolve(const Options& options, BoxAddress& address,
@@ -84,14 +86,13 @@ Outcome Resolve(const Options& options, BoxAddress& address,
     if (parts->host.find('.') == std::string::npos) {
         const auto hasSerial = [&](const Box& box) { return box.HasSerial(parts->host); };
         std::vector<Box> boxes = BoxFinder::Find(options.wait, hasSerial);
-        const auto found = std::find_if(boxes.begin(), boxes.end(), hasSerial);
-        if (found != boxes.end()) {
-            address.host = found->address;
-            return {};
-        }
-        std::erase_if(boxes, [&](const Box& box) { return box.HostName() != parts->host; });
+        // A serial number goes before a host name.
+        const bool isSerial = std::any_of(boxes.begin(), boxes.end(), hasSerial);
+        std::erase_if(boxes, [&](const Box& box) {
+            return isSerial ? !hasSerial(box) : box.HostName() != parts->host;
+        });
         if (!boxes.empty()) {
-            return ChooseOnly(boxes, address);
+            return ChooseOnly(boxes, address, parts->host);
         }
     }
     address.host = LookUp(parts->host);

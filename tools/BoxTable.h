@@ -1,7 +1,7 @@
 #pragma once
 
 #include <array>
-#include <map>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,13 +22,25 @@ struct Line {
     std::string color;
     /// Columns that are shown highlighted.
     std::array<bool, kColumns.size()> changed{};
+    /// How many boxes say that they have its serial number; where it is not alone this is shown.
+    std::size_t sameSerial = 1;
+
+    bool HasChanged() const;
 };
 
 Line MakeLine(const Box& box);
 
-/// The table, a line feed behind every line. With `colored` it holds terminal escapes: the boxes'
-/// colours and what has changed.
-std::string Render(const std::vector<Line>& lines, bool colored);
+/// Of those boxes that are wanted; serial numbers count among all.
+std::vector<Line> MakeLines(const std::vector<Box>& boxes,
+                            const std::function<bool(const Box&)>& isWanted);
+
+/// Sets `sameSerial` of all of them.
+void CountSerials(const std::vector<Line*>& lines);
+
+/// The table of the first `shown` lines, a line feed behind every one; columns are as wide as all
+/// lines need. With `colored` it holds terminal escapes: the boxes' colours and what has changed.
+std::string Render(const std::vector<Line>& lines, bool colored,
+                   std::size_t shown = std::string::npos);
 
 /// Whether standard output shows colours: it is a terminal that knows them, and NO_COLOR is not
 /// set.

@@ -1,5 +1,8 @@
 #include "SafeText.h"
 
+#include <locale.h>
+#include <wchar.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -27,6 +30,21 @@ bool IsHarmful(std::uint32_t code) {
            std::any_of(std::begin(kHarmful), std::end(kHarmful), [code](const Range& range) {
                return code >= range.first && code <= range.last;
            });
+}
+
+/// What the C library knows of it, whatever the user's locale: terminals of today take UTF-8.
+std::size_t ColumnsOf(std::uint32_t code) {
+    constexpr std::uint32_t kFirstOfOthers = 0x80;
+    if (code < kFirstOfOthers) {
+        return 1;
+    }
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    const locale_t before = utf8 == nullptr ? nullptr : uselocale(utf8);
+    const int columns = wcwidth(static_cast<wchar_t>(code));
+    if (before != nullptr) {
+        uselocale(before);
+    }
+    return columns < 0 ? 1 : static_cast<std::size_t>(columns);
 }
 
 template <typename Handle>
@@ -88,8 +106,8 @@ std::string Json(std::string_view text) {
 
 std::size_t Width(std::string_view text) {
     std::size_t width = 0;
-    ForEach(text, [&width](const Utf8::Character& /*character*/, std::string_view /*bytes*/) {
-        ++width;
+    ForEach(text, [&width](const Utf8::Character& character, std::string_view /*bytes*/) {
+        width += ColumnsOf(character.code);
     });
     return width;
 }
@@ -99,9 +117,10 @@ std::string Shorten(std::string_view text, std::size_t width) {
         return std::string(text);
     }
     std::string shortened;
-    std::size_t count = 1;
-    ForEach(text, [&](const Utf8::Character& /*character*/, std::string_view bytes) {
-        if (count++ < width) {
+    std::size_t columns = 1;  // the ellipsis
+    ForEach(text, [&](const Utf8::Character& character, std::string_view bytes) {
+        columns += ColumnsOf(character.code);
+        if (columns <= width) {
             shortened += bytes;
         }
     });

@@ -18,10 +18,11 @@ std::string Lines(std::string_view text);
 /// A JSON string, quotes included (RFC 8259, section 7).
 std::string Json(std::string_view text);
 
-/// Number of characters of a safe text.
+/// Columns that a safe text takes on a terminal: two for a wide character of East Asia, none for a
+/// mark that is put onto the character before.
 std::size_t Width(std::string_view text);
 
-/// A safe text of no more than `width` characters; an ellipsis ends one that was longer.
+/// A safe text of no more than `width` columns; an ellipsis ends one that was longer.
 std::string Shorten(std::string_view text, std::size_t width);
 
 }  // namespace SafeText
