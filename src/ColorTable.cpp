@@ -6,16 +6,6 @@
 namespace ColorTable {
 namespace {
 
-struct Color {
-    std::string_view name;
-    std::string_view value;
-};
-
-constexpr Color kColors[] = {
-    {"white", "#ede3d3"}, {"red", "#be1110"},   {"yellow", "#ffff43"}, {"violet", "#8a4280"},
-    {"green", "#4e8541"}, {"brown", "#754836"}, {"blue", "#163279"},   {"grey", "#acaea6"},
-};
-
 /// The `wanted` member of the colour whose `known` member is `text`.
 std::string_view Find(std::string_view text, std::string_view Color::*known,
                       std::string_view Color::*wanted) {

@@ -9,6 +9,7 @@
 
 #include "AgentCommands.h"
 #include "BoxCommands.h"
+#include "Completion.h"
 #include "ConnectorCommands.h"
 #include "FileCommands.h"
 #include "Revision.h"
@@ -106,6 +107,9 @@ constexpr char kStatusHelp[] =
     "Exit status: 0 done; 1 the box refuses; 2 wrong usage; 3 no such box, or it cannot\n"
     "be reached; 4 the answer is a fault or is not understood; 5 the output cannot be\n"
     "written.";
+
+// What the shells' completion files call; no person does.
+constexpr char kComplete[] = "--complete";
 
 class HelpFormatter : public CLI::Formatter {
 public:
@@ -231,6 +235,7 @@ Parsed Parse(int argc, const char* const* argv) {
     const bool isCommand =
         std::any_of(std::begin(kCommands), std::end(kCommands),
                     [&first](const Command& command) { return command.name == first; });
+    const bool isCompletion = first == kComplete;
     if (!isCommand && !first.starts_with('-')) {
         std::fprintf(stderr, "zelctl: %s (zelctl --help)\n",
                      first.empty() ? "tell it what to do"
@@ -256,6 +261,14 @@ Parsed Parse(int argc, const char* const* argv) {
     try {
         for (std::size_t i = 0; i < std::size(kCommands); ++i) {
             AddCommand(app, kCommands[i], readings[i]);
+        }
+        if (isCompletion) {
+            const std::vector<std::string> words(argv + 2, argv + argc);
+            const auto* const command = std::find_if(
+                std::begin(kCommands), std::end(kCommands),
+                [&](const Command& each) { return !words.empty() && words.front() == each.name; });
+            Completion::Print(app, command == std::end(kCommands) ? "" : command->words, words);
+            return parsed;
         }
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

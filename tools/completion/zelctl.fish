@@ -1,0 +1,11 @@
+# Completion of zelctl(1) for fish; what there is to offer zelctl knows itself.
+
+function __zelctl_complete
+    set -l words (commandline --tokenize --cut-at-cursor --current-process)
+    set -l current (commandline --current-token --cut-at-cursor)
+    set -l program $words[1]
+    set -e words[1]
+    $program --complete $words "$current" 2>/dev/null
+end
+
+complete --command zelctl --no-files --arguments '(__zelctl_complete)'
