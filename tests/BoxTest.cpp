@@ -34,6 +34,7 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
     const auto reserved =
         Box::Read("10.0.0.1", "(Serial=T1),(State=5),(Owner=me),(Kl30Voltage=12340),(Counter=2)");
     const auto other = Box::Read("10.0.0.2", "(Serial=T2),(State=4)");
+    const auto twin = Box::Read("10.0.0.3", "(Serial=T2),(State=4)");
     BoxChanges changes;
     for (const auto& [boxes, expected, lines] :
          Table<std::vector<Box>, BoxChanges::Texts, std::size_t>{
@@ -47,7 +48,16 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
              {{reserved, other}, {}, 2},
              {{other}, {}, 2},
              {{other}, {"10.0.0.1 (T1) is gone"}, 2},
-             {{other}, {}, 1}}) {
+             {{other}, {}, 1},
+             {{other, twin},
+              {"10.0.0.2 (T2) is one of 2 boxes with this serial number",
+               "10.0.0.3 (T2) is there, free",
+               "10.0.0.3 (T2) is one of 2 boxes with this serial number"},
+              2},
+             {{other}, {}, 2},
+             {{other},
+              {"10.0.0.2 (T2) is the only box with this serial number", "10.0.0.3 (T2) is gone"},
+              2}}) {
         BoxChanges::Texts texts;
         EXPECT_EQ(changes.Next(boxes, texts).size(), lines);
         EXPECT_EQ(texts, expected);

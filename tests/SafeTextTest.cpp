@@ -25,7 +25,20 @@ TEST(SafeTextTest, NothingThatSteersATerminalIsLeft) {
         EXPECT_EQ(SafeText::Lines(text), lines);
         EXPECT_EQ(SafeText::Json(text), json);
     }
-    EXPECT_EQ(SafeText::Width("Grün"), 4U);
-    EXPECT_EQ(SafeText::Shorten("Grün", 4), "Grün");
-    EXPECT_EQ(SafeText::Shorten("Grünn", 4), "Grü…");
+}
+
+TEST(SafeTextTest, ColumnsAreCountedAsATerminalShowsThem) {
+    for (const auto& [text, width, shortened] : Table<const char*, std::size_t, const char*>{
+             {"Grün", 4, "Grün"},
+             {"Grünn", 5, "Grü…"},
+             {"gru\u0308n", 4, "gru\u0308n"},   // a mark
+             {"gru\u0308nn", 5, "gru\u0308…"},  // which stays with its letter
+             {"東京", 4, "東京"},
+             {"a東京", 5, "a東…"},
+             {"東京a", 5, "東…"},                 // half a character is none
+             {"ｱｲ😀", 4, "ｱｲ😀"},                   // narrow ones, and one of two columns
+             {"\U0010ffff", 1, "\U0010ffff"}}) {  // unknown
+        EXPECT_EQ(SafeText::Width(text), width) << text;
+        EXPECT_EQ(SafeText::Shorten(text, 4), shortened);
+    }
 }

@@ -200,7 +200,8 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
         AddSeconds(added, "--timeout", reading.timeout, command.timeout,
                    "Longest wait for the box to accept, and for each part of its answer");
     }
-    AddSeconds(added, "--wait", reading.wait, 2, "How long boxes have time to answer a search");
+    AddSeconds(added, "--wait", reading.wait, 2,
+               "How long boxes have time to answer a search; twice that where answers get lost");
 }
 
 }  // namespace
