@@ -23,7 +23,7 @@ std::string Member(std::string_view name, std::string_view value) {
 
 Box Box::Read(const std::string& address, std::string_view attributeList) {
     Box box{address, {}};
-    while (!attributeList.empty()) {
+    while (!attributeList.empty() && box.attributes.size() < kMaxAttributes) {
         constexpr std::string_view kBetween = "),(";
         const std::size_t end = attributeList.find(kBetween);
         std::string_view attribute = attributeList.substr(0, end);

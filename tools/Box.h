@@ -10,10 +10,13 @@ struct Box {
     std::string address;
     std::map<std::string, std::string> attributes;
 
+    /// A box has some 25; forgers may fill a datagram with them, and may be many.
+    static constexpr std::size_t kMaxAttributes = 128;
+
     /// Reads an attribute list (RFC 2608, section 5) and takes the escapes out of its values. Older
     /// boxes do not escape: a value ends at the next ")" that ends the list or that a comma and the
     /// next attribute follow, and the first one of a name counts, since who reserves such a box
-    /// chooses a part of the list.
+    /// chooses a part of the list. What a list has beyond kMaxAttributes is not read.
     static Box Read(const std::string& address, std::string_view attributeList);
 
     /// Empty when the box does not say.

@@ -67,15 +67,23 @@ void Ask(int descriptor, std::uint16_t xid) {
 /// may take until this program gets a processor.
 using Sockets = std::array<SocketGuard, 64>;
 
-void Open(Sockets& sockets) {
+bool Share(int descriptor) {
     constexpr int kOn = 1;
+    return setsockopt(descriptor, SOL_SOCKET, SO_REUSEPORT, &kOn, sizeof kOn) == 0;
+}
+
+void Open(Sockets& sockets) {
     sockaddr_in own = Ipv4::SocketAddress({INADDR_ANY}, 0);
     for (SocketGuard& socket : sockets) {
         socket.Reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         socklen_t size = sizeof own;
-        if (setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEPORT, &kOn, sizeof kOn) != 0 ||
+        // Whoever shares gets any port of the user's that is shared, also of another search: the
+        // first one finds a port of its own.
+        const bool isFirst = own.sin_port == 0;
+        if ((!isFirst && !Share(socket.Get())) ||
             bind(socket.Get(), Ipv4::Generic(own), size) != 0 ||
-            getsockname(socket.Get(), Ipv4::Generic(own), &size) != 0) {
+            getsockname(socket.Get(), Ipv4::Generic(own), &size) != 0 ||
+            (isFirst && !Share(socket.Get()))) {
             return;  // some are enough for some boxes
         }
     }

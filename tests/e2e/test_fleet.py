@@ -1,10 +1,13 @@
 """zelctl among many boxes, and what shells complete of it."""
 
 import contextlib
+import fcntl
 import json
 import os
 import re
+import struct
 import subprocess
+import termios
 import time
 
 import pytest
@@ -24,6 +27,13 @@ def run(*command, **environment):
 
 def zelctl(*arguments):
     return run(ZELCTL, *arguments)
+
+
+@pytest.fixture(scope="module")
+def terminals():
+    subprocess.run(["mount", "-t", "devpts", "-o", "newinstance,ptmxmode=666", "devpts", "/dev/pts"], check=True)
+    with contextlib.suppress(FileExistsError):
+        os.symlink("pts/ptmx", "/dev/ptmx")
 
 
 def test_a_thousand_boxes_are_found_and_none_twice():
@@ -76,6 +86,29 @@ def test_boxes_with_one_serial_number():
         assert re.match(rf"\d{{4}}-\d\d-\d\dT\d\d:\d\d:\d\d\+05:30 {address} \(TAVO7\) is {event}", line)
 
 
+def test_a_small_terminal_shows_what_changes_first(terminals):
+    main, other = os.openpty()
+    fcntl.ioctl(other, termios.TIOCSWINSZ, struct.pack("HHHH", 10, 200, 0, 0))
+    lists = [f"(Serial=TAVO{number}),(State=4)" for number in range(1, 21)]
+    watch = subprocess.Popen(in_network("client", ZELCTL, "watch", "--interval", "0.4"), stdout=other,
+                             env={**os.environ, "NO_COLOR": "1"})
+    shown = ""
+
+    def rows():
+        nonlocal shown
+        shown += os.read(main, 65536).decode()
+        frames = [re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", "", frame) for frame in shown.split("\x1b[H")]
+        assert all(frame.count("\n") <= 10 for frame in frames)
+        return frames
+    with responders.other_boxes(*lists[:-1]):
+        wait_until(lambda: any("and 14 more" in frame and "TAVO5 " in frame for frame in rows()), "nineteen boxes")
+    with responders.other_boxes(*lists):
+        wait_until(lambda: any(re.search(r"NETWORK\r\n192.168.128.20 ", frame) for frame in rows()), "the new box")
+    watch.terminate()
+    assert watch.wait(20) == 0
+    os.close(main), os.close(other)
+
+
 BASH = """
 . "$1"
 shift
@@ -86,58 +119,48 @@ printf '%s\\n' "${COMPREPLY[@]}"
 """
 
 
-def in_bash(line):
+def in_bash(line, _):
     words = [part for word in line.split(" ") for part in re.split("(=)", word)]
     return run("bash", "-c", BASH, "bash", COMPLETION / "zelctl.bash", *words).stdout
 
 
-def in_fish(line):
+def in_fish(line, _):
     return run("fish", "--no-config", "-c", 'source $argv[1]; complete -C"$argv[2]"', COMPLETION / "zelctl.fish",
                line).stdout
 
 
-def in_zsh(line):
-    """What a terminal shows when the tab key was pressed behind the line."""
+def in_zsh(line, offered):
+    """What a terminal shows from the line's last word on when the tab key is pressed."""
     main, other = os.openpty()
+    os.set_blocking(main, False)
     shell = subprocess.Popen(in_network("client", "zsh", "-f", "-i"), stdin=other, stdout=other, stderr=other,
                              start_new_session=True, env={**os.environ, "TERM": "dumb"})
     os.close(other)
     shown = ""
 
-    def shows(text):
+    def shows(*texts):
         nonlocal shown
-        shown += os.read(main, 65536).decode()
-        return text in shown
-    os.write(main, f"fpath=({COMPLETION} $fpath); autoload -Uz compinit; compinit -u -D; PS1='> '; LISTMAX=0"
-                   "; echo rea''dy\n".encode())
-    wait_until(lambda: shows("ready"), "the shell is ready")
-    shown = ""
-    os.write(main, f"{line}\t".encode())
-    time.sleep(1)
-    os.write(main, b"\x15echo do''ne\n")  # ^U
-    wait_until(lambda: shows("done"), "the shell has completed")
-    shell.kill()
-    shell.wait()
-    os.close(main)
-    return shown
-
-
-@pytest.fixture(scope="module")
-def path(tmp_path_factory):
-    """Where shells find the tool, and terminals."""
-    folder = tmp_path_factory.mktemp("bin")
-    (folder / "zelctl").symlink_to(ZELCTL)
-    subprocess.run(["mount", "-t", "devpts", "-o", "newinstance,ptmxmode=666", "devpts", "/dev/pts"], check=True)
-    with contextlib.suppress(FileExistsError):
-        os.symlink("pts/ptmx", "/dev/ptmx")
-    before = os.environ["PATH"]
-    os.environ["PATH"] = f"{folder}:{before}"
-    yield
-    os.environ["PATH"] = before
+        with contextlib.suppress(BlockingIOError):
+            shown += os.read(main, 65536).decode()
+        return all(text in shown for text in texts)
+    try:
+        os.write(main, f"fpath=({COMPLETION} $fpath); autoload -Uz compinit; compinit -u -D; PS1='> '; LISTMAX=0\n"
+                       "echo rea''dy\n".encode())
+        wait_until(lambda: shows("ready\r\n"), "the shell is ready")
+        shown = ""
+        os.write(main, f"{line}\t".encode())
+        wait_until(lambda: shows(*offered), f"{line} is completed", 20)
+        return shown.partition(line.rpartition(" ")[0])[2]
+    finally:
+        shell.kill()
+        shell.wait()
+        os.close(main)
 
 
 @pytest.mark.parametrize("complete", [in_bash, in_fish, in_zsh])
-def test_shells_complete(complete, path):
+def test_shells_complete(complete, terminals, tmp_path, monkeypatch):
+    (tmp_path / "zelctl").symlink_to(ZELCTL)
+    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}")
     with responders.other_boxes("(Serial=TAVO7),(DevId=seven),(State=4)", "(Serial=TAVO8),(DevId=$(reboot)),(State=4)",
                                 "(Serial=TAVO9)", "(Serial=TAVO9)", "(Serial=`id`\t)"):
         for line, offered, others in (
@@ -151,7 +174,6 @@ def test_shells_complete(complete, path):
                  ("TAVO9", "reboot", "`", "192.168.128.1")),
                 ("zelctl info 192.168.128.", ("192.168.128.1", "192.168.128.2"), ("TAVO",)),
                 ("zelctl info --timeout 3 s", ("seven",), ("selftest",))):
-            shown = complete(line)
-            behind = shown.partition(line)[2] if complete is in_zsh else shown
-            assert all(word in behind for word in offered), (line, shown)
-            assert not any(word in behind for word in others), (line, shown)
+            shown = complete(line, offered)
+            assert all(word in shown for word in offered), (line, shown)
+            assert not any(word in shown for word in others), (line, shown)
