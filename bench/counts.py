@@ -17,17 +17,17 @@ import tempfile
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "workshop"))
-import slp
-import soap
+import raw_http
 import stage
+from zel import slp, soap
 
 # Below the burst of answers that one address gets from SLP.
 WARM_UP, BLOCKS, COUNTED = 20, 5, 100
 KEPT = "Connection: Keep-Alive\r\n"
 REQUESTS = {
     "GET of the test page": b"GET /test HTTP/1.1\r\nHost: 192.168.68.42\r\nConnection: Keep-Alive\r\n\r\n",
-    "getDeviceInformation": soap.post(soap.envelope("<getDeviceInformation/>"),
-                                      headers=f"Content-Type: text/xml;charset=utf-8\r\n{KEPT}"),
+    "getDeviceInformation": raw_http.post(soap.envelope("<getDeviceInformation/>"),
+                                          headers=f"Content-Type: text/xml;charset=utf-8\r\n{KEPT}"),
     "AttrRqst": slp.attribute_request(),
 }
 # What the release was brought down to; tests/e2e/test_counts.py lets it have a tenth more.
@@ -55,7 +55,7 @@ class Client:
                 assert b"(Serial=" in self.socket.recv(4096)
             else:
                 self.socket.sendall(self.request)
-                head, body = soap.read_response(self.socket)
+                head, body = raw_http.read_response(self.socket)
                 assert head.startswith(b"HTTP/1.0 200 OK"), head
 
 

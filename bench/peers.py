@@ -8,9 +8,9 @@ import re
 import socket
 import subprocess
 
-import slp
-import soap
+import raw_http
 import stage
+from zel import slp, soap
 
 HOST = "127.0.0.1"
 PROGRAMS = stage.PROJECT / "build/release"
@@ -27,8 +27,8 @@ KEPT = "Connection: Keep-Alive\r\n"
 REQUESTS = {
     "get": f"GET /test HTTP/1.1\r\nHost: {HOST}\r\n{KEPT}\r\n".encode(),
     "get-once": f"GET /test HTTP/1.1\r\nHost: {HOST}\r\nConnection: close\r\n\r\n".encode(),
-    "soap": soap.post(soap.envelope(soap.operation("getDeviceInformation", soap.NAMESPACES[soap.CONNECTOR])),
-                      headers=f"Host: {HOST}\r\nContent-Type: text/xml;charset=utf-8\r\n{KEPT}"),
+    "soap": raw_http.post(soap.envelope(soap.operation("getDeviceInformation", soap.NAMESPACES[soap.CONNECTOR])),
+                          headers=f"Host: {HOST}\r\nContent-Type: text/xml;charset=utf-8\r\n{KEPT}"),
     "slp": slp.attribute_request(),
 }
 
@@ -39,7 +39,7 @@ def prepare():
     for name, data in REQUESTS.items():
         (WORK / name).write_bytes(data)
     (WORK / "www").mkdir()
-    (WORK / "www/test").write_bytes(soap.GREETING)
+    (WORK / "www/test").write_bytes(raw_http.GREETING)
     for port, log in (LIGHTTPD, ""), (LOGGING_LIGHTTPD, f'accesslog.filename = "{WORK}/access.log"'):
         (WORK / f"lighttpd-{port}").write_text(LIGHTTPD_SETTINGS.format(
             module='"mod_accesslog"' if log else "", port=port, log=log))

@@ -24,9 +24,9 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "workshop"))
 import footprint
 import peers
-import slp
-import soap
+import raw_http
 import stage
+from zel import slp
 
 ROUNDS, SHORT_ROUNDS = 5, 11
 CONNECTIONS = (1, 8, 64)
@@ -150,7 +150,7 @@ def open_idle(port, count):
     for number in range(count):
         connection = socket.create_connection((peers.HOST, port), 10, (SOURCES[number % len(SOURCES)], 0))
         connection.sendall(peers.REQUESTS["get"])
-        soap.read_response(connection)
+        raw_http.read_response(connection)
         connections.append(connection)
     return connections
 

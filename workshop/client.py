@@ -1,19 +1,19 @@
 #!/usr/bin/env python3
 """A diagnostic client: finds a box, talks to its connector service and shows what is asked and answered.
 
-Needs nothing but Python, and shares no code with the agent. The exit status is the service's error
-code (0 is success), 100 for a fault and 101 when the box cannot be reached.
+Needs nothing but Python, and shares no code with the agent. What is asked is sent as it stands, right or
+wrong. The exit status is the service's error code (0 is success), 100 for a fault and 101 when no box answers.
 """
 
 import argparse
-import http.client
-import re
+import pathlib
 import sys
-import xml.etree.ElementTree as ElementTree
 
 sys.dont_write_bytecode = True
-import slp
-from soap import CONNECTOR, envelope, find, local_name, operation
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "python"))
+import zel
+from zel import slp
+from zel.soap import envelope, find, local_name, operation, parse, send
 
 FAULT = 100
 UNREACHABLE = 101
@@ -33,42 +33,20 @@ def build_request(options):
 
 
 def find_box(options):
-    """Asks all boxes of the network for their attributes (SLP, RFC 2608) and shows the first answer's."""
-    own = slp.address_towards(options.host)
-    with slp.open_client(own) as client:
-        client.settimeout(options.wait)
-        print(f"  asks {slp.GROUP}:{slp.PORT} for the attributes of {slp.CONNECTOR}")
-        client.sendto(slp.attribute_request(), (slp.GROUP, slp.PORT))
-        try:
-            answer, sender = client.recvfrom(4096)
-            attributes = slp.read_attributes(answer)
-        except (TimeoutError, slp.BadMessage) as error:
-            print(f"client: no box has answered within {options.wait} s: {error}", file=sys.stderr)
-            return UNREACHABLE
-    print(f"  {sender[0]} answers:")
-    for name, value in re.findall(rb"\(([^=()]+)=([^()]*)\)", attributes.encode()):
-        print(f"    {printable(name):<24} {printable(unescape(value))}")
-    return 0
+    """Asks all boxes of the network for their attributes and shows those of the first that answers."""
+    print(f"  asks {slp.GROUP}:{slp.PORT} for the attributes of {slp.CONNECTOR}")
+    for sender, attributes in slp.answers(options.wait):
+        print(f"  {sender} answers:")
+        for name, value in slp.split_attributes(attributes).items():
+            print(f"    {printable(name):<24} {printable(slp.unescape(value))}")
+        return 0
+    print(f"client: no box has answered within {options.wait} s", file=sys.stderr)
+    return UNREACHABLE
 
 
-def unescape(value):
-    """A value of an attribute list without the escapes of its reserved characters (RFC 2608, section 5)."""
-    return re.sub(rb"\\([0-9A-Fa-f]{2})", lambda digits: bytes.fromhex(digits[1].decode()), value)
-
-
-def printable(value):
+def printable(text):
     """Nothing that steers a terminal."""
-    return "".join(c if c.isprintable() else "?" for c in value.decode(errors="replace"))
-
-
-def send(host, port, request):
-    """Sends the operation in an envelope; returns the answer's body as text."""
-    connection = http.client.HTTPConnection(host, port, timeout=60)
-    try:
-        connection.request("POST", CONNECTOR, envelope(request).encode(), {"Content-Type": 'text/xml;charset="utf-8"'})
-        return connection.getresponse().read().decode()
-    finally:
-        connection.close()
+    return "".join(c if c.isprintable() else "?" for c in text)
 
 
 def show(node, depth=1):
@@ -108,9 +86,9 @@ def main():
     if not options.quiet:
         print(f"  asks {options.host}:{options.port}: {request}")
     try:
-        root = ElementTree.fromstring(send(options.host, options.port, request))
-    except (OSError, http.client.HTTPException) as error:
-        print(f"client: {options.host}:{options.port} cannot be reached: {error}", file=sys.stderr)
+        root = parse(send(options.host, options.port, envelope(request), timeout=60))
+    except zel.Error as error:
+        print(f"client: {error}", file=sys.stderr)
         return UNREACHABLE
     answer = root[0][0]
     if options.quiet:

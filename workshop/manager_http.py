@@ -7,7 +7,7 @@ import socket
 import threading
 import time
 
-import soap
+import raw_http
 
 HEAD_LIMIT = 64 << 10
 BODY_LIMIT = 4 << 20
@@ -102,7 +102,7 @@ class Connection:
         return False
 
     def reset_on_close(self):
-        soap.reset_on_close(self.sock)
+        raw_http.reset_on_close(self.sock)
 
 
 class HttpServer:

@@ -8,11 +8,10 @@ import socket
 import struct
 import threading
 
-from slp import (ATTR_RQST, GROUP, SCOPE, SRV_RPLY, VERSION, BadMessage, Fields, address_towards, attribute_reply,
-                 join_group, message, text)
+from zel.slp import (ATTR_RQST, GROUP, MAX_DATAGRAM, SCOPE, SRV_RPLY, VERSION, BadMessage, Fields, address_towards,
+                     attribute_reply, join_group, message, text)
 
 SERVICE = "service:zel.manager"
-MAX_DATAGRAM = 65535
 INTERNAL_ERROR = 10
 
 IP_PKTINFO = 8  # the socket module does not name it before Python 3.14

@@ -2,10 +2,10 @@
 
 import datetime
 import re
-import xml.etree.ElementTree as ElementTree
 from xml.sax.saxutils import escape
 
-from soap import ENVELOPE, local_name
+from zel import NotUnderstood, soap
+from zel.soap import ENVELOPE, local_name
 
 PATH = "/webservices/OrsManagerTavoService/v1"
 SCHEMA = "http://www.w3.org/2001/XMLSchema"
@@ -137,8 +137,8 @@ def check_interface(element, where, problems):
 def parse(body):
     """(operation's name, its element, problems); the name is None when there is no such operation."""
     try:
-        root = ElementTree.fromstring(body)
-    except ElementTree.ParseError as error:
+        root = soap.parse(body)
+    except NotUnderstood as error:
         return None, None, [f"not well-formed: {error}"]
     bodies = root.findall(f"{{{ENVELOPE}}}Body")
     if root.tag != f"{{{ENVELOPE}}}Envelope" or len(bodies) != 1 or len(bodies[0]) != 1:

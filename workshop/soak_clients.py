@@ -7,11 +7,12 @@ import time
 import traceback
 import xml.etree.ElementTree as ElementTree
 
-import slp
-import soap
+import raw_http
 import stage
 from soak_judge import ANSWER_LIMIT, RELEASE, SLP_SIZE, Broken, now
-from soap import AGENT, CONNECTOR, GREETING, NAMESPACES, element, envelope, find, local_name, operation, post, read_all
+from raw_http import GREETING, post, read_all
+from zel import NotUnderstood, slp
+from zel.soap import AGENT, CONNECTOR, NAMESPACES, element, envelope, find, local_name, operation, parse
 
 DESCRIPTIONS = [(CONNECTOR, query) for query in ("wsdl", "xsd=1", "xsd=2", "xsd=3", "xsd=4")] + [(AGENT, "wsdl")]
 TEXT = "".join(f"{number:07} what a vehicle has said, and what it has been asked\n" for number in range(50000))
@@ -81,7 +82,7 @@ class Client:
 
     @staticmethod
     def reset(connection):
-        soap.reset_on_close(connection)
+        raw_http.reset_on_close(connection)
         connection.close()
 
     def send_and_reset(self, data, read=0):
@@ -104,8 +105,8 @@ class Client:
             body = iter([text[:50], text[50:]])
         data = self.http(name, "POST", path, body, **headers)
         try:
-            root = ElementTree.fromstring(data)
-        except ElementTree.ParseError as error:
+            root = parse(data)
+        except NotUnderstood as error:
             self.judge.right(name, since, False, f"{error}: {data[:500]}")
         answer = root[0][0]
         # Of the faults there are only those that are asked for.
@@ -244,7 +245,7 @@ class Reader(Actor):
         path, query = self.random.choice(DESCRIPTIONS)
         since = now()
         data = self.http("description", "GET", f"{path}?{query}")
-        root = local_name(ElementTree.fromstring(data))
+        root = local_name(parse(data))
         self.judge.right("description", since, root == ("schema" if query.startswith("xsd") else "definitions")
                          and (root == "schema" or stage.BOX.encode() in data), f"{query}: {root}")
 

@@ -2,12 +2,12 @@
 
 import socket
 import time
-import xml.etree.ElementTree as ElementTree
 
 import stage
 from soak_clients import Actor
 from soak_judge import ANSWER_LIMIT, BUSY_TIME, Broken, now
-from soap import AGENT, CONNECTOR, element, envelope, find, local_name, operation, post
+from raw_http import post
+from zel.soap import AGENT, envelope, find, local_name, operation
 
 SERVICE_OWNER = "VCI-Agent"
 
@@ -82,15 +82,12 @@ class Owner(Actor):
         subsystem, command = self.random.choice([("diag", "echo"), ("diag", "fail"), ("vehicle", "voltage")])
         name, since = "executeGenericCommand", now()
         text = f"a <b> & {self.random.random()}"
-        # Its parameters are structures, which the other calls have none of.
-        inner = (element("handle", handle) + element("pSubSystem", subsystem) + element("pCommand", command)
-                 + f"<pParameters>{element('key', 'said')}{element('value', text)}</pParameters>")
-        data = self.http(name, "POST", CONNECTOR, envelope(f"<{name}>{inner}</{name}>").encode())
-        root = ElementTree.fromstring(data)
-        key, value = find(root, "key"), find(root, "value")
+        code, answer = self.code(name, handle=handle, pSubSystem=subsystem, pCommand=command,
+                                 pParameters=[{"key": "said", "value": text}])
+        key, value = find(answer, "key"), find(answer, "value")
         if epoch != self.judge.epoch:
             return
-        good = find(root, "error") == "0" and key == ("error" if command == "fail" else "result")
+        good = code == 0 and key == ("error" if command == "fail" else "result")
         if command == "echo":
             good = good and value == f"said={text}"
         elif command == "voltage":
@@ -98,7 +95,7 @@ class Owner(Actor):
             good = set(voltages) == {"kl15", "kl30"}
             for voltage in voltages:
                 self.judge.see_value(name, since, voltage, voltages[voltage])
-        self.judge.right(name, since, good, f"{command} answers {data[-400:]}", "reservation")
+        self.judge.right(name, since, good, f"{command} answers {code}, {key}, {value}", "reservation")
 
     def intrude(self, _owner, epoch, _handle, _host):
         """What others try while the box is taken."""

@@ -3,11 +3,12 @@
 import contextlib
 import socket
 
-import slp
 import stage
 from soak_clients import TEXT_FILE, Actor, legacy_form
 from soak_judge import ANSWER_LIMIT, SILENCE_LIMIT, now
-from soap import AGENT, CONNECTOR, envelope, post, read_all
+from raw_http import post, read_all
+from zel import slp
+from zel.soap import AGENT, CONNECTOR, envelope
 
 FULL_BODY = (1 << 20) - 200  # as many bytes as the box takes
 

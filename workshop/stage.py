@@ -13,10 +13,11 @@ import sys
 import threading
 import time
 
-import slp
-import soap
-
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(PROJECT / "python"))
+import raw_http
+from zel import slp, soap
+
 AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", PROJECT / "build/release/zel"))
 SANITIZED = pathlib.Path(AGENT).parent.name != "release"  # or emulated: slower, with memory of its own
 EMULATED = AGENT.endswith("tests/powerpc/agent")
@@ -374,14 +375,13 @@ def exchange(data, port=5302):
     with connect(port) as connection:
         with contextlib.suppress(BrokenPipeError, ConnectionResetError):
             connection.sendall(data)
-        return soap.read_all(connection)
+        return raw_http.read_all(connection)
 
 
 def request(operation, path=soap.CONNECTOR):
     """The body of the answer to an operation element."""
-    head, body = exchange(soap.post(soap.envelope(operation), path)).split(b"\r\n\r\n", 1)
-    assert head.startswith(b'HTTP/1.0 200 OK\r\nContent-Type: text/xml;charset="utf-8"\r\n'), head
-    return body.decode()
+    with namespace("client"):
+        return soap.send(BOX, soap.PORT, soap.envelope(operation), path, timeout=30).decode()
 
 
 def call(name, path=soap.CONNECTOR, /, **values):
@@ -396,11 +396,11 @@ def ask_agent(operation, name="VCI-Agent"):
 def reserve(owner="tester", host_lock=""):
     """(error, handle)"""
     body = call("reserveDevice", deviceId=DEVICE_ID, owner=owner, hostLock=host_lock)
-    return soap.value(body, "error"), soap.value(body, "handle")
+    return raw_http.value(body, "error"), raw_http.value(body, "handle")
 
 
 def release(handle, device_id=DEVICE_ID):
-    return soap.value(call("releaseDevice", handle=handle, deviceId=device_id), "error")
+    return raw_http.value(call("releaseDevice", handle=handle, deviceId=device_id), "error")
 
 
 def ask(data, address=BOX, timeout=10):

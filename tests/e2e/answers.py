@@ -1,6 +1,6 @@
 """Answers of the box, byte for byte."""
 
-import soap
+from zel import soap
 
 PACKET = ("<?xml version='1.0'?>\n<!DOCTYPE wddxPacket SYSTEM 'wddx_0100.dtd'>\n<wddxPacket version='1.0'>\n"
           "<header><comment></comment></header>\n<data>\n{}</data>\n</wddxPacket>\n")

@@ -7,8 +7,9 @@ import pytest
 
 import stage
 from answers import fault, wrapped
-from soap import CONNECTOR, NAMESPACES, envelope, operation, post, value
 from stage import CLIENT, DEVICE_ID, call, exchange, port_rules, release, request, reserve, rules
+from raw_http import post, value
+from zel.soap import CONNECTOR, NAMESPACES, envelope, operation
 
 pytestmark = pytest.mark.usefixtures("agent")
 

@@ -12,8 +12,9 @@ import pytest
 
 import stage
 from manager_http import HttpServer
-from soap import AGENT, CONNECTOR, chunked, envelope, post
 from stage import exchange, wait_until
+from raw_http import chunked, post
+from zel.soap import AGENT, CONNECTOR, envelope
 
 SIZE = 1 << 20
 ROOM = SIZE - 1000  # of a body, for what is repeated in it

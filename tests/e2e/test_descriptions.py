@@ -15,8 +15,9 @@ from zeep.helpers import serialize_object
 from zeep.plugins import HistoryPlugin
 
 import stage
-from soap import AGENT, CONNECTOR, NAMESPACES, read_all
 from stage import BOX, CLIENT, DEVICE_ID, exchange, in_network, request
+from raw_http import read_all
+from zel.soap import AGENT, CONNECTOR, NAMESPACES
 
 pytestmark = pytest.mark.usefixtures("agent")
 

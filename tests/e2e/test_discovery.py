@@ -9,9 +9,9 @@ import time
 
 import pytest
 
-import slp
 import stage
 from stage import BOX, ask, output_of
+from zel import slp
 
 TYPES = "service:zel.connector,service:hux-vci,"
 FREE = ("(DevId=TAVO0012345),(Service=zel-connector),(Serial=TAVO0012345),(MacAddress=02:00:00:12:34:56),"

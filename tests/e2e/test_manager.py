@@ -8,12 +8,12 @@ import time
 
 import pytest
 
-import slp
-import soap
+import raw_http
 import stage
 from manager_scenarios import SCENARIOS
 from stage import (ADDRESS_KEY, CONFIGURATION, IMAGES, MANAGER, REBOOTS, SIGNING_IN, Manager, active_image, agent, ask,
                    log, network, output_of, settings, sign_in_ended, wait_for_log, wait_until)
+from zel import slp
 
 CONFIG = CONFIGURATION.parent
 SETTINGS = ("tavo.", "country.code", "wlan.conf.infra.", "network.config.discover.mode", ADDRESS_KEY)
@@ -32,7 +32,7 @@ def check_at_rest(running, searching=False):
     wait_until(sign_in_ended, "the box is open to clients", 120)
     running.wait_until_serving()
     wait_until(lambda: searching or "OrsSignInServic" not in running.threads().values(), "the sign-in has ended")
-    assert soap.value(stage.call("getDeviceInformation"), "state") == "4" and stage.rules() == []
+    assert raw_http.value(stage.call("getDeviceInformation"), "state") == "4" and stage.rules() == []
     assert slp.read_reply(ask(slp.service_request()), slp.SRV_RPLY)
     assert "(State=4)" in slp.read_attributes(ask(slp.attribute_request()))
     children = pathlib.Path(f"/proc/{running.pid}/task").glob("*/children")

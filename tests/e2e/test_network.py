@@ -9,10 +9,9 @@ import time
 
 import pytest
 
-import slp
-import soap
 import stage
 from stage import ALONE, BOX, DEVICE_ID, MANAGER, WLAN_BOX, network, output_of, rules, wait_until
+from zel import slp, soap
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order", "real_port")
 

@@ -9,11 +9,12 @@ import time
 
 import pytest
 
-import slp
 import stage
-from soap import INFORMATION, envelope, operation, post, read_all, read_response
 from stage import (BOX, CONFIGURATION, DEVICE_ID, SIGNING_IN, Manager, active_image, agent, changed, connect, log,
                    network, output_of, release, replaced, reserve, rules, serving, settings, wait_for_log, wait_until)
+from raw_http import INFORMATION, post, read_all, read_response
+from zel import slp
+from zel.soap import envelope, operation
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 

@@ -6,11 +6,11 @@ import signal
 import subprocess
 import time
 
-import slp
 import stage
-from soap import post
 from stage import (CLIENT, DEVICE_ID, PORTS, ask_agent, call, exchange, in_background, port_rules, release, reserve,
                    rules, serving, wait_for_log, wait_until)
+from raw_http import post
+from zel import slp
 
 FILTER = pathlib.Path("/usr/sbin/iptables")
 FILTER_AS_IT_IS = FILTER.readlink()

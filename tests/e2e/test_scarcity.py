@@ -10,8 +10,9 @@ import socket
 import pytest
 
 import stage
-from soap import GREETING, INFORMATION, envelope, post
 from stage import connect, exchange
+from raw_http import GREETING, INFORMATION, post
+from zel.soap import envelope
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 

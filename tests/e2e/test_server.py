@@ -4,10 +4,11 @@ import socket
 
 import pytest
 
-import soap
+import raw_http
 import stage
-from soap import CONNECTOR, GREETING, INFORMATION, envelope, post, read_all
 from stage import call, connect, exchange, release, reserve
+from raw_http import GREETING, INFORMATION, post, read_all
+from zel.soap import CONNECTOR, envelope
 
 pytestmark = pytest.mark.usefixtures("agent")
 
@@ -83,7 +84,7 @@ def test_many_requests_leave_nothing_behind(agent):
             for data, expected in small:
                 assert expected in send_and_end(data)
                 with connect() as connection:  # leaves in the middle, by a reset
-                    soap.reset_on_close(connection)
+                    raw_http.reset_on_close(connection)
                     connection.sendall(data[:len(data) // 2])
                 assert b"getDeviceInformationResponse" in exchange(INFORMATION)
             assert release(reserve()[1]) == "0"

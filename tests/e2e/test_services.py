@@ -9,8 +9,9 @@ import pytest
 
 import stage
 from answers import PACKET, fault, wrapped
-from soap import AGENT, NAMESPACES, post, value
 from stage import BOX, CLIENT, ask_agent, call, exchange, port_rules, release, reserve, rules
+from raw_http import post, value
+from zel.soap import AGENT, NAMESPACES
 
 pytestmark = pytest.mark.usefixtures("agent")
 

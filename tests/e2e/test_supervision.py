@@ -7,9 +7,10 @@ import platform
 import signal
 import time
 
-import soap
+import raw_http
 import stage
 from stage import ALONE, call, connect, exchange, serving, wait_until
+from zel import soap
 
 SYS_TGKILL = {"x86_64": 234, "aarch64": 131, "ppc": 250}
 
@@ -58,7 +59,7 @@ def test_signals():
 def test_the_restart_is_answered():
     """Also when the first that a reboot does is to stop the agent."""
     with serving(ALONE) as agent, stage.replaced("/usr/sbin/reboot", f"#!/bin/sh\nkill -TERM {agent.pid}\n"):
-        answer = exchange(soap.post(soap.envelope("<restartDevice/>"), "/services/Agent"))
+        answer = exchange(raw_http.post(soap.envelope("<restartDevice/>"), "/services/Agent"))
         assert b"restartDeviceResponse" in answer and answer.endswith(b"</S:Envelope>\n")
         assert agent.process.wait(20) == 0
 

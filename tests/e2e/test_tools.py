@@ -8,8 +8,9 @@ import threading
 import pytest
 
 import stage
-from soap import AGENT, CONNECTOR, envelope, operation, post
 from stage import DEVICE_ID, SIGNING_IN, wait_until
+from raw_http import post
+from zel.soap import AGENT, CONNECTOR, envelope, operation
 
 pytestmark = pytest.mark.usefixtures("workshop_in_order")
 

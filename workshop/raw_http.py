@@ -1,30 +1,11 @@
-"""SOAP and HTTP as the clients of a box write and read them."""
+"""HTTP byte by byte, for those who send what no client should, or look at every byte that comes back."""
 
 import contextlib
 import re
 import socket
 import struct
-from xml.sax.saxutils import escape
 
-ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
-CONNECTOR = "/zel/services/ConnectorService"
-AGENT = "/services/Agent"
-NAMESPACES = {CONNECTOR: "http://lusora.tembra.com/services/zel/Connector/v1",
-              AGENT: "http://lusora.tembra.com/services/Agent"}
-
-
-def element(name, text):
-    return f"<{name}>{escape(text)}</{name}>"
-
-
-def operation(name, /, namespace="", **values):
-    declared = f' xmlns="{namespace}"' if namespace else ""
-    inner = "".join(element(key, str(value)) for key, value in values.items())
-    return f"<{name}{declared}>{inner}</{name}>"
-
-
-def envelope(inner):
-    return f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body>{inner}</e:Body></e:Envelope>'
+from zel.soap import CONNECTOR, envelope
 
 
 def post(body, path=CONNECTOR, headers="", length=None, method="POST"):
@@ -32,18 +13,6 @@ def post(body, path=CONNECTOR, headers="", length=None, method="POST"):
     body = body.encode() if isinstance(body, str) else body
     length = len(body) if length is None else length
     return f"{method} {path} HTTP/1.1\r\nContent-Length: {length}\r\n{headers}\r\n".encode() + body
-
-
-def local_name(node):
-    return node.tag.rpartition("}")[2]
-
-
-def find(root, name):
-    """The text of the first element of that name in a parsed answer."""
-    for node in root.iter():
-        if local_name(node) == name:
-            return (node.text or "").strip()
-    return None
 
 
 def value(body, name):

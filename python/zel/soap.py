@@ -1,0 +1,172 @@
+"""SOAP 1.1 as the services of a box speak it: how a request is written, sent, and its answer read.
+
+`Box` is made of this. What stands here checks what comes back, and nothing of what goes out, so that it serves
+those as well who send what no box can read."""
+
+from __future__ import annotations
+
+import http.client
+import io
+import socket
+import time
+import xml.etree.ElementTree as ElementTree
+from collections.abc import Mapping
+from xml.sax.saxutils import escape
+
+from .errors import Fault, NotUnderstood, Unreachable, shown
+
+PORT = 5302
+CONNECTOR = "/zel/services/ConnectorService"
+AGENT = "/services/Agent"
+ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
+NAMESPACES = {CONNECTOR: "http://lusora.tembra.com/services/zel/Connector/v1",
+              AGENT: "http://lusora.tembra.com/services/Agent"}
+CONTENT_TYPE = 'text/xml;charset="utf-8"'
+MAX_ANSWER = 4 << 20  # bytes of a body
+MAX_DEPTH = 100  # elements within each other
+FAULT_STATUS = 500  # of HTTP, for a fault; boxes say 200
+
+
+def element(name: str, content: object) -> str:
+    """An element. A mapping becomes its children, a list one element for each of its members, anything else its
+    text."""
+    if isinstance(content, list):
+        return "".join(element(name, member) for member in content)
+    if isinstance(content, Mapping):
+        return f"<{name}>{''.join(element(key, value) for key, value in content.items())}</{name}>"
+    return f"<{name}>{escape(str(content))}</{name}>"
+
+
+def operation(name: str, namespace: str = "", /, **values: object) -> str:
+    """The element of an operation; it may be in the namespace of its service, or in none."""
+    declared = f' xmlns="{namespace}"' if namespace else ""
+    return f"<{name}{declared}>{''.join(element(key, value) for key, value in values.items())}</{name}>"
+
+
+def envelope(inner: str) -> str:
+    return f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body>{inner}</e:Body></e:Envelope>'
+
+
+def local_name(node: ElementTree.Element) -> str:
+    return node.tag.rpartition("}")[2]
+
+
+def child(parent: ElementTree.Element, name: str) -> ElementTree.Element | None:
+    """The first child of that name, in whatever namespace."""
+    return next((node for node in parent if local_name(node) == name), None)
+
+
+def find(root: ElementTree.Element, name: str) -> str | None:
+    """The text of the first element of that name, in whatever namespace and depth."""
+    for node in root.iter():
+        if local_name(node) == name:
+            return (node.text or "").strip()
+    return None
+
+
+class _Builder(ElementTree.TreeBuilder):
+    """A tree of limited depth, without entities: no box declares any, and a stranger's may grow without end."""
+
+    depth = 0
+
+    def doctype(self, name: str, *_: object) -> None:
+        raise NotUnderstood(f"it declares a document type, {shown(name, 40)!r}")
+
+    def start(self, tag: str, attributes: dict[str, str], /) -> ElementTree.Element:
+        self.depth += 1
+        if self.depth > MAX_DEPTH:
+            raise NotUnderstood(f"more than {MAX_DEPTH} elements stand within each other")
+        return super().start(tag, attributes)
+
+    def end(self, tag: str, /) -> ElementTree.Element:
+        self.depth -= 1
+        return super().end(tag)
+
+
+def parse(document: bytes) -> ElementTree.Element:
+    """The root of a document; NotUnderstood when it is none, or one that could do harm."""
+    parser = ElementTree.XMLParser(target=_Builder())
+    try:
+        parser.feed(document)
+        root: ElementTree.Element = parser.close()
+    except (ElementTree.ParseError, ValueError, LookupError) as error:  # the latter of encodings
+        raise NotUnderstood(f"it is no XML: {shown(str(error))}") from None
+    return root
+
+
+class _Timed(io.RawIOBase):
+    """What a socket has to say until a deadline, however slowly it comes."""
+
+    def __init__(self, connection: socket.socket, end: float):
+        self.connection = connection
+        self.end = end
+
+    def readable(self) -> bool:
+        return True
+
+    def readinto(self, buffer: bytearray) -> int:  # type: ignore[override]
+        self.connection.settimeout(max(self.end - time.monotonic(), 0.001))
+        return self.connection.recv_into(buffer)
+
+    def makefile(self, *_: object) -> io.BufferedReader:
+        """As http.client asks for it."""
+        return io.BufferedReader(self)
+
+
+def _exchange(host: str, port: int, path: str, body: bytes, timeout: float) -> tuple[int, bytes]:
+    end = time.monotonic() + timeout
+    connection = http.client.HTTPConnection(host, port, timeout)
+    try:
+        connection.connect()
+        connection.sock.settimeout(max(end - time.monotonic(), 0.001))
+        connection.request("POST", path, body, {"Content-Type": CONTENT_TYPE, "Connection": "close"})
+        response = http.client.HTTPResponse(_Timed(connection.sock, end), method="POST")  # type: ignore[arg-type]
+        response.begin()
+        return response.status, response.read(MAX_ANSWER + 1)
+    finally:
+        connection.close()
+
+
+def send(host: str, port: int, message: str, path: str = CONNECTOR, timeout: float = 10) -> bytes:
+    """Sends a message and returns the body of the answer; `timeout` seconds are for all of it."""
+    who = f"{shown(host)}:{port}"
+    body = message.encode()
+    try:
+        status, answer = _exchange(host, port, path, body, timeout)
+    except TimeoutError:
+        raise Unreachable(f"{who} does not answer within {timeout:g} s; is the box switched on, and on this network?"
+                          ) from None
+    except http.client.RemoteDisconnected:
+        raise Unreachable(f"{who} has closed the connection and not answered; a busy box does, try again") from None
+    except (http.client.InvalidURL, UnicodeError):
+        raise Unreachable(f"{who} is no host's name or address") from None
+    except (http.client.HTTPException, ValueError) as error:
+        raise NotUnderstood(f"{who} does not answer as a box does: {shown(str(error) or type(error).__name__)}; "
+                            "is it one?") from None
+    except OSError as error:
+        raise Unreachable(f"{who} cannot be reached: {error.strerror or error}; is it on this network? "
+                          "(zel.find() tells who is)") from None
+    if status not in (http.client.OK, FAULT_STATUS):
+        raise NotUnderstood(f"{who} answers with the status {status} to a request for {path}; is it a box?")
+    if len(answer) > MAX_ANSWER:
+        raise NotUnderstood(f"{who} answers more than {MAX_ANSWER} bytes; is it a box?")
+    return answer
+
+
+def call(host: str, port: int, message: str, path: str = CONNECTOR, timeout: float = 10) -> ElementTree.Element:
+    """The response to an operation, or one of the errors, a Fault among them."""
+    who = f"{shown(host)}:{port}"
+    answer = send(host, port, envelope(message), path, timeout)
+    try:
+        root = parse(answer)
+        body = child(root, "Body")
+        if local_name(root) != "Envelope" or body is None or len(body) == 0:
+            raise NotUnderstood("there is no SOAP envelope with something in it")
+    except NotUnderstood as error:
+        raise NotUnderstood(f"what {who} answers is not understood: {error}; is it a box?") from None
+    response = body[0]
+    if local_name(response) == "Fault":
+        raise Fault(who, find(response, "faultstring") or "")
+    if not local_name(response).endswith("Response"):
+        raise NotUnderstood(f"{who} answers with {shown(local_name(response), 40)!r}, no response; is it a box?")
+    return response
