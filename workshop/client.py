@@ -6,11 +6,9 @@ wrong. The exit status is the service's error code (0 is success), 100 for a fau
 """
 
 import argparse
-import pathlib
 import sys
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "python"))
 import zel
 from zel import slp
 from zel.soap import envelope, find, local_name, operation, parse, send

@@ -13,11 +13,10 @@ import sys
 import threading
 import time
 
-PROJECT = pathlib.Path(__file__).resolve().parent.parent
-sys.path.insert(0, str(PROJECT / "python"))
 import raw_http
 from zel import slp, soap
 
+PROJECT = pathlib.Path(__file__).resolve().parent.parent
 AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", PROJECT / "build/release/zel"))
 SANITIZED = pathlib.Path(AGENT).parent.name != "release"  # or emulated: slower, with memory of its own
 EMULATED = AGENT.endswith("tests/powerpc/agent")

@@ -22,8 +22,9 @@ ENVELOPE = "http://schemas.xmlsoap.org/soap/envelope/"
 NAMESPACES = {CONNECTOR: "http://lusora.tembra.com/services/zel/Connector/v1",
               AGENT: "http://lusora.tembra.com/services/Agent"}
 CONTENT_TYPE = 'text/xml;charset="utf-8"'
-MAX_ANSWER = 4 << 20  # bytes of a body
+MAX_ANSWER = 8 << 20  # bytes of a body: a box keeps 1 MiB of what a command says, which escapes make longer
 MAX_DEPTH = 100  # elements within each other
+MAX_ELEMENTS = 10000  # of a document
 FAULT_STATUS = 500  # of HTTP, for a fault; boxes say 200
 
 
@@ -65,17 +66,19 @@ def find(root: ElementTree.Element, name: str) -> str | None:
 
 
 class _Builder(ElementTree.TreeBuilder):
-    """A tree of limited depth, without entities: no box declares any, and a stranger's may grow without end."""
+    """A tree of limited size, without entities: no box declares any, and a stranger's may grow without end."""
 
     depth = 0
+    elements = 0
 
     def doctype(self, name: str, *_: object) -> None:
         raise NotUnderstood(f"it declares a document type, {shown(name, 40)!r}")
 
     def start(self, tag: str, attributes: dict[str, str], /) -> ElementTree.Element:
         self.depth += 1
-        if self.depth > MAX_DEPTH:
-            raise NotUnderstood(f"more than {MAX_DEPTH} elements stand within each other")
+        self.elements += 1
+        if self.depth > MAX_DEPTH or self.elements > MAX_ELEMENTS:
+            raise NotUnderstood(f"it has more than {MAX_ELEMENTS} elements, or {MAX_DEPTH} within each other")
         return super().start(tag, attributes)
 
     def end(self, tag: str, /) -> ElementTree.Element:
@@ -105,7 +108,10 @@ class _Timed(io.RawIOBase):
         return True
 
     def readinto(self, buffer: bytearray) -> int:  # type: ignore[override]
-        self.connection.settimeout(max(self.end - time.monotonic(), 0.001))
+        left = self.end - time.monotonic()
+        if left <= 0:
+            raise TimeoutError
+        self.connection.settimeout(left)
         return self.connection.recv_into(buffer)
 
     def makefile(self, *_: object) -> io.BufferedReader:
@@ -122,7 +128,10 @@ def _exchange(host: str, port: int, path: str, body: bytes, timeout: float) -> t
         connection.request("POST", path, body, {"Content-Type": CONTENT_TYPE, "Connection": "close"})
         response = http.client.HTTPResponse(_Timed(connection.sock, end), method="POST")  # type: ignore[arg-type]
         response.begin()
-        return response.status, response.read(MAX_ANSWER + 1)
+        answer = response.read(MAX_ANSWER + 1)
+        if response.length and len(answer) <= MAX_ANSWER:
+            raise http.client.IncompleteRead(answer, response.length)
+        return response.status, answer
     finally:
         connection.close()
 

@@ -53,6 +53,12 @@ def examples(text):
     return [(prompt, command, "\n".join(output)) for prompt, command, output in found]
 
 
+def save_programs(text):
+    """Those in Python, to the files that are named before them."""
+    for path, program in re.findall(r"^`(/tmp/\w+\.py)`:\n\n```python\n(.*?)^```$", text, re.M | re.S):
+        pathlib.Path(path).write_text(program)
+
+
 def matches(expected, output):
     """A line of three dots stands for any number of lines, three dots in a line for anything."""
     pattern = re.escape(expected + "\n")
@@ -61,9 +67,11 @@ def matches(expected, output):
     return re.fullmatch(pattern, output + "\n")
 
 
-@pytest.mark.parametrize("name", ("protocols", "security"))
+@pytest.mark.parametrize("name", ("protocols", "security", "python"))
 def test_examples(name):
-    found = examples(pathlib.Path(f"docs/{name}.md").read_text())
+    text = pathlib.Path(f"docs/{name}.md").read_text()
+    save_programs(text)
+    found = examples(text)
     assert found
     shells = {prompt: Shell(command) for prompt, command in SHELLS.items()}
     with stage.Manager("plain"), stage.agent() as agent:
