@@ -126,7 +126,7 @@ class Box:
 
     address: str
     port: int = soap.PORT
-    timeout: float = 10
+    timeout: float = field(default=10, compare=False)
     device_id: str = field(default="", compare=False)
     name: str = field(default="", compare=False)
     state: str = field(default="", compare=False)

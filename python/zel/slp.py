@@ -9,6 +9,7 @@ from __future__ import annotations
 import contextlib
 import re
 import secrets
+import selectors
 import socket
 import struct
 import time
@@ -27,6 +28,8 @@ ALL_AUTHORITIES = b"\xff\xff"  # where a request for types has the length of the
 
 MAX_DATAGRAM = 65535
 ASKED = (0, 0.25, 0.5)  # when the group is asked, in parts of the time there is: datagrams get lost
+SOCKETS = 64  # that hear the answers
+MAX_ANSWER = 8192  # bytes; boxes keep to 1,400
 
 
 class BadMessage(Error):
@@ -91,6 +94,22 @@ def attribute_reply(attributes: str, xid: int, language: str = "en", error: int 
     return message(ATTR_RPLY, struct.pack("!H", error), attributes, b"\0", xid=xid, language=language)
 
 
+def service_reply(url: str, xid: int, lifetime: int = 65530, language: str = "en") -> bytes:
+    """With one URL, and the zero byte that a box puts behind it."""
+    return message(SRV_RPLY, struct.pack("!HHBH", 0, 1, 0, lifetime), url, b"\0\0", xid=xid, language=language)
+
+
+def read_request(data: bytes) -> tuple[int, bytes, str]:
+    """Function, number (as bytes) and the URL or the type that is asked for."""
+    fields = Fields(data)
+    function = fields.take(2, "head")[1]
+    fields.take(8, "head")
+    xid = fields.take(2, "number")
+    for what in ("language tag", "list of who has answered"):
+        fields.text(what)
+    return function, xid, fields.text("URL")
+
+
 def read_reply(data: bytes, function: int) -> Fields:
     """The fields behind the error code of a good reply."""
     fields = Fields(data)
@@ -140,27 +159,54 @@ def _ask(client: socket.socket, request: bytes) -> int:
     return asked
 
 
+def _open_shared(stack: contextlib.ExitStack) -> selectors.BaseSelector:
+    """Sockets that share a port: one by itself holds some hundred answers, and a thousand boxes answer in less time
+    than it may take until a busy computer reads them."""
+    selector = stack.enter_context(selectors.DefaultSelector())
+    port = 0
+    for _ in range(SOCKETS):
+        client = stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        if port:  # the first one finds a port that nobody shares yet
+            client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        client.bind(("", port))
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT, 1)
+        client.setblocking(False)
+        port = client.getsockname()[1]
+        selector.register(client, selectors.EVENT_READ, client)
+    return selector
+
+
+def _receive(client: socket.socket, end: float) -> Iterator[tuple[bytes, str]]:
+    """(datagram, sender) of all that has come, as long as there is time."""
+    with contextlib.suppress(BlockingIOError):
+        while time.monotonic() < end:
+            data, sender = client.recvfrom(MAX_ANSWER)
+            yield data, sender[0]
+
+
 def answers(wait: float) -> Iterator[tuple[str, str]]:
     """Asks all boxes for their attributes, on every interface, and yields (address, attribute list) of each answer
     that comes within `wait` seconds; one box may answer several times. Whatever else arrives is left out."""
     xid = secrets.randbelow(0xFFFF) + 1
     begin = time.monotonic()
+    end = begin + wait
     turns = [begin + part * wait for part in ASKED]
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
-        while (now := time.monotonic()) < begin + wait:
+    with contextlib.ExitStack() as stack:
+        selector = _open_shared(stack)
+        asking = next(iter(selector.get_map().values())).data
+        while (now := time.monotonic()) < end:
             if turns and now >= turns[0]:
                 del turns[0]
-                if not _ask(client, attribute_request(xid=xid)):
+                if not _ask(asking, attribute_request(xid=xid)):
                     raise Unreachable("no network interface has an address, so that no box can be asked; "
                                       "is this computer on the workshop's network?")
-            client.settimeout(max((turns or [begin + wait])[0] - now, 0.001))
-            try:
-                data, sender = client.recvfrom(MAX_DATAGRAM)
-                attributes = read_reply(data, ATTR_RPLY).text("attribute list")
-            except (OSError, BadMessage):
-                continue
-            if data[10:12] == xid.to_bytes(2, "big"):
-                yield sender[0], attributes
+            ready = selector.select((turns or [end])[0] - now)
+            # All that has come is taken out before any of it is looked into.
+            for data, sender in [datagram for key, _ in ready for datagram in _receive(key.data, end)]:
+                with contextlib.suppress(BadMessage):
+                    listed = read_reply(data, ATTR_RPLY).text("attribute list")
+                    if data[10:12] == xid.to_bytes(2, "big"):
+                        yield sender, listed
 
 
 def address_towards(host: str) -> str:
