@@ -7,8 +7,8 @@ import socket
 import struct
 import threading
 
-import slp
 from stage import in_background, namespace, output_of
+from zel import slp
 
 NETWORK = "responders"
 # The upper half of the workshop's addresses; every one of them is answered from there.

@@ -11,6 +11,7 @@ import tomllib
 
 import pytest
 
+import responders
 import stage
 import zel
 from raw_http import reset_on_close
@@ -44,7 +45,7 @@ def refused(error, words, work):
 
 
 def test_search():
-    with stage.other_boxes(*OTHERS):
+    with responders.other_boxes(*OTHERS):
         seen = set()
         boxes = zel.find(wait=60, enough=lambda box: seen.add(box.address) or len(seen) == 1 + len(OTHERS))
         first, odd, nameless, _, twin = boxes
