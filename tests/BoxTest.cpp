@@ -37,7 +37,7 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
     const auto twin = Box::Read("10.0.0.3", "(Serial=T2),(State=4)");
     BoxChanges changes;
     for (const auto& [boxes, expected, lines] :
-         Table<std::vector<Box>, BoxChanges::Texts, std::size_t>{
+         Table<std::vector<Box>, std::vector<std::string>, std::size_t>{
              {{free}, {"10.0.0.1 (T1) is there, free"}, 1},
              {{free}, {}, 1},
              {{reserved, other},
@@ -58,8 +58,12 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
              {{other},
               {"10.0.0.2 (T2) is the only box with this serial number", "10.0.0.3 (T2) is gone"},
               2}}) {
-        BoxChanges::Texts texts;
-        EXPECT_EQ(changes.Next(boxes, texts).size(), lines);
+        std::vector<BoxChanges::Change> news;
+        EXPECT_EQ(changes.Next(boxes, news).size(), lines);
+        std::vector<std::string> texts;
+        for (const BoxChanges::Change& change : news) {
+            texts.insert(texts.end(), change.texts.begin(), change.texts.end());
+        }
         EXPECT_EQ(texts, expected);
     }
 }

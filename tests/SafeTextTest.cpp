@@ -4,26 +4,22 @@
 using namespace std::string_literals;
 
 TEST(SafeTextTest, NothingThatSteersATerminalIsLeft) {
-    for (const auto& [text, line, lines, json] :
-         Table<std::string, const char*, const char*, const char*>{
-             {"", "", "", "\"\""},
-             {"Grün 雪 😀", "Grün 雪 😀", "Grün 雪 😀", "\"Grün 雪 😀\""},
-             {"a\"b\\c/", "a\"b\\c/", "a\"b\\c/", R"("a\"b\\c/")"},
-             {"\033[2J\007", "?[2J?", "?[2J?", R"("\u001b[2J\u0007")"},
-             {"a\tb\r\nc\rd\n", "a?b??c?d?", "a\tb\nc?d\n",
-              R"("a\u0009b\u000d\u000ac\u000dd\u000a")"},
-             {"\0\177"s, "??", "??", R"("\u0000\u007f")"},
-             {"\u009b[m", "?[m", "?[m", R"("\u009b[m")"},                // C1 as UTF-8
-             {"\x9b[m", "?[m", "?[m", R"("\ufffd[m")"},                  // and as a byte
-             {"a\u202eb\u2028", "a?b?", "a?b?", R"("a\u202eb\u2028")"},  // order, lines
-             {"\xc0\x9b", "??", "??", R"("\ufffd\ufffd")"},              // overlong
-             {"\xed\xa0\x80", "???", "???", R"("\ufffd\ufffd\ufffd")"},  // surrogate
-             {"\xf4\x90\x80\x80", "????", "????", R"("\ufffd\ufffd\ufffd\ufffd")"},  // too large
-             {"\xe9\x9b", "??", "??", R"("\ufffd\ufffd")"},                          // cut
-             {"\xff\xfe", "??", "??", R"("\ufffd\ufffd")"}}) {
+    for (const auto& [text, line, lines] : Table<std::string, const char*, const char*>{
+             {"", "", ""},
+             {"Grün 雪 😀", "Grün 雪 😀", "Grün 雪 😀"},
+             {"\033[2J\007", "?[2J?", "?[2J?"},
+             {"a\tb\r\nc\rd\n", "a?b??c?d?", "a\tb\nc?d\n"},
+             {"\0\177"s, "??", "??"},
+             {"\u009b[m", "?[m", "?[m"},            // C1 as UTF-8
+             {"\x9b[m", "?[m", "?[m"},              // and as a byte
+             {"a\u202eb\u2028", "a?b?", "a?b?"},    // order, lines
+             {"\xc0\x9b", "??", "??"},              // overlong
+             {"\xed\xa0\x80", "???", "???"},        // surrogate
+             {"\xf4\x90\x80\x80", "????", "????"},  // too large
+             {"\xe9\x9b", "??", "??"},              // cut
+             {"\xff\xfe", "??", "??"}}) {
         EXPECT_EQ(SafeText::Line(text), line);
         EXPECT_EQ(SafeText::Lines(text), lines);
-        EXPECT_EQ(SafeText::Json(text), json);
     }
 }
 

@@ -1,6 +1,8 @@
+#include "AnyCase.h"
 #include "CommandLine.h"
 #include "ConnectorCommands.h"
 #include "LogFollower.h"
+#include "SelfTestResult.h"
 #include "SoapClient.h"
 #include "Support.h"
 
@@ -52,18 +54,57 @@ TEST(ToolCommandsTest, CommandLinesAreReadOrRefused) {
              {{"info", "--timeout", "x"}, ExitStatus::kUsage, 0, ""},
              {{"info", "--handle", "1"}, ExitStatus::kUsage, 0, ""},
              {{"reserve", "box"}, ExitStatus::kUsage, 0, ""},
-             {{"find", "--state", "x"}, ExitStatus::kUsage, 0, ""}}) {
+             {{"find", "--state", "x"}, ExitStatus::kUsage, 0, ""},
+             {{"find", "--state", "FREE"}, ExitStatus::kDone, 0, ""},
+             {{"find", "--owner", ""}, ExitStatus::kUsage, 0, ""},
+             {{"release", "--handle", ""}, ExitStatus::kUsage, 0, ""},
+             {{"release", ""}, ExitStatus::kUsage, 0, ""},
+             {{"release", "--handle", "--x", "--", "--handle"}, ExitStatus::kDone, 10000, "--x"},
+             {{"release", "--", "--handle", "1"}, ExitStatus::kUsage, 0, ""},
+             {{"lock", "-1", "--handle", "1"}, ExitStatus::kDone, 10000, "1"}}) {
         SCOPED_TRACE(testing::PrintToString(line));
         std::vector<const char*> arguments = line;
         arguments.insert(arguments.begin(), "zelctl");
         const auto parsed =
             CommandLine::Parse(static_cast<int>(arguments.size()), arguments.data());
-        EXPECT_EQ(parsed.status, status);
+        EXPECT_EQ(parsed.outcome.status, status);
         ASSERT_EQ(parsed.run != nullptr, status == ExitStatus::kDone);
         if (parsed.run != nullptr) {
             EXPECT_EQ(parsed.options.handle, handle);
             EXPECT_EQ(parsed.options.timeout.count(), timeout);
         }
+    }
+}
+
+TEST(ToolCommandsTest, WhatHasNotPassedInASelfTestHasFailed) {
+    for (const auto& [text, tests] : Table<const char*, const char*>{
+             {"", ""},
+             {"10-a: OK;20-b: FAILED (why: not);", "+10-a|;-20-b|why: not;"},
+             {"a: OK (x;y: z);b: SKIPPED;c: OK (", "+a|x;y: z;-b|;+c|;"},
+             {"no test;a: ok;b: OK", "-no test|;a: ok;+b|;"},
+             {"a: FAILED (b: OK)", "-a|b: OK;"},
+             {";;", ""}}) {
+        std::string read;
+        for (const SelfTestResult::Test& test : SelfTestResult::Read(text)) {
+            read += (test.passed ? "+" : "-") + test.name + "|" + test.detail + ";";
+        }
+        EXPECT_EQ(read, tests) << text;
+    }
+}
+
+TEST(ToolCommandsTest, NamesMatchInAnyCase) {
+    for (const auto& [one, other, areEqual] :
+         Table<const char*, const char*, bool>{{"", "", true},
+                                               {"Müller", "MÜLLER", true},
+                                               {"ЖЁ", "жё", true},
+                                               {"a", "ab", false},
+                                               {"ab", "a", false},
+                                               {"a", "b", false},
+                                               {"[", "{", false},
+                                               {"\xff", "\xff", true},
+                                               {"\xff", "\xfe", false},
+                                               {"\xc3", "\xc3\xbc", false}}) {
+        EXPECT_EQ(AnyCase::Equal(one, other), areEqual) << one << " " << other;
     }
 }
 

@@ -2,13 +2,19 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <nlohmann/json.hpp>
+#include <utility>
 
 #include "BoxName.h"
+#include "Report.h"
 #include "SafeText.h"
+#include "SelfTestResult.h"
 #include "SoapClient.h"
 
 namespace AgentCommands {
 namespace {
+
+using Report::Json;
 
 constexpr char kService[] = "<name>VCI-Agent</name>";
 constexpr char kGroup[] = "<groupId>TAVO</groupId>";
@@ -29,27 +35,78 @@ Outcome Call(const Options& options, const BoxAddress& box, const std::string& o
     return {};
 }
 
-/// Finds the box and calls one operation.
+/// Calls one operation of the box; `done` is what has become of it.
 Outcome FindAndCall(const Options& options, const std::string& operation,
-                    const std::string& children, SoapClient::Answer& answer) {
+                    const std::string& children, const std::pair<const char*, bool>& done) {
     BoxAddress box;
     if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
         return outcome;
     }
-    return Call(options, box, operation, children, answer);
+    SoapClient::Answer answer;
+    Outcome outcome = Call(options, box, operation, children, answer);
+    if (!outcome.Failed() && options.json) {
+        Report::Print({{"address", box.host}, {done.first, done.second}});
+    }
+    return outcome;
+}
+
+/// Why a box does not stop its service. The texts of its faults are meant for programs.
+Outcome WhyNotStopped(const Options& options, const BoxAddress& box, const std::string& fault,
+                      const Outcome& otherwise) {
+    const auto refused = [&box](const std::string& why) {
+        return Outcome{ExitStatus::kRefused, box.host + " refuses: " + why};
+    };
+    if (fault.find("already locked") != std::string::npos) {
+        return refused("its service is stopped already; zelctl start starts it");
+    }
+    if (fault.find("lock a reserved device") == std::string::npos) {
+        return otherwise;
+    }
+    SoapClient::Answer information;
+    std::string owner;
+    if (!SoapClient::Call(box, SoapClient::kConnector, "<getDeviceInformation/>", options.timeout,
+                          information)
+             .Failed()) {
+        owner = XmlText::ChildText(XmlText::FindChild(information.response, "out"),
+                                   "sessionOwnerOrNull");
+    }
+    return refused(owner.empty() ? "it is busy, or reserved; try again"
+                                 : "it is reserved by '" + owner +
+                                       "', who has to release it first (zelctl release)");
 }
 
 }  // namespace
 
 Outcome SelfTest(const Options& options) {
-    SoapClient::Answer answer;
-    if (Outcome outcome = FindAndCall(options, "doSelftest", "", answer); outcome.Failed()) {
+    BoxAddress box;
+    if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
         return outcome;
     }
-    std::string lines = XmlText::ChildText(answer.response, "return");
-    std::replace(lines.begin(), lines.end(), ';', '\n');
-    std::fputs(SafeText::Lines(lines).c_str(), stdout);
-    return {};
+    SoapClient::Answer answer;
+    if (Outcome outcome = Call(options, box, "doSelftest", "", answer); outcome.Failed()) {
+        return outcome;
+    }
+    const auto tests = SelfTestResult::Read(XmlText::ChildText(answer.response, "return"));
+    std::string failed;
+    Json list = Json::array();
+    for (const SelfTestResult::Test& test : tests) {
+        list.push_back({{"name", test.name}, {"passed", test.passed}, {"detail", test.detail}});
+        failed += test.passed ? "" : (failed.empty() ? "" : ", ") + test.name;
+        if (!options.json) {
+            std::puts(SafeText::Line(test.ToText()).c_str());
+        }
+    }
+    const bool passed = failed.empty() && !tests.empty();
+    if (options.json) {
+        Report::Print({{"address", box.host}, {"passed", passed}, {"tests", std::move(list)}});
+    }
+    if (tests.empty()) {
+        return {ExitStatus::kRefused, box.host +
+                                          " tells no result: it has no tests, or is at work " +
+                                          "on others' for too long; try again"};
+    }
+    return passed ? Outcome()
+                  : Outcome{ExitStatus::kRefused, box.host + " fails its self test: " + failed};
 }
 
 Outcome Status(const Options& options) {
@@ -67,32 +124,59 @@ Outcome Status(const Options& options) {
         outcome.Failed()) {
         return outcome;
     }
-    const bool isRunning = XmlText::ChildText(running.response, "return") == "true";
-    std::printf("service: %s\n", isRunning ? "running" : "stopped");
+    const std::string is = XmlText::ChildText(running.response, "return");
+    if (is != "true" && is != "false") {
+        return {ExitStatus::kNotUnderstood, box.host + " does not say whether its service runs"};
+    }
+    const bool isRunning = is == "true";
+    Json list = Json::array();
+    std::string lines = std::string("service: ") + (isRunning ? "running" : "stopped") + "\n";
     const xmlNode* const items =
         XmlText::FindChild(XmlText::FindChild(monitored.response, "return"), "items");
     for (const xmlNode* item : XmlText::Children(items, "MonitoringStatusItem")) {
-        const std::string text = XmlText::ChildText(item, "name") + ": " +
-                                 XmlText::ChildText(item, "status") + " (" +
-                                 XmlText::ChildText(item, "infoLabel") + ")";
-        std::puts(SafeText::Line(text).c_str());
+        const std::string name = XmlText::ChildText(item, "name");
+        const std::string status = XmlText::ChildText(item, "status");
+        const std::string label = XmlText::ChildText(item, "infoLabel");
+        std::string shown = name;
+        shown.append(": ").append(status).append(" (").append(label).append(")");
+        list.push_back({{"name", name},
+                        {"status", status},
+                        {"type", XmlText::ChildText(item, "type")},
+                        {"label", label}});
+        lines += SafeText::Line(shown) + "\n";
+    }
+    if (options.json) {
+        Report::Print(
+            {{"address", box.host}, {"running", isRunning}, {"monitored", std::move(list)}});
+    } else {
+        std::fputs(lines.c_str(), stdout);
+    }
+    return isRunning ? Outcome()
+                     : Outcome{ExitStatus::kRefused, "the service of " + box.host +
+                                                         " is stopped; zelctl start starts it"};
+}
+
+Outcome Start(const Options& options) {
+    return FindAndCall(options, "startService", kService, {"running", true});
+}
+
+Outcome Stop(const Options& options) {
+    BoxAddress box;
+    if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
+        return outcome;
+    }
+    SoapClient::Answer answer;
+    if (Outcome outcome = Call(options, box, "stopService", kService, answer); outcome.Failed()) {
+        return WhyNotStopped(options, box, answer.fault, outcome);
+    }
+    if (options.json) {
+        Report::Print({{"address", box.host}, {"running", false}});
     }
     return {};
 }
 
-Outcome Start(const Options& options) {
-    SoapClient::Answer answer;
-    return FindAndCall(options, "startService", kService, answer);
-}
-
-Outcome Stop(const Options& options) {
-    SoapClient::Answer answer;
-    return FindAndCall(options, "stopService", kService, answer);
-}
-
 Outcome Restart(const Options& options) {
-    SoapClient::Answer answer;
-    return FindAndCall(options, "restartDevice", "", answer);
+    return FindAndCall(options, "restartDevice", "", {"restarting", true});
 }
 
 }  // namespace AgentCommands

@@ -3,21 +3,15 @@
 #include <array>
 #include <cstdio>
 
+#include "AnyCase.h"
 #include "ColorTable.h"
 #include "Numbers.h"
-#include "SafeText.h"
 #include "SlpEscapes.h"
 
 namespace {
 
 constexpr char kFree[] = "4";
 constexpr char kReserved[] = "5";
-constexpr char kCable[] = "0";
-constexpr char kWlan[] = "1";
-
-std::string Member(std::string_view name, std::string_view value) {
-    return SafeText::Json(name) + ": " + SafeText::Json(value);
-}
 
 }  // namespace
 
@@ -80,17 +74,6 @@ bool Box::HasSerial(std::string_view serial) const {
     const std::string id = DeviceId();
     const std::size_t number = id.find_first_of("0123456789");
     return !serial.empty() &&
-           (id == serial || (number != std::string::npos && id.substr(number) == serial));
-}
-
-std::string Box::ToJson() const {
-    std::string all;
-    for (const auto& [name, value] : attributes) {
-        all += (all.empty() ? "" : ", ") + Member(name, value);
-    }
-    return "{" + Member("address", address) + ", " + Member("serial", DeviceId()) + ", " +
-           Member("name", HostName()) + ", " + Member("color", Color()) + ", " +
-           Member("state", State()) + ", " + Member("owner", Attribute("Owner")) + ", " +
-           Member("voltage", Voltage()) + ", " + Member("network", Network()) +
-           ", \"attributes\": {" + all + "}}";
+           (AnyCase::Equal(id, serial) ||
+            (number != std::string::npos && AnyCase::Equal(id.substr(number), serial)));
 }

@@ -7,6 +7,10 @@
 /// A box that has answered a search: its address and what it says of itself. Nothing of that is
 /// fit to be shown as it is (SafeText).
 struct Box {
+    // What boxes say for a network (attribute "NetworkType").
+    static constexpr char kCable[] = "0";
+    static constexpr char kWlan[] = "1";
+
     std::string address;
     std::map<std::string, std::string> attributes;
 
@@ -32,9 +36,7 @@ struct Box {
     /// "cable" or "WLAN" with the signal's strength, or what else the box says.
     std::string Network() const;
 
-    /// Whether `serial` is its device id, or that without the letters before the number.
+    /// Whether `serial` is its device id, or that without the letters before the number, in upper
+    /// or lower case.
     bool HasSerial(std::string_view serial) const;
-
-    /// An object of the columns that people see and of all attributes.
-    std::string ToJson() const;
 };

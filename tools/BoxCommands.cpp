@@ -8,13 +8,16 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 
+#include "AnyCase.h"
 #include "BoxChanges.h"
 #include "BoxFinder.h"
 #include "BoxTable.h"
 #include "Interruption.h"
+#include "Report.h"
 
 namespace BoxCommands {
 namespace {
@@ -75,9 +78,15 @@ public:
     }
 };
 
-void PrintChanges(const BoxChanges::Texts& texts) {
-    for (const std::string& text : texts) {
-        std::printf("%s %s\n", Timestamp().c_str(), text.c_str());
+void PrintChanges(const std::vector<BoxChanges::Change>& changes, bool asJson) {
+    for (const BoxChanges::Change& change : changes) {
+        if (asJson) {
+            Report::Print(Report::Of(change));
+            continue;
+        }
+        for (const std::string& text : change.texts) {
+            std::printf("%s %s\n", Timestamp().c_str(), text.c_str());
+        }
     }
     std::fflush(stdout);
 }
@@ -99,11 +108,12 @@ std::string Frame(std::vector<BoxTable::Line> lines, std::size_t boxCount, std::
 }  // namespace
 
 bool IsWanted(const Box& box, const Options& options) {
-    return (options.color.empty() || box.Color() == options.color ||
-            box.Attribute("Color") == options.color) &&
+    const auto is = [](const std::string& wanted, const std::string& value) {
+        return wanted.empty() || AnyCase::Equal(wanted, value);
+    };
+    return (is(options.color, box.Color()) || is(options.color, box.Attribute("Color"))) &&
            (options.serial.empty() || box.HasSerial(options.serial)) &&
-           (options.state.empty() || box.State() == options.state) &&
-           (options.owner.empty() || box.Attribute("Owner") == options.owner);
+           is(options.state, box.State()) && is(options.owner, box.Attribute("Owner"));
 }
 
 Outcome Find(const Options& options) {
@@ -116,11 +126,11 @@ Outcome Find(const Options& options) {
     const bool isAnyWanted = IsWanted(Box(), options);
     std::erase_if(boxes, [&options](const Box& box) { return !IsWanted(box, options); });
     if (options.json) {
-        std::string list;
+        Report::Json list = Report::Json::array();
         for (const Box& box : boxes) {
-            list += (list.empty() ? "" : ",\n ") + box.ToJson();
+            list.push_back(Report::Of(box));
         }
-        std::printf("[%s]\n", list.c_str());
+        Report::Print(list);
     } else if (!boxes.empty()) {
         std::fputs(BoxTable::Render(lines, BoxTable::ShowsColors()).c_str(), stdout);
     }
@@ -134,7 +144,7 @@ Outcome Find(const Options& options) {
 
 Outcome Watch(const Options& options) {
     const Interruption interruption;
-    const bool isTerminal = isatty(STDOUT_FILENO) == 1;
+    const bool isTerminal = isatty(STDOUT_FILENO) == 1 && !options.json;
     const std::optional<Screen> screen =
         isTerminal ? std::optional<Screen>(std::in_place) : std::nullopt;
     BoxChanges changes;
@@ -146,12 +156,12 @@ Outcome Watch(const Options& options) {
         if (interruption.WithinTime(std::chrono::milliseconds(0))) {
             return {};  // the search may be incomplete
         }
-        BoxChanges::Texts texts;
-        const std::vector<BoxTable::Line> lines = changes.Next(boxes, texts);
+        std::vector<BoxChanges::Change> news;
+        const std::vector<BoxTable::Line> lines = changes.Next(boxes, news);
         if (isTerminal) {
             Screen::Show(Frame(lines, boxes.size(), Screen::Rows()));
         } else {
-            PrintChanges(texts);
+            PrintChanges(news, options.json);
         }
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());

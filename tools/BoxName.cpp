@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <memory>
 
+#include "AnyCase.h"
 #include "BoxFinder.h"
 #include "Ipv4.h"
 #include "Numbers.h"
@@ -89,7 +90,7 @@ Outcome Resolve(const Options& options, BoxAddress& address,
         // A serial number goes before a host name.
         const bool isSerial = std::any_of(boxes.begin(), boxes.end(), hasSerial);
         std::erase_if(boxes, [&](const Box& box) {
-            return isSerial ? !hasSerial(box) : box.HostName() != parts->host;
+            return isSerial ? !hasSerial(box) : !AnyCase::Equal(box.HostName(), parts->host);
         });
         if (!boxes.empty()) {
             return ChooseOnly(boxes, address, parts->host);

@@ -18,17 +18,16 @@
 namespace CommandLine {
 namespace {
 
-/// What a command takes besides --help and --wait.
+/// What a command takes besides --help, --json and --wait.
 enum Taken : unsigned {
     kBox = 1U << 0U,
     kHandle = 1U << 1U,
     kFilters = 1U << 2U,
-    kJson = 1U << 3U,
-    kOwnerAndLock = 1U << 4U,
-    kParameters = 1U << 5U,
-    kInterval = 1U << 6U,
-    kFollow = 1U << 7U,
-    kAgent = 1U << 8U,
+    kOwnerAndLock = 1U << 3U,
+    kParameters = 1U << 4U,
+    kInterval = 1U << 5U,
+    kFollow = 1U << 6U,
+    kAgent = 1U << 7U,
 };
 
 struct Command {
@@ -48,7 +47,7 @@ constexpr Command kCommands[] = {
     {"find", "", "Find the boxes on the network",
      "zelctl find --state free\n"
      "  zelctl find --color red --json",
-     BoxCommands::Find, kFilters | kJson},
+     BoxCommands::Find, kFilters},
     {"watch", "", "Show the boxes on the network and what changes, until Ctrl-C",
      "zelctl watch\n"
      "  zelctl watch --interval 10 >> changes.txt",
@@ -56,7 +55,7 @@ constexpr Command kCommands[] = {
     {"info", "[BOX]", "Show what a box is",
      "zelctl info\n"
      "  zelctl info 192.168.68.42 --json",
-     ConnectorCommands::Info, kBox | kJson},
+     ConnectorCommands::Info, kBox},
     {"reserve", "[BOX]", "Reserve a box; prints the handle, which is also kept",
      "zelctl reserve --owner me\n"
      "  zelctl reserve TAVO0012345 --owner me --lock 192.168.68.1",
@@ -65,10 +64,9 @@ constexpr Command kCommands[] = {
      "zelctl release\n"
      "  zelctl release TAVO0012345 --handle 1234567890",
      ConnectorCommands::Release, kBox | kHandle},
-    {"lock", "[BOX] HOST",
-     "Open the diagnostic ports of a reserved box to one host; 0 is every host",
+    {"lock", "[BOX] HOST", "Open the diagnostic ports of a reserved box to one host, or to any",
      "zelctl lock 192.168.68.7\n"
-     "  zelctl lock TAVO0012345 0",
+     "  zelctl lock TAVO0012345 any",
      ConnectorCommands::Lock, kBox | kHandle, 1},
     {"mode", "[BOX] MODE", "Switch a box's addressing: dhcp, linklocal or configured",
      "zelctl mode dhcp\n"
@@ -102,11 +100,12 @@ constexpr Command kCommands[] = {
 constexpr char kBoxHelp[] =
     "BOX is an address or a host name (:PORT may follow), a serial number or a device\n"
     "id. It may be left out when there is only one box on the network, or only one that\n"
-    "is reserved from here, if the command needs a reservation.\n\n";
+    "is reserved from here, if the command needs a reservation. -- ends the options: what\n"
+    "follows are words, even those that begin with a hyphen.\n\n";
 constexpr char kStatusHelp[] =
-    "Exit status: 0 done; 1 the box refuses; 2 wrong usage; 3 no such box, or it cannot\n"
-    "be reached; 4 the answer is a fault or is not understood; 5 the output cannot be\n"
-    "written.";
+    "Exit status: 0 done; 1 the box refuses, its service is stopped (status) or a test\n"
+    "has failed (selftest); 2 wrong usage; 3 no such box, or it cannot be reached; 4 the\n"
+    "answer is a fault or is not understood; 5 the output cannot be written.";
 
 // What the shells' completion files call; no person does.
 constexpr char kComplete[] = "--complete";
@@ -148,16 +147,24 @@ void AddSeconds(CLI::App& app, const std::string& name, double& value, double pr
         ->check(CLI::Range(kLeast, kMost));
 }
 
+/// An option with a text, which is given when it is not empty: a script's variable that is not set
+/// must not mean every box, or every host.
+CLI::Option& AddText(CLI::App& app, const std::string& name, std::string& value,
+                     const std::string& type, const std::string& description) {
+    const auto check = [](const std::string& text) {
+        return text.empty() ? "an empty text is none" : std::string();
+    };
+    return *app.add_option(name, value, description)
+                ->option_text(type)
+                ->check(CLI::Validator(check, "", ""));
+}
+
 void AddFilters(CLI::App& app, Options& options) {
-    app.add_option("--color", options.color, "Only boxes of this color: a name, or #rrggbb")
-        ->type_name("COLOR");
-    app.add_option("--serial", options.serial, "Only the box with this serial number")
-        ->type_name("SERIAL");
-    app.add_option("--state", options.state, "Only boxes that are free, or reserved")
-        ->check(CLI::IsMember({"free", "reserved"}))
-        ->option_text("free|reserved");
-    app.add_option("--owner", options.owner, "Only boxes that this one has reserved")
-        ->type_name("NAME");
+    AddText(app, "--color", options.color, "COLOR", "Only boxes of this color: a name, or #rrggbb");
+    AddText(app, "--serial", options.serial, "SERIAL", "Only the box with this serial number");
+    AddText(app, "--state", options.state, "free|reserved", "Only boxes that are free, or reserved")
+        .transform(CLI::IsMember({"free", "reserved"}, CLI::ignore_case));
+    AddText(app, "--owner", options.owner, "NAME", "Only boxes that this one has reserved");
 }
 
 void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
@@ -174,18 +181,15 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
         AddFilters(added, options);
     }
     if (takes(kOwnerAndLock)) {
-        added.add_option("--owner", options.owner, "Who reserves")->required()->type_name("NAME");
-        added.add_option("--lock", options.lock, "The only host that may use the diagnostic ports")
-            ->type_name("HOST");
+        AddText(added, "--owner", options.owner, "NAME", "Who reserves").required();
+        AddText(added, "--lock", options.lock, "HOST",
+                "The only host that may use the diagnostic ports, or any");
     }
     if (takes(kHandle)) {
-        added
-            .add_option("--handle", options.handle, "Of the reservation, in place of the one kept")
-            ->type_name("HANDLE");
+        AddText(added, "--handle", options.handle, "HANDLE",
+                "Of the reservation, in place of the one kept");
     }
-    if (takes(kJson)) {
-        added.add_flag("--json", options.json, "Print JSON");
-    }
+    added.add_flag("--json", options.json, "Print JSON, errors too");
     if (takes(kFollow)) {
         added.add_flag("--follow", options.follow, "Go on with what is new, until Ctrl-C");
     }
@@ -232,17 +236,20 @@ bool TakeWords(std::vector<std::string> words, std::size_t count, bool hasParame
 
 Parsed Parse(int argc, const char* const* argv) {
     Parsed parsed;
-    const std::string first = argc > 1 ? argv[1] : "";
+    const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+    const auto optionsEnd = std::find(arguments.begin(), arguments.end(), "--");
+    parsed.options.json = std::find(arguments.begin(), optionsEnd, "--json") != optionsEnd;
+    const std::string first = arguments.empty() ? "" : arguments.front();
+    const auto wrong = [&](const std::string& what, const std::string& command) {
+        parsed.outcome = {ExitStatus::kUsage, what + " (zelctl " + command + "--help)"};
+        return std::move(parsed);
+    };
     const bool isCommand =
         std::any_of(std::begin(kCommands), std::end(kCommands),
                     [&first](const Command& command) { return command.name == first; });
     const bool isCompletion = first == kComplete;
     if (!isCommand && !first.starts_with('-')) {
-        std::fprintf(stderr, "zelctl: %s (zelctl --help)\n",
-                     first.empty() ? "tell it what to do"
-                                   : ("no command '" + SafeText::Line(first) + "'").c_str());
-        parsed.status = ExitStatus::kUsage;
-        return parsed;
+        return wrong(arguments.empty() ? "tell it what to do" : "no command '" + first + "'", "");
     }
     // Each command has defaults of its own: only the chosen one's reading counts.
     std::vector<Reading> readings(std::size(kCommands));
@@ -255,10 +262,6 @@ Parsed Parse(int argc, const char* const* argv) {
                "\n\nExamples:\n  zelctl find\n  zelctl reserve TAVO0012345 --owner me\n"
                "  zelctl command TAVO0012345 vehicle voltage\n  zelctl release TAVO0012345\n\n"
                "zelctl COMMAND --help tells more of a command.");
-    app.failure_message([&](const CLI::App* /*app*/, const CLI::Error& error) {
-        return "zelctl: " + SafeText::Line(error.what()) + " (zelctl " +
-               (isCommand ? first + " " : "") + "--help)\n";
-    });
     try {
         for (std::size_t i = 0; i < std::size(kCommands); ++i) {
             AddCommand(app, kCommands[i], readings[i]);
@@ -273,8 +276,11 @@ Parsed Parse(int argc, const char* const* argv) {
         }
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        parsed.status = app.exit(error) == 0 ? ExitStatus::kDone : ExitStatus::kUsage;
-        return parsed;
+        if (error.get_exit_code() == 0) {
+            app.exit(error);
+            return parsed;
+        }
+        return wrong(error.what(), isCommand ? first + " " : "");
     }
     for (std::size_t i = 0; i < std::size(kCommands); ++i) {
         const Command& command = kCommands[i];
@@ -285,14 +291,16 @@ Parsed Parse(int argc, const char* const* argv) {
         parsed.options.timeout = ToMilliseconds(readings[i].timeout);
         parsed.options.wait = ToMilliseconds(readings[i].wait);
         parsed.options.interval = ToMilliseconds(readings[i].interval);
-        if (TakeWords(std::move(readings[i].words), command.wordCount,
-                      (command.taken & kParameters) != 0, parsed.options)) {
-            parsed.run = command.run;
-        } else {
-            std::fprintf(stderr, "zelctl: usage: zelctl %s %s (zelctl %s --help)\n", command.name,
-                         command.words, command.name);
-            parsed.status = ExitStatus::kUsage;
+        std::vector<std::string>& words = readings[i].words;
+        if (std::find(words.begin(), words.end(), "") != words.end()) {
+            return wrong("an empty word names nothing", first + " ");
         }
+        if (!TakeWords(std::move(words), command.wordCount, (command.taken & kParameters) != 0,
+                       parsed.options)) {
+            return wrong(std::string("usage: zelctl ") + command.name + " " + command.words,
+                         first + " ");
+        }
+        parsed.run = command.run;
     }
     return parsed;
 }

@@ -14,14 +14,14 @@ namespace CommandLine {
 using Run = Outcome (*)(const Options& options);
 
 struct Parsed {
-    /// Null when there is nothing to run: help was shown, or the line is wrong and `status` says
-    /// so.
+    /// Null when there is nothing to run: help was shown, or the line is wrong and `outcome` says
+    /// why.
     Run run = nullptr;
-    ExitStatus status = ExitStatus::kDone;
+    Outcome outcome;
     Options options;
 };
 
-/// Prints the help when it is asked for, and on standard error what is wrong.
+/// Prints the help when it is asked for. Whether JSON is wanted is known of a wrong line, too.
 Parsed Parse(int argc, const char* const* argv);
 
 /// Gives the words of a command that needs `count` of them: the box's name may stand before them,

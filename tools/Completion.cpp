@@ -62,6 +62,8 @@ void OfferValues(const std::string& kind, const std::string& current, Offers& of
         }
     } else if (kind == "MODE") {
         OfferValues("dhcp|linklocal|configured", current, offers);
+    } else if (kind == "HOST") {
+        offers.emplace("any", "");
     } else if (kind.find('|') != std::string::npos) {
         std::istringstream values(kind);
         for (std::string value; std::getline(values, value, '|');) {

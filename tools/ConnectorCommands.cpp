@@ -5,46 +5,27 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <utility>
 
+#include "AnyCase.h"
 #include "BoxName.h"
 #include "ConnectorCodes.h"
 #include "HandleStore.h"
 #include "Ipv4.h"
-#include "Numbers.h"
+#include "Report.h"
 #include "SafeText.h"
 #include "SoapClient.h"
 
 namespace ConnectorCommands {
 namespace {
 
+using Report::Json;
 using SoapClient::Answer;
 using SoapClient::Element;
 
 // What the device information holds several of.
 constexpr char kListed[] = "Channel";
-
-/// A code of the service in words.
-std::string Meaning(ConnectorCode code) {
-    switch (code) {
-        case ConnectorCode::kWrongHandle:
-            return "the handle is not that of the reservation";
-        case ConnectorCode::kNotReserved:
-            return "it is not reserved";
-        case ConnectorCode::kReserveRefused:
-            return "reserved already";
-        case ConnectorCode::kNotCarriedOut:
-            return "the mode could not be switched";
-        case ConnectorCode::kNotConfirmed:
-            return "the mode was switched, but link or address did not come in time";
-        case ConnectorCode::kWrongDevice:
-            return "it has another device id";
-        case ConnectorCode::kOverTemperature:
-            return "it is too hot";
-        default:
-            return "a code that is not known";
-    }
-}
 
 /// A box as a command sees it.
 struct Session {
@@ -54,7 +35,15 @@ struct Session {
     const xmlNode* Values() const { return XmlText::FindChild(information.response, "out"); }
     std::string Value(const char* name) const { return XmlText::ChildText(Values(), name); }
     std::string DeviceId() const { return Value("id"); }
+    std::string Owner() const { return Value("sessionOwnerOrNull"); }
+    bool IsReserved() const { return Box{"", {{"State", Value("state")}}}.State() == "reserved"; }
     std::string Name() const { return address.host + " (" + DeviceId() + ")"; }
+
+    /// What every answer to a program begins with.
+    Json Heading() const {
+        return {{"address", address.host},
+                {"device_id", DeviceId().empty() ? Json() : Json(DeviceId())}};
+    }
 };
 
 /// Finds the box and asks who it is.
@@ -104,9 +93,59 @@ Outcome BeginWithHandle(const Options& options, Session& session, std::string& h
                 " is kept here; reserve it first (zelctl reserve), or give --handle"};
 }
 
+/// The box is told anew: who has reserved it may have come since. What is told in vain stays.
+void Refresh(const Options& options, Session& session) {
+    Answer information;
+    if (!SoapClient::Call(session.address, SoapClient::kConnector, "<getDeviceInformation/>",
+                          options.timeout, information)
+             .Failed() &&
+        XmlText::FindChild(information.response, "out") != nullptr) {
+        session.information = std::move(information);
+    }
+}
+
+std::string ReservedBy(const Session& session) {
+    constexpr char kStoppedService[] = "VCI-Agent";
+    constexpr std::size_t kMaxOwner = 64;
+    const std::string owner = SafeText::Shorten(SafeText::Line(session.Owner()), kMaxOwner);
+    return !session.IsReserved()      ? "it is not reserved (zelctl reserve)"
+           : owner == kStoppedService ? "its service is stopped (zelctl start)"
+           : owner.empty()            ? "reserved already by somebody without a name"
+                                      : "reserved already by '" + owner + "'";
+}
+
+/// What a code of the service means, and what to do next.
+std::string Meaning(ConnectorCode code, const Options& options, const Session& session) {
+    std::string reserved = ReservedBy(session);
+    switch (code) {
+        case ConnectorCode::kWrongHandle:
+            return (!options.handle.empty() ? "--handle is not that of the reservation; "
+                    : HandleOf(options, session).empty() ? "no handle of it is kept here; "
+                                                         : "the handle kept here is of no use; ") +
+                   reserved;
+        case ConnectorCode::kNotReserved:
+            return reserved;
+        case ConnectorCode::kReserveRefused:
+            return session.IsReserved()
+                       ? reserved + "; zelctl find --state free shows those that can be had"
+                       : "it was reserved a moment ago; try again";
+        case ConnectorCode::kNotCarriedOut:
+            return "the mode could not be switched; its log says why (zelctl log)";
+        case ConnectorCode::kNotConfirmed:
+            return "the mode was switched, but link or address did not come in time; look where it "
+                   "is now (zelctl find)";
+        case ConnectorCode::kWrongDevice:
+            return "it has another device id by now; try again";
+        case ConnectorCode::kOverTemperature:
+            return "it is too hot; let it cool down";
+        default:
+            return "a code that is not known";
+    }
+}
+
 /// Calls an operation; a code other than 0 is a refusal. `code` is that of an understood answer.
-Outcome Call(const Options& options, const Session& session, const std::string& operation,
-             Answer& answer, std::optional<ConnectorCode>* code = nullptr) {
+Outcome Call(const Options& options, Session& session, const std::string& operation, Answer& answer,
+             std::optional<ConnectorCode>* code = nullptr) {
     if (Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
                                            options.timeout, answer);
         outcome.Failed()) {
@@ -123,22 +162,32 @@ Outcome Call(const Options& options, const Session& session, const std::string& 
     if (error == ConnectorCode::kSuccess) {
         return {};
     }
-    std::string text =
-        session.Name() + " refuses, code " + std::to_string(*number) + ": " + Meaning(error);
-    const std::string owner = session.Value("sessionOwnerOrNull");
-    if ((error == ConnectorCode::kReserveRefused || error == ConnectorCode::kWrongHandle) &&
-        !owner.empty()) {
-        text += " by '" + owner + "'";
-    }
-    return {ExitStatus::kRefused, text};
+    const std::string name = session.Name();
+    Refresh(options, session);
+    return {ExitStatus::kRefused, name + " refuses, code " + std::to_string(*number) + ": " +
+                                      Meaning(error, options, session)};
 }
 
-/// What is no address to the box, it would open its ports to nobody for.
-Outcome CheckHost(const std::string& host) {
-    if (Ipv4::ParseAnyForm(host)) {
-        return {};
+/// What the box calls the host that a person names. Of other forms of an address, or of none, it
+/// would make another host's, or nobody's.
+Outcome ReadHost(const std::string& text, std::string& host) {
+    constexpr char kEveryHost[] = "0";
+    const std::optional<in_addr> address = Ipv4::Parse(text);
+    if (AnyCase::Equal(text, "any")) {
+        host = kEveryHost;
+    } else if (address && address->s_addr != INADDR_ANY) {
+        host = text;
+    } else {
+        return {ExitStatus::kUsage,
+                "'" + text + "' is no host's address; give all four numbers, as in 192.168.68.1, " +
+                    "or any for every host"};
     }
-    return {ExitStatus::kUsage, "'" + host + "' is no address; give one, or 0 for every host"};
+    return {};
+}
+
+/// As a person names what ReadHost() gives.
+std::string NameOfHost(const std::string& host) {
+    return Ipv4::Parse(host) ? host : "any";
 }
 
 /// A handle is a number; whatever a stranger calls one must fit on a line of a file.
@@ -148,19 +197,16 @@ bool IsHandle(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
 }
 
-/// The state in words, as zelctl find has it; addresses dotted, not as the signed number that the
-/// service gives.
+/// The state in words, as zelctl find has it, and addresses dotted. Of a name the last part counts.
 std::string Readable(std::string_view name, const std::string& value) {
+    name.remove_prefix(name.rfind('.') + 1);
     if (name == "state") {
         return Box{"", {{"State", value}}}.State();
     }
     constexpr std::string_view kAddresses[] = {"ip", "ip4Address", "gateway", "netmask"};
-    const auto number = Numbers::Parse<std::int32_t>(value);
-    if (std::find(std::begin(kAddresses), std::end(kAddresses), name) == std::end(kAddresses) ||
-        !number) {
-        return value;
-    }
-    return Ipv4::Dotted({htonl(static_cast<std::uint32_t>(*number))});
+    const bool isAddress =
+        std::find(std::begin(kAddresses), std::end(kAddresses), name) != std::end(kAddresses);
+    return isAddress ? Report::Dotted(value) : value;
 }
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
@@ -178,7 +224,7 @@ void Flatten(const xmlNode* parent, const std::string& prefix, Pairs& pairs, int
         }
         const std::string name = SafeText::Shorten(XmlText::LocalName(child), kMaxName);
         if (xmlFirstElementChild(child) == nullptr || depth == kMaxDepth) {
-            pairs.emplace_back(prefix + name, Readable(name, XmlText::Content(child)));
+            pairs.emplace_back(prefix + name, XmlText::Content(child));
         } else {
             const std::string number = std::to_string(count++);
             Flatten(child, prefix + (name == kListed ? number : name) + ".", pairs, depth + 1);
@@ -193,28 +239,39 @@ void PrintText(const Pairs& pairs) {
     }
     for (const auto& [name, value] : pairs) {
         std::string line = SafeText::Line(name);
-        line += std::string(width - SafeText::Width(line) + 2, ' ') + SafeText::Line(value);
+        line += std::string(width - SafeText::Width(line) + 2, ' ') +
+                SafeText::Line(Readable(name, value));
         line.erase(line.find_last_not_of(' ') + 1);
         std::puts(line.c_str());
     }
 }
 
-void PrintJson(const Pairs& pairs) {
-    std::string json;
+void PrintJson(const Session& session, const Pairs& pairs) {
+    Json report = Report::OfInformation(session.address.host, session.Values());
+    report["attributes"] = Json::object();
     for (const auto& [name, value] : pairs) {
-        json += (json.empty() ? "" : ",\n ") + SafeText::Json(name) + ": " + SafeText::Json(value);
+        report["attributes"][name] = value;
     }
-    std::printf("{%s}\n", json.c_str());
+    Report::Print(report);
+}
+
+struct AddressMode {
+    const char* name;
+    const char* number;  ///< what the service calls it
+};
+constexpr AddressMode kModes[] = {{"configured", "1"}, {"linklocal", "2"}, {"dhcp", "3"}};
+
+/// Tells a program that it is done, and `what` of it.
+Outcome Done(const Options& options, const Session& session, const Json& what) {
+    if (options.json) {
+        Json report = session.Heading();
+        report.update(what);
+        Report::Print(report);
+    }
+    return {};
 }
 
 }  // namespace
-
-std::optional<std::string> ModeNumber(const std::string& name) {
-    return name == "configured"  ? std::optional("1")
-           : name == "linklocal" ? std::optional("2")
-           : name == "dhcp"      ? std::optional("3")
-                                 : std::nullopt;
-}
 
 std::string ParameterElements(const std::vector<std::string>& parameters) {
     std::string elements;
@@ -233,14 +290,15 @@ Outcome Info(const Options& options) {
     }
     Pairs pairs;
     Flatten(session.Values(), "", pairs);
-    options.json ? PrintJson(pairs) : PrintText(pairs);
+    options.json ? PrintJson(session, pairs) : PrintText(pairs);
     return {};
 }
 
 Outcome Reserve(const Options& options) {
-    Outcome lock = options.lock.empty() ? Outcome() : CheckHost(options.lock);
-    if (lock.Failed()) {
-        return lock;
+    std::string host;
+    if (Outcome outcome = options.lock.empty() ? Outcome() : ReadHost(options.lock, host);
+        outcome.Failed()) {
+        return outcome;
     }
     Session session;
     if (Outcome outcome = Begin(options, session); outcome.Failed()) {
@@ -248,8 +306,8 @@ Outcome Reserve(const Options& options) {
     }
     Answer answer;
     const std::string operation = "<reserveDevice>" + Element("deviceId", session.DeviceId()) +
-                                  Element("owner", options.owner) +
-                                  Element("hostLock", options.lock) + "</reserveDevice>";
+                                  Element("owner", options.owner) + Element("hostLock", host) +
+                                  "</reserveDevice>";
     if (Outcome outcome = Call(options, session, operation, answer); outcome.Failed()) {
         return outcome;
     }
@@ -258,8 +316,16 @@ Outcome Reserve(const Options& options) {
     if (!IsHandle(handle)) {
         return {ExitStatus::kNotUnderstood, session.Name() + " reserves without a handle"};
     }
+    const bool isKept = HandleStore::Put(session.DeviceId(), handle);
+    if (options.json) {
+        return Done(options, session,
+                    {{"owner", options.owner},
+                     {"lock", NameOfHost(host)},
+                     {"handle", handle},
+                     {"handle_is_kept", isKept}});
+    }
     std::puts(handle.c_str());
-    if (!HandleStore::Put(session.DeviceId(), handle)) {
+    if (!isKept) {
         const std::string path = HandleStore::PathOf(session.DeviceId());
         const std::string why = path.empty() ? ", for HOME is not set" : " in '" + path + "'";
         std::fprintf(stderr, "zelctl: the handle cannot be kept%s; give --handle from now on\n",
@@ -285,12 +351,12 @@ Outcome Release(const Options& options) {
     if (isOver && handle == HandleStore::Get(session.DeviceId())) {
         HandleStore::Forget(session.DeviceId());
     }
-    return outcome;
+    return outcome.Failed() ? outcome : Done(options, session, {{"state", "free"}});
 }
 
 Outcome Lock(const Options& options) {
-    const std::string& host = options.arguments.front();
-    if (Outcome outcome = CheckHost(host); outcome.Failed()) {
+    std::string host;
+    if (Outcome outcome = ReadHost(options.arguments.front(), host); outcome.Failed()) {
         return outcome;
     }
     Session session;
@@ -299,15 +365,19 @@ Outcome Lock(const Options& options) {
         return outcome;
     }
     Answer answer;
-    return Call(
+    Outcome outcome = Call(
         options, session,
         "<setHostLock>" + Element("handle", handle) + Element("hostLock", host) + "</setHostLock>",
         answer);
+    return outcome.Failed() ? outcome : Done(options, session, {{"lock", NameOfHost(host)}});
 }
 
 Outcome Mode(const Options& options) {
-    const std::optional<std::string> number = ModeNumber(options.arguments.front());
-    if (!number) {
+    const auto* const mode =
+        std::find_if(std::begin(kModes), std::end(kModes), [&options](const AddressMode& each) {
+            return AnyCase::Equal(each.name, options.arguments.front());
+        });
+    if (mode == std::end(kModes)) {
         return {ExitStatus::kUsage, "'" + options.arguments.front() +
                                         "' is no mode; give dhcp, linklocal or configured"};
     }
@@ -317,11 +387,12 @@ Outcome Mode(const Options& options) {
     }
     Answer answer;
     // A free box needs no handle.
-    return Call(options, session,
-                "<switchMode>" + Element("deviceId", session.DeviceId()) +
-                    Element("mode", *number) + Element("handle", HandleOf(options, session)) +
-                    "</switchMode>",
-                answer);
+    Outcome outcome = Call(options, session,
+                           "<switchMode>" + Element("deviceId", session.DeviceId()) +
+                               Element("mode", mode->number) +
+                               Element("handle", HandleOf(options, session)) + "</switchMode>",
+                           answer);
+    return outcome.Failed() ? outcome : Done(options, session, {{"mode", mode->name}});
 }
 
 Outcome Command(const Options& options) {
@@ -343,6 +414,9 @@ Outcome Command(const Options& options) {
     const std::string text = XmlText::ChildText(result, "value");
     if (XmlText::ChildText(result, "key") != "result") {
         return {ExitStatus::kRefused, session.Name() + ": the command fails: " + text};
+    }
+    if (options.json) {
+        return Done(options, session, {{"result", text}});
     }
     std::puts(SafeText::Lines(text).c_str());
     return {};

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "Options.h"
@@ -15,9 +14,6 @@ Outcome Release(const Options& options);
 Outcome Lock(const Options& options);
 Outcome Mode(const Options& options);
 Outcome Command(const Options& options);
-
-/// What the service calls a mode of addressing; nothing when it has none of that name.
-std::optional<std::string> ModeNumber(const std::string& name);
 
 /// The parameter elements of "key=value" texts.
 std::string ParameterElements(const std::vector<std::string>& parameters);

@@ -1,10 +1,13 @@
 #include "FileCommands.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "BoxName.h"
 #include "LogFollower.h"
+#include "Report.h"
 #include "SafeText.h"
 #include "SoapClient.h"
 
@@ -15,8 +18,13 @@ constexpr char kLog[] = "/web/show.jsp?file=/tmp/log/nativezel.log";
 constexpr char kOlderLog[] = "/web/show.jsp?file=/tmp/log/nativezel.1.log";
 constexpr std::chrono::seconds kPollInterval{2};
 
-void Print(const std::string& text) {
-    std::fputs(SafeText::Lines(text).c_str(), stdout);
+/// As text, or an object for each line.
+void PrintLog(const Options& options, const std::string& text) {
+    std::istringstream lines(options.json ? text : "");
+    for (std::string line; std::getline(lines, line);) {
+        Report::Print({{"line", line}});
+    }
+    std::fputs(options.json ? "" : SafeText::Lines(text).c_str(), stdout);
     std::fflush(stdout);
 }
 
@@ -28,17 +36,16 @@ void Follow(const Options& options, const BoxAddress& box, const std::string& fi
         return outcome.Failed() ? std::string() : text;
     };
     LogFollower follower;
-    Print(follower.Next(first, older));
+    PrintLog(options, follower.Next(first, older));
     bool isLost = false;
     while (std::ferror(stdout) == 0) {
         std::this_thread::sleep_for(kPollInterval);
         std::string text;
         const Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text);
         if (!outcome.Failed()) {
-            Print(follower.Next(text, older));
+            PrintLog(options, follower.Next(text, older));
         } else if (!isLost) {
-            std::fprintf(stderr, "zelctl: %s; waiting for it\n",
-                         SafeText::Line(outcome.text).c_str());
+            Report::PrintFailure({outcome.status, outcome.text + "; waiting for it"}, options.json);
         }
         isLost = outcome.Failed();
     }
@@ -55,7 +62,7 @@ Outcome Log(const Options& options) {
     if (Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text); outcome.Failed()) {
         return outcome;
     }
-    options.follow ? Follow(options, box, text) : Print(text);
+    options.follow ? Follow(options, box, text) : PrintLog(options, text);
     return {};
 }
 
@@ -70,7 +77,11 @@ Outcome Wsdl(const Options& options) {
         outcome.Failed()) {
         return outcome;
     }
-    Print(text);
+    if (options.json) {
+        Report::Print({{"address", box.host}, {"wsdl", text}});
+    } else {
+        std::fputs(SafeText::Lines(text).c_str(), stdout);
+    }
     return {};
 }
 

@@ -1,112 +1,189 @@
 #include "HttpClient.h"
 
-#include <sys/socket.h>
-#include <sys/time.h>
+#include <curl/curl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string_view>
-
-#include "HttpMessageReader.h"
-#include "Ipv4.h"
-#include "SocketGuard.h"
+#include <initializer_list>
+#include <memory>
+#include <utility>
 
 namespace HttpClient {
 namespace {
 
-constexpr int kOk = 200;
+using Clock = std::chrono::steady_clock;
+
+constexpr long kOk = 200;
+constexpr std::size_t kMaxHead = std::size_t{64} * 1024;
+constexpr std::size_t kMaxBody = std::size_t{1024} * 1024;
+constexpr std::chrono::minutes kAnswerLimit{2};
+
+template <auto kFree>
+struct Freer {
+    void operator()(auto* owned) const { kFree(owned); }
+};
+using Transfer = std::unique_ptr<CURL, Freer<curl_easy_cleanup>>;
+using Transfers = std::unique_ptr<CURLM, Freer<curl_multi_cleanup>>;
+using Lines = std::unique_ptr<curl_slist, Freer<curl_slist_free_all>>;
+
+/// What has come of an answer; the library keeps the time of none of its parts.
+struct Received {
+    std::size_t head = 0;
+    std::string body;
+    Clock::time_point first = Clock::time_point::max();
+    Clock::time_point last = Clock::now();
+
+    void Note() {
+        last = Clock::now();
+        first = std::min(first, last);
+    }
+    bool IsAny() const { return first != Clock::time_point::max(); }
+};
+
+std::size_t TakeHead(char* /*text*/, std::size_t size, std::size_t count, void* received) {
+    auto& taken = *static_cast<Received*>(received);
+    taken.Note();
+    taken.head += size * count;
+    return taken.head <= kMaxHead ? size * count : 0;
+}
+
+std::size_t TakeBody(char* text, std::size_t size, std::size_t count, void* received) {
+    auto& taken = *static_cast<Received*>(received);
+    taken.Note();
+    if (taken.body.size() + size * count > kMaxBody) {
+        return 0;
+    }
+    taken.body.append(text, size * count);
+    return size * count;
+}
 
 Outcome Unreachable(const BoxAddress& box, const std::string& why) {
     return {ExitStatus::kUnreachable,
             box.ToText() + " cannot be reached: " + why + "; is it on this network? (zelctl find)"};
 }
 
-Outcome Open(const BoxAddress& box, std::chrono::milliseconds timeout, SocketGuard& guard) {
-    guard.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(timeout);
-    // Also limits the time of the connect.
-    const timeval limit{seconds.count(), std::chrono::microseconds(timeout - seconds).count()};
-    setsockopt(guard.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    const std::optional<in_addr> host = Ipv4::Parse(box.host);
-    if (!host) {
-        return Unreachable(box, "no address");
-    }
-    const sockaddr_in address = Ipv4::SocketAddress(*host, box.port);
-    if (connect(guard.Get(), Ipv4::Generic(address), sizeof address) != 0) {
-        // The system's word for a connect that ran out of its time is misleading.
-        return Unreachable(box, std::strerror(errno == EINPROGRESS ? ETIMEDOUT : errno));
-    }
-    return {};
+bool IsConnected(CURL* transfer) {
+    curl_off_t microseconds = 0;
+    return curl_easy_getinfo(transfer, CURLINFO_CONNECT_TIME_T, &microseconds) == CURLE_OK &&
+           microseconds > 0;
 }
 
-bool Send(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t sent = send(descriptor, text.data(), text.size(), MSG_NOSIGNAL);
-        if (sent < 0) {
-            return false;
+/// Runs the transfer until it has ended, or the next part is late.
+CURLcode Run(CURL* transfer, std::chrono::milliseconds timeout, Received& received) {
+    const Transfers transfers(curl_multi_init());
+    curl_multi_add_handle(transfers.get(), transfer);
+    bool wasConnected = false;
+    int running = 1;
+    CURLcode code = CURLE_OPERATION_TIMEDOUT;
+    while (curl_multi_perform(transfers.get(), &running) == CURLM_OK && running > 0) {
+        if (!wasConnected && IsConnected(transfer)) {
+            wasConnected = true;
+            received.last = Clock::now();
         }
-        text.remove_prefix(static_cast<std::size_t>(sent));
+        Clock::time_point end = received.last + timeout;
+        if (received.IsAny()) {
+            end = std::min(end, received.first + kAnswerLimit);
+        }
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+        if (left <= 0 || curl_multi_poll(transfers.get(), nullptr, 0, static_cast<int>(left),
+                                         nullptr) != CURLM_OK) {
+            break;
+        }
     }
-    return true;
+    int rest = 0;
+    if (const CURLMsg* const message = curl_multi_info_read(transfers.get(), &rest);
+        message != nullptr) {
+        code = message->data.result;
+    }
+    curl_multi_remove_handle(transfers.get(), transfer);
+    return code;
 }
 
-Outcome Exchange(const BoxAddress& box, const std::string& request,
-                 std::chrono::milliseconds timeout, HttpResponse& response) {
-    SocketGuard socket;
-    if (Outcome opened = Open(box, timeout, socket); opened.Failed()) {
-        return opened;
+/// Why a transfer has failed, in words of our own.
+Outcome Failure(const BoxAddress& box, CURL* transfer, CURLcode code, const Received& received) {
+    if (!received.IsAny() && !IsConnected(transfer)) {
+        long error = 0;
+        curl_easy_getinfo(transfer, CURLINFO_OS_ERRNO, &error);
+        const bool isLate = code == CURLE_OPERATION_TIMEDOUT || error == 0;
+        return Unreachable(box, std::strerror(isLate ? ETIMEDOUT : static_cast<int>(error)));
     }
-    if (!Send(socket.Get(), request)) {
-        return Unreachable(box, std::strerror(errno));
-    }
-    HttpMessageReader reader(socket.Get(), timeout);
-    if (!reader.ReadHead(response)) {
-        return {ExitStatus::kUnreachable,
-                box.ToText() + " is reached, but does not answer; is it a box?"};
-    }
-    const bool hasBody = response.chunked || response.contentLength != 0;
-    if (hasBody && !reader.ReadBody(response)) {
+    if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
         return {ExitStatus::kNotUnderstood,
-                box.ToText() + " gives an answer that is incomplete or too large; try again"};
+                box.ToText() + " gives an answer that is no HTTP; is it a box?"};
     }
-    return {};
+    if (!received.IsAny()) {
+        const std::string late = code == CURLE_OPERATION_TIMEDOUT
+                                     ? " in time; wait longer (--timeout), or is it no box?"
+                                     : "; is it a box?";
+        return {ExitStatus::kUnreachable, box.ToText() + " is reached, but does not answer" + late};
+    }
+    return {ExitStatus::kNotUnderstood,
+            box.ToText() + " gives an answer that is incomplete or too large; try again"};
 }
 
-std::string Head(const BoxAddress& box, const char* method, const std::string& path) {
-    return std::string(method) + " " + path + " HTTP/1.0\r\nHost: " + box.ToText() +
-           "\r\nConnection: close\r\n";
+Lines HeaderLines(std::initializer_list<const char*> lines) {
+    Lines list;
+    for (const char* line : lines) {
+        list.reset(curl_slist_append(list.release(), line));
+    }
+    return list;
 }
 
-Outcome NoDocument(const BoxAddress& box, const std::string& path, int status) {
-    return {ExitStatus::kNotUnderstood, box.ToText() + " answers " + std::to_string(status) +
-                                            ", and no document, for " + path + "; is it a box?"};
+/// `message` is posted when there is one.
+Outcome Exchange(const BoxAddress& box, const std::string& path, const std::string* message,
+                 std::chrono::milliseconds timeout, std::string& body) {
+    const Transfer owned(curl_easy_init());
+    CURL* const transfer = owned.get();
+    Received received;
+    const std::string url = "http://" + box.ToText() + path;
+    // An empty value leaves the library's own line out.
+    const Lines lines = message == nullptr
+                            ? HeaderLines({"Accept:", "Connection: close"})
+                            : HeaderLines({"Accept:", "Connection: close",
+                                           "Expect:", "Content-Type: text/xml;charset=\"utf-8\""});
+    curl_easy_setopt(transfer, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(transfer, CURLOPT_PROTOCOLS_STR, "http");
+    curl_easy_setopt(transfer, CURLOPT_PATH_AS_IS, 1L);
+    // A box is on this network, whatever the environment says of others.
+    curl_easy_setopt(transfer, CURLOPT_PROXY, "");
+    curl_easy_setopt(transfer, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(transfer, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_0));
+    curl_easy_setopt(transfer, CURLOPT_IPRESOLVE, static_cast<long>(CURL_IPRESOLVE_V4));
+    curl_easy_setopt(transfer, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(transfer, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
+    curl_easy_setopt(transfer, CURLOPT_HTTPHEADER, lines.get());
+    curl_easy_setopt(transfer, CURLOPT_HEADERFUNCTION, TakeHead);
+    curl_easy_setopt(transfer, CURLOPT_HEADERDATA, &received);
+    curl_easy_setopt(transfer, CURLOPT_WRITEFUNCTION, TakeBody);
+    curl_easy_setopt(transfer, CURLOPT_WRITEDATA, &received);
+    if (message != nullptr) {
+        curl_easy_setopt(transfer, CURLOPT_POSTFIELDS, message->data());
+        curl_easy_setopt(transfer, CURLOPT_POSTFIELDSIZE, static_cast<long>(message->size()));
+    }
+    if (const CURLcode code = Run(transfer, timeout, received); code != CURLE_OK) {
+        return Failure(box, transfer, code, received);
+    }
+    long status = 0;
+    curl_easy_getinfo(transfer, CURLINFO_RESPONSE_CODE, &status);
+    body = std::move(received.body);
+    const bool isAny = !body.empty() && (message != nullptr || status == kOk);
+    return isAny ? Outcome()
+                 : Outcome{ExitStatus::kNotUnderstood,
+                           box.ToText() + " answers " + std::to_string(status) +
+                               ", and no document, for " + path + "; is it a box?"};
 }
 
 }  // namespace
 
 Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
             std::string& body) {
-    HttpResponse response;
-    Outcome outcome = Exchange(box, Head(box, "GET", path) + "\r\n", timeout, response);
-    body = response.body.value_or("");
-    if (!outcome.Failed() && (response.status != kOk || body.empty())) {
-        outcome = NoDocument(box, path, response.status);
-    }
-    return outcome;
+    return Exchange(box, path, nullptr, timeout, body);
 }
 
 Outcome Post(const BoxAddress& box, const std::string& path, const std::string& message,
              std::chrono::milliseconds timeout, std::string& body) {
-    HttpResponse response;
-    const std::string request = Head(box, "POST", path) +
-                                "Content-Type: text/xml;charset=\"utf-8\"\r\nContent-Length: " +
-                                std::to_string(message.size()) + "\r\n\r\n" + message;
-    Outcome outcome = Exchange(box, request, timeout, response);
-    body = response.body.value_or("");
-    if (!outcome.Failed() && body.empty()) {
-        outcome = NoDocument(box, path, response.status);
-    }
-    return outcome;
+    return Exchange(box, path, &message, timeout, body);
 }
 
 }  // namespace HttpClient

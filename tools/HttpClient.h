@@ -14,9 +14,10 @@ struct BoxAddress {
     std::string ToText() const { return host + ":" + std::to_string(port); }
 };
 
-/// One HTTP/1.0 request at a time, each on a connection of its own. What comes back is limited by
-/// HttpMessageReader; `timeout` is the longest wait for the connection and for each next part of
-/// the answer.
+/// One HTTP/1.0 request at a time, each on a connection of its own, past any proxy; redirections
+/// are not followed. `timeout` is the longest wait for the connection, for the answer to begin, and
+/// for each next part of it: a header line, or some bytes of the body. Head and body are limited to
+/// 64 KiB and 1 MiB, the answer as a whole to two minutes from its beginning.
 namespace HttpClient {
 
 /// Gets a document; any status but 200 is a failure, and so is an empty one.

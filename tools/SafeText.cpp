@@ -4,9 +4,7 @@
 #include <wchar.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
-#include <cstdio>
 
 #include "Characters.h"
 #include "Utf8.h"
@@ -83,25 +81,6 @@ std::string Lines(std::string_view text) {
         }
     }
     return Clean(withoutReturns, "\n\t");
-}
-
-std::string Json(std::string_view text) {
-    std::string json = "\"";
-    ForEach(text, [&json](const Utf8::Character& character, std::string_view bytes) {
-        if (bytes == "\"" || bytes == "\\") {
-            json += "\\";
-            json += bytes;
-        } else if (!character.isValid) {
-            json += "\\ufffd";
-        } else if (IsHarmful(character.code) && character.code <= 0xffff) {
-            std::array<char, 7> escape{};
-            std::snprintf(escape.data(), escape.size(), "\\u%04x", character.code & 0xffffU);
-            json += escape.data();
-        } else {
-            json += bytes;
-        }
-    });
-    return json + '"';
 }
 
 std::size_t Width(std::string_view text) {

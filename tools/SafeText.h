@@ -15,9 +15,6 @@ std::string Line(std::string_view text);
 /// Several lines: line feeds and tabs stay, carriage returns before a line feed vanish.
 std::string Lines(std::string_view text);
 
-/// A JSON string, quotes included (RFC 8259, section 7).
-std::string Json(std::string_view text);
-
 /// Columns that a safe text takes on a terminal: two for a wide character of East Asia, none for a
 /// mark that is put onto the character before.
 std::size_t Width(std::string_view text);

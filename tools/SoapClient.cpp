@@ -22,8 +22,8 @@ Outcome Read(const std::string& body, const std::string& from, Answer& answer) {
                 from + " gives an answer that is no SOAP; is it a box?"};
     }
     if (XmlText::LocalName(answer.response) == "Fault") {
-        return {ExitStatus::kNotUnderstood, from + " answers with a fault: " +
-                                                XmlText::ChildText(answer.response, "faultstring")};
+        answer.fault = XmlText::ChildText(answer.response, "faultstring");
+        return {ExitStatus::kNotUnderstood, from + " answers with a fault: " + answer.fault};
     }
     return {};
 }

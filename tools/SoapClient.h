@@ -18,6 +18,8 @@ struct Answer {
     XmlText::Document document;
     /// The operation's response element, of the document.
     const xmlNode* response = nullptr;
+    /// Text of the fault that it is instead; empty when it is none.
+    std::string fault;
 };
 
 /// The element `name` with `text`, which is escaped.

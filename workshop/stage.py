@@ -20,9 +20,7 @@ PROJECT = pathlib.Path(__file__).resolve().parent.parent
 AGENT = os.path.abspath(os.environ.get("ZEL_AGENT", PROJECT / "build/release/zel"))
 SANITIZED = pathlib.Path(AGENT).parent.name != "release"  # or emulated: slower, with memory of its own
 EMULATED = AGENT.endswith("tests/powerpc/agent")
-ZELCTL = pathlib.Path(AGENT).with_name("zelctl")
-if not ZELCTL.exists():  # the agent is another processor's, and emulated
-    ZELCTL = PROJECT / "build/release/zelctl"
+ZELCTL = PROJECT / "build/release/zelctl" if EMULATED else pathlib.Path(AGENT).with_name("zelctl")
 
 BOX, WLAN_BOX = "192.168.68.42", "192.168.68.43"
 CLIENT = "192.168.68.1"

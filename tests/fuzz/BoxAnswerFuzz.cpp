@@ -70,10 +70,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         {ConnectorCommands::Lock},
         {ConnectorCommands::Mode},
         {ConnectorCommands::Command, false, "\n\t"},
-        {AgentCommands::SelfTest, false, "\n\t"},
+        {AgentCommands::SelfTest},
         {AgentCommands::Status},
         {AgentCommands::Start},
         {FileCommands::Wsdl, false, "\n\t"},
+        {AgentCommands::SelfTest, true},
+        {AgentCommands::Status, true},
+        {FileCommands::Log, true},
     };
     static Output output;
     std::string_view rest = Fuzzing::ToText(data, size);
@@ -82,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Options options;
     options.box = "192.168.68.42";
     options.json = command.json;
-    options.arguments = {command.run == ConnectorCommands::Lock ? "0" : "dhcp", "voltage"};
+    options.arguments = {command.run == ConnectorCommands::Lock ? "any" : "dhcp", "voltage"};
     options.parameters = {"key=value"};
     const Outcome outcome = command.run(options);
     const std::string shown = output.Take();

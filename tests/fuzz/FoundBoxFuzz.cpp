@@ -1,11 +1,14 @@
 // Any bytes as the attributes that answer a search for boxes: nothing that steers a terminal is
 // shown.
 
+#include <nlohmann/json.hpp>
+
 #include "Box.h"
 #include "BoxChanges.h"
 #include "BoxName.h"
 #include "BoxTable.h"
 #include "Fuzzing.h"
+#include "Report.h"
 #include "SafeText.h"
 
 using Fuzzing::Require;
@@ -13,7 +16,10 @@ using Fuzzing::Require;
 namespace {
 
 void CheckBox(const Box& box) {
-    Require(!Fuzzing::HasControls(box.ToJson()), "JSON is safe to show");
+    const std::string json =
+        Report::Of(box).dump(-1, ' ', true, Report::Json::error_handler_t::replace);
+    Require(!Fuzzing::HasControls(json), "JSON is safe to show");
+    Require(Report::Json::accept(json), "JSON can be read");
     const BoxTable::Line line = BoxTable::MakeLine(box);
     const std::string table = BoxTable::Render({line, line}, false);
     Require(!Fuzzing::HasControls(table, "\n"), "a table holds no control characters");
@@ -31,10 +37,12 @@ void CheckBox(const Box& box) {
     const Outcome outcome = BoxName::ChooseOnly({box, box}, address);
     Require(!Fuzzing::HasControls(outcome.text), "a choice is safe to show");
     BoxChanges changes;
-    BoxChanges::Texts texts;
+    std::vector<BoxChanges::Change> news;
     for (const auto& boxes : {std::vector<Box>{}, {box}, {Box{box.address, {}}}, {}, {}}) {
-        changes.Next(boxes, texts);
-        for (const std::string& text : texts) {
+        changes.Next(boxes, news);
+    }
+    for (const BoxChanges::Change& change : news) {
+        for (const std::string& text : change.texts) {
             Require(!Fuzzing::HasControls(text), "a change is safe to show");
         }
     }
