@@ -1,5 +1,6 @@
 #include "Box.h"
 #include "BoxChanges.h"
+#include "BoxMemory.h"
 #include "BoxName.h"
 #include "Support.h"
 
@@ -66,6 +67,54 @@ TEST(BoxTest, ChangesFromSearchToSearchAreTold) {
         }
         EXPECT_EQ(texts, expected);
     }
+}
+
+TEST(BoxTest, WhatWasSeenIsRememberedAndForgotten) {
+    const auto box = [](const std::string& address, const std::string& list) {
+        return Box::Read(address, list);
+    };
+    std::string kept;
+    for (const auto& [boxes, now, expected] :
+         Table<std::vector<Box>, BoxMemory::Seconds, const char*>{
+             {{box("10.0.0.1", "(Serial=T\\091),(State=5),(Owner=me)")},
+              100,
+              "T?1@10.0.0.1 100/100;"},
+             {{box("10.0.0.1", "(Serial=T\\091),(State=5),(Owner=me)")},
+              101,
+              "T?1@10.0.0.1 101/100;"},
+             {{}, 105, "T?1@10.0.0.1 101/100;"},
+             {{box("10.0.0.1", "(Serial=T\\091),(State=5),(Owner=you)")},
+              106,
+              "T?1@10.0.0.1 106/106;"},
+             // Another address, twice; another box at the first one, without a number.
+             {{box("10.0.0.2", "(Serial=T?1),(State=4)"), box("10.0.0.3", "(Serial=T?1)"),
+               box("10.0.0.1", "")},
+              107,
+              "@10.0.0.1 107/0;T?1@10.0.0.2 107/0;T?1@10.0.0.3 107/0;"},
+             // The clock is set back.
+             {{}, 50, "@10.0.0.1 50/0;T?1@10.0.0.2 50/0;T?1@10.0.0.3 50/0;"},
+             {{box("10.0.0.4", "(Serial=T4)")}, 61, "T4@10.0.0.4 61/0;"}}) {
+        BoxMemory memory;
+        memory.Read(kept);
+        memory.Add(boxes, now, 10);
+        std::string told;
+        for (const auto& [key, entry] : memory.All()) {
+            told += key.serial + "@" + key.address + " " + std::to_string(entry.lastSeen) + "/" +
+                    std::to_string(entry.reservedSince) + ";";
+        }
+        EXPECT_EQ(told, expected);
+        kept = memory.ToText();
+    }
+    BoxMemory memory;
+    for (BoxMemory::Seconds now = 1; now <= 3; ++now) {
+        std::vector<Box> boxes(4000);
+        for (std::size_t i = 0; i < boxes.size(); ++i) {
+            boxes[i].address = std::to_string(now) + "-" + std::to_string(i);
+        }
+        memory.Add(boxes, now, 10);
+    }
+    EXPECT_EQ(memory.All().size(), BoxMemory::kMaxEntries);
+    EXPECT_TRUE(memory.All().contains({"", "2-0"}) && memory.All().contains({"", "3-3999"}));
 }
 
 TEST(BoxTest, NamesAreCutAtThePortAndTheOnlyBoxNeedsNone) {

@@ -12,6 +12,7 @@
 #include "Completion.h"
 #include "ConnectorCommands.h"
 #include "FileCommands.h"
+#include "MetricsCommand.h"
 #include "Revision.h"
 #include "SafeText.h"
 
@@ -28,6 +29,7 @@ enum Taken : unsigned {
     kInterval = 1U << 5U,
     kFollow = 1U << 6U,
     kAgent = 1U << 7U,
+    kMetrics = 1U << 8U,
 };
 
 struct Command {
@@ -52,6 +54,10 @@ constexpr Command kCommands[] = {
      "zelctl watch\n"
      "  zelctl watch --interval 10 >> changes.txt",
      BoxCommands::Watch, kInterval},
+    {"metrics", "", "Write metrics of the boxes on the network, for a monitoring system",
+     "zelctl metrics\n"
+     "  zelctl metrics --output /var/lib/prometheus/node-exporter/zel.prom",
+     MetricsCommand::Run, kMetrics},
     {"info", "[BOX]", "Show what a box is",
      "zelctl info\n"
      "  zelctl info 192.168.68.42 --json",
@@ -129,6 +135,7 @@ struct Reading {
     double timeout = 0;
     double wait = 0;
     double interval = 0;
+    double forgetDays = 0;
 };
 
 std::chrono::milliseconds ToMilliseconds(double seconds) {
@@ -167,6 +174,22 @@ void AddFilters(CLI::App& app, Options& options) {
     AddText(app, "--owner", options.owner, "NAME", "Only boxes that this one has reserved");
 }
 
+void AddMetrics(CLI::App& app, Reading& reading) {
+    AddText(app, "--output", reading.options.output, "FILE",
+            "The file to be replaced as a whole; - or nothing is standard output");
+    app.add_flag("--owner-label", reading.options.ownerLabel, "Tell also who has reserved a box");
+    app.add_flag("--temperature", reading.options.temperature,
+                 "Ask each box also whether it is too hot");
+    AddText(app, "--state", reading.options.stateFile, "FILE",
+            "What earlier searches have seen, in place of the file of the user");
+    constexpr double kLeast = 0.001;
+    constexpr double kMost = 3660;
+    app.add_option("--forget", reading.forgetDays, "How long a box that is gone is told")
+        ->default_val(7)
+        ->option_text("DAYS (7)")
+        ->check(CLI::Range(kLeast, kMost));
+}
+
 void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
     Options& options = reading.options;
     const auto takes = [&command](Taken what) { return (command.taken & what) != 0; };
@@ -189,12 +212,17 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
         AddText(added, "--handle", options.handle, "HANDLE",
                 "Of the reservation, in place of the one kept");
     }
-    added.add_flag("--json", options.json, "Print JSON, errors too");
+    if (!takes(kMetrics)) {  // whose text has a format of its own
+        added.add_flag("--json", options.json, "Print JSON, errors too");
+    }
     if (takes(kFollow)) {
         added.add_flag("--follow", options.follow, "Go on with what is new, until Ctrl-C");
     }
     if (takes(kAgent)) {
         added.add_flag("--agent", options.agent, "That of the agent service instead");
+    }
+    if (takes(kMetrics)) {
+        AddMetrics(added, reading);
     }
     if (takes(kInterval)) {
         AddSeconds(added, "--interval", reading.interval, 5, "Time from one search to the next");
@@ -291,6 +319,9 @@ Parsed Parse(int argc, const char* const* argv) {
         parsed.options.timeout = ToMilliseconds(readings[i].timeout);
         parsed.options.wait = ToMilliseconds(readings[i].wait);
         parsed.options.interval = ToMilliseconds(readings[i].interval);
+        constexpr double kDay = 24 * 60 * 60;
+        parsed.options.forget =
+            std::chrono::seconds(static_cast<std::int64_t>(readings[i].forgetDays * kDay));
         std::vector<std::string>& words = readings[i].words;
         if (std::find(words.begin(), words.end(), "") != words.end()) {
             return wrong("an empty word names nothing", first + " ");

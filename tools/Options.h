@@ -21,7 +21,12 @@ struct Options {
     std::string owner;
     std::string lock;
     std::string handle;
+    std::string output;
+    std::string stateFile;
+    std::chrono::seconds forget{0};
     bool json = false;
     bool follow = false;
     bool agent = false;
+    bool ownerLabel = false;
+    bool temperature = false;
 };
