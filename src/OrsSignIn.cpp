@@ -14,6 +14,7 @@
 
 namespace {
 
+constexpr char kSigningIn[] = "signing in with the central manager";
 constexpr char kOwner[] = "PreSignIn";
 constexpr char kAnyHost[] = "0";
 constexpr std::chrono::seconds kReservePause{1};
@@ -38,10 +39,12 @@ void LogInvalid(const char* check, const std::string& errors) {
 
 void OrsSignIn::Run() {
     ZEL_INFO("Start PreSignInSignIn");
+    Step("waiting for a client to release the box, to sign in");
     std::string handle;
     if (!Reserve(handle)) {
         return;
     }
+    Step(kSigningIn);
     const DeviceReservation::Lease lease(reservation_, std::move(handle), [this] {
         ZEL_ERROR("No memory to release the box after the sign-in");
         return Pause(kReservePause);
@@ -56,6 +59,13 @@ void OrsSignIn::Run() {
     }
     Disconnect();
     schemas_.reset();
+    Step("");
+}
+
+void OrsSignIn::Step(const char* step) const {
+    if (onStep_) {
+        onStep_(step);
+    }
 }
 
 void OrsSignIn::Stop() {
@@ -196,10 +206,15 @@ bool OrsSignIn::PreSignIn() {
         !PreSignInResponse::Apply(config_, answer)) {
         return false;
     }
-    if (SoftwareUpdate(answer).Run(config_, installed_)) {
+    const SoftwareUpdate update(answer);
+    if (update.IsMandated()) {
+        Step("fetching and installing an update");
+    }
+    if (update.Run(config_, installed_)) {
         rebootAfterUpdate_ = true;
         anotherPreSignIn_ = true;
     }
+    Step(kSigningIn);
     return true;
 }
 

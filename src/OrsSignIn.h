@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -34,6 +35,10 @@ public:
     OrsSignIn(const OrsSignIn&) = delete;
     OrsSignIn& operator=(const OrsSignIn&) = delete;
 
+    /// Has a function told what Run() is at, a literal such as "signing in with the central
+    /// manager"; an empty one when it has ended.
+    void OnStep(std::function<void(const char*)> onStep) { onStep_ = std::move(onStep); }
+
     /// Waits until the box is free and signs it in. A failure is logged and nothing is tried again.
     void Run();
 
@@ -55,9 +60,12 @@ private:
     [[nodiscard]] XmlText::Document Ask(const char* name, const std::string& message);
     [[nodiscard]] bool IsContentValid(const xmlNode* body);
 
+    void Step(const char* step) const;
+
     ZelConfig& config_;
     DeviceReservation& reservation_;
     DiscoverModeCtrl& mode_;
+    std::function<void(const char*)> onStep_;
     std::optional<ServiceSchemas> schemas_;  // while an answer may have to be checked
     bool anotherPreSignIn_ = false;
     bool rebootAfterUpdate_ = false;

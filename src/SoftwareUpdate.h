@@ -32,6 +32,9 @@ public:
     /// The order that stands in the answer.
     explicit SoftwareUpdate(const ManagerElements::Answer& answer);
 
+    /// Whether the answer orders new software, which Run() may have reasons not to install.
+    bool IsMandated() const { return mandated_; }
+
     /// Carries the order out, if there is one, and records the new version in the store. What is in
     /// `installed` is not installed again. Returns true when new software was installed, which
     /// `installed` then tells.

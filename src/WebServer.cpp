@@ -127,6 +127,9 @@ void WebServer::Listen() {
         listeners.emplace_back(listener);
         polled.push_back({listener, POLLIN, 0});
     }
+    if (onListening_) {
+        onListening_(listeners.size() == ports_.size());
+    }
     for (;;) {
         if (poll(polled.data(), polled.size(), -1) < 0) {
             continue;

@@ -39,6 +39,12 @@ public:
     /// Has a function called after every request that a servlet has answered, by any thread.
     void OnServed(std::function<void()> onServed) { registry_.onServed = std::move(onServed); }
 
+    /// Has a function called once the server listens, by its thread: with true when it does so on
+    /// every port.
+    void OnListening(std::function<void(bool)> onListening) {
+        onListening_ = std::move(onListening);
+    }
+
     /// Adds a TCP port to listen on. Returns false when there are kMaxPorts already.
     [[nodiscard]] bool AddPort(std::uint16_t port);
 
@@ -63,6 +69,7 @@ private:
     const ZelConfig& config_;
     std::chrono::milliseconds lineTimeout_;
     ServletRegistry registry_;
+    std::function<void(bool)> onListening_;
     std::vector<std::uint16_t> ports_;
     SocketGuard stopEvent_;
     std::shared_ptr<ConnectionTable> connections_;

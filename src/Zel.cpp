@@ -132,6 +132,7 @@ int Zel::Main() {
     SetClock();
     SetDefaultHostName();
     if (!SetUpNetwork()) {
+        TellStopping();
         ZEL_INFO("* ZEL exiting...");
         return EXIT_SUCCESS;
     }
@@ -177,6 +178,7 @@ void Zel::SetClock() {
 
 /// False when the agent was asked to stop before there was a network.
 bool Zel::SetUpNetwork() {
+    notifier_.SetActivity("bringing up the network");
     setNet_.emplace(network_);
     if (Failed(setNet_->SetUpNetwork(IsStopRequested))) {
         return false;
@@ -188,6 +190,7 @@ bool Zel::SetUpNetwork() {
 /// Starts what does not run yet. False when there was no thread for a service.
 bool Zel::StartServices() {
     if (!slpStarted_) {
+        notifier_.SetActivity(IsOplaNext(config_) ? "" : "looking for the central manager");
         slpStarted_ = slpService_.Start(kAllSlpThreads);
         if (!slpStarted_) {
             return false;
@@ -202,6 +205,23 @@ bool Zel::StartServices() {
         ZEL_INFO("* Webserver service started.");
     }
     return true;
+}
+
+/// The box serves when SLP and the web server answer: both do as soon as "zel.state.startup" is not
+/// "0", SLP before the web server listens.
+void Zel::TellServing(bool isOnEveryPort) {
+    if (!isOnEveryPort) {
+        notifier_.SetState("Not every web port can be opened, see the log", "");
+    } else if (!slpService_.IsOpen()) {
+        notifier_.SetState("The SLP port cannot be opened, see the log", "");
+    } else {
+        notifier_.SetState("Serving", "READY=1");
+    }
+}
+
+void Zel::TellStopping() {
+    notifier_.SetActivity("");
+    notifier_.SetState("Stopping", "STOPPING=1");
 }
 
 void Zel::SetDefaultHostName() {
@@ -225,6 +245,8 @@ void Zel::PrepareWebServer() {
         discoverMode_.Event(DiscoverModeCtrl::Trigger::kCommunicated);
         served_ = true;
     });
+    webServer_.OnListening([this](bool isOnEveryPort) { TellServing(isOnEveryPort); });
+    signIn_.OnStep([this](const char* step) { notifier_.SetActivity(step); });
     for (const std::uint16_t port : kPorts) {
         static_cast<void>(webServer_.AddPort(port));  // there is room for more than these
     }
@@ -248,11 +270,13 @@ bool Zel::IdleUntilStopped() {
     while (running != 0) {
         ppoll(nullptr, 0, &kIdleTime, &unblocked);
         StartServices();
+        notifier_.Repeat();
         SupplicantLog::Limit();
         if (served_.exchange(false)) {
             malloc_trim(0);  // what many requests at once have taken goes back to the system
         }
     }
+    TellStopping();
     ZEL_INFO("* ZEL exiting...");
     return Stop();
 }

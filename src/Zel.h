@@ -11,6 +11,7 @@
 #include "OrsSignIn.h"
 #include "RkoServlet.h"
 #include "SetNet.h"
+#include "SystemdNotifier.h"
 #include "TestServlet.h"
 #include "Trigger15.h"
 #include "WebServer.h"
@@ -42,12 +43,16 @@ private:
     bool SetUpNetwork();
     void PrepareWebServer();
     bool StartServices();
+    void TellServing(bool isOnEveryPort);
+    void TellStopping();
     static void ReportUpdateStates();
     /// What Stop() says.
     bool IdleUntilStopped();
     /// False when something is still at work.
     bool Stop();
 
+    // First, since it changes the environment, which threads read.
+    SystemdNotifier notifier_;
     ZelLogging logging_;
     ZelConfig config_;
     Trigger15 trigger15_;

@@ -39,6 +39,9 @@ public:
     /// cannot be opened is only logged.
     [[nodiscard]] bool Start(unsigned flags);
 
+    /// Whether the socket is open, which Start() has tried: without it nobody is answered.
+    bool IsOpen() const { return socket_.IsOpen(); }
+
     /// To be called when the box may be on another interface: multicasts are received there too.
     void JoinGroups() const { socket_.JoinGroups(); }
 

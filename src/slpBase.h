@@ -35,6 +35,7 @@ public:
     /// False when the address is none or cannot be bound; no socket is open then.
     [[nodiscard]] bool Open(const std::string& address, std::uint16_t port);
     void Close();
+    bool IsOpen() const { return socket_.Get() >= 0; }
 
     /// Joins the groups on every interface there is, as Open() does: to be called when there is a
     /// new one.
