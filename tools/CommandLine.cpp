@@ -284,7 +284,8 @@ Parsed Parse(int argc, const char* const* argv) {
     CLI::App app("Finds, reserves and uses the boxes on the network.", "zelctl");
     app.require_subcommand(1);
     app.set_help_flag("-h,--help", "Print this help");
-    app.set_version_flag("--version", std::string("zelctl ") + kRevision, "Print the version");
+    app.set_version_flag("--version", std::string("zelctl ") + kVersion + " (" + kRevision + ")",
+                         "Print the version");
     app.formatter(std::make_shared<HelpFormatter>("COMMAND [WORDS] [OPTIONS]"));
     app.footer(std::string(kBoxHelp) + kStatusHelp +
                "\n\nExamples:\n  zelctl find\n  zelctl reserve TAVO0012345 --owner me\n"

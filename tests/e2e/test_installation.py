@@ -16,9 +16,12 @@ import stage
 from stage import BOX, CONFIGURATION, OLD_CONFIGURATION, is_serving, output_of, rules, wait_until
 
 BUILD = pathlib.Path("build/release")
+VERSION = re.search(r"^## \[([0-9.]+)\]", pathlib.Path("CHANGELOG.md").read_text(), re.M)[1]
+NEWER = VERSION + "+newer"
+PACKAGE = next(BUILD.absolute().glob("packages/zel_*.deb"), None)
 PID_FILE = pathlib.Path("/var/run/zel.pid")
 UNIT = "/lib/systemd/system/zel.service"
-DPKG = ["dpkg", "--force-depends", "--log=/tmp/dpkg.log"]  # this box knows no other package
+DPKG = ["dpkg", "--force-depends", "--force-confold", "--log=/tmp/dpkg.log"]  # this box knows no other package
 
 pytestmark = pytest.mark.skipif(stage.SANITIZED, reason="the release is what is installed")
 
@@ -145,7 +148,7 @@ trap 'find $GROUP -depth -type d -exec rmdir {} +' EXIT
 )
 """
 OUTPUT = pathlib.Path("/run/zel.out")
-ALONE = f"[Unit]\nDefaultDependencies=no\n[Service]\nStandardOutput=append:{OUTPUT}\n"
+TO_FILE = f"[Service]\nStandardOutput=append:{OUTPUT}\n"
 
 
 def oldest(name):
@@ -155,10 +158,11 @@ def oldest(name):
 
 @contextlib.contextmanager
 def systemd():
-    """A systemd that runs the unit of the package in this box, with all that the unit asks for: its systemctl."""
-    settings = pathlib.Path("/run/systemd/system/zel.service.d/alone.conf")
+    """A systemd that runs the unit of the package in this box, with all that the unit asks for: its systemctl, or what
+    else is run beside it."""
+    settings = pathlib.Path("/run/systemd/system/zel.service.d/output.conf")
     settings.parent.mkdir(parents=True)
-    settings.write_text(ALONE)
+    settings.write_text(TO_FILE)
     process = subprocess.Popen(["unshare", "--cgroup", "--mount", "sh", "-c", BOOT],
                                env={**os.environ, "GROUP": f"/sys/fs/cgroup/simbox-{uuid.uuid4()}"})
     wait_until(lambda: oldest("systemd") or process.poll(), "systemd runs")
@@ -166,7 +170,8 @@ def systemd():
         pytest.skip("an ordinary user may make no control groups")
     first = oldest("systemd")
     try:
-        yield lambda *arguments: output_of("nsenter", f"--target={first}", "--mount", "--pid", "systemctl", *arguments)
+        yield lambda *arguments, tool=("systemctl",): output_of("nsenter", f"--target={first}", "--mount", "--pid", *tool,
+                                                                *arguments)
     finally:
         os.kill(int(first), signal.SIGKILL)
         process.wait(20)
@@ -186,6 +191,10 @@ def shown(path):
     return stage.exchange(f"GET /web/show.jsp?file={path} HTTP/1.0\r\n\r\n".encode()).decode()
 
 
+def state(systemctl):
+    return systemctl("show", "--property=ActiveState,StatusText", "zel")
+
+
 @pytest.fixture
 def packages():
     for name in ("dpkg/info", "dpkg/updates", "dpkg/triggers", "avahi-autoipd"):  # the last comes with that package
@@ -198,7 +207,22 @@ def packages():
     output_of(*DPKG, "--purge", "zel", "zelctl")
 
 
-def test_the_packages(packages):
+@pytest.fixture
+def newer(tmp_path):
+    """The package of a later version, with other default settings and another description."""
+    tree = tmp_path / "zel"
+    output_of("dpkg-deb", "--raw-extract", PACKAGE, tree)
+    control = tree / "DEBIAN/control"
+    control.write_text(control.read_text().replace(f"Version: {VERSION}\n", f"Version: {NEWER}\n"))
+    for changed in ("agent.configuration", "protocols/beans.xsd"):
+        with open(tree / "app/zel" / changed, "a") as file:
+            file.write("\n")
+    return output_of("dpkg-deb", "--build", tree, tmp_path) and tmp_path / PACKAGE.name.replace(VERSION, NEWER)
+
+
+def test_the_packages(packages, newer):
+    assert VERSION in zelctl("--version").split()
+    output_of("lintian", "--allow-root", "--fail-on=error,warning", *BUILD.glob("packages/*.deb"))
     assert not oldest("Zel::main"), "not before it is enabled"
     assert CONFIGURATION.stat().st_mode & 0o777 == 0o600
     verified = subprocess.run(["systemd-analyze", "verify", UNIT], capture_output=True, text=True, timeout=60)
@@ -206,21 +230,35 @@ def test_the_packages(packages):
     exposure = output_of("systemd-analyze", "security", "--offline=true", UNIT)
     assert float(re.search(r"Overall exposure level .*: ([\d.]+)", exposure)[1]) <= 3.9
 
-    output_of(*DPKG, "--remove", "zel")
-    assert CONFIGURATION.exists() and not os.path.exists("/app/zel/zel")
-    pathlib.Path("/config/keypass").write_text("secret\n")
+    # Settings, and the defaults that a site has changed, are kept by all but a purge.
+    defaults = pathlib.Path("/app/zel/agent.configuration")
+    CONFIGURATION.write_text(stage.BASE)
+    for site in ("", "tavo.color=red\n"):
+        defaults.write_text(defaults.read_text() + site)
+        output_of(*DPKG, "--install", newer)
+        assert defaults.read_text().endswith(site or "\n\n")
+        output_of(*DPKG, "--install", PACKAGE)
+        output_of(*DPKG, "--remove", "zel")
+        assert not os.path.exists("/app/zel/zel")
+        output_of(*DPKG, "--install", PACKAGE)
+        assert CONFIGURATION.read_text() == stage.BASE and defaults.read_text().endswith("Stream\n" + site)
+    for left in ("/config/keypass", "/app/zel/images/application.bin"):
+        pathlib.Path(left).write_text("secret\n")
     output_of(*DPKG, "--purge", "zel", "zelctl")
-    assert not os.path.exists("/config") and not os.path.exists("/usr/bin/zelctl")
+    assert not [path for path in ("/config", "/app/zel", "/usr/bin/zelctl", UNIT) if os.path.exists(path)]
 
 
 def test_the_unit(packages):
     CONFIGURATION.write_text(stage.SIGNING_IN)
     with stage.Manager("application-update") as manager, systemd() as systemctl:
         log = agent() / "root/tmp/log/nativezel.log"
+        wait_until(lambda: re.match("StatusText=Starting: .+\nActiveState=activating\n$", state(systemctl)), "it is told why")
         wait_until(lambda: "* SignIn succeed" in log.read_text(), "it has signed in", 120)
         assert manager.problems() == [] and "Rebooting after update" in log.read_text()
         assert (stage.IMAGES / "application/state").read_text() == "clean\n"
         serves()
+        wait_until(lambda: state(systemctl) == "StatusText=Serving\nActiveState=active\n", "systemd knows that it serves")
+        assert f"* ZEL {VERSION} " in log.read_text()
         assert "Seccomp:\t2" in (agent() / "status").read_text()
         # Every kind of address, with what each tool needs.
         zelctl("mode", BOX, "linklocal")
@@ -244,3 +282,41 @@ def test_the_unit(packages):
         systemctl("stop", "zel")
         assert "Result=success" in systemctl("show", "zel")
         assert not re.search("denied|not permitted|Read-only", OUTPUT.read_text()), OUTPUT.read_text()
+
+
+def test_an_upgrade_starts_only_a_free_box_again(packages, newer):
+    def install(package):
+        return systemctl("--install", package, tool=("sh", "-c", '"$@" 2>&1', "sh", *DPKG))
+
+    def descriptions():
+        return os.path.getsize("/app/zel/protocols/beans.xsd")
+
+    CONFIGURATION.write_text(stage.ALONE)
+    size = descriptions()
+    with systemd() as systemctl:
+        serves()
+        first = agent()
+        assert f"it is started again with version {NEWER}" in install(newer)
+        wait_until(lambda: agent() != first, "it is started again")
+        wait_until(is_serving, "it serves")
+        zelctl("reserve", BOX, "--owner", "me")
+        owned = agent()
+        assert "when it is free: systemctl restart zel" in install(PACKAGE) and descriptions() == size
+        assert agent() == owned and rules(), "its owner keeps it"
+        zelctl("release")
+        # One that does not serve yet has no owner, and nobody waits for its cable.
+        stage.network("cable", "out")
+        install(newer)
+        wait_until(lambda: agent() != owned and "bringing up" in state(systemctl), "it waits for its cable")
+        waiting = agent()
+        assert "it is started again" in install(PACKAGE)
+        wait_until(lambda: agent() != waiting, "it is started again")
+        stage.network("cable", "in")
+        serves()
+        # Who has stopped it wants it stopped.
+        systemctl("stop", "zel")
+        assert "started" not in install(newer) and not oldest("Zel::main")
+        systemctl("start", "zel")
+        with stage.replaced("/usr/sbin/policy-rc.d", None):  # what a machine that makes images may have
+            systemctl("--remove", "zel", tool=DPKG)
+        assert not oldest("Zel::main")

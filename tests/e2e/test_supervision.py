@@ -4,8 +4,12 @@ import contextlib
 import ctypes
 import pathlib
 import platform
+import re
 import signal
+import socket
 import time
+
+import pytest
 
 import raw_http
 import stage
@@ -41,6 +45,40 @@ def test_start_up_tells_what_it_does():
     assert "No wlan.mac file found" in stage.log()
     assert "No wlan.mac file found" not in agent.output(), "no debug lines there"
     assert mac.read_text() == "00:00:00:00:00:00"
+
+
+@pytest.mark.parametrize("name, configuration", [("\0zel-test", stage.SIGNING_IN), ("/tmp/notify", ALONE)])
+def test_a_service_manager_is_told(name, configuration, tmp_path):
+    """Every message is the whole state, one for which there was no room is sent again, and tools are told no socket."""
+    def message():
+        return told.recv(1000).decode()
+
+    is_full = configuration == ALONE
+    environment = tmp_path / "environment"
+    with (socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as told, stage.Manager("application-update"),
+          stage.replaced("/usr/sbin/reboot", f"#!/bin/sh\nenv > {environment}\n")):
+        told.bind(name)
+        told.settimeout(60)
+        if is_full:
+            told.setblocking(False)
+            with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other, contextlib.suppress(BlockingIOError):
+                other.setblocking(False)
+                while True:
+                    other.sendto(b"", name)
+            told.settimeout(60)
+        with serving(configuration, NOTIFY_SOCKET=name.replace("\0", "@")):
+            if is_full:
+                assert wait_until(message, "there is room again") == "READY=1\nSTATUS=Serving"
+            else:
+                signing_in = "Starting: signing in with the central manager"
+                assert list(iter(message, "STATUS=Starting")) == [f"STATUS={text}" for text in (
+                    "Starting: bringing up the network", "Starting: looking for the central manager",
+                    "Starting: waiting for a client to release the box, to sign in", signing_in,
+                    "Starting: fetching and installing an update", signing_in, signing_in)]
+                assert message() == "READY=1\nSTATUS=Serving"
+                assert "PATH=" in environment.read_text() and "NOTIFY_SOCKET" not in environment.read_text()
+        assert re.fullmatch("STOPPING=1\nSTATUS=Stopping|READY=1\nSTATUS=Serving", message())
+        assert message() == "STOPPING=1\nSTATUS=Stopping"
 
 
 def test_signals():
