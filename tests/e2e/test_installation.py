@@ -21,6 +21,7 @@ NEWER = VERSION + "+newer"
 PACKAGE = next(BUILD.absolute().glob("packages/zel_*.deb"), None)
 PID_FILE = pathlib.Path("/var/run/zel.pid")
 UNIT = "/lib/systemd/system/zel.service"
+PACKAGES = ("zel", "zelctl", "python3-zel")
 DPKG = ["dpkg", "--force-depends", "--force-confold", "--log=/tmp/dpkg.log"]  # this box knows no other package
 
 pytestmark = pytest.mark.skipif(stage.SANITIZED, reason="the release is what is installed")
@@ -170,8 +171,8 @@ def systemd():
         pytest.skip("an ordinary user may make no control groups")
     first = oldest("systemd")
     try:
-        yield lambda *arguments, tool=("systemctl",): output_of("nsenter", f"--target={first}", "--mount", "--pid", *tool,
-                                                                *arguments)
+        inside = ("nsenter", f"--target={first}", "--mount", "--pid")
+        yield lambda *arguments, tool=("systemctl",): output_of(*inside, *tool, *arguments)
     finally:
         os.kill(int(first), signal.SIGKILL)
         process.wait(20)
@@ -204,7 +205,7 @@ def packages():
     without_files()
     output_of(*DPKG, "--install", *BUILD.glob("packages/*.deb"))
     yield
-    output_of(*DPKG, "--purge", "zel", "zelctl")
+    output_of(*DPKG, "--purge", *PACKAGES)
 
 
 @pytest.fixture
@@ -222,6 +223,7 @@ def newer(tmp_path):
 
 def test_the_packages(packages, newer):
     assert VERSION in zelctl("--version").split()
+    assert "/usr/lib/python3/" in output_of("/usr/bin/python3", "-c", "import zel; print(zel.find_one, zel)", cwd="/")
     output_of("lintian", "--allow-root", "--fail-on=error,warning", *BUILD.glob("packages/*.deb"))
     assert not oldest("Zel::main"), "not before it is enabled"
     assert CONFIGURATION.stat().st_mode & 0o777 == 0o600
@@ -244,20 +246,21 @@ def test_the_packages(packages, newer):
         assert CONFIGURATION.read_text() == stage.BASE and defaults.read_text().endswith("Stream\n" + site)
     for left in ("/config/keypass", "/app/zel/images/application.bin"):
         pathlib.Path(left).write_text("secret\n")
-    output_of(*DPKG, "--purge", "zel", "zelctl")
-    assert not [path for path in ("/config", "/app/zel", "/usr/bin/zelctl", UNIT) if os.path.exists(path)]
+    output_of(*DPKG, "--purge", *PACKAGES)
+    assert not list(filter(os.path.exists, ("/config", "/app/zel", "/usr/bin/zelctl", UNIT)))
 
 
 def test_the_unit(packages):
     CONFIGURATION.write_text(stage.SIGNING_IN)
     with stage.Manager("application-update") as manager, systemd() as systemctl:
         log = agent() / "root/tmp/log/nativezel.log"
-        wait_until(lambda: re.match("StatusText=Starting: .+\nActiveState=activating\n$", state(systemctl)), "it is told why")
+        wait_until(lambda: re.match("StatusText=Starting: .+\nActiveState=activating\n$", state(systemctl)),
+                   "systemd knows why not yet")
         wait_until(lambda: "* SignIn succeed" in log.read_text(), "it has signed in", 120)
         assert manager.problems() == [] and "Rebooting after update" in log.read_text()
         assert (stage.IMAGES / "application/state").read_text() == "clean\n"
         serves()
-        wait_until(lambda: state(systemctl) == "StatusText=Serving\nActiveState=active\n", "systemd knows that it serves")
+        wait_until(lambda: state(systemctl) == "StatusText=Serving\nActiveState=active\n", "systemd knows it serves")
         assert f"* ZEL {VERSION} " in log.read_text()
         assert "Seccomp:\t2" in (agent() / "status").read_text()
         # Every kind of address, with what each tool needs.
