@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 int main() {
-    static_cast<void>(write(STDOUT_FILENO, "\n", 1));
+    if (write(STDOUT_FILENO, "\n", 1) != 1) {
+        return 1;
+    }
     pause();
 }
