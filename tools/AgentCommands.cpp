@@ -175,8 +175,4 @@ Outcome Stop(const Options& options) {
     return {};
 }
 
-Outcome Restart(const Options& options) {
-    return FindAndCall(options, "restartDevice", "", {"restarting", true});
-}
-
 }  // namespace AgentCommands

@@ -10,6 +10,5 @@ Outcome SelfTest(const Options& options);
 Outcome Status(const Options& options);
 Outcome Start(const Options& options);
 Outcome Stop(const Options& options);
-Outcome Restart(const Options& options);
 
 }  // namespace AgentCommands

@@ -18,6 +18,7 @@
 #include "BoxTable.h"
 #include "Interruption.h"
 #include "Report.h"
+#include "Sightings.h"
 
 namespace BoxCommands {
 namespace {
@@ -123,6 +124,7 @@ Outcome Find(const Options& options) {
     std::vector<Box> boxes = BoxFinder::Find(options.wait, isEnough);
     const std::vector<BoxTable::Line> lines =
         BoxTable::MakeLines(boxes, [&options](const Box& box) { return IsWanted(box, options); });
+    Sightings::Note(boxes);
     const bool isAnyWanted = IsWanted(Box(), options);
     std::erase_if(boxes, [&options](const Box& box) { return !IsWanted(box, options); });
     if (options.json) {
@@ -148,6 +150,8 @@ Outcome Watch(const Options& options) {
     const std::optional<Screen> screen =
         isTerminal ? std::optional<Screen>(std::in_place) : std::nullopt;
     BoxChanges changes;
+    constexpr std::chrono::minutes kNoteInterval{1};
+    Clock::time_point nextNote;
     Clock::time_point next = Clock::now();
     for (;;) {
         next += options.interval;
@@ -158,6 +162,10 @@ Outcome Watch(const Options& options) {
         }
         std::vector<BoxChanges::Change> news;
         const std::vector<BoxTable::Line> lines = changes.Next(boxes, news);
+        if (!news.empty() || Clock::now() >= nextNote) {
+            Sightings::Note(boxes);
+            nextNote = Clock::now() + kNoteInterval;
+        }
         if (isTerminal) {
             Screen::Show(Frame(lines, boxes.size(), Screen::Rows()));
         } else {

@@ -45,15 +45,20 @@ std::vector<in_addr> OwnAddresses() {
     return addresses;
 }
 
-void Ask(int descriptor, std::uint16_t xid) {
+/// The question; returns the number of bytes.
+std::size_t MakeRequest(std::uint16_t xid, SlpCodec::Datagram& datagram) {
     SlpRequest request;
     request.functionId = SlpFunction::kAttrRqst;
     request.xid = xid;
     request.languageTag = "en";
     request.scopeList = "default";
     request.url = "service:zel.connector";
+    return SlpCodec::Encode(request, datagram);
+}
+
+void AskAll(int descriptor, std::uint16_t xid) {
     SlpCodec::Datagram datagram{};
-    const std::size_t size = SlpCodec::Encode(request, datagram);
+    const std::size_t size = MakeRequest(xid, datagram);
     const sockaddr_in group = Ipv4::SocketAddress(Ipv4::Parse(kGroup).value_or(in_addr{}), kPort);
     for (const in_addr& own : OwnAddresses()) {
         if (setsockopt(descriptor, IPPROTO_IP, IP_MULTICAST_IF, &own, sizeof own) == 0) {
@@ -100,7 +105,13 @@ public:
         }
     }
 
-    void Ask() const { BoxFinder::Ask(sockets_.front().Get(), xid_); }
+    void Ask() const { AskAll(sockets_.front().Get(), xid_); }
+    void AskOne(in_addr box) const {
+        SlpCodec::Datagram datagram{};
+        const std::size_t size = MakeRequest(xid_, datagram);
+        const sockaddr_in peer = Ipv4::SocketAddress(box, kPort);
+        sendto(sockets_.front().Get(), datagram.data(), size, 0, Ipv4::Generic(peer), sizeof peer);
+    }
 
     /// Collects answers. False when the search was interrupted, or `isEnough` is true of a box.
     bool CollectUntil(Clock::time_point end, const std::function<bool(const Box&)>& isEnough) {
@@ -217,6 +228,21 @@ std::vector<Box> Find(std::chrono::milliseconds wait,
         }
     }
     return search.Boxes();
+}
+
+std::optional<Box> Ask(const std::string& address, std::chrono::milliseconds wait) {
+    const std::optional<in_addr> box = Ipv4::Parse(address);
+    if (!box) {
+        return std::nullopt;
+    }
+    constexpr int kNoInterruption = -1;
+    Search search(kNoInterruption);
+    search.AskOne(*box);
+    const auto isIt = [&address](const Box& each) { return each.address == address; };
+    search.CollectUntil(Clock::now() + wait, isIt);
+    std::vector<Box> boxes = search.Boxes();
+    const auto found = std::find_if(boxes.begin(), boxes.end(), isIt);
+    return found == boxes.end() ? std::nullopt : std::optional(std::move(*found));
 }
 
 }  // namespace BoxFinder

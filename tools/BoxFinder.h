@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "Box.h"
@@ -30,5 +32,9 @@ inline constexpr std::chrono::milliseconds kMoment{500};
 std::vector<Box> Find(std::chrono::milliseconds wait,
                       const std::function<bool(const Box&)>& isEnough = {}, int interruption = -1,
                       bool mayTakeLonger = true);
+
+/// Asks the box at `address`, dotted, and nobody else, once. Nothing when it does not answer within
+/// `wait`.
+std::optional<Box> Ask(const std::string& address, std::chrono::milliseconds wait);
 
 }  // namespace BoxFinder

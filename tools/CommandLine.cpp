@@ -12,7 +12,9 @@
 #include "Completion.h"
 #include "ConnectorCommands.h"
 #include "FileCommands.h"
+#include "InfoCommand.h"
 #include "MetricsCommand.h"
+#include "MoveCommands.h"
 #include "Revision.h"
 #include "SafeText.h"
 
@@ -30,6 +32,7 @@ enum Taken : unsigned {
     kFollow = 1U << 6U,
     kAgent = 1U << 7U,
     kMetrics = 1U << 8U,
+    kReturn = 1U << 9U,  ///< waits for the box to be back
 };
 
 struct Command {
@@ -44,6 +47,10 @@ struct Command {
 };
 
 constexpr double kModeTimeout = 60;  // the box may take half a minute
+constexpr double kRestartTimeout = 180;
+constexpr double kCommandTimeout = 60;  // boxes commonly end a command after half a minute
+constexpr char kWaitFree[] = "--wait-free";
+constexpr int kWaitFreePreset = 600;
 
 constexpr Command kCommands[] = {
     {"find", "", "Find the boxes on the network",
@@ -61,9 +68,9 @@ constexpr Command kCommands[] = {
     {"info", "[BOX]", "Show what a box is",
      "zelctl info\n"
      "  zelctl info 192.168.68.42 --json",
-     ConnectorCommands::Info, kBox},
+     InfoCommand::Run, kBox},
     {"reserve", "[BOX]", "Reserve a box; prints the handle, which is also kept",
-     "zelctl reserve --owner me\n"
+     "zelctl reserve --owner me --wait-free\n"
      "  zelctl reserve TAVO0012345 --owner me --lock 192.168.68.1",
      ConnectorCommands::Reserve, kBox | kOwnerAndLock},
     {"release", "[BOX]", "Release a reserved box",
@@ -74,15 +81,16 @@ constexpr Command kCommands[] = {
      "zelctl lock 192.168.68.7\n"
      "  zelctl lock TAVO0012345 any",
      ConnectorCommands::Lock, kBox | kHandle, 1},
-    {"mode", "[BOX] MODE", "Switch a box's addressing: dhcp, linklocal or configured",
+    {"mode", "[BOX] MODE",
+     "Switch a box's addressing (dhcp, linklocal or configured) and print its new address",
      "zelctl mode dhcp\n"
      "  zelctl mode TAVO0012345 linklocal",
-     ConnectorCommands::Mode, kBox | kHandle, 1, kModeTimeout},
+     MoveCommands::Mode, kBox | kHandle | kReturn, 1, kModeTimeout},
     {"command", "[BOX] SUBSYSTEM COMMAND [KEY=VALUE...]",
      "Run a command on the vehicle interface of a reserved box",
      "zelctl command vehicle voltage unit=mV\n"
      "  zelctl command TAVO0012345 vehicle voltage",
-     ConnectorCommands::Command, kBox | kHandle | kParameters, 2},
+     ConnectorCommands::Command, kBox | kHandle | kParameters, 2, kCommandTimeout},
     {"selftest", "[BOX]", "Run a box's self test", "zelctl selftest TAVO0012345",
      AgentCommands::SelfTest, kBox, 0, kModeTimeout},
     {"status", "[BOX]", "Show whether a box's service runs, and what it monitors",
@@ -91,8 +99,8 @@ constexpr Command kCommands[] = {
      kBox},
     {"stop", "[BOX]", "Stop a box's service: nobody can reserve it", "zelctl stop TAVO0012345",
      AgentCommands::Stop, kBox},
-    {"restart", "[BOX]", "Restart a box", "zelctl restart TAVO0012345", AgentCommands::Restart,
-     kBox},
+    {"restart", "[BOX]", "Restart a box, and print its address when it is back",
+     "zelctl restart TAVO0012345", MoveCommands::Restart, kBox | kReturn, 0, kRestartTimeout},
     {"log", "[BOX]", "Print a box's log",
      "zelctl log 192.168.68.42 | grep error\n"
      "  zelctl log --follow",
@@ -136,6 +144,7 @@ struct Reading {
     double wait = 0;
     double interval = 0;
     double forgetDays = 0;
+    double waitFree = 0;
 };
 
 std::chrono::milliseconds ToMilliseconds(double seconds) {
@@ -143,15 +152,16 @@ std::chrono::milliseconds ToMilliseconds(double seconds) {
     return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * kMilliseconds));
 }
 
+constexpr double kLeastSeconds = 0.1;
+
 void AddSeconds(CLI::App& app, const std::string& name, double& value, double preset,
                 const std::string& description) {
-    constexpr double kLeast = 0.1;
     constexpr double kMost = 3600;
     const std::string text = "SECONDS (" + std::to_string(static_cast<int>(preset)) + ")";
     app.add_option(name, value, description)
         ->default_val(preset)
         ->option_text(text)
-        ->check(CLI::Range(kLeast, kMost));
+        ->check(CLI::Range(kLeastSeconds, kMost));
 }
 
 /// An option with a text, which is given when it is not empty: a script's variable that is not set
@@ -208,6 +218,14 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
         AddText(added, "--lock", options.lock, "HOST",
                 "The only host that may use the diagnostic ports, or any");
     }
+    if (takes(kOwnerAndLock)) {
+        constexpr double kMost = 86400;
+        added
+            .add_option(kWaitFree, reading.waitFree,
+                        "Wait for a box that is reserved, and take it when it is free")
+            ->option_text("[SECONDS] (" + std::to_string(kWaitFreePreset) + ")")
+            ->check(CLI::Range(kLeastSeconds, kMost));
+    }
     if (takes(kHandle)) {
         AddText(added, "--handle", options.handle, "HANDLE",
                 "Of the reservation, in place of the one kept");
@@ -230,10 +248,31 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
     if (takes(kBox)) {
         added.add_option("words", reading.words)->group("");  // the usage line shows them
         AddSeconds(added, "--timeout", reading.timeout, command.timeout,
-                   "Longest wait for the box to accept, and for each part of its answer");
+                   takes(kReturn)
+                       ? "Longest wait in all, until the box is seen again"
+                       : "Longest wait for the box to accept, and for each part of its answer");
+    }
+    if (takes(kReturn)) {
+        added.add_flag("--no-wait", options.noWait, "Only tell the box, and print no address");
     }
     AddSeconds(added, "--wait", reading.wait, 2,
                "How long boxes have time to answer a search; twice that where answers get lost");
+}
+
+/// Gives an option whose value may be left out the one it has then. An address is no number of
+/// seconds, nor is what begins with a zero before another digit, as serial numbers do.
+void FillIn(std::vector<std::string>& arguments) {
+    const auto end = std::find(arguments.begin(), arguments.end(), "--");
+    for (auto argument = arguments.begin(); argument != end; ++argument) {
+        const auto value = std::next(argument);
+        const bool hasValue = value != end && !value->empty() &&
+                              value->find_first_not_of("0123456789.") == std::string::npos &&
+                              std::count(value->begin(), value->end(), '.') < 2 &&
+                              (value->front() != '0' || value->size() == 1 || (*value)[1] == '.');
+        if (*argument == kWaitFree && !hasValue) {
+            *argument += "=" + std::to_string(kWaitFreePreset);
+        }
+    }
 }
 
 }  // namespace
@@ -303,7 +342,10 @@ Parsed Parse(int argc, const char* const* argv) {
             Completion::Print(app, command == std::end(kCommands) ? "" : command->words, words);
             return parsed;
         }
-        app.parse(argc, argv);
+        std::vector<std::string> filled = arguments;
+        FillIn(filled);
+        std::reverse(filled.begin(), filled.end());  // as the library wants them
+        app.parse(std::move(filled));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             app.exit(error);
@@ -323,6 +365,7 @@ Parsed Parse(int argc, const char* const* argv) {
         constexpr double kDay = 24 * 60 * 60;
         parsed.options.forget =
             std::chrono::seconds(static_cast<std::int64_t>(readings[i].forgetDays * kDay));
+        parsed.options.waitFree = ToMilliseconds(readings[i].waitFree);
         std::vector<std::string>& words = readings[i].words;
         if (std::find(words.begin(), words.end(), "") != words.end()) {
             return wrong("an empty word names nothing", first + " ");

@@ -1,172 +1,31 @@
 #include "ConnectorCommands.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdint>
+#include <chrono>
 #include <cstdio>
-#include <functional>
 #include <nlohmann/json.hpp>
-#include <utility>
+#include <optional>
+#include <random>
+#include <thread>
 
 #include "AnyCase.h"
-#include "BoxName.h"
-#include "ConnectorCodes.h"
+#include "BoxFinder.h"
+#include "ConnectorCall.h"
 #include "HandleStore.h"
 #include "Ipv4.h"
-#include "Report.h"
+#include "Progress.h"
 #include "SafeText.h"
-#include "SoapClient.h"
 
 namespace ConnectorCommands {
 namespace {
 
-using Report::Json;
+using Clock = std::chrono::steady_clock;
+using ConnectorCall::BeginWithHandle;
+using ConnectorCall::Call;
+using ConnectorCall::Done;
 using SoapClient::Answer;
 using SoapClient::Element;
-
-// What the device information holds several of.
-constexpr char kListed[] = "Channel";
-
-/// A box as a command sees it.
-struct Session {
-    BoxAddress address;
-    Answer information;
-
-    const xmlNode* Values() const { return XmlText::FindChild(information.response, "out"); }
-    std::string Value(const char* name) const { return XmlText::ChildText(Values(), name); }
-    std::string DeviceId() const { return Value("id"); }
-    std::string Owner() const { return Value("sessionOwnerOrNull"); }
-    bool IsReserved() const { return Box{"", {{"State", Value("state")}}}.State() == "reserved"; }
-    std::string Name() const { return address.host + " (" + DeviceId() + ")"; }
-
-    /// What every answer to a program begins with.
-    Json Heading() const {
-        return {{"address", address.host},
-                {"device_id", DeviceId().empty() ? Json() : Json(DeviceId())}};
-    }
-};
-
-/// Finds the box and asks who it is.
-Outcome Begin(const Options& options, Session& session,
-              const std::function<bool(const Box&)>& isPreferred = {}) {
-    if (Outcome outcome = BoxName::Resolve(options, session.address, isPreferred);
-        outcome.Failed()) {
-        return outcome;
-    }
-    if (Outcome outcome =
-            SoapClient::Call(session.address, SoapClient::kConnector, "<getDeviceInformation/>",
-                             options.timeout, session.information);
-        outcome.Failed()) {
-        return outcome;
-    }
-    if (session.Values() == nullptr) {
-        return {ExitStatus::kNotUnderstood,
-                session.address.ToText() + " does not say what it is; is it a box?"};
-    }
-    return {};
-}
-
-/// As Begin(); the box that is reserved from here need not be named.
-Outcome BeginWithReserved(const Options& options, Session& session) {
-    return Begin(options, session, [&options](const Box& box) {
-        return options.handle.empty() && box.State() == "reserved" &&
-               !HandleStore::Get(box.DeviceId()).empty();
-    });
-}
-
-/// The handle that goes with a call: as given, or as kept; it may be empty.
-std::string HandleOf(const Options& options, const Session& session) {
-    return options.handle.empty() ? HandleStore::Get(session.DeviceId()) : options.handle;
-}
-
-/// As BeginWithReserved(), for what cannot be done without the handle.
-Outcome BeginWithHandle(const Options& options, Session& session, std::string& handle) {
-    if (Outcome outcome = BeginWithReserved(options, session); outcome.Failed()) {
-        return outcome;
-    }
-    handle = HandleOf(options, session);
-    if (!handle.empty()) {
-        return {};
-    }
-    return {ExitStatus::kUsage,
-            "no handle of " + session.Name() +
-                " is kept here; reserve it first (zelctl reserve), or give --handle"};
-}
-
-/// The box is told anew: who has reserved it may have come since. What is told in vain stays.
-void Refresh(const Options& options, Session& session) {
-    Answer information;
-    if (!SoapClient::Call(session.address, SoapClient::kConnector, "<getDeviceInformation/>",
-                          options.timeout, information)
-             .Failed() &&
-        XmlText::FindChild(information.response, "out") != nullptr) {
-        session.information = std::move(information);
-    }
-}
-
-std::string ReservedBy(const Session& session) {
-    constexpr char kStoppedService[] = "VCI-Agent";
-    constexpr std::size_t kMaxOwner = 64;
-    const std::string owner = SafeText::Shorten(SafeText::Line(session.Owner()), kMaxOwner);
-    return !session.IsReserved()      ? "it is not reserved (zelctl reserve)"
-           : owner == kStoppedService ? "its service is stopped (zelctl start)"
-           : owner.empty()            ? "reserved already by somebody without a name"
-                                      : "reserved already by '" + owner + "'";
-}
-
-/// What a code of the service means, and what to do next.
-std::string Meaning(ConnectorCode code, const Options& options, const Session& session) {
-    std::string reserved = ReservedBy(session);
-    switch (code) {
-        case ConnectorCode::kWrongHandle:
-            return (!options.handle.empty() ? "--handle is not that of the reservation; "
-                    : HandleOf(options, session).empty() ? "no handle of it is kept here; "
-                                                         : "the handle kept here is of no use; ") +
-                   reserved;
-        case ConnectorCode::kNotReserved:
-            return reserved;
-        case ConnectorCode::kReserveRefused:
-            return session.IsReserved()
-                       ? reserved + "; zelctl find --state free shows those that can be had"
-                       : "it was reserved a moment ago; try again";
-        case ConnectorCode::kNotCarriedOut:
-            return "the mode could not be switched; its log says why (zelctl log)";
-        case ConnectorCode::kNotConfirmed:
-            return "the mode was switched, but link or address did not come in time; look where it "
-                   "is now (zelctl find)";
-        case ConnectorCode::kWrongDevice:
-            return "it has another device id by now; try again";
-        case ConnectorCode::kOverTemperature:
-            return "it is too hot; let it cool down";
-        default:
-            return "a code that is not known";
-    }
-}
-
-/// Calls an operation; a code other than 0 is a refusal. `code` is that of an understood answer.
-Outcome Call(const Options& options, Session& session, const std::string& operation, Answer& answer,
-             std::optional<ConnectorCode>* code = nullptr) {
-    if (Outcome outcome = SoapClient::Call(session.address, SoapClient::kConnector, operation,
-                                           options.timeout, answer);
-        outcome.Failed()) {
-        return outcome;
-    }
-    const std::optional<int> number = SoapClient::ErrorCode(answer);
-    if (!number) {
-        return {ExitStatus::kNotUnderstood, session.Name() + " answers without a code"};
-    }
-    const auto error = static_cast<ConnectorCode>(*number);
-    if (code != nullptr) {
-        *code = error;
-    }
-    if (error == ConnectorCode::kSuccess) {
-        return {};
-    }
-    const std::string name = session.Name();
-    Refresh(options, session);
-    return {ExitStatus::kRefused, name + " refuses, code " + std::to_string(*number) + ": " +
-                                      Meaning(error, options, session)};
-}
+using std::chrono::milliseconds;
 
 /// What the box calls the host that a person names. Of other forms of an address, or of none, it
 /// would make another host's, or nobody's.
@@ -197,78 +56,46 @@ bool IsHandle(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
 }
 
-/// The state in words, as zelctl find has it, and addresses dotted. Of a name the last part counts.
-std::string Readable(std::string_view name, const std::string& value) {
-    name.remove_prefix(name.rfind('.') + 1);
-    if (name == "state") {
-        return Box{"", {{"State", value}}}.State();
-    }
-    constexpr std::string_view kAddresses[] = {"ip", "ip4Address", "gateway", "netmask"};
-    const bool isAddress =
-        std::find(std::begin(kAddresses), std::end(kAddresses), name) != std::end(kAddresses);
-    return isAddress ? Report::Dotted(value) : value;
-}
-
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-/// All values below `parent`, their names behind those of what holds them; within limits, so that
-/// no stranger's answer becomes longer by that than it is.
-void Flatten(const xmlNode* parent, const std::string& prefix, Pairs& pairs, int depth = 0) {
-    constexpr std::size_t kMaxName = 40;
-    constexpr std::size_t kMaxPairs = 1000;
-    constexpr int kMaxDepth = 8;
-    int count = 0;
-    for (xmlNode* child : XmlText::Children(parent)) {
-        if (pairs.size() >= kMaxPairs) {
-            return;
-        }
-        const std::string name = SafeText::Shorten(XmlText::LocalName(child), kMaxName);
-        if (xmlFirstElementChild(child) == nullptr || depth == kMaxDepth) {
-            pairs.emplace_back(prefix + name, XmlText::Content(child));
-        } else {
-            const std::string number = std::to_string(count++);
-            Flatten(child, prefix + (name == kListed ? number : name) + ".", pairs, depth + 1);
+/// Waits, until `end`, for the box to be no longer reserved. It is asked by a datagram, which costs
+/// it least, and at times that differ, so that of several who wait each has its chance.
+void AwaitFree(Session& session, Clock::time_point end, Progress& progress) {
+    constexpr milliseconds kAnswerTime{1000};
+    constexpr milliseconds kLeastPause{2000};
+    std::mt19937 random(std::random_device{}());
+    std::uniform_int_distribution<int> more(0, 2000);
+    while (Clock::now() < end && session.IsReserved()) {
+        progress.Say("waiting for " + session.Address().host + ": " +
+                     ConnectorCall::ReservedSince(session));
+        std::this_thread::sleep_until(
+            std::min(end, Clock::now() + kLeastPause + milliseconds(more(random))));
+        const std::optional<Box> box = BoxFinder::Ask(session.Address().host, kAnswerTime);
+        const bool isAsBefore = box && box->State() == "reserved" &&
+                                session.Owner().starts_with(box->Attribute("Owner"));
+        if (!isAsBefore && session.Ask(session.Address(), kAnswerTime).Failed()) {
+            progress.Say("waiting for " + session.Address().host + ": it does not answer");
         }
     }
 }
 
-void PrintText(const Pairs& pairs) {
-    std::size_t width = 0;
-    for (const auto& pair : pairs) {
-        width = std::max(width, SafeText::Width(SafeText::Line(pair.first)));
+/// Tries again while it is worth to wait: somebody else may be faster once it is free.
+Outcome CallReserve(const Options& options, Session& session, const std::string& host,
+                    Answer& answer) {
+    const std::string operation = "<reserveDevice>" + Element("deviceId", session.DeviceId()) +
+                                  Element("owner", options.owner) + Element("hostLock", host) +
+                                  "</reserveDevice>";
+    const Clock::time_point end = Clock::now() + options.waitFree;
+    Progress progress(options.json || options.waitFree.count() == 0);
+    for (;;) {
+        std::optional<ConnectorCode> code;
+        Outcome outcome = Call(options, session, operation, answer, &code);
+        const bool mayBecomeFree =
+            code == ConnectorCode::kReserveRefused && !ConnectorCall::IsStopped(session);
+        if (!mayBecomeFree || Clock::now() >= end) {
+            outcome.text += outcome.isOpen ? "; it may be reserved all the same (zelctl info)" : "";
+            return outcome;
+        }
+        AwaitFree(session, end, progress);
     }
-    for (const auto& [name, value] : pairs) {
-        std::string line = SafeText::Line(name);
-        line += std::string(width - SafeText::Width(line) + 2, ' ') +
-                SafeText::Line(Readable(name, value));
-        line.erase(line.find_last_not_of(' ') + 1);
-        std::puts(line.c_str());
-    }
-}
-
-void PrintJson(const Session& session, const Pairs& pairs) {
-    Json report = Report::OfInformation(session.address.host, session.Values());
-    report["attributes"] = Json::object();
-    for (const auto& [name, value] : pairs) {
-        report["attributes"][name] = value;
-    }
-    Report::Print(report);
-}
-
-struct AddressMode {
-    const char* name;
-    const char* number;  ///< what the service calls it
-};
-constexpr AddressMode kModes[] = {{"configured", "1"}, {"linklocal", "2"}, {"dhcp", "3"}};
-
-/// Tells a program that it is done, and `what` of it.
-Outcome Done(const Options& options, const Session& session, const Json& what) {
-    if (options.json) {
-        Json report = session.Heading();
-        report.update(what);
-        Report::Print(report);
-    }
-    return {};
 }
 
 }  // namespace
@@ -283,17 +110,6 @@ std::string ParameterElements(const std::vector<std::string>& parameters) {
     return elements;
 }
 
-Outcome Info(const Options& options) {
-    Session session;
-    if (Outcome outcome = Begin(options, session); outcome.Failed()) {
-        return outcome;
-    }
-    Pairs pairs;
-    Flatten(session.Values(), "", pairs);
-    options.json ? PrintJson(session, pairs) : PrintText(pairs);
-    return {};
-}
-
 Outcome Reserve(const Options& options) {
     std::string host;
     if (Outcome outcome = options.lock.empty() ? Outcome() : ReadHost(options.lock, host);
@@ -301,14 +117,11 @@ Outcome Reserve(const Options& options) {
         return outcome;
     }
     Session session;
-    if (Outcome outcome = Begin(options, session); outcome.Failed()) {
+    if (Outcome outcome = session.Begin(options); outcome.Failed()) {
         return outcome;
     }
     Answer answer;
-    const std::string operation = "<reserveDevice>" + Element("deviceId", session.DeviceId()) +
-                                  Element("owner", options.owner) + Element("hostLock", host) +
-                                  "</reserveDevice>";
-    if (Outcome outcome = Call(options, session, operation, answer); outcome.Failed()) {
+    if (Outcome outcome = CallReserve(options, session, host, answer); outcome.Failed()) {
         return outcome;
     }
     const std::string handle =
@@ -372,29 +185,6 @@ Outcome Lock(const Options& options) {
     return outcome.Failed() ? outcome : Done(options, session, {{"lock", NameOfHost(host)}});
 }
 
-Outcome Mode(const Options& options) {
-    const auto* const mode =
-        std::find_if(std::begin(kModes), std::end(kModes), [&options](const AddressMode& each) {
-            return AnyCase::Equal(each.name, options.arguments.front());
-        });
-    if (mode == std::end(kModes)) {
-        return {ExitStatus::kUsage, "'" + options.arguments.front() +
-                                        "' is no mode; give dhcp, linklocal or configured"};
-    }
-    Session session;
-    if (Outcome outcome = BeginWithReserved(options, session); outcome.Failed()) {
-        return outcome;
-    }
-    Answer answer;
-    // A free box needs no handle.
-    Outcome outcome = Call(options, session,
-                           "<switchMode>" + Element("deviceId", session.DeviceId()) +
-                               Element("mode", mode->number) +
-                               Element("handle", HandleOf(options, session)) + "</switchMode>",
-                           answer);
-    return outcome.Failed() ? outcome : Done(options, session, {{"mode", mode->name}});
-}
-
 Outcome Command(const Options& options) {
     Session session;
     std::string handle;
@@ -406,7 +196,13 @@ Outcome Command(const Options& options) {
         "<executeGenericCommand>" + Element("handle", handle) +
         Element("pSubSystem", options.arguments[0]) + Element("pCommand", options.arguments[1]) +
         ParameterElements(options.parameters) + "</executeGenericCommand>";
-    if (Outcome outcome = Call(options, session, operation, answer); outcome.Failed()) {
+    if (Outcome outcome = Call(options, session, operation, answer); outcome.isOpen) {
+        return {outcome.status,
+                session.Name() +
+                    " does not tell the result in time; the command may still be at work there, or "
+                    "done: see the log (zelctl log) before you run it again, and wait longer "
+                    "(--timeout)"};
+    } else if (outcome.Failed()) {
         return outcome;
     }
     const xmlNode* const result =

@@ -8,11 +8,9 @@
 /// The commands that use a box's connector service.
 namespace ConnectorCommands {
 
-Outcome Info(const Options& options);
 Outcome Reserve(const Options& options);
 Outcome Release(const Options& options);
 Outcome Lock(const Options& options);
-Outcome Mode(const Options& options);
 Outcome Command(const Options& options);
 
 /// The parameter elements of "key=value" texts.

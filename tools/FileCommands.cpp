@@ -1,11 +1,13 @@
 #include "FileCommands.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
-#include <thread>
 
 #include "BoxName.h"
+#include "Interruption.h"
 #include "LogFollower.h"
 #include "Report.h"
 #include "SafeText.h"
@@ -14,9 +16,13 @@
 namespace FileCommands {
 namespace {
 
+using std::chrono::milliseconds;
+
 constexpr char kLog[] = "/web/show.jsp?file=/tmp/log/nativezel.log";
 constexpr char kOlderLog[] = "/web/show.jsp?file=/tmp/log/nativezel.1.log";
-constexpr std::chrono::seconds kPollInterval{2};
+// From one download to the next: the longer, the less there is that is new.
+constexpr milliseconds kLeastPause{2000};
+constexpr milliseconds kMostPause{30000};
 
 /// As text, or an object for each line.
 void PrintLog(const Options& options, const std::string& text) {
@@ -28,24 +34,40 @@ void PrintLog(const Options& options, const std::string& text) {
     std::fflush(stdout);
 }
 
-/// Until the user ends it, or nothing can be written: a box that restarts comes back.
-void Follow(const Options& options, const BoxAddress& box, const std::string& first) {
+/// Until the user ends it, or nothing can be written: a box that restarts comes back. Each download
+/// makes lines in the log, which becomes full of them the later, the fewer there are.
+Outcome Follow(const Options& options, const BoxAddress& box) {
+    const Interruption interruption;
+    HttpClient::Kept client(interruption.Descriptor());
+    std::string text;
+    if (Outcome outcome = client.Get(box, kLog, options.timeout, text); outcome.Failed()) {
+        return interruption.WithinTime(milliseconds(0)) ? Outcome() : outcome;
+    }
     const auto older = [&] {
-        std::string text;
-        const Outcome outcome = HttpClient::Get(box, kOlderLog, options.timeout, text);
-        return outcome.Failed() ? std::string() : text;
+        std::string renamed;
+        const Outcome outcome = client.Get(box, kOlderLog, options.timeout, renamed);
+        return outcome.Failed() ? std::string() : renamed;
     };
     LogFollower follower;
-    PrintLog(options, follower.Next(first, older));
+    DownloadFilter filter;
+    milliseconds pause = kLeastPause;
     bool isLost = false;
-    while (std::ferror(stdout) == 0) {
-        std::this_thread::sleep_for(kPollInterval);
-        std::string text;
-        const Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text);
-        if (!outcome.Failed()) {
-            PrintLog(options, follower.Next(text, older));
-        } else if (!isLost) {
+    for (;;) {
+        if (!isLost) {
+            const std::string fresh = filter.Next(follower.Next(text, older));
+            PrintLog(options, fresh);
+            pause = fresh.empty() ? std::min(pause * 3 / 2, kMostPause) : kLeastPause;
+        }
+        if (std::ferror(stdout) != 0 || interruption.WithinTime(pause)) {
+            return {};
+        }
+        const Outcome outcome = client.Get(box, kLog, options.timeout, text);
+        if (interruption.WithinTime(milliseconds(0))) {
+            return {};
+        }
+        if (outcome.Failed() && !isLost) {
             Report::PrintFailure({outcome.status, outcome.text + "; waiting for it"}, options.json);
+            pause = kLeastPause;
         }
         isLost = outcome.Failed();
     }
@@ -58,12 +80,13 @@ Outcome Log(const Options& options) {
     if (Outcome outcome = BoxName::Resolve(options, box); outcome.Failed()) {
         return outcome;
     }
-    std::string text;
-    if (Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text); outcome.Failed()) {
-        return outcome;
+    if (options.follow) {
+        return Follow(options, box);
     }
-    options.follow ? Follow(options, box, text) : PrintLog(options, text);
-    return {};
+    std::string text;
+    Outcome outcome = HttpClient::Get(box, kLog, options.timeout, text);
+    PrintLog(options, text);
+    return outcome;
 }
 
 Outcome Wsdl(const Options& options) {

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <initializer_list>
-#include <memory>
 #include <utility>
 
 namespace HttpClient {
@@ -18,6 +17,7 @@ constexpr long kOk = 200;
 constexpr std::size_t kMaxHead = std::size_t{64} * 1024;
 constexpr std::size_t kMaxBody = std::size_t{1024} * 1024;
 constexpr std::chrono::minutes kAnswerLimit{2};
+constexpr int kNone = -1;
 
 template <auto kFree>
 struct Freer {
@@ -69,14 +69,16 @@ bool IsConnected(CURL* transfer) {
            microseconds > 0;
 }
 
-/// Runs the transfer until it has ended, or the next part is late.
-CURLcode Run(CURL* transfer, std::chrono::milliseconds timeout, Received& received) {
-    const Transfers transfers(curl_multi_init());
-    curl_multi_add_handle(transfers.get(), transfer);
+/// Runs the transfer until it has ended, the next part is late, or the descriptor can be read.
+CURLcode Run(CURLM* transfers, CURL* transfer, std::chrono::milliseconds timeout, int interruption,
+             Received& received) {
+    curl_multi_add_handle(transfers, transfer);
+    curl_waitfd interrupted{interruption, CURL_WAIT_POLLIN, 0};
+    const unsigned waited = interruption >= 0 ? 1 : 0;
     bool wasConnected = false;
     int running = 1;
     CURLcode code = CURLE_OPERATION_TIMEDOUT;
-    while (curl_multi_perform(transfers.get(), &running) == CURLM_OK && running > 0) {
+    while (curl_multi_perform(transfers, &running) == CURLM_OK && running > 0) {
         if (!wasConnected && IsConnected(transfer)) {
             wasConnected = true;
             received.last = Clock::now();
@@ -86,17 +88,18 @@ CURLcode Run(CURL* transfer, std::chrono::milliseconds timeout, Received& receiv
             end = std::min(end, received.first + kAnswerLimit);
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0 || curl_multi_poll(transfers.get(), nullptr, 0, static_cast<int>(left),
-                                         nullptr) != CURLM_OK) {
+        if (left <= 0 ||
+            curl_multi_poll(transfers, &interrupted, waited, static_cast<int>(left), nullptr) !=
+                CURLM_OK ||
+            interrupted.revents != 0) {
             break;
         }
     }
     int rest = 0;
-    if (const CURLMsg* const message = curl_multi_info_read(transfers.get(), &rest);
-        message != nullptr) {
+    if (const CURLMsg* const message = curl_multi_info_read(transfers, &rest); message != nullptr) {
         code = message->data.result;
     }
-    curl_multi_remove_handle(transfers.get(), transfer);
+    curl_multi_remove_handle(transfers, transfer);
     return code;
 }
 
@@ -110,16 +113,17 @@ Outcome Failure(const BoxAddress& box, CURL* transfer, CURLcode code, const Rece
     }
     if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
         return {ExitStatus::kNotUnderstood,
-                box.ToText() + " gives an answer that is no HTTP; is it a box?"};
+                box.ToText() + " gives an answer that is no HTTP; is it a box?", true};
     }
     if (!received.IsAny()) {
         const std::string late = code == CURLE_OPERATION_TIMEDOUT
                                      ? " in time; wait longer (--timeout), or is it no box?"
                                      : "; is it a box?";
-        return {ExitStatus::kUnreachable, box.ToText() + " is reached, but does not answer" + late};
+        return {ExitStatus::kUnreachable, box.ToText() + " is reached, but does not answer" + late,
+                true};
     }
     return {ExitStatus::kNotUnderstood,
-            box.ToText() + " gives an answer that is incomplete or too large; try again"};
+            box.ToText() + " gives an answer that is incomplete or too large; try again", true};
 }
 
 Lines HeaderLines(std::initializer_list<const char*> lines) {
@@ -130,17 +134,27 @@ Lines HeaderLines(std::initializer_list<const char*> lines) {
     return list;
 }
 
+/// What becomes of connections.
+struct Connections {
+    CURLM* transfers;
+    /// Lets the other side keep them. The box reads this line letter by letter.
+    bool areKept;
+    int interruption;
+};
+
 /// `message` is posted when there is one.
-Outcome Exchange(const BoxAddress& box, const std::string& path, const std::string* message,
-                 std::chrono::milliseconds timeout, std::string& body) {
+Outcome Exchange(const Connections& connections, const BoxAddress& box, const std::string& path,
+                 const std::string* message, std::chrono::milliseconds timeout, std::string& body) {
     const Transfer owned(curl_easy_init());
     CURL* const transfer = owned.get();
     Received received;
     const std::string url = "http://" + box.ToText() + path;
+    const char* const connection =
+        connections.areKept ? "Connection: Keep-Alive" : "Connection: close";
     // An empty value leaves the library's own line out.
     const Lines lines = message == nullptr
-                            ? HeaderLines({"Accept:", "Connection: close"})
-                            : HeaderLines({"Accept:", "Connection: close",
+                            ? HeaderLines({"Accept:", connection})
+                            : HeaderLines({"Accept:", connection,
                                            "Expect:", "Content-Type: text/xml;charset=\"utf-8\""});
     curl_easy_setopt(transfer, CURLOPT_URL, url.c_str());
     curl_easy_setopt(transfer, CURLOPT_PROTOCOLS_STR, "http");
@@ -161,7 +175,9 @@ Outcome Exchange(const BoxAddress& box, const std::string& path, const std::stri
         curl_easy_setopt(transfer, CURLOPT_POSTFIELDS, message->data());
         curl_easy_setopt(transfer, CURLOPT_POSTFIELDSIZE, static_cast<long>(message->size()));
     }
-    if (const CURLcode code = Run(transfer, timeout, received); code != CURLE_OK) {
+    if (const CURLcode code =
+            Run(connections.transfers, transfer, timeout, connections.interruption, received);
+        code != CURLE_OK) {
         return Failure(box, transfer, code, received);
     }
     long status = 0;
@@ -174,16 +190,39 @@ Outcome Exchange(const BoxAddress& box, const std::string& path, const std::stri
                                ", and no document, for " + path + "; is it a box?"};
 }
 
+Outcome ExchangeOnce(const BoxAddress& box, const std::string& path, const std::string* message,
+                     std::chrono::milliseconds timeout, std::string& body) {
+    const Transfers transfers(curl_multi_init());
+    return Exchange({transfers.get(), false, kNone}, box, path, message, timeout, body);
+}
+
 }  // namespace
+
+struct Kept::Library {
+    Transfers transfers{curl_multi_init()};
+    int interruption = kNone;
+};
+
+Kept::Kept(int interruption) : library_(std::make_unique<Library>()) {
+    library_->interruption = interruption;
+}
+
+Kept::~Kept() = default;
+
+Outcome Kept::Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
+                  std::string& body) {
+    return Exchange({library_->transfers.get(), true, library_->interruption}, box, path, nullptr,
+                    timeout, body);
+}
 
 Outcome Get(const BoxAddress& box, const std::string& path, std::chrono::milliseconds timeout,
             std::string& body) {
-    return Exchange(box, path, nullptr, timeout, body);
+    return ExchangeOnce(box, path, nullptr, timeout, body);
 }
 
 Outcome Post(const BoxAddress& box, const std::string& path, const std::string& message,
              std::chrono::milliseconds timeout, std::string& body) {
-    return Exchange(box, path, &message, timeout, body);
+    return ExchangeOnce(box, path, &message, timeout, body);
 }
 
 }  // namespace HttpClient

@@ -7,11 +7,20 @@
 #include <array>
 #include <csignal>
 
-Interruption::Interruption() {
+namespace {
+
+sigset_t Signals() {
     sigset_t signals{};
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+}  // namespace
+
+Interruption::Interruption() {
+    const sigset_t signals = Signals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     descriptor_.Reset(signalfd(-1, &signals, SFD_CLOEXEC));
 }
@@ -19,4 +28,9 @@ Interruption::Interruption() {
 bool Interruption::WithinTime(std::chrono::milliseconds time) const {
     std::array<pollfd, 2> polled{{{descriptor_.Get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}}};
     return poll(polled.data(), polled.size(), static_cast<int>(time.count())) > 0;
+}
+
+void Interruption::Deliver() {
+    const sigset_t signals = Signals();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }

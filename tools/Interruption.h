@@ -14,6 +14,9 @@ public:
     int Descriptor() const { return descriptor_.Get(); }
     /// Whether it was, or is in that time.
     bool WithinTime(std::chrono::milliseconds time) const;
+    /// Lets the signals through to the calling thread again: one that came does what it always
+    /// does, mostly end the process.
+    static void Deliver();
 
 private:
     SocketGuard descriptor_;

@@ -16,8 +16,8 @@
 #include "BoxMemory.h"
 #include "Descriptors.h"
 #include "File.h"
-#include "HandleStore.h"
 #include "Metrics.h"
+#include "Sightings.h"
 #include "SocketGuard.h"
 
 namespace MetricsCommand {
@@ -88,24 +88,11 @@ Outcome Read(const std::string& path, BoxMemory& memory) {
     return {};
 }
 
-/// Where the memory is kept; its directory is made when the command line does not name one.
-std::string StatePath(const Options& options) {
-    if (!options.stateFile.empty()) {
-        return options.stateFile;
-    }
-    const std::string directory = HandleStore::PathOf("");
-    std::error_code error;
-    if (!directory.empty() && fs::create_directories(directory, error)) {
-        fs::permissions(directory, fs::perms::owner_all, error);
-    }
-    return directory.empty() ? "" : directory + "metrics.state";
-}
-
 }  // namespace
 
 Outcome Run(const Options& options) {
     const bool toFile = !options.output.empty() && options.output != "-";
-    const std::string statePath = StatePath(options);
+    const std::string statePath = options.stateFile.empty() ? Sightings::Path() : options.stateFile;
     if (statePath.empty()) {
         return {ExitStatus::kNotWritten,
                 "what was seen cannot be kept, for HOME is not set; name a file with --state"};

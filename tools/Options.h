@@ -14,6 +14,8 @@ struct Options {
     std::chrono::milliseconds timeout{10000};
     std::chrono::milliseconds wait{2000};
     std::chrono::milliseconds interval{5000};
+    /// How long to wait for a box that is reserved; 0 when it is not waited for.
+    std::chrono::milliseconds waitFree{0};
 
     std::string color;
     std::string serial;
@@ -29,4 +31,5 @@ struct Options {
     bool agent = false;
     bool ownerLabel = false;
     bool temperature = false;
+    bool noWait = false;
 };

@@ -16,6 +16,8 @@ enum class ExitStatus {
 struct [[nodiscard]] Outcome {
     ExitStatus status = ExitStatus::kDone;
     std::string text;
+    /// Whether what was asked may have been done all the same: only its answer is missing.
+    bool isOpen = false;
 
     bool Failed() const { return status != ExitStatus::kDone; }
 };
