@@ -76,6 +76,29 @@ TEST(ToolCommandsTest, CommandLinesAreReadOrRefused) {
     }
 }
 
+TEST(ToolCommandsTest, WhatIsWaitedForAReservedBoxMayBeLeftOut) {
+    for (const auto& [behind, seconds, box] : Table<std::vector<const char*>, int, const char*>{
+             {{}, 600, ""},
+             {{"7"}, 7, ""},
+             {{"0012345"}, 600, "0012345"},
+             {{"10.0.0.1"}, 600, "10.0.0.1"},
+             {{"bay-3", "--timeout", "5"}, 600, "bay-3"},
+             {{"7", "bay-3"}, 7, "bay-3"},
+             {{"--", "7"}, 600, "7"},
+             {{"0"}, -1, ""},
+             {{"86401"}, -1, ""}}) {
+        SCOPED_TRACE(testing::PrintToString(behind));
+        std::vector<const char*> line{"zelctl", "reserve", "--owner", "me", "--wait-free"};
+        line.insert(line.end(), behind.begin(), behind.end());
+        const auto parsed = CommandLine::Parse(static_cast<int>(line.size()), line.data());
+        ASSERT_EQ(parsed.run != nullptr, seconds > 0);
+        if (parsed.run != nullptr) {
+            EXPECT_EQ(parsed.options.waitFree, std::chrono::seconds(seconds));
+            EXPECT_EQ(parsed.options.box, box);
+        }
+    }
+}
+
 TEST(ToolCommandsTest, WhatHasNotPassedInASelfTestHasFailed) {
     for (const auto& [text, tests] : Table<const char*, const char*>{
              {"", ""},
@@ -145,6 +168,45 @@ TEST(ToolCommandsTest, TheLogGoesOnThroughRotationAndRestart) {
              {"", "", ""},
              {"x\n", "", "x\n"}}) {
         EXPECT_EQ(follower.Next(current, [text = older] { return text; }), fresh);
+    }
+}
+
+TEST(ToolCommandsTest, DownloadsOfTheLogAreLeftOutOfIt) {
+    const auto line = [](const char* thread, const std::string& text) {
+        return std::string("2026-11-26 07:44:15.622036  debug   ") + thread + "    " + text + "\n";
+    };
+    const auto connection = [&](const char* host) {
+        return line("88", std::string("Webservices connection from ") + host);
+    };
+    const auto request = [&](const char* thread, const char* url) {
+        return line(thread, std::string("Passing request for '") + url + "' to FileDownload");
+    };
+    const auto download = [&](const char* thread, const char* log = "nativezel.log") {
+        const std::string path = std::string("/tmp/log/") + log;
+        return request(thread, ("/web/show.jsp?file=" + path).c_str()) +
+               line(thread, "filename=" + path);
+    };
+    const auto end = [&](const char* thread) { return line(thread, "Closing connection to b"); };
+    const std::string other = "udhcpc: started\n" + request("3", "/test") + end("3");
+    DownloadFilter filter;
+    for (const auto& [lines, rest] : Table<std::string, std::string>{
+             {connection("a") + download("1") + download("1"), ""},
+             {download("1") + other, other},
+             {end("1") + end("1"), end("1")},
+             // Two at a time, and one whose connection is told at the end.
+             {connection("a") + connection("b") + download("1") + download("2") + connection("c"),
+              ""},
+             {request("3", "/test") + end("3"), connection("c") + request("3", "/test") + end("3")},
+             {connection("c"), ""},
+             {"", connection("c")},
+             {connection("a") + connection("b") + download("5"), ""},
+             {download("6") + connection("c"), ""},
+             {download("4", "nativezel.1.log") + end("4") + end("2"), ""},
+             // A connection that is kept for something else.
+             {request("1", "/test") + end("1"), request("1", "/test") + end("1")},
+             {connection("d") + download("1", "other.log"),
+              connection("d") + download("1", "other.log")}}) {
+        EXPECT_EQ(filter.Next(lines), rest);
     }
 }
 

@@ -24,14 +24,23 @@ constexpr char kOlderLog[] = "/web/show.jsp?file=/tmp/log/nativezel.1.log";
 constexpr milliseconds kLeastPause{2000};
 constexpr milliseconds kMostPause{30000};
 
-/// As text, or an object for each line.
-void PrintLog(const Options& options, const std::string& text) {
-    std::istringstream lines(options.json ? text : "");
+/// As text, or an object for each line; no further than to an interruption.
+void PrintLog(const Options& options, const std::string& text,
+              const Interruption* interruption = nullptr) {
+    std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
-        Report::Print({{"line", line}});
+        if (interruption != nullptr && !interruption->AwaitOutput()) {
+            return;
+        }
+        if (options.json) {
+            Report::Print({{"line", line}});
+        } else {
+            std::fputs(SafeText::Lines(line + "\n").c_str(), stdout);
+        }
+        if (interruption != nullptr) {
+            std::fflush(stdout);
+        }
     }
-    std::fputs(options.json ? "" : SafeText::Lines(text).c_str(), stdout);
-    std::fflush(stdout);
 }
 
 /// Until the user ends it, or nothing can be written: a box that restarts comes back. Each download
@@ -55,7 +64,7 @@ Outcome Follow(const Options& options, const BoxAddress& box) {
     for (;;) {
         if (!isLost) {
             const std::string fresh = filter.Next(follower.Next(text, older));
-            PrintLog(options, fresh);
+            PrintLog(options, fresh, &interruption);
             pause = fresh.empty() ? std::min(pause * 3 / 2, kMostPause) : kLeastPause;
         }
         if (std::ferror(stdout) != 0 || interruption.WithinTime(pause)) {

@@ -30,6 +30,12 @@ bool Interruption::WithinTime(std::chrono::milliseconds time) const {
     return poll(polled.data(), polled.size(), static_cast<int>(time.count())) > 0;
 }
 
+bool Interruption::AwaitOutput() const {
+    constexpr int kForEver = -1;
+    std::array<pollfd, 2> polled{{{descriptor_.Get(), POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}}};
+    return poll(polled.data(), polled.size(), kForEver) > 0 && polled[0].revents == 0;
+}
+
 void Interruption::Deliver() {
     const sigset_t signals = Signals();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);

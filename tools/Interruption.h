@@ -14,6 +14,9 @@ public:
     int Descriptor() const { return descriptor_.Get(); }
     /// Whether it was, or is in that time.
     bool WithinTime(std::chrono::milliseconds time) const;
+    /// Waits until standard output takes a line: who reads it may pause. False when there was a
+    /// signal.
+    bool AwaitOutput() const;
     /// Lets the signals through to the calling thread again: one that came does what it always
     /// does, mostly end the process.
     static void Deliver();

@@ -41,6 +41,7 @@ std::string DownloadFilter::Next(const std::string& added) {
     constexpr std::string_view kEnd = "Closing connection to ";
     constexpr std::size_t kMaxThreads = 1000;
     std::vector<std::string_view> kept;
+    const auto heldCount = static_cast<std::size_t>(std::count(held_.begin(), held_.end(), '\n'));
     const std::string all = std::exchange(held_, {}).append(added);
     std::string_view lines = all;
     std::vector<std::size_t> connections;  // from which nothing has come yet
@@ -74,19 +75,24 @@ std::string DownloadFilter::Next(const std::string& added) {
             continue;
         }
         if (text.starts_with(kConnection)) {
-            if (lines.empty()) {
-                held_ = line;  // what comes from it is not here yet
-                break;
-            }
             connections.push_back(kept.size());
         } else if (text.starts_with(kRequest) && !isServing && !connections.empty()) {
             connections.pop_back();
         }
         kept.push_back(line);
     }
+    // What the last connections are for may not be known yet; nobody waits for it twice.
+    std::size_t end = kept.size();
+    while (end > heldCount &&
+           (kept[end - 1].empty() || (!connections.empty() && connections.back() == end - 1))) {
+        --end;
+        if (!kept[end].empty()) {
+            connections.pop_back();
+        }
+    }
     std::string others;
-    for (const std::string_view line : kept) {
-        others += line;
+    for (std::size_t i = 0; i < kept.size(); ++i) {
+        (i < end ? others : held_) += kept[i];
     }
     return others;
 }

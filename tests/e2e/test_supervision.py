@@ -7,6 +7,7 @@ import platform
 import re
 import signal
 import socket
+import subprocess
 import time
 
 import pytest
@@ -92,6 +93,15 @@ def test_signals():
                 agent.process.send_signal(stop)
                 assert agent.process.wait(20 if stage.SANITIZED else 3) == 0
                 assert idle.recv(1) == b""
+
+
+def test_a_box_that_restarts_is_waited_for():
+    with serving(ALONE) as agent, stage.replaced("/usr/sbin/reboot", f"#!/bin/sh\nkill -TERM {agent.pid}\n"):
+        client = subprocess.Popen(stage.in_network("client", stage.ZELCTL, "restart", stage.BOX),
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        agent.process.wait(30)
+        with serving(ALONE):
+            assert client.communicate(timeout=60)[0] == f"{stage.BOX}\n" and client.returncode == 0
 
 
 def test_the_restart_is_answered():

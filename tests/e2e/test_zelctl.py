@@ -25,10 +25,10 @@ pytestmark = pytest.mark.usefixtures("agent")
 
 
 def run(*arguments, status=0, **environment):
-    """What the tool prints, and, on standard error, one line, or none when it succeeds."""
+    """What the tool prints, and, on standard error, one line, or none when it succeeds, besides what it waits for."""
     done = subprocess.run(in_network("client", ZELCTL, *arguments), capture_output=True, timeout=120,
                           env={**os.environ, **environment})
-    output, error = done.stdout.decode(), done.stderr.decode()
+    output, error = done.stdout.decode(), re.sub(r"^zelctl: .*\.\.\.\n", "", done.stderr.decode(), flags=re.M)
     stage.check_output(error)
     assert (done.returncode, error.count("\n")) == (status, status != 0), (arguments, output, error)
     assert "\x1b" not in output + error and "\r" not in output
@@ -97,7 +97,7 @@ def test_a_reservation_from_beginning_to_end(at_home, tmp_path):
     assert rules() == port_rules(CLIENT)
     assert at_home("command", BOX, "vehicle", "voltage", "unit=mV") == "kl15=12040 kl30=12310\n"
     assert "cannot be started" in at_home("command", "--", BOX, "--vehicle", "-1", "-k=v", status=1)
-    at_home("mode", BOX, "DHCP")
+    assert at_home("mode", BOX, "DHCP") == f"{BOX}\n"
     for command in (["mode", BOX, "dhcp"], ["release", BOX], ["lock", BOX, "any"], ["command", BOX, "a", "b"]):
         assert "code 7: --handle is not" in at_home(*command, "--handle", "1", status=1) and kept.exists()
     assert "no handle of it is kept here" in zelctl("mode", BOX, "dhcp", status=1)
@@ -117,7 +117,7 @@ def test_a_program_is_told_everything(tmp_path):
     assert told("lock", BOX, CLIENT, **home)["lock"] == CLIENT
     assert told("command", BOX, "vehicle", "voltage", **home)["result"].endswith("kl30=12310")
     assert "cannot be started" in told("command", BOX, "vehicle", "nothing", **home, status=1)[1]
-    assert told("mode", BOX, "dhcp", **home)["mode"] == "dhcp"
+    assert told("mode", BOX, "dhcp", "--no-wait", **home)["mode"] == "dhcp"
     assert "reserved already" in told("reserve", BOX, "--owner", "you", status=1)[1]
     told("release", BOX, **home)
     assert any("iptables" in each["line"] for each in told("log", BOX))
@@ -146,7 +146,10 @@ def test_the_agent_service():
     assert result["tests"][-1] == {"name": "99-fails", "passed": False, "detail": "why; not"} and "99-fails" in why
     failing.unlink()
     assert told("selftest", BOX)["passed"]
-    told("restart", BOX)
+    assert told("restart", BOX, "--no-wait") == {
+        "address": BOX, "device_id": DEVICE_ID, "former_address": BOX, "restarted": False}
+    stage.wait_until(stage.REBOOTS.exists, "it is told to")
+    assert "goes on answering as before" in told("restart", BOX, "--timeout", "5", status=3)[1]
     assert 'name="ConnectorService"' in zelctl("wsdl", BOX)
     assert "restartDevice" in zelctl("wsdl", BOX, "--agent")
 
@@ -254,14 +257,27 @@ def test_watch_tells_changes():
     assert end(watch) == end(program) == 0
 
 
-def on_terminal(*arguments, awaited="", **environment):
-    """What the tool, interrupted once it has shown that text, writes to a terminal."""
-    main, other = os.openpty()
-    process = subprocess.Popen(in_network("client", ZELCTL, *arguments), stdout=other,
-                               env={**os.environ, **environment})
+def terminal():
+    if not os.path.lexists("/dev/ptmx"):
+        subprocess.run(["mount", "-t", "devpts", "-o", "newinstance,ptmxmode=666", "devpts", "/dev/pts"], check=True)
+        os.symlink("pts/ptmx", "/dev/ptmx")
+    return os.openpty()
+
+
+def shown(main, awaited):
+    """What comes out of a terminal until there is that text, if any."""
     output = ""
     while awaited and awaited not in output:
         output += os.read(main, 65536).decode()
+    return output
+
+
+def on_terminal(*arguments, awaited="", **environment):
+    """What the tool, interrupted once it has shown that text, writes to a terminal."""
+    main, other = terminal()
+    process = subprocess.Popen(in_network("client", ZELCTL, *arguments), stdout=other,
+                               env={**os.environ, **environment})
+    output = shown(main, awaited)
     assert (end(process) if awaited else process.wait(20)) == 0
     output += os.read(main, 65536).decode()
     os.close(main), os.close(other)
@@ -269,8 +285,6 @@ def on_terminal(*arguments, awaited="", **environment):
 
 
 def test_a_terminal_shows_colors_and_gets_nothing_else():
-    subprocess.run(["mount", "-t", "devpts", "-o", "newinstance,ptmxmode=666", "devpts", "/dev/pts"], check=True)
-    os.symlink("pts/ptmx", "/dev/ptmx")
     with responders.other_boxes(f"(Serial=TAVO7),(Owner={HOSTILE}),(Color=#be1110)"):
         assert "\x1b" not in on_terminal("find", NO_COLOR="1")
         output = on_terminal("find")
@@ -283,12 +297,62 @@ def test_a_terminal_shows_colors_and_gets_nothing_else():
 
 def test_the_log_is_shown_and_followed():
     assert "SLP service started" in zelctl("log", BOX)
-    log = follow("log", BOX, "--follow")
-    with AGENT_LOG.open("a") as file:
-        file.write("first \x1b[2J line\n")
-    assert next(line for line in log.stdout if "first" in line) == "first ?[2J line\n"
-    log.terminate()
-    assert log.wait(20) == -signal.SIGTERM
+    log, other = follow("log", BOX, "--follow"), follow("log", BOX, "--follow", "--json")
+    for number in range(3):
+        with AGENT_LOG.open("a") as file:
+            file.write(f"{number} \x1b[2J line\n")
+        lines = list(iter(log.stdout.readline, f"{number} ?[2J line\n"))
+        assert lines == [] if number else not any("show.jsp" in line for line in lines), lines
+    assert stage.log().count("' to FileDownload") >= 4
+    assert end(log) == end(other) == 0
+
+
+def test_a_box_is_followed_to_its_new_address(at_home, tmp_path):
+    handle = at_home("reserve", BOX, "--owner", "me").strip()
+    # Another one that says it is the same has its address all the time.
+    with responders.other_boxes(f"(Serial={DEVICE_ID})"):
+        address = at_home("mode", BOX, "linklocal").strip()
+        assert address.startswith("169.254.")
+        moved = told("mode", address, "dhcp", "--handle", handle)
+    assert moved == {"address": BOX, "device_id": DEVICE_ID, "former_address": address, "mode": "dhcp"}
+    at_home("release", DEVICE_ID)
+    assert at_home("mode", BOX, "x", status=2) and not (tmp_path / "zelctl" / DEVICE_ID).exists()
+
+
+def test_a_reserved_box_is_waited_for(tmp_path):
+    home = {"XDG_STATE_HOME": str(tmp_path)}
+    handle = stage.reserve("al ice")[1]
+    assert "by 'al ice', first seen so just now" in zelctl("reserve", BOX, "--owner", "you", status=1, **home)
+    memory = tmp_path / "zelctl/metrics.state"
+    since = 1700000000
+    memory.write_text(re.sub(r"\t\d+\t", f"\t{since}\t", memory.read_text()))
+    zelctl("find", **home)
+    for option in ([], ["--wait-free", "0.5"]):
+        text = zelctl("reserve", BOX, "--owner", "you", *option, status=1, **home, TZ="UTC")
+        assert "by 'al ice', seen so since 2023-11-14 22:13; wait" in text
+    main, other = terminal()
+    program = ["reserve", "--owner", "you", "--wait-free", BOX]
+    interrupted = subprocess.Popen(in_network("client", ZELCTL, *program), stderr=other,
+                                   env={**os.environ, "TERM": "xterm"})
+    output = shown(main, "by 'al ice'")
+    assert end(interrupted) == -signal.SIGINT
+    output += os.read(main, 65536).decode()
+    assert output.endswith("\r\x1b[K") and "\n" not in output
+    waiting = subprocess.Popen(in_network("client", ZELCTL, *program), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                               text=True)
+    assert "zelctl: waiting for 192.168.68.42: reserved already by 'al ice'" in waiting.stderr.readline()
+    assert stage.release(handle) == "0"
+    assert stage.release(waiting.communicate(timeout=30)[0].strip()) == "0" and waiting.returncode == 0
+
+
+def test_a_slow_command_is_waited_for(at_home):
+    slow = pathlib.Path("/app/zel/commands/vehicle/slow")
+    slow.write_text("#!/bin/sh\nsleep 2\necho done\n")
+    slow.chmod(0o755)
+    at_home("reserve", BOX, "--owner", "me")
+    assert "may still be at work" in at_home("command", BOX, "vehicle", "slow", "--timeout", "0.5", status=3)
+    assert at_home("command", BOX, "vehicle", "slow") == "done\n\n"
+    at_home("release", BOX)
 
 
 def test_the_manual_knows_everything():
