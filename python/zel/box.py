@@ -12,7 +12,7 @@ from dataclasses import dataclass, field, replace
 from types import TracebackType
 
 from . import soap
-from .errors import BadArgument, CommandFailed, Error, NotUnderstood, Refused, shown
+from .errors import BadArgument, CommandFailed, Error, NotUnderstood, Refused, is_time, shown
 
 Value = str | int | bool | tuple[str, ...]
 
@@ -133,6 +133,13 @@ class Box:
     owner: str = field(default="", compare=False)
     attributes: Mapping[str, Value] = field(default_factory=dict, compare=False, repr=False)
 
+    def __post_init__(self) -> None:
+        if not self.address or not 0 < self.port < 1 << 16:
+            raise BadArgument(f"no box can be asked at {shown(self.address)!r}, port {self.port}; give its address, as "
+                              "'192.168.68.42', and a port up to 65535, or none")
+        if not is_time(self.timeout):
+            raise BadArgument(f"no answer of a box can be waited for {self.timeout} s; give the seconds, as 10")
+
     def __str__(self) -> str:
         return f"{shown(self.address)} ({shown(self.device_id, 40)})" if self.device_id else shown(self.address)
 
@@ -179,6 +186,8 @@ class Box:
         Unreachable nobody knows whether it is reserved."""
         if not owner:
             raise BadArgument(f"{self} is reserved under a name, so that others see who has it; give an owner")
+        if wait_free is not None and not wait_free >= 0:
+            raise BadArgument(f"no box can be waited for {wait_free} s; give the seconds, as 60")
         host = lock_of(lock)
         device_id = self.device_id or self.info().device_id
         end = time.monotonic() + (wait_free or 0)

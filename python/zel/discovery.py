@@ -4,11 +4,10 @@ from __future__ import annotations
 
 import ipaddress
 from collections.abc import Callable
-from types import MappingProxyType
 
 from . import slp
 from .box import STATES, Box, Value, dotted, number, serial_of
-from .errors import Ambiguous, BadArgument, NotFound, shown
+from .errors import Ambiguous, BadArgument, NotFound, is_time, shown
 
 MAX_BOXES = 4096  # whoever forges addresses may answer as many
 LISTED = 8  # boxes that a message names
@@ -42,14 +41,13 @@ def read_box(address: str, listed: str) -> Box:
 
     state = text("State")
     return Box(address, device_id=text("Serial"), name=text("DevId"), state=STATES.get(state, state),
-               owner=text("Owner"),
-               attributes=MappingProxyType({name: typed(name, value) for name, value in values.items()}))
+               owner=text("Owner"), attributes={name: typed(name, value) for name, value in values.items()})
 
 
 def find(wait: float = 2, enough: Callable[[Box], bool] | None = None) -> list[Box]:
     """The boxes that answer on the networks of this computer within `wait` seconds, in the order of their addresses;
     or those there are by then when `enough` is true of one. An empty list when none does."""
-    if not 0 < wait < float("inf"):
+    if not is_time(wait):
         raise BadArgument(f"no box can be waited for {wait} s; give the seconds, as 2")
     found: dict[str, Box] = {}
     for address, listed in slp.answers(wait):

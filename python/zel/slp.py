@@ -192,7 +192,11 @@ def answers(wait: float) -> Iterator[tuple[str, str]]:
     end = begin + wait
     turns = [begin + part * wait for part in ASKED]
     with contextlib.ExitStack() as stack:
-        selector = _open_shared(stack)
+        try:
+            selector = _open_shared(stack)
+        except OSError as error:
+            raise Unreachable(f"no socket can be opened from which boxes are asked: {error.strerror or error}; "
+                              f"a search takes {SOCKETS} of them") from None
         asking = next(iter(selector.get_map().values())).data
         while (now := time.monotonic()) < end:
             if turns and now >= turns[0]:

@@ -11,6 +11,7 @@ import socket
 import time
 import xml.etree.ElementTree as ElementTree
 from collections.abc import Mapping
+from xml.parsers import expat
 from xml.sax.saxutils import escape
 
 from .errors import Fault, NotUnderstood, Unreachable, shown
@@ -23,8 +24,10 @@ NAMESPACES = {CONNECTOR: "http://lusora.tembra.com/services/zel/Connector/v1",
               AGENT: "http://lusora.tembra.com/services/Agent"}
 CONTENT_TYPE = 'text/xml;charset="utf-8"'
 MAX_ANSWER = 8 << 20  # bytes of a body: a box keeps 1 MiB of what a command says, which escapes make longer
+MAX_RECEIVED = 2 * MAX_ANSWER  # with head and chunks
 MAX_DEPTH = 100  # elements within each other
-MAX_ELEMENTS = 10000  # of a document
+MAX_PARTS = 10000  # elements and attributes of a document
+MAX_NAMESPACE = 200  # characters
 FAULT_STATUS = 500  # of HTTP, for a fault; boxes say 200
 
 
@@ -65,44 +68,50 @@ def find(root: ElementTree.Element, name: str) -> str | None:
     return None
 
 
-class _Builder(ElementTree.TreeBuilder):
-    """A tree of limited size, without entities: no box declares any, and a stranger's may grow without end."""
+def _judge(document: bytes) -> None:
+    """NotUnderstood when building the tree of a document could do harm: no box declares entities, and a stranger's may
+    grow without end, as do names when each of them is given a long namespace."""
+    depth = parts = 0
 
-    depth = 0
-    elements = 0
-
-    def doctype(self, name: str, *_: object) -> None:
+    def doctype(name: str, *_: object) -> None:
         raise NotUnderstood(f"it declares a document type, {shown(name, 40)!r}")
 
-    def start(self, tag: str, attributes: dict[str, str], /) -> ElementTree.Element:
-        self.depth += 1
-        self.elements += 1
-        if self.depth > MAX_DEPTH or self.elements > MAX_ELEMENTS:
-            raise NotUnderstood(f"it has more than {MAX_ELEMENTS} elements, or {MAX_DEPTH} within each other")
-        return super().start(tag, attributes)
+    def start(_: str, attributes: dict[str, str]) -> None:
+        nonlocal depth, parts
+        depth += 1
+        parts += 1 + len(attributes)
+        if depth > MAX_DEPTH or parts > MAX_PARTS:
+            raise NotUnderstood(f"it has more than {MAX_PARTS} elements and attributes, or {MAX_DEPTH} elements within "
+                                "each other")
+        if any(name.startswith("xmlns") and len(value) > MAX_NAMESPACE for name, value in attributes.items()):
+            raise NotUnderstood(f"a namespace of it has more than {MAX_NAMESPACE} characters")
 
-    def end(self, tag: str, /) -> ElementTree.Element:
-        self.depth -= 1
-        return super().end(tag)
+    def end(_: str) -> None:
+        nonlocal depth
+        depth -= 1
+
+    parser = expat.ParserCreate()
+    parser.StartDoctypeDeclHandler, parser.StartElementHandler, parser.EndElementHandler = doctype, start, end
+    parser.Parse(document, True)
 
 
 def parse(document: bytes) -> ElementTree.Element:
     """The root of a document; NotUnderstood when it is none, or one that could do harm."""
-    parser = ElementTree.XMLParser(target=_Builder())
     try:
-        parser.feed(document)
-        root: ElementTree.Element = parser.close()
-    except (ElementTree.ParseError, ValueError, LookupError) as error:  # the latter of encodings
+        _judge(document)
+        return ElementTree.fromstring(document)
+    except (expat.ExpatError, ElementTree.ParseError, ValueError, LookupError) as error:  # the latter of encodings
         raise NotUnderstood(f"it is no XML: {shown(str(error))}") from None
-    return root
 
 
 class _Timed(io.RawIOBase):
-    """What a socket has to say until a deadline, however slowly it comes."""
+    """What a socket has to say until a deadline, however slowly it comes; no more than MAX_RECEIVED, since http.client
+    reads a chunk of -1 bytes to its end."""
 
     def __init__(self, connection: socket.socket, end: float):
         self.connection = connection
         self.end = end
+        self.received = 0
 
     def readable(self) -> bool:
         return True
@@ -112,7 +121,11 @@ class _Timed(io.RawIOBase):
         if left <= 0:
             raise TimeoutError
         self.connection.settimeout(left)
-        return self.connection.recv_into(buffer)
+        count = self.connection.recv_into(buffer)
+        self.received += count
+        if self.received > MAX_RECEIVED:
+            raise ValueError(f"more than {MAX_RECEIVED} bytes")
+        return count
 
     def makefile(self, *_: object) -> io.BufferedReader:
         """As http.client asks for it."""

@@ -1,8 +1,11 @@
 """The Python module against the box, against boxes that say odd things, and against what is no box."""
 
 import contextlib
+import dataclasses
 import ipaddress
+import json
 import pathlib
+import pickle
 import re
 import socket
 import threading
@@ -56,6 +59,7 @@ def test_search():
         assert (nameless.state, nameless.owner, nameless.device_id) == ("free", "x", "")
         box = zel.find_one("0012345", wait=3)
         assert box == zel.Box(BOX) and (box.state, box.owner, box.serial) == ("free", "", "0012345")
+        assert json.loads(json.dumps(dataclasses.asdict(box)))["attributes"]["DevId"] == box.name
         assert (box.attributes["Kl30Voltage"], box.attributes["Kl15Trigger"]) == (12310, False)
         assert box.attributes["NetGateway"] == CLIENT and box.attributes["Diag"] == ("0x12", "0x18")
         assert zel.find_one("B", wait=1) == twin
@@ -77,6 +81,7 @@ def test_a_reservation(box):
         assert failed.output == "the vehicle does not answer"
         taken = refused(zel.Refused, "already by 'me", lambda: zel.Box(BOX).reserve("you"))
         assert (taken.code, taken.owner) == (10, "me <&> \u00f6")
+        assert str(pickle.loads(pickle.dumps(taken))) == str(taken)  # as it comes out of a pool of processes
         refused(zel.Fault, "dispatch method", lambda: box.call("dance"))
     assert rules() == [] and held.released
     refused(zel.Refused, "code 9: it is not reserved", lambda: held.command("diag", "echo"))
@@ -112,7 +117,11 @@ def test_what_no_box_can_use_is_not_sent():
                         ("give an owner", lambda: nowhere.reserve("")),
                         (r"'\\x00' cannot be sent", lambda: held.command("a", "b", c="\0")),
                         (r"'\\udc80' cannot be sent", lambda: held.command("a\udc80", "b")),
-                        ("nan s", lambda: zel.find(float("nan"))), ("0 s", lambda: zel.find(0))):
+                        ("nan s", lambda: zel.find(float("nan"))), ("0 s", lambda: zel.find(0)),
+                        ("10000000000.0 s", lambda: zel.find(1e10)),
+                        ("-1 s", lambda: nowhere.reserve("me", wait_free=-1)),
+                        ("inf s", lambda: zel.Box(BOX, timeout=float("inf"))),
+                        ("port 70000", lambda: zel.Box(BOX, 70000))):
         refused(zel.BadArgument, words, work)
 
 
@@ -173,8 +182,13 @@ NO_BOXES = {
     "empty": (soap(f'<e:Envelope xmlns:e="{ENVELOPE}"><e:Body/></e:Envelope>'), zel.NotUnderstood, "no SOAP"),
     "entities": (soap(ENTITIES + envelope("<a>&j;&j;</a>")), zel.NotUnderstood, "document type, 'a'"),
     "UTF-16": (b"HTTP/1.0 200 OK\r\n\r\n" + ENTITIES.encode("utf-16"), zel.NotUnderstood, "document type, 'a'"),
-    "deep": (soap("<a>" * 200000), zel.NotUnderstood, "100 within each other"),
+    "deep": (soap("<a>" * 200000), zel.NotUnderstood, "100 elements within each other"),
     "wide": (soap("<a>" + "<a/>" * 200000), zel.NotUnderstood, "more than 10000 elements"),
+    "attributes": (soap("<a " + "".join(f'a{n}="" ' for n in range(20000)) + "/>"), zel.NotUnderstood, "10000 elem"),
+    "long names": (soap(f'<a xmlns="{"u" * (1 << 20)}">' + "".join(f"<a{n}/>" for n in range(5000)) + "</a>"),
+                   zel.NotUnderstood, "more than 200 characters"),
+    "endless chunk": (soap("-1\r\n" + " " * (17 << 20), "Transfer-Encoding: chunked\r\n"), zel.NotUnderstood,
+                      "more than 16777216 bytes"),
     "fault": (soap(envelope("<Fault><faultstring>" + "\u202e\n" * 9999 + "</faultstring></Fault>")),
               zel.Fault, "a fault"),
     "no code": (response(""), zel.NotUnderstood, "without an error code"),
@@ -203,6 +217,6 @@ def test_an_answer_has_a_deadline():
 
 
 def test_version_of_the_package():
-    listed = re.search(r'set\(ZEL_VERSION "(.*)"\)', pathlib.Path("CMakeLists.txt").read_text())[1]
+    listed = re.search(r"^## \[(.*?)\]", pathlib.Path("CHANGELOG.md").read_text(), re.M)[1]
     project = tomllib.loads(pathlib.Path("python/pyproject.toml").read_text())["project"]
     assert project["version"] == ".".join(str(int(part)) for part in listed.split("."))
