@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import ipaddress
 import re
+import threading
 import time
 import xml.etree.ElementTree as ElementTree
 from collections.abc import Mapping
@@ -215,6 +216,7 @@ class Reservation:
         self.handle = handle
         self.device_id = device_id
         self.released = False
+        self._releasing = threading.RLock()
 
     def __repr__(self) -> str:
         return f"<Reservation of {self.box} by {self.owner!r}{', released' if self.released else ''}>"
@@ -235,10 +237,11 @@ class Reservation:
         self.box.call("setHostLock", handle=self.handle, hostLock=lock_of(host))
 
     def release(self) -> None:
-        """Gives the box back; done once."""
-        if not self.released:
-            self.box.call("releaseDevice", handle=self.handle, deviceId=self.device_id)
-            self.released = True
+        """Gives the box back; done once, whichever threads ask for it."""
+        with self._releasing:
+            if not self.released:
+                self.box.call("releaseDevice", handle=self.handle, deviceId=self.device_id)
+                self.released = True
 
     def __enter__(self) -> Reservation:
         return self

@@ -158,7 +158,7 @@ def send(host: str, port: int, message: str, path: str = CONNECTOR, timeout: flo
     except TimeoutError:
         raise Unreachable(f"{who} does not answer within {timeout:g} s; is the box switched on, and on this network?"
                           ) from None
-    except http.client.RemoteDisconnected:
+    except (ConnectionResetError, BrokenPipeError):
         raise Unreachable(f"{who} has closed the connection and not answered; a busy box does, try again") from None
     except (http.client.InvalidURL, UnicodeError):
         raise Unreachable(f"{who} is no host's name or address") from None
