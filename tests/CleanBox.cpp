@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -105,6 +106,12 @@ class CleanBox : public testing::EmptyTestEventListener {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
+    // Whoever is root would mount over the folders of the machine.
+    if (std::getenv("SIMBOX") == nullptr && !GTEST_FLAG_GET(list_tests)) {
+        std::fprintf(stderr, "%s changes what it runs in; run it in a box: simbox/run %s\n",
+                     argv[0], argv[0]);
+        return 1;
+    }
     testing::UnitTest::GetInstance()->listeners().Append(new CleanBox);
     return RUN_ALL_TESTS();
 }
