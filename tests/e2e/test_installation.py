@@ -294,17 +294,23 @@ def test_an_upgrade_starts_only_a_free_box_again(packages, newer):
     def descriptions():
         return os.path.getsize("/app/zel/protocols/beans.xsd")
 
+    policy, loopback = "/usr/sbin/policy-rc.d", ("INPUT", "-i", "lo", "-j", "DROP")
     CONFIGURATION.write_text(stage.ALONE)
     size = descriptions()
-    with systemd() as systemctl:
+    with systemd() as systemctl, stage.replaced(policy, None):  # what a machine that makes images may have
         serves()
         first = agent()
-        assert f"it is started again with version {NEWER}" in install(newer)
+        with stage.replaced(policy, "#!/bin/sh\nexit 101\n"):
+            assert "forbids the restart" in install(newer) and agent() == first
+        assert f"it is started again with version {VERSION}\n" in install(PACKAGE)
         wait_until(lambda: agent() != first, "it is started again")
         wait_until(is_serving, "it serves")
         zelctl("reserve", BOX, "--owner", "me")
         owned = agent()
+        assert "when it is free: systemctl restart zel" in install(newer) and descriptions() != size
+        output_of("iptables", "-I", *loopback)  # no answer is none that it is free
         assert "when it is free: systemctl restart zel" in install(PACKAGE) and descriptions() == size
+        output_of("iptables", "-D", *loopback)
         assert agent() == owned and rules(), "its owner keeps it"
         zelctl("release")
         # One that does not serve yet has no owner, and nobody waits for its cable.
@@ -320,6 +326,5 @@ def test_an_upgrade_starts_only_a_free_box_again(packages, newer):
         systemctl("stop", "zel")
         assert "started" not in install(newer) and not oldest("Zel::main")
         systemctl("start", "zel")
-        with stage.replaced("/usr/sbin/policy-rc.d", None):  # what a machine that makes images may have
-            systemctl("--remove", "zel", tool=DPKG)
+        systemctl("--remove", "zel", tool=DPKG)
         assert not oldest("Zel::main")
