@@ -22,8 +22,9 @@ SystemdNotifier::SystemdNotifier() {
     const bool isAbstract = name.starts_with('@');
     if (isAbstract || name.starts_with('/')) {
         address_.sun_family = AF_UNIX;
-        // One byte stays 0: it ends a path, and what is longer is no address.
-        if (name.copy(address_.sun_path, sizeof address_.sun_path - 1) == name.size()) {
+        // A byte that stays 0 ends a path; what is longer is no address.
+        const std::size_t room = sizeof address_.sun_path - (isAbstract ? 0 : 1);
+        if (name.copy(address_.sun_path, room) == name.size()) {
             if (isAbstract) {
                 address_.sun_path[0] = '\0';
             }
@@ -36,14 +37,27 @@ SystemdNotifier::SystemdNotifier() {
 
 void SystemdNotifier::SetActivity(const char* activity) {
     const std::lock_guard lock(mutex_);
-    activity_ = activity;
-    Send();
+    if (!isStopping_) {
+        activity_ = activity;
+        Send();
+    }
 }
 
 void SystemdNotifier::SetState(const char* state, const char* field) {
     const std::lock_guard lock(mutex_);
-    state_ = state;
-    field_ = field;
+    if (!isStopping_) {
+        state_ = state;
+        field_ = field;
+        Send();
+    }
+}
+
+void SystemdNotifier::SetStopping() {
+    const std::lock_guard lock(mutex_);
+    isStopping_ = true;
+    state_ = "Stopping";
+    field_ = "STOPPING=1";
+    activity_ = "";
     Send();
 }
 

@@ -22,8 +22,11 @@ public:
     void SetActivity(const char* activity);
 
     /// What the agent is, such as "Serving"; `field` is a line of the protocol that goes before it
-    /// in every message from now on ("READY=1", "STOPPING=1"), or empty.
+    /// in every message from now on ("READY=1"), or empty.
     void SetState(const char* state, const char* field);
+
+    /// The agent stops. What its threads still say of themselves counts no longer.
+    void SetStopping();
 
     /// Sends once more what could not be sent.
     void Repeat();
@@ -38,5 +41,6 @@ private:
     const char* state_ = "Starting";
     const char* field_ = "";
     const char* activity_ = "";
+    bool isStopping_ = false;
     bool isPending_ = false;
 };

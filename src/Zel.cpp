@@ -132,7 +132,7 @@ int Zel::Main() {
     SetClock();
     SetDefaultHostName();
     if (!SetUpNetwork()) {
-        TellStopping();
+        notifier_.SetStopping();
         ZEL_INFO("* ZEL exiting...");
         return EXIT_SUCCESS;
     }
@@ -219,11 +219,6 @@ void Zel::TellServing(bool isOnEveryPort) {
     }
 }
 
-void Zel::TellStopping() {
-    notifier_.SetActivity("");
-    notifier_.SetState("Stopping", "STOPPING=1");
-}
-
 void Zel::SetDefaultHostName() {
     const std::string hostName = config_.Get(StoreKeys::kHostName);
     if (hostName.empty() || hostName == kDefaultHostName) {
@@ -276,7 +271,7 @@ bool Zel::IdleUntilStopped() {
             malloc_trim(0);  // what many requests at once have taken goes back to the system
         }
     }
-    TellStopping();
+    notifier_.SetStopping();
     ZEL_INFO("* ZEL exiting...");
     return Stop();
 }

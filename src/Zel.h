@@ -44,7 +44,6 @@ private:
     void PrepareWebServer();
     bool StartServices();
     void TellServing(bool isOnEveryPort);
-    void TellStopping();
     static void ReportUpdateStates();
     /// What Stop() says.
     bool IdleUntilStopped();
