@@ -4,7 +4,6 @@ import contextlib
 import ctypes
 import pathlib
 import platform
-import re
 import signal
 import socket
 import subprocess
@@ -48,11 +47,18 @@ def test_start_up_tells_what_it_does():
     assert mac.read_text() == "00:00:00:00:00:00"
 
 
-@pytest.mark.parametrize("name, configuration", [("\0zel-test", stage.SIGNING_IN), ("/tmp/notify", ALONE)])
+@pytest.mark.parametrize("name, configuration", [("\0" + 107 * "z", stage.SIGNING_IN), ("/tmp/notify", ALONE)])
 def test_a_service_manager_is_told(name, configuration, tmp_path):
-    """Every message is the whole state, one for which there was no room is sent again, and tools are told no socket."""
+    """Every message is the whole state, one for which there was no room is sent again, the last one is that of the
+    stop, and tools are told no socket."""
     def message():
         return told.recv(1000).decode()
+
+    def last_messages():
+        told.setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                yield message()
 
     is_full = configuration == ALONE
     environment = tmp_path / "environment"
@@ -78,8 +84,12 @@ def test_a_service_manager_is_told(name, configuration, tmp_path):
                     "Starting: fetching and installing an update", signing_in, signing_in)]
                 assert message() == "READY=1\nSTATUS=Serving"
                 assert "PATH=" in environment.read_text() and "NOTIFY_SOCKET" not in environment.read_text()
-        assert re.fullmatch("STOPPING=1\nSTATUS=Stopping|READY=1\nSTATUS=Serving", message())
-        assert message() == "STOPPING=1\nSTATUS=Stopping"
+        stopping = "STOPPING=1\nSTATUS=Stopping"
+        assert list(last_messages())[-1] == stopping
+        with stage.agent(configuration, NOTIFY_SOCKET=name.replace("\0", "@")):
+            told.settimeout(60)
+            message()  # it is stopped while it brings up the network
+        assert list(last_messages())[-1] == stopping
 
 
 def test_signals():
