@@ -61,8 +61,8 @@ public:
     /// Lines that fit on it, the last one empty.
     static std::size_t Rows() {
         winsize size{};
-        const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 1;
-        return isKnown ? size.ws_row - 1U : std::string::npos;
+        const bool isKnown = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
+        return isKnown ? std::max(size.ws_row - 1U, 1U) : std::string::npos;
     }
 
     /// Cuts what does not fit on the screen.
@@ -146,7 +146,7 @@ Outcome Find(const Options& options) {
 
 Outcome Watch(const Options& options) {
     const Interruption interruption;
-    const bool isTerminal = isatty(STDOUT_FILENO) == 1 && !options.json;
+    const bool isTerminal = BoxTable::IsScreen() && !options.json;
     const std::optional<Screen> screen =
         isTerminal ? std::optional<Screen>(std::in_place) : std::nullopt;
     BoxChanges changes;

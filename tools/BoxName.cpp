@@ -18,8 +18,12 @@ namespace {
 constexpr std::size_t kMaxListed = 8;
 constexpr std::size_t kListedWidth = 32;
 
-/// The dotted address of a host name; empty when nobody knows it.
+/// The dotted address of a host name; empty when nobody knows it. No number is one: "5" would be
+/// 0.0.0.5, and "192.168.68" another box's address.
 std::string LookUp(const std::string& host) {
+    if (Ipv4::ParseAnyForm(host)) {
+        return "";
+    }
     addrinfo hints{};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
@@ -81,7 +85,7 @@ Outcome Resolve(const Options& options, BoxAddress& address,
     }
     address.port = parts->port.value_or(address.port);
     address.host = parts->host;
-    if (Ipv4::Parse(parts->host)) {
+    if (const auto host = Ipv4::Parse(parts->host); host && host->s_addr != INADDR_ANY) {
         return {};
     }
     if (parts->host.find('.') == std::string::npos) {

@@ -49,6 +49,11 @@ std::string Cell(const Line& line, std::size_t column) {
                : line.row[column];
 }
 
+std::string_view Variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
 void TrimEnd(std::string& text) {
     text.erase(text.find_last_not_of(' ') + 1);
 }
@@ -128,12 +133,12 @@ std::string Render(const std::vector<Line>& lines, bool colored, std::size_t sho
     return table;
 }
 
+bool IsScreen() {
+    return isatty(STDOUT_FILENO) == 1 && Variable("TERM") != "dumb";
+}
+
 bool ShowsColors() {
-    const auto variable = [](const char* name) -> std::string_view {
-        const char* const value = std::getenv(name);
-        return value == nullptr ? "" : value;
-    };
-    return isatty(STDOUT_FILENO) == 1 && variable("NO_COLOR").empty() && variable("TERM") != "dumb";
+    return IsScreen() && Variable("NO_COLOR").empty();
 }
 
 }  // namespace BoxTable

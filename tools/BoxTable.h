@@ -42,8 +42,10 @@ void CountSerials(const std::vector<Line*>& lines);
 std::string Render(const std::vector<Line>& lines, bool colored,
                    std::size_t shown = std::string::npos);
 
-/// Whether standard output shows colours: it is a terminal that knows them, and NO_COLOR is not
-/// set.
+/// Whether standard output is a terminal that knows escapes.
+bool IsScreen();
+
+/// Whether standard output shows colours: it is such a terminal, and NO_COLOR is not set.
 bool ShowsColors();
 
 }  // namespace BoxTable

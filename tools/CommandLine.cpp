@@ -9,6 +9,7 @@
 
 #include "AgentCommands.h"
 #include "BoxCommands.h"
+#include "Characters.h"
 #include "Completion.h"
 #include "ConnectorCommands.h"
 #include "FileCommands.h"
@@ -139,7 +140,6 @@ private:
 /// What the command line is read into.
 struct Reading {
     Options options;
-    std::vector<std::string> words;
     double timeout = 0;
     double wait = 0;
     double interval = 0;
@@ -154,6 +154,16 @@ std::chrono::milliseconds ToMilliseconds(double seconds) {
 
 constexpr double kLeastSeconds = 0.1;
 
+/// The library's own takes "nan" for a number within every range.
+CLI::Validator Range(double least, double most) {
+    const CLI::Validator range = CLI::Range(least, most);
+    const auto check = [range](std::string& text) {
+        const bool isNumber = text.find_first_of("nN") == std::string::npos;
+        return isNumber ? range(text) : "'" + text + "' is no number";
+    };
+    return {check, ""};
+}
+
 void AddSeconds(CLI::App& app, const std::string& name, double& value, double preset,
                 const std::string& description) {
     constexpr double kMost = 3600;
@@ -161,7 +171,12 @@ void AddSeconds(CLI::App& app, const std::string& name, double& value, double pr
     app.add_option(name, value, description)
         ->default_val(preset)
         ->option_text(text)
-        ->check(CLI::Range(kLeastSeconds, kMost));
+        ->check(Range(kLeastSeconds, kMost));
+}
+
+/// An option that is given or not, and has no value.
+void AddFlag(CLI::App& app, const std::string& name, bool& value, const std::string& description) {
+    app.add_flag(name, value, description)->disable_flag_override();
 }
 
 /// An option with a text, which is given when it is not empty: a script's variable that is not set
@@ -187,9 +202,9 @@ void AddFilters(CLI::App& app, Options& options) {
 void AddMetrics(CLI::App& app, Reading& reading) {
     AddText(app, "--output", reading.options.output, "FILE",
             "The file to be replaced as a whole; - or nothing is standard output");
-    app.add_flag("--owner-label", reading.options.ownerLabel, "Tell also who has reserved a box");
-    app.add_flag("--temperature", reading.options.temperature,
-                 "Ask each box also whether it is too hot");
+    AddFlag(app, "--owner-label", reading.options.ownerLabel, "Tell also who has reserved a box");
+    AddFlag(app, "--temperature", reading.options.temperature,
+            "Ask each box also whether it is too hot");
     AddText(app, "--state", reading.options.stateFile, "FILE",
             "What earlier searches have seen, in place of the file of the user");
     constexpr double kLeast = 0.001;
@@ -197,7 +212,11 @@ void AddMetrics(CLI::App& app, Reading& reading) {
     app.add_option("--forget", reading.forgetDays, "How long a box that is gone is told")
         ->default_val(7)
         ->option_text("DAYS (7)")
-        ->check(CLI::Range(kLeast, kMost));
+        ->check(Range(kLeast, kMost));
+}
+
+bool LooksLikeOption(const std::string& word) {
+    return word.size() > 1 && word.front() == '-' && !Characters::IsDigit(word[1]);
 }
 
 void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
@@ -224,20 +243,20 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
             .add_option(kWaitFree, reading.waitFree,
                         "Wait for a box that is reserved, and take it when it is free")
             ->option_text("[SECONDS] (" + std::to_string(kWaitFreePreset) + ")")
-            ->check(CLI::Range(kLeastSeconds, kMost));
+            ->check(Range(kLeastSeconds, kMost));
     }
     if (takes(kHandle)) {
         AddText(added, "--handle", options.handle, "HANDLE",
                 "Of the reservation, in place of the one kept");
     }
     if (!takes(kMetrics)) {  // whose text has a format of its own
-        added.add_flag("--json", options.json, "Print JSON, errors too");
+        AddFlag(added, "--json", options.json, "Print JSON, errors too");
     }
     if (takes(kFollow)) {
-        added.add_flag("--follow", options.follow, "Go on with what is new, until Ctrl-C");
+        AddFlag(added, "--follow", options.follow, "Go on with what is new, until Ctrl-C");
     }
     if (takes(kAgent)) {
-        added.add_flag("--agent", options.agent, "That of the agent service instead");
+        AddFlag(added, "--agent", options.agent, "That of the agent service instead");
     }
     if (takes(kMetrics)) {
         AddMetrics(added, reading);
@@ -246,14 +265,14 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
         AddSeconds(added, "--interval", reading.interval, 5, "Time from one search to the next");
     }
     if (takes(kBox)) {
-        added.add_option("words", reading.words)->group("");  // the usage line shows them
+        added.allow_extras();  // the words; an option for them would take "[a,b]" for two
         AddSeconds(added, "--timeout", reading.timeout, command.timeout,
                    takes(kReturn)
                        ? "Longest wait in all, until the box is seen again"
                        : "Longest wait for the box to accept, and for each part of its answer");
     }
     if (takes(kReturn)) {
-        added.add_flag("--no-wait", options.noWait, "Only tell the box, and print no address");
+        AddFlag(added, "--no-wait", options.noWait, "Only tell the box, and print no address");
     }
     AddSeconds(added, "--wait", reading.wait, 2,
                "How long boxes have time to answer a search; twice that where answers get lost");
@@ -262,7 +281,7 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
 /// Gives an option whose value may be left out the one it has then. An address is no number of
 /// seconds, nor is what begins with a zero before another digit, as serial numbers do.
 void FillIn(std::vector<std::string>& arguments) {
-    const auto end = std::find(arguments.begin(), arguments.end(), "--");
+    const auto end = arguments.end();
     for (auto argument = arguments.begin(); argument != end; ++argument) {
         const auto value = std::next(argument);
         const bool hasValue = value != end && !value->empty() &&
@@ -305,7 +324,9 @@ Parsed Parse(int argc, const char* const* argv) {
     Parsed parsed;
     const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
     const auto optionsEnd = std::find(arguments.begin(), arguments.end(), "--");
-    parsed.options.json = std::find(arguments.begin(), optionsEnd, "--json") != optionsEnd;
+    parsed.options.json = std::any_of(arguments.begin(), optionsEnd, [](const std::string& each) {
+        return each == "--json" || each.starts_with("--json=");
+    });
     const std::string first = arguments.empty() ? "" : arguments.front();
     const auto wrong = [&](const std::string& what, const std::string& command) {
         parsed.outcome = {ExitStatus::kUsage, what + " (zelctl " + command + "--help)"};
@@ -342,10 +363,10 @@ Parsed Parse(int argc, const char* const* argv) {
             Completion::Print(app, command == std::end(kCommands) ? "" : command->words, words);
             return parsed;
         }
-        std::vector<std::string> filled = arguments;
-        FillIn(filled);
-        std::reverse(filled.begin(), filled.end());  // as the library wants them
-        app.parse(std::move(filled));
+        std::vector<std::string> beforeEnd(arguments.begin(), optionsEnd);
+        FillIn(beforeEnd);
+        std::reverse(beforeEnd.begin(), beforeEnd.end());  // as the library wants them
+        app.parse(std::move(beforeEnd));
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) {
             app.exit(error);
@@ -366,7 +387,17 @@ Parsed Parse(int argc, const char* const* argv) {
         parsed.options.forget =
             std::chrono::seconds(static_cast<std::int64_t>(readings[i].forgetDays * kDay));
         parsed.options.waitFree = ToMilliseconds(readings[i].waitFree);
-        std::vector<std::string>& words = readings[i].words;
+        std::vector<std::string> words = app.get_subcommand(command.name)->remaining();
+        const auto unknown = std::find_if(words.begin(), words.end(), LooksLikeOption);
+        if (unknown != words.end()) {
+            return wrong("there is no option '" + *unknown + "'", first + " ");
+        }
+        if (optionsEnd != arguments.end()) {
+            words.insert(words.end(), std::next(optionsEnd), arguments.end());
+        }
+        if ((command.taken & kBox) == 0 && !words.empty()) {
+            return wrong("'" + words.front() + "' was not expected", first + " ");
+        }
         if (std::find(words.begin(), words.end(), "") != words.end()) {
             return wrong("an empty word names nothing", first + " ");
         }

@@ -97,6 +97,13 @@ Outcome Run(const Options& options) {
         return {ExitStatus::kNotWritten,
                 "what was seen cannot be kept, for HOME is not set; name a file with --state"};
     }
+    const auto whole = [](const std::string& path) {
+        std::error_code error;
+        return fs::absolute(path, error).lexically_normal();
+    };
+    if (toFile && whole(options.output) == whole(statePath)) {
+        return {ExitStatus::kUsage, "'" + statePath + "' cannot be both --output and --state"};
+    }
     BoxMemory memory;
     for (Outcome outcome :
          {CheckTarget(statePath), toFile ? CheckTarget(options.output) : Outcome(),

@@ -13,6 +13,8 @@ namespace SafeText {
 namespace {
 
 constexpr char kReplacement = '?';
+/// Characters for each column: marks take none, and are piled up by nobody who means well.
+constexpr std::size_t kMaxPerColumn = 3;
 
 /// Control characters, and those that are not seen but set directions and joins (Unicode's general
 /// category Cf, its common part).
@@ -92,14 +94,19 @@ std::size_t Width(std::string_view text) {
 }
 
 std::string Shorten(std::string_view text, std::size_t width) {
-    if (Width(text) <= width) {
+    const std::size_t most = kMaxPerColumn * width;
+    std::size_t characters = 0;
+    ForEach(text, [&](const auto&...) { ++characters; });
+    if (Width(text) <= width && characters <= most) {
         return std::string(text);
     }
     std::string shortened;
     std::size_t columns = 1;  // the ellipsis
+    characters = 1;
     ForEach(text, [&](const Utf8::Character& character, std::string_view bytes) {
         columns += ColumnsOf(character.code);
-        if (columns <= width) {
+        characters += 1;
+        if (columns <= width && characters <= most) {
             shortened += bytes;
         }
     });

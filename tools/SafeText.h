@@ -19,7 +19,8 @@ std::string Lines(std::string_view text);
 /// mark that is put onto the character before.
 std::size_t Width(std::string_view text);
 
-/// A safe text of no more than `width` columns; an ellipsis ends one that was longer.
+/// A safe text of no more than `width` columns, and three times as many characters; an ellipsis
+/// ends one that was longer.
 std::string Shorten(std::string_view text, std::size_t width);
 
 }  // namespace SafeText

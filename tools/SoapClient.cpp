@@ -23,7 +23,9 @@ Outcome Read(const std::string& body, const std::string& from, Answer& answer) {
     }
     if (XmlText::LocalName(answer.response) == "Fault") {
         answer.fault = XmlText::ChildText(answer.response, "faultstring");
-        return {ExitStatus::kNotUnderstood, from + " answers with a fault: " + answer.fault};
+        return {ExitStatus::kNotUnderstood,
+                from + " answers with a fault" +
+                    (answer.fault.empty() ? ", and does not say why" : ": " + answer.fault)};
     }
     return {};
 }
