@@ -29,6 +29,8 @@ TEST(SafeTextTest, ColumnsAreCountedAsATerminalShowsThem) {
              {"Grünn", 5, "Grü…"},
              {"gru\u0308n", 4, "gru\u0308n"},   // a mark
              {"gru\u0308nn", 5, "gru\u0308…"},  // which stays with its letter
+             {"i\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308", 1,
+              "i\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308\u0308…"},  // a pile
              {"東京", 4, "東京"},
              {"a東京", 5, "a東…"},
              {"東京a", 5, "東…"},                 // half a character is none

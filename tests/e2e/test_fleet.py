@@ -40,6 +40,9 @@ def test_a_thousand_boxes_are_found_and_none_twice():
     boxes = subprocess.Popen(["workshop/boxes", "--responders", str(COUNT)], stdout=subprocess.PIPE, text=True)
     try:
         assert "1000 boxes" in boxes.stdout.readline()
+        for number, why in (("0", "no number from 1"), ("1", "there already")):
+            again = subprocess.run(["workshop/boxes", "--responders", number], stderr=subprocess.PIPE, text=True)
+            assert again.returncode and why in again.stderr and "Traceback" not in again.stderr
         for _ in range(3):
             begin = time.monotonic()
             found = json.loads(zelctl("find", "--json").stdout)

@@ -101,6 +101,7 @@ def test_a_file_is_replaced_as_a_whole_or_stays(tmp_path):
     assert "zel_box_info" in before and state.stat().st_mode & 0o777 == 0o600
     assert "no directory" in metrics("--output", "/nowhere/zel.prom", status=5)
     assert "no regular file" in metrics("--output", "/dev/null", status=5)
+    assert "both" in metrics("--output", str(file), "--state", f"{file.parent}/./{file.name}", status=2)
     state.unlink()
     state.mkdir()
     assert "no regular file" in metrics("--output", str(file), status=5)

@@ -96,7 +96,8 @@ def test_a_reservation_from_beginning_to_end(at_home, tmp_path):
     at_home("lock", BOX, CLIENT)
     assert rules() == port_rules(CLIENT)
     assert at_home("command", BOX, "vehicle", "voltage", "unit=mV") == "kl15=12040 kl30=12310\n"
-    assert "cannot be started" in at_home("command", "--", BOX, "--vehicle", "-1", "-k=v", status=1)
+    assert "cannot be started" in at_home("command", BOX, "--", "--vehicle", "-1", "-k=v", "[x]=1", status=1)
+    assert "the command name '[a,b]'" in at_home("command", BOX, "vehicle", "[a,b]", status=1)
     assert at_home("mode", BOX, "DHCP") == f"{BOX}\n"
     for command in (["mode", BOX, "dhcp"], ["release", BOX], ["lock", BOX, "any"], ["command", BOX, "a", "b"]):
         assert "code 7: --handle is not" in at_home(*command, "--handle", "1", status=1) and kept.exists()
@@ -158,7 +159,10 @@ def test_who_is_not_there_or_is_no_box():
     assert "timed out" in zelctl("info", "192.168.68.99", "--timeout", "0.5", status=3)
     assert "refused" in zelctl("info", f"{BOX}:81", status=3)
     assert "no SOAP" in zelctl("info", f"{BOX}:80", status=4)
-    assert "no box 'nobody'" in zelctl("info", "nobody", "--wait", "0.3", status=3)
+    for name in "nobody", "5", "192.168.68", "0x7f.1", "0.0.0.0", "[]":
+        assert f"no box '{name}'" in zelctl("info", name, "--wait", "0.3", status=3)
+    for wrong in (["--timeout", "nan"], ["--wait=-nan"], ["--json=false"], ["-x"], ["--", BOX, "--json"]):
+        assert "(zelctl info --help)" in told("info", *wrong, status=2)[1]
     zelctl("x", status=2)
     with open("/dev/full", "w") as full:
         done = subprocess.run(in_network("client", ZELCTL, "wsdl", BOX), stdout=full, stderr=subprocess.PIPE, text=True)
@@ -277,10 +281,12 @@ def on_terminal(*arguments, awaited="", **environment):
     main, other = terminal()
     process = subprocess.Popen(in_network("client", ZELCTL, *arguments), stdout=other,
                                env={**os.environ, **environment})
+    os.close(other)
     output = shown(main, awaited)
     assert (end(process) if awaited else process.wait(20)) == 0
-    output += os.read(main, 65536).decode()
-    os.close(main), os.close(other)
+    with contextlib.suppress(OSError):  # that was all
+        output += os.read(main, 65536).decode()
+    os.close(main)
     return output
 
 
@@ -290,6 +296,7 @@ def test_a_terminal_shows_colors_and_gets_nothing_else():
         output = on_terminal("find")
         assert "\x1b[48;2;190;17;16m  \x1b[0m red" in output and "?" in output
         assert "\x1b" not in re.sub(r"\x1b\[[0-9;]*m", "", output)
+        assert "\x1b" not in on_terminal("watch", "--interval", "1", awaited="TAVO7", TERM="dumb")
         output = on_terminal("watch", "--interval", "1", awaited="TAVO7")
         assert output.endswith("\x1b[?25h\x1b[?7h\r\n")
         assert "\x1b" not in re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]", "", output)
