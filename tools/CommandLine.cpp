@@ -249,9 +249,7 @@ void AddCommand(CLI::App& app, const Command& command, Reading& reading) {
         AddText(added, "--handle", options.handle, "HANDLE",
                 "Of the reservation, in place of the one kept");
     }
-    if (!takes(kMetrics)) {  // whose text has a format of its own
-        AddFlag(added, "--json", options.json, "Print JSON, errors too");
-    }
+    AddFlag(added, "--json", options.json, "Print JSON, errors too");
     if (takes(kFollow)) {
         AddFlag(added, "--follow", options.follow, "Go on with what is new, until Ctrl-C");
     }

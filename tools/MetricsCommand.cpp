@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "BoxFinder.h"
@@ -17,6 +18,7 @@
 #include "Descriptors.h"
 #include "File.h"
 #include "Metrics.h"
+#include "Report.h"
 #include "Sightings.h"
 #include "SocketGuard.h"
 
@@ -119,10 +121,16 @@ Outcome Run(const Options& options) {
         options.temperature ? BoxTemperature::Ask(boxes) : std::map<std::string, BoxTemperature>();
     const std::string text = Metrics::Render(
         boxes, memory, now, {options.ownerLabel, options.temperature ? &temperatures : nullptr});
-    if (!toFile) {
-        std::fputs(text.c_str(), stdout);
-    } else if (Outcome outcome = Replace(options.output, text, kForAll); outcome.Failed()) {
+    if (Outcome outcome = toFile ? Replace(options.output, text, kForAll) : Outcome();
+        outcome.Failed()) {
         return outcome;
+    }
+    if (options.json) {
+        Report::Print({{"boxes", boxes.size()},
+                       {"output", toFile ? Report::Json(options.output) : Report::Json()},
+                       {"metrics", toFile ? Report::Json() : Report::Json(text)}});
+    } else if (!toFile) {
+        std::fputs(text.c_str(), stdout);
     } else if (!options.output.ends_with(".prom")) {
         std::fprintf(stderr, "zelctl: node_exporter reads files that end in .prom only\n");
     }

@@ -123,6 +123,8 @@ def test_a_program_is_told_everything(tmp_path):
     told("release", BOX, **home)
     assert any("iptables" in each["line"] for each in told("log", BOX))
     assert told("wsdl", BOX)["wsdl"].startswith("<?xml")
+    assert told("metrics", **home)["metrics"].endswith("# EOF\n")
+    assert told("metrics", "--output", str(tmp_path / "zel.prom"), **home)["boxes"] == 1
     assert "(zelctl info --help)" in told("info", "--bogus", status=2)[1]
     assert "Connection refused" in told("info", f"{BOX}:81", status=3)[1]
     assert fits("error", zelctl("x", "--json", status=2)) and fits("error", zelctl("--json", status=2))
