@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "BoxName.h"
+#include "SafeText.h"
 
 Outcome Session::Begin(const Options& options, const std::function<bool(const Box&)>& isPreferred) {
     BoxAddress address;
@@ -45,6 +46,12 @@ bool Session::IsReserved() const {
 std::string Session::OwnAddress() const {
     return Report::Dotted(
         XmlText::ChildText(XmlText::FindChild(Values(), "currentNetworkConfig"), "ip4Address"));
+}
+
+std::string Session::Name() const {
+    constexpr std::size_t kMaxId = 32;
+    const std::string id = SafeText::Shorten(SafeText::Line(DeviceId()), kMaxId);
+    return id.empty() ? address_.host : address_.host + " (" + id + ")";
 }
 
 Report::Json Session::Heading() const {

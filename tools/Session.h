@@ -35,7 +35,7 @@ public:
     /// somebody between translates, or where it is about to change.
     std::string OwnAddress() const;
     /// Address and device id, for people.
-    std::string Name() const { return address_.host + " (" + DeviceId() + ")"; }
+    std::string Name() const;
     /// What every answer to a program begins with.
     Report::Json Heading() const;
 
