@@ -174,8 +174,9 @@ void AddSums(std::string& text, const std::vector<Box>& boxes, const BoxMemory& 
         ++(state == states.end() ? states["other"] : state->second);
         ++serials[BoxMemory::KeyOf(box).serial];
     }
-    states["gone"] = std::count_if(memory.All().begin(), memory.All().end(),
-                                   [](const auto& each) { return !each.second.isThere; });
+    states["gone"] = static_cast<std::size_t>(
+        std::count_if(memory.All().begin(), memory.All().end(),
+                      [](const auto& each) { return !each.second.isThere; }));
     serials.erase("");
     Family byState(text, "zel_boxes",
                    "Boxes by state; those that are gone have answered an earlier search.");

@@ -10,6 +10,8 @@
 #include "FileCommands.h"
 #include "Fuzzing.h"
 #include "HttpClient.h"
+#include "InfoCommand.h"
+#include "MoveCommands.h"
 
 using Fuzzing::Require;
 
@@ -57,18 +59,27 @@ Outcome HttpClient::Post(const BoxAddress&, const std::string&, const std::strin
     return NextAnswer(body);
 }
 
+struct HttpClient::Kept::Library {};
+HttpClient::Kept::Kept(int) {}
+HttpClient::Kept::~Kept() = default;
+
+Outcome HttpClient::Kept::Get(const BoxAddress&, const std::string&, std::chrono::milliseconds,
+                              std::string& body) {
+    return NextAnswer(body);
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     constexpr struct {
         Outcome (*run)(const Options& options) = nullptr;
         bool json = false;
         const char* allowed = "\n";
     } kCommands[] = {
-        {ConnectorCommands::Info},
-        {ConnectorCommands::Info, true},
+        {InfoCommand::Run},
+        {InfoCommand::Run, true},
         {ConnectorCommands::Reserve},
         {ConnectorCommands::Release},
         {ConnectorCommands::Lock},
-        {ConnectorCommands::Mode},
+        {MoveCommands::Mode},
         {ConnectorCommands::Command, false, "\n\t"},
         {AgentCommands::SelfTest},
         {AgentCommands::Status},
@@ -85,6 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Options options;
     options.box = "192.168.68.42";
     options.json = command.json;
+    options.noWait = true;
     options.arguments = {command.run == ConnectorCommands::Lock ? "any" : "dhcp", "voltage"};
     options.parameters = {"key=value"};
     const Outcome outcome = command.run(options);
