@@ -1,37 +1,29 @@
 #include "Sightings.h"
 
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 
-#include "DurableFile.h"
-#include "File.h"
 #include "HandleStore.h"
+#include "WholeFile.h"
 
 namespace Sightings {
 namespace {
 
 namespace fs = std::filesystem;
 
+constexpr mode_t kForTheUser = 0600;
 constexpr BoxMemory::Seconds kForgetAfter = 7L * 24 * 60 * 60;
-
-std::string Read(const std::string& path) {
-    constexpr std::size_t kMost = std::size_t{8} * 1024 * 1024;
-    const File file = OpenToRead(path);
-    std::string text(file == nullptr ? 0 : kMost, '\0');
-    text.resize(file == nullptr ? 0 : std::fread(text.data(), 1, text.size(), file.get()));
-    return text;
-}
 
 BoxMemory Add(const std::vector<Box>& boxes) {
     BoxMemory memory;
     const std::string path = Path();
-    if (!path.empty()) {
-        memory.Read(Read(path));
+    std::string text;
+    if (!path.empty() && !WholeFile::Read(path, text).Failed()) {
+        memory.Read(text);
     }
     memory.Add(boxes, std::time(nullptr), kForgetAfter);
     if (!path.empty()) {
-        static_cast<void>(DurableFile::Replace(path, memory.ToText(), DurableFile::kSecret));
+        static_cast<void>(WholeFile::Replace(path, memory.ToText(), kForTheUser));
     }
     return memory;
 }
