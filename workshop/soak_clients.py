@@ -12,7 +12,8 @@ import stage
 from soak_judge import ANSWER_LIMIT, RELEASE, SLP_SIZE, Broken, now
 from raw_http import GREETING, post, read_all
 from zel import NotUnderstood, slp
-from zel.soap import AGENT, CONNECTOR, NAMESPACES, element, envelope, find, local_name, operation, parse
+from zel.soap import (AGENT, CONNECTOR, NAMESPACES, OnePieceConnection, element, envelope, find, local_name, operation,
+                      parse)
 
 DESCRIPTIONS = [(CONNECTOR, query) for query in ("wsdl", "xsd=1", "xsd=2", "xsd=3", "xsd=4")] + [(AGENT, "wsdl")]
 TEXT = "".join(f"{number:07} what a vehicle has said, and what it has been asked\n" for number in range(50000))
@@ -51,7 +52,7 @@ class Client:
                                 or self.connection.sock is None):
             self.close()
         if not self.connection:
-            self.connection = http.client.HTTPConnection(stage.BOX, port, ANSWER_LIMIT, source_address=self.source())
+            self.connection = OnePieceConnection(stage.BOX, port, ANSWER_LIMIT, source_address=self.source())
             self.connection.connect()
             self.judge.answered("connect", since)
 

@@ -11,6 +11,7 @@ import socket
 import time
 import xml.etree.ElementTree as ElementTree
 from collections.abc import Mapping
+from typing import Any
 from xml.parsers import expat
 from xml.sax.saxutils import escape
 
@@ -132,9 +133,28 @@ class _Timed(io.RawIOBase):
         return io.BufferedReader(self)
 
 
+class OnePieceConnection(http.client.HTTPConnection):
+    """Sends the head of a request and its body at once. Few connections may wait for a box; to one that comes while
+    they do, the kernel answers with a cookie, which only the first segment of a request redeems. If that is lost as
+    well, a second one has the connection reset."""
+
+    def __init__(self, *arguments: Any, **options: Any):
+        super().__init__(*arguments, **options)
+        self._pieces: list[bytes] = []
+
+    def send(self, data: bytes) -> None:  # type: ignore[override]
+        self._pieces.append(data)
+
+    def endheaders(self, message_body: Any = None, *, encode_chunked: bool = False) -> None:
+        super().endheaders(message_body, encode_chunked=encode_chunked)
+        request = b"".join(self._pieces)
+        self._pieces.clear()
+        super().send(request)
+
+
 def _exchange(host: str, port: int, path: str, body: bytes, timeout: float) -> tuple[int, bytes]:
     end = time.monotonic() + timeout
-    connection = http.client.HTTPConnection(host, port, timeout)
+    connection = OnePieceConnection(host, port, timeout)
     try:
         connection.connect()
         connection.sock.settimeout(max(end - time.monotonic(), 0.001))

@@ -18,9 +18,9 @@ import pytest
 import responders
 import stage
 import zel
-from raw_http import reset_on_close
+from raw_http import receive, reset_on_close
 from stage import BOX, CLIENT, DEVICE_ID, port_rules, rules
-from zel.soap import ENVELOPE, envelope
+from zel.soap import ENVELOPE, envelope, send
 
 pytestmark = pytest.mark.usefixtures("agent", "in_the_clients_network")
 
@@ -217,6 +217,34 @@ def test_an_answer_has_a_deadline():
     # Of an address that nobody has, and of a name.
     refused(zel.Unreachable, "192.168.68.99:5302", lambda: zel.Box("192.168.68.99", timeout=0.5).info())
     refused(zel.Unreachable, "no host's name", lambda: zel.Box("a..b").info())
+
+
+def test_many_at_once_lose_nothing():
+    """Although hardly anybody may wait, as at a box."""
+    answers = []
+
+    def answer(connection):
+        with connection:
+            data = b""
+            while not data.endswith(b"the end"):
+                data = receive(connection, data)
+            connection.sendall(soap("an answer"))
+
+    def serve():
+        with contextlib.suppress(OSError), contextlib.ExitStack() as answering:
+            while True:
+                connection, _ = listener.accept()
+                answering.enter_context(stage.in_background(lambda taken=connection: answer(taken)))
+                time.sleep(0.03)
+
+    with socket.create_server(("127.0.0.1", 0), backlog=1) as listener, stage.in_background(serve):
+        port = listener.getsockname()[1]
+        with contextlib.ExitStack() as clients:
+            for _ in range(9):
+                clients.enter_context(stage.in_background(
+                    lambda: answers.append(send("127.0.0.1", port, "the end", timeout=60))))
+        listener.shutdown(socket.SHUT_RDWR)
+    assert answers == [b"an answer"] * 9
 
 
 def test_version_of_the_package():
