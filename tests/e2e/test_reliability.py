@@ -130,6 +130,7 @@ def test_a_fault_that_comes_and_goes(name, shim):
         with connect() as kept:
             kept.sendall(KEPT)
             assert ANSWER in read_response(kept)[1]
+            wait_until(lambda: len(running.connections()) == 1, "no thread waits for the next connection")
             with fault(running):
                 released = operation("releaseDevice", handle=handle, deviceId=DEVICE_ID)
                 kept.sendall(post(envelope(released), headers=KEEP))
