@@ -21,6 +21,9 @@ constexpr std::chrono::milliseconds kWait{300};
 /// What is offered, and what is said of it.
 using Offers = std::map<std::string, std::string>;
 
+/// In place of names of files, which a shell knows better; no word is like it.
+constexpr char kFiles[] = "\tfiles";
+
 /// Whether a shell takes it as one word and does nothing with it: boxes choose their names.
 bool IsPlain(const std::string& word) {
     return !word.empty() && word.front() != '-' &&
@@ -64,6 +67,8 @@ void OfferValues(const std::string& kind, const std::string& current, Offers& of
         OfferValues("dhcp|linklocal|configured", current, offers);
     } else if (kind == "HOST") {
         offers.emplace("any", "");
+    } else if (kind == "FILE") {
+        offers.emplace(kFiles, "");
     } else if (kind.find('|') != std::string::npos) {
         std::istringstream values(kind);
         for (std::string value; std::getline(values, value, '|');) {
@@ -127,7 +132,9 @@ void OfferWords(const CLI::App& app, const std::string& usage,
 
 void Show(const Offers& offers, const std::string& prefix, const std::string& current) {
     for (const auto& [word, text] : offers) {
-        if (word.starts_with(current)) {
+        if (word == kFiles) {
+            std::puts(kFiles);
+        } else if (word.starts_with(current)) {
             std::printf("%s%s%s%s\n", prefix.c_str(), word.c_str(), text.empty() ? "" : "\t",
                         text.c_str());
         }

@@ -2,6 +2,7 @@
 
 import contextlib
 import fcntl
+import functools
 import json
 import os
 import re
@@ -132,11 +133,16 @@ def in_fish(line, _):
                line).stdout
 
 
-def in_zsh(line, offered):
+BASH_TERMINAL = ("bash --norc --noprofile -i", f". {COMPLETION}/zelctl.bash; PS1='> '")
+ZSH = ("zsh -f -i", f"fpath=({COMPLETION} $fpath); autoload -Uz compinit; compinit -u -D; PS1='> '; LISTMAX=0")
+
+
+def in_zsh(line, offered, shell=ZSH):
     """What a terminal shows from the line's last word on when the tab key is pressed."""
     main, other = os.openpty()
     os.set_blocking(main, False)
-    shell = subprocess.Popen(in_network("client", "zsh", "-f", "-i"), stdin=other, stdout=other, stderr=other,
+    command, setup = shell
+    shell = subprocess.Popen(in_network("client", *command.split()), stdin=other, stdout=other, stderr=other,
                              start_new_session=True, env={**os.environ, "TERM": "dumb"})
     os.close(other)
     shown = ""
@@ -147,8 +153,7 @@ def in_zsh(line, offered):
             shown += os.read(main, 65536).decode()
         return all(text in shown for text in texts)
     try:
-        os.write(main, f"fpath=({COMPLETION} $fpath); autoload -Uz compinit; compinit -u -D; PS1='> '; LISTMAX=0\n"
-                       "echo rea''dy\n".encode())
+        os.write(main, f"{setup}\necho rea''dy\n".encode())
         wait_until(lambda: shows("ready\r\n"), "the shell is ready")
         shown = ""
         os.write(main, f"{line}\t".encode())
@@ -176,7 +181,11 @@ def test_shells_complete(complete, terminals, tmp_path, monkeypatch):
                 ("zelctl info ", ("TAVO7", "TAVO8", "192.168.128.3", "192.168.128.4", "192.168.128.5"),
                  ("TAVO9", "reboot", "`", "192.168.128.1")),
                 ("zelctl info 192.168.128.", ("192.168.128.1", "192.168.128.2"), ("TAVO",)),
-                ("zelctl info --timeout 3 s", ("seven",), ("selftest",))):
+                ("zelctl info --timeout 3 s", ("seven",), ("selftest",)),
+                ("zelctl metrics --output /etc/debian_ver", ("/etc/debian_version",), ("TAVO",)),
+                ("zelctl metrics --state=/etc/debian_ver", ("/etc/debian_version",), ("TAVO",))):
+            if complete is in_bash and "/etc" in line:
+                complete = functools.partial(in_zsh, shell=BASH_TERMINAL)
             shown = complete(line, offered)
             assert all(word in shown for word in offered), (line, shown)
             assert not any(word in shown for word in others), (line, shown)

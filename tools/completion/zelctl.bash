@@ -14,6 +14,10 @@ _zelctl() {
     word=${words[-1]}
     COMPREPLY=()
     while IFS= read -r line; do
+        if [[ $line == $'\t'* ]]; then
+            compopt -o default
+            return
+        fi
         line=${line%%$'\t'*}
         COMPREPLY+=("${line#"${word%"${word##*[=:]}"}"}")
     done < <("${1/#\~/$HOME}" --complete "${words[@]}" 2> /dev/null)
