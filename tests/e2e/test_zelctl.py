@@ -271,11 +271,12 @@ def terminal():
 
 
 def shown(main, awaited):
-    """What comes out of a terminal until there is that text, if any."""
-    output = ""
-    while awaited and awaited not in output:
-        output += os.read(main, 65536).decode()
-    return output
+    """What comes out of a terminal until there is that text, or all of it."""
+    output = b""
+    with contextlib.suppress(OSError):  # nobody has it open any more
+        while not awaited or awaited.encode() not in output:
+            output += os.read(main, 65536)
+    return output.decode()
 
 
 def on_terminal(*arguments, awaited="", **environment):
@@ -286,8 +287,7 @@ def on_terminal(*arguments, awaited="", **environment):
     os.close(other)
     output = shown(main, awaited)
     assert (end(process) if awaited else process.wait(20)) == 0
-    with contextlib.suppress(OSError):  # that was all
-        output += os.read(main, 65536).decode()
+    output += shown(main, "")
     os.close(main)
     return output
 
@@ -343,9 +343,11 @@ def test_a_reserved_box_is_waited_for(tmp_path):
     program = ["reserve", "--owner", "you", "--wait-free", BOX]
     interrupted = subprocess.Popen(in_network("client", ZELCTL, *program), stderr=other,
                                    env={**os.environ, "TERM": "xterm"})
+    os.close(other)
     output = shown(main, "by 'al ice'")
     assert end(interrupted) == -signal.SIGINT
-    output += os.read(main, 65536).decode()
+    output += shown(main, "")
+    os.close(main)
     assert output.endswith("\r\x1b[K") and "\n" not in output
     waiting = subprocess.Popen(in_network("client", ZELCTL, *program), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                text=True)
