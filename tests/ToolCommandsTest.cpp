@@ -106,6 +106,7 @@ TEST(ToolCommandsTest, WhatHasNotPassedInASelfTestHasFailed) {
              {"a: OK (x;y: z);b: SKIPPED;c: OK (", "+a|x;y: z;-b|;+c|;"},
              {"no test;a: ok;b: OK", "-no test|;a: ok;+b|;"},
              {"a: FAILED (b: OK)", "-a|b: OK;"},
+             {"a: OK ((x) b);c: OK (x) b", "+a|(x) b;+c|(x) b;"},
              {";;", ""}}) {
         std::string read;
         for (const SelfTestResult::Test& test : SelfTestResult::Read(text)) {

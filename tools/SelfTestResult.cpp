@@ -48,8 +48,9 @@ std::vector<Test> Read(std::string_view text) {
     }
     for (Test& test : tests) {
         std::string& detail = test.detail;
-        if (detail.starts_with('(')) {
-            detail = detail.substr(1, detail.size() - (detail.ends_with(')') ? 2 : 1));
+        const bool isCut = detail.find(')') == std::string::npos;
+        if (detail.starts_with('(') && (isCut || detail.ends_with(')'))) {
+            detail = detail.substr(1, detail.size() - (isCut ? 1 : 2));
         }
     }
     return tests;
